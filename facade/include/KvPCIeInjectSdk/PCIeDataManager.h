@@ -1,0 +1,122 @@
+// PCIeDataManager: the one class through which a Qt host application drives FPGA PCI Express
+// frame cards. Including this header brings the public records and callbacks with it.
+//
+// Threads. Call every operation from one thread, the host's control thread; the class has no
+// lock of its own. Run a Qt event loop on the thread that opens the card: the status timer of
+// the capture engine fires there. Frame callbacks run on the capture engine's polling thread.
+//
+// Lifetime. The object holds one pointer to a private record. Copy and move share that record,
+// so copies drive the same card and engines. The record lives until the process ends; call
+// CloseCard before you drop the last copy to stop the engines' threads.
+//
+// Results. Nothing throws. Operations that forward to a capture or inject engine do nothing and
+// return false, 0 or null while no engine exists (before OpenCard, after CloseCard).
+//
+// Simulated card. With KVPCIE_SIM=1 in the environment (or through KvPCIeSimulation.h) a
+// simulated card is listed after the real ones as "sim:xdma0" and behaves like a card.
+#pragma once
+
+#include <KvPCIeInjectSdk/KvPCIeInjectSdkGlobal.h>
+#include <KvPCIeInjectSdk/KvPCIeTypes.h>
+
+#include <QByteArray>
+
+class QObject;
+struct PCIeDataManagerPrivate;
+
+// The library's version, "major.minor.patch", as built.
+KVPCIE_EXPORT const char* KvPCIeInjectSdkVersionString();
+
+class KVPCIE_EXPORT PCIeDataManager {
+public:
+    // Opens nothing. `parent` is accepted for Qt-style construction and not used.
+    explicit PCIeDataManager(ePCIeFrameworkType type = XDMA_MM, QObject* parent = nullptr);
+    PCIeDataManager(const PCIeDataManager& other);
+    PCIeDataManager& operator=(const PCIeDataManager& other);
+    PCIeDataManager& operator=(PCIeDataManager&& other);
+
+    // --- cards ---
+    // Closes the open card, opens the XDMA card at `devicePath` (a path from GetDevices: this
+    // restarts the device and writes the host-attach word) and creates the engines, even when
+    // the open failed; returns the open's result. A null path only creates the engines.
+    bool OpenCard(char* devicePath);
+    // Opens RIFFA device number `deviceIndex`; false (changing nothing) when it does not open.
+    bool OpenCard(int deviceIndex);
+    // Closes the XDMA card, then destroys the XDMA engines. The RIFFA side is untouched.
+    void CloseCard();
+    // Always true.
+    bool IsCardOpen();
+    // Stores four new zeroed 261-byte buffers (malloc'ed; free them) in paths[0..3] and copies
+    // the XDMA card paths into them. Returns how many were listed: four at most, so a fifth card
+    // is not listed. 0 for a null `paths`.
+    int GetDevices(char** paths);
+    // Lists RIFFA devices into `list`; true when the listing succeeded. False for null.
+    bool GetDevices(fpga_info_list* list);
+
+    // --- capture (XDMA) ---
+    // Starts capturing `channel` (0 to 3) into `frameBuffer`, which must hold one frame
+    // (KvFrameSizeBytes). Opens the first card when none is open. `cardTiming`: the card
+    // generates the frame timing at 25 frames per second. Sets `error` to ERR_NO_CARD when no
+    // card could be opened, else ERR_NONE; RIFFA mode returns false and leaves `error` alone.
+    bool StartCapture(unsigned int channel, bool cardTiming, int width, int height,
+                      ePixelType pixelType, eErrorCode& error, CaptureFrameCallback callback,
+                      void* userContext, char* frameBuffer);
+    bool StartCapture(unsigned int channel, bool cardTiming, int width, int height,
+                      ePixelType pixelType, eErrorCode& error, CaptureFrameCallbackEx callback,
+                      void* userContext, char* frameBuffer);
+    void StopCapture(int channel);
+    bool IsStartCapture(int channel);
+    // Records the channel's frames to raw files below the application directory's
+    // "VideoRecord" folder; false when the channel is not capturing.
+    bool StartRecord(int channel);
+    void StopRecord(int channel);
+    void ImgSnapShot(int channel);
+    // Status blocks that the card posts for `channel` are delivered to `callback` on the thread
+    // that opened the card, every 20 ms from its event loop.
+    void SetSystemStatusCallback(int channel, SystemStatusCallback callback, void* userContext,
+                                 bool enable);
+    // Eight records, one per card buffer of the channel; owned by the library and overwritten
+    // by the next call. Null without a capture engine.
+    tagCaptureDelayStatusInfo* GetCaptureDelayStatus(int channel);
+    void SetImgDisplayDelayTest(int channel, bool enable);
+    void SetCaptureFullScreenWgt(int channel, void* widget);
+
+    // --- injection (XDMA) ---
+    // Queues one frame for `channel`; the first call starts the channel at `frameRate`. Call
+    // it once per frame. ERR_QUEUE_FULL when 15 frames already wait (the frame is not taken).
+    bool StartInject(unsigned int channel, int frameRate, int width, int height,
+                     ePixelType pixelType, int linePeriod, char* frameData, eErrorCode& error);
+    void StopInject(int channel);
+    bool IsStartInject(int channel);
+    tagInjectDelayStatusInfo* GetInjectDelayStatus(int channel);
+    void SetInjectFullScreenWgt(int channel, void* widget);
+    void UpdateParamSimulate(int channel, bool enable, tagThermalImgParams params);
+    // Sends a control command to the channel's command mailbox; true when the card took it.
+    bool WriteControlCmd(int channel, QByteArray command);
+
+    // --- registers and card memory ---
+    // XDMA: the user register; 0 when no card is open. RIFFA: over RIFFA channel 0.
+    unsigned int ReadReg(unsigned int address);
+    // XDMA: 4 on success, -1/-2/-3 when the transfer failed, 0 when no card is open.
+    int WriteReg(unsigned int address, int value);
+    // DMA between card memory and `buffer`; false when no card is open, `buffer` is null or the
+    // transfer failed (an address at or past 2 GiB, or the end of card memory).
+    bool ReadData(unsigned int address, unsigned int size, unsigned char* buffer);
+    bool WriteData(unsigned int address, unsigned int size, unsigned char* buffer);
+
+    // --- settings ---
+    void SetSaveLog(bool on);
+    void SetOsdHidden(bool on);
+    void SetShowErrorFrame(bool on);
+
+    // --- CPU cores for pinned worker threads ---
+    // The lowest free core, now marked used; 0 (shared) when every core is in use.
+    unsigned int GetIdealCpuCoreIndex();
+    void ResetUsedCpuCoreIndex(unsigned int core);
+
+private:
+    bool PreProcCapture(KvFrameFormat& format, unsigned int channel, bool cardTiming, int width,
+                        int height, ePixelType pixelType);
+
+    PCIeDataManagerPrivate* d;
+};

@@ -1,0 +1,28 @@
+// What each OS backend and the simulated-card route provide; the router picks one per call.
+#pragma once
+
+#include "DeviceFile.h"
+#include "DeviceInterfaces.h"
+
+#include <string>
+#include <vector>
+
+namespace kvpcie::platform {
+
+// The machine's own drivers (platform/linux or platform/win32).
+namespace native {
+DeviceFilePtr OpenDeviceFile(const std::string& path, unsigned access);
+bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths);
+void RestartXilinxDevices();
+}  // namespace native
+
+// Paths that begin with "sim:" (platform/sim), in every build.
+namespace simulated {
+constexpr char kPathPrefix[] = "sim:";
+bool IsSimulatedPath(const std::string& path);
+DeviceFilePtr OpenDeviceFile(const std::string& path, unsigned access);
+void ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths);
+void RestartXilinxDevices();
+}  // namespace simulated
+
+}  // namespace kvpcie::platform

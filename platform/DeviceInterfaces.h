@@ -1,0 +1,42 @@
+// Listing and restarting the devices of a driver's interface class.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kvpcie::platform {
+
+struct Guid {
+    std::uint32_t data1;
+    std::uint16_t data2;
+    std::uint16_t data3;
+    std::uint8_t data4[8];
+};
+
+constexpr bool operator==(const Guid& a, const Guid& b) {
+    for (int i = 0; i < 8; ++i) {
+        if (a.data4[i] != b.data4[i]) {
+            return false;
+        }
+    }
+    return a.data1 == b.data1 && a.data2 == b.data2 && a.data3 == b.data3;
+}
+
+// {74C7E4A9-6D5D-4A70-BC0D-20691DFF9E9D}: the Xilinx XDMA driver's cards.
+constexpr Guid kXdmaInterfaceClass{
+    0x74C7E4A9, 0x6D5D, 0x4A70, {0xBC, 0x0D, 0x20, 0x69, 0x1D, 0xFF, 0x9E, 0x9D}};
+// {40D49FB9-6085-4E1D-8753-822BE944D7BB}: the RIFFA driver's devices.
+constexpr Guid kRiffaInterfaceClass{
+    0x40D49FB9, 0x6085, 0x4E1D, {0x87, 0x53, 0x82, 0x2B, 0xE9, 0x44, 0xD7, 0xBB}};
+
+// Interface paths of a class, the machine's own devices first and simulated ones after. False
+// (with LastError() set) when the OS cannot give the device set at all; an empty list is not
+// a failure.
+bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths);
+
+// Restarts every Xilinx (PCI vendor 0x10EE) device at the driver level, simulated cards
+// included. Where the OS does not permit it, says so on standard error and goes on.
+void RestartXilinxDevices();
+
+}  // namespace kvpcie::platform

@@ -1,0 +1,27 @@
+// Sends each OS-layer call to the simulated card or to the machine's own drivers.
+#include "Backend.h"
+
+namespace kvpcie::platform {
+
+DeviceFilePtr OpenDeviceFile(const std::string& path, unsigned access) {
+    if (simulated::IsSimulatedPath(path)) {
+        return simulated::OpenDeviceFile(path, access);
+    }
+    return native::OpenDeviceFile(path, access);
+}
+
+bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths) {
+    paths.clear();
+    if (!native::ListDeviceInterfaces(interfaceClass, paths)) {
+        return false;
+    }
+    simulated::ListDeviceInterfaces(interfaceClass, paths);
+    return true;
+}
+
+void RestartXilinxDevices() {
+    native::RestartXilinxDevices();
+    simulated::RestartXilinxDevices();
+}
+
+}  // namespace kvpcie::platform

@@ -1,0 +1,31 @@
+// The OS layer's last-error value: set by every failing platform call, read by the device code.
+#pragma once
+
+#include <string>
+
+namespace kvpcie::platform {
+
+// The few failures that the code above the OS layer needs to name; each backend maps them to
+// its own system codes, so messages print the code the user's OS would give.
+enum class Error {
+    FileNotFound,
+    AccessDenied,
+    InvalidHandle,
+    InvalidParameter,
+    NameTooLong,
+    DeviceRemoved,
+    OperationAborted,
+    NotEnoughMemory,
+};
+
+int SystemCode(Error error);
+
+// Thread-local, like errno and GetLastError().
+int LastError();
+void SetLastError(int code);
+inline void SetLastError(Error error) { SetLastError(SystemCode(error)); }
+
+// The system's text for a code, without a trailing line feed.
+std::string ErrorText(int code);
+
+}  // namespace kvpcie::platform

@@ -1,0 +1,18 @@
+// Pinning a worker thread to one CPU core.
+#pragma once
+
+#include <cstdint>
+#include <thread>
+
+namespace kvpcie::platform {
+
+// 2 to the power of the core index; 0 for cores that a 64-bit mask cannot name.
+constexpr std::uint64_t AffinityMaskForCore(unsigned core) {
+    return core < 64 ? (std::uint64_t{1} << core) : 0;
+}
+
+// False when the core cannot be named or the OS refuses (a core outside the process's CPU
+// set); the thread then keeps running where the scheduler puts it.
+bool PinThreadToCore(std::thread& thread, unsigned core);
+
+}  // namespace kvpcie::platform

@@ -1,0 +1,86 @@
+// Control of the simulated card: create and remove simulated devices, raise their events, and
+// look at what the host did to them. For tests, tools and demonstrations without hardware.
+//
+// A simulated XDMA card is listed with the path "sim:xdma<N>" after the machine's real cards and
+// behaves towards the library like a card under the XDMA driver. The environment variable
+// KVPCIE_SIM presents simulated devices without any code: "1" gives one XDMA card and one RIFFA
+// device, "xdma:N,riffa:M" gives N and M (0 to 8 each); unset or empty gives none. The variable
+// is read at the first listing or open and again whenever its value has changed.
+//
+// Every function may be called from any thread. Functions taking a card number return false
+// (or an empty result) when there is no such card.
+#pragma once
+
+#include <KvPCIeInjectSdk/KvPCIeInjectSdkGlobal.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace KvPCIeSim {
+
+// Registers that only the simulated card has (its simulation control block).
+constexpr std::uint32_t kRegIdentity = 0x1F0000;  // reads kIdentityValue
+constexpr std::uint32_t kIdentityValue = 0x53494D31;
+constexpr std::uint32_t kRegSurpriseRemoval = 0x1F0008;  // write 1: the card drops off the bus
+
+// One access of the host to the card, in the order the card saw them.
+struct CardAccess {
+    enum Kind : std::uint32_t {
+        RegisterWrite,  // address, value
+        Restart,        // the driver-level restart of the device
+        CardToHost,     // DMA read: address, value = bytes asked
+        HostToCard,     // DMA write: address, value = bytes asked
+    };
+    Kind kind;
+    std::uint32_t address;
+    std::uint32_t value;
+};
+
+struct CardCounters {
+    std::uint64_t registerReads;
+    std::uint64_t registerWrites;
+    std::uint64_t cardToHostTransfers;
+    std::uint64_t hostToCardTransfers;
+    std::uint64_t refusedTransfers;  // over the driver's 8 MiB limit, or on a removed card
+    std::uint64_t restarts;
+    std::uint64_t userEventsRaised;
+    std::uint64_t openFiles;  // device files of the card that the host holds open now
+};
+
+// Replaces every simulated device with those that a KVPCIE_SIM value names. False, changing
+// nothing, when the value does not parse. Devices that are replaced behave as removed towards
+// handles still open on them.
+KVPCIE_EXPORT bool Configure(const char* value);
+
+// Adds a simulated XDMA card and returns its number (its path is XdmaCardPath of it).
+KVPCIE_EXPORT int AddXdmaCard();
+KVPCIE_EXPORT bool RemoveXdmaCard(int card);
+KVPCIE_EXPORT std::vector<int> XdmaCardNumbers();
+KVPCIE_EXPORT std::string XdmaCardPath(int card);
+
+// Raises user interrupt `event` (0 to 15): one waiting read of "event_<event>" returns 1.
+// Raises that nobody has read yet merge into one, as on the card.
+KVPCIE_EXPORT bool RaiseUserEvent(int card, int event);
+// How long an event read waits before it gives up with the byte 0 (3,000 ms on a card).
+KVPCIE_EXPORT bool SetUserEventTimeout(int card, int milliseconds);
+// Surprise removal (true): every later transfer and event read of the card fails, as does
+// writing 1 to kRegSurpriseRemoval. The driver-level restart of the next open brings it back.
+KVPCIE_EXPORT bool SetSurpriseRemoved(int card, bool removed);
+
+// An absent node ("user", "c2h_0", "event_2", ...) fails to open, as a driver without that
+// file would; files already open stay usable.
+KVPCIE_EXPORT bool SetNodeAbsent(int card, const char* node, bool absent);
+
+// The accesses logged since the last call (the newest 65,536 at most), oldest first.
+KVPCIE_EXPORT std::vector<CardAccess> TakeAccessLog(int card);
+KVPCIE_EXPORT bool ReadCounters(int card, CardCounters& counters);
+
+// The card's own view, without going through the host's files and without being logged.
+KVPCIE_EXPORT bool PeekRegister(int card, std::uint32_t address, std::uint32_t& value);
+KVPCIE_EXPORT bool PeekMemory(int card, std::uint64_t address, void* buffer, std::size_t size);
+KVPCIE_EXPORT bool PokeMemory(int card, std::uint64_t address, const void* data,
+                              std::size_t size);
+
+}  // namespace KvPCIeSim

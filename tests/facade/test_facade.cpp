@@ -1,0 +1,165 @@
+// The facade as a host uses it: no card, the simulated card through KVPCIE_SIM, RIFFA mode, and
+// copies that share one record.
+#include <KvPCIeInjectSdk/KvPCIeSimulation.h>
+#include <KvPCIeInjectSdk/PCIeDataManager.h>
+
+#include <gtest/gtest.h>
+
+#include <QThread>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace {
+
+using KvPCIeSim::CardAccess;
+
+struct PathList {
+    char* paths[4] = {};
+    ~PathList() {
+        for (char* path : paths) {
+            std::free(path);
+        }
+    }
+};
+
+class Facade : public ::testing::Test {
+protected:
+    void TearDown() override {
+        PCIeDataManager().CloseCard();
+        ::unsetenv("KVPCIE_SIM");
+    }
+};
+
+TEST_F(Facade, WithoutACardNothingOpensAndEveryAccessGivesItsNeutralResult) {
+    ::unsetenv("KVPCIE_SIM");
+    PCIeDataManager manager;
+    EXPECT_TRUE(manager.IsCardOpen());
+    PathList list;
+    EXPECT_EQ(manager.GetDevices(list.paths), 0);
+    EXPECT_STREQ(list.paths[0], "");
+    EXPECT_EQ(manager.ReadReg(0x1F0000), 0u);
+    EXPECT_EQ(manager.WriteReg(0x4, 1), 0);
+    unsigned char byte = 0;
+    EXPECT_FALSE(manager.ReadData(0, 1, &byte));
+    EXPECT_FALSE(manager.WriteData(0, 1, &byte));
+
+    eErrorCode error = ERR_NONE;
+    std::vector<char> frame(1280 * 1024 * 2);
+    EXPECT_FALSE(manager.StartCapture(0, true, 1280, 1024, Y16, error, CaptureFrameCallback{},
+                                      nullptr, frame.data()));
+    EXPECT_EQ(error, ERR_NO_CARD);
+    error = ERR_NONE;
+    EXPECT_FALSE(manager.StartInject(0, 50, 1280, 1024, Y16, 0, frame.data(), error));
+    EXPECT_EQ(error, ERR_NO_CARD);
+    EXPECT_FALSE(manager.IsStartCapture(0));
+    EXPECT_EQ(manager.GetCaptureDelayStatus(0), nullptr);
+    EXPECT_EQ(manager.GetInjectDelayStatus(0), nullptr);
+    EXPECT_FALSE(manager.WriteControlCmd(0, QByteArray("\x01", 1)));
+    EXPECT_FALSE(manager.OpenCard(0));
+    EXPECT_FALSE(manager.GetDevices(static_cast<fpga_info_list*>(nullptr)));
+}
+
+TEST_F(Facade, OpensTheSimulatedCardReadsItsRegistersAndRoundTripsCardMemory) {
+    ::setenv("KVPCIE_SIM", "1", 1);
+    PCIeDataManager manager;
+    PathList list;
+    ASSERT_EQ(manager.GetDevices(list.paths), 1);
+    EXPECT_STREQ(list.paths[0], "sim:xdma0");
+    KvPCIeSim::TakeAccessLog(0);
+    ASSERT_TRUE(manager.OpenCard(list.paths[0]));
+    const std::vector<CardAccess> log = KvPCIeSim::TakeAccessLog(0);
+    ASSERT_EQ(log.size(), 3u);
+    EXPECT_EQ(log[2].address, 0x4u);
+    EXPECT_EQ(log[2].value, 0xFFFF0000u);
+
+    EXPECT_EQ(manager.ReadReg(0x1F0000), 0x53494D31u);
+    EXPECT_EQ(manager.ReadReg(0x100028), 100000000u);
+    EXPECT_EQ(manager.WriteReg(0x101020, -2), 4);
+    EXPECT_EQ(manager.ReadReg(0x101020), 0xFFFFFFFEu);
+
+    const unsigned size = (16u << 20) + 123;
+    std::vector<unsigned char> written(size);
+    std::vector<unsigned char> back(size);
+    for (unsigned i = 0; i < size; ++i) {
+        written[i] = static_cast<unsigned char>(i ^ (i >> 9));
+    }
+    ASSERT_TRUE(manager.WriteData(0x3000000, size, written.data()));
+    ASSERT_TRUE(manager.ReadData(0x3000000, size, back.data()));
+    EXPECT_EQ(back, written);
+    EXPECT_FALSE(manager.ReadData(0, 16, nullptr));
+    EXPECT_FALSE(manager.ReadData(0x80000000u, 16, back.data()));
+
+    manager.CloseCard();
+    EXPECT_EQ(manager.ReadReg(0x1F0000), 0u);
+    EXPECT_FALSE(manager.ReadData(0x3000000, 16, back.data()));
+}
+
+TEST_F(Facade, StartCaptureOpensTheFirstCardByItself) {
+    ::setenv("KVPCIE_SIM", "xdma:2", 1);
+    PCIeDataManager manager;
+    KvPCIeSim::TakeAccessLog(0);
+    eErrorCode error = ERR_NO_CARD;
+    std::vector<char> frame(640 * 480);
+    manager.StartCapture(1, false, 640, 480, Y8, error, CaptureFrameCallback{}, nullptr,
+                         frame.data());
+    EXPECT_EQ(error, ERR_NONE);
+    EXPECT_EQ(manager.ReadReg(0x1F0000), 0x53494D31u);
+    EXPECT_EQ(KvPCIeSim::TakeAccessLog(0).size(), 3u) << "the first card was opened";
+}
+
+TEST_F(Facade, OpenCardWithANullPathLeavesTheCardAsItWas) {
+    ::setenv("KVPCIE_SIM", "1", 1);
+    PCIeDataManager manager;
+    EXPECT_TRUE(manager.OpenCard(static_cast<char*>(nullptr)));
+    EXPECT_EQ(manager.ReadReg(0x1F0000), 0u);
+    char path[] = "sim:xdma0";
+    ASSERT_TRUE(manager.OpenCard(path));
+    EXPECT_TRUE(manager.OpenCard(static_cast<char*>(nullptr)));
+    EXPECT_EQ(manager.ReadReg(0x1F0000), 0x53494D31u);
+    char missing[] = "sim:xdma5";
+    EXPECT_FALSE(manager.OpenCard(missing));
+    EXPECT_EQ(manager.ReadReg(0x1F0000), 0u) << "the open card was closed first";
+}
+
+TEST_F(Facade, RiffaModeRefusesStartsWithoutTouchingTheErrorCode) {
+    ::setenv("KVPCIE_SIM", "1", 1);
+    PCIeDataManager manager(RIFFA);
+    eErrorCode error = ERR_QUEUE_FULL;
+    char frame[16] = {};
+    EXPECT_FALSE(manager.StartCapture(0, false, 4, 4, Y8, error, CaptureFrameCallbackEx{}, nullptr,
+                                      frame));
+    EXPECT_FALSE(manager.StartInject(0, 25, 4, 4, Y8, 0, frame, error));
+    EXPECT_EQ(error, ERR_QUEUE_FULL);
+    EXPECT_EQ(manager.ReadReg(0x1F0000), 0u);
+    EXPECT_EQ(manager.WriteReg(0x100, 1), 0);
+}
+
+TEST_F(Facade, CopiesShareOneRecord) {
+    ::unsetenv("KVPCIE_SIM");
+    PCIeDataManager first;
+    PCIeDataManager second(RIFFA);
+    second = first;
+    PCIeDataManager third(second);
+    PCIeDataManager fourth(RIFFA);
+    fourth = std::move(third);
+
+    const unsigned cores = static_cast<unsigned>(std::max(1, QThread::idealThreadCount()));
+    for (unsigned core = 0; core < cores; ++core) {
+        EXPECT_EQ(first.GetIdealCpuCoreIndex(), core);
+    }
+    EXPECT_EQ(fourth.GetIdealCpuCoreIndex(), 0u) << "the cores taken through `first` are taken";
+    fourth.ResetUsedCpuCoreIndex(cores - 1);
+    EXPECT_EQ(second.GetIdealCpuCoreIndex(), cores - 1);
+    EXPECT_EQ(PCIeDataManager().GetIdealCpuCoreIndex(), 0u) << "a new facade has its own table";
+
+    // `second` was made for RIFFA; sharing the record made it an XDMA facade.
+    eErrorCode error = ERR_QUEUE_FULL;
+    char frame[16] = {};
+    EXPECT_FALSE(second.StartInject(0, 25, 4, 4, Y8, 0, frame, error));
+    EXPECT_EQ(error, ERR_NO_CARD);
+}
+
+}  // namespace
