@@ -1,8 +1,8 @@
 // What each OS backend and the simulated-card route provide; the router picks one per call.
 #pragma once
 
-#include "DeviceFile.h"
-#include "DeviceInterfaces.h"
+#include "platform/DeviceFile.h"
+#include "platform/DeviceInterfaces.h"
 
 #include <string>
 #include <vector>

@@ -1,0 +1,21 @@
+// Internals of the Linux device listing and restart, open to the backend's tests.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kvpcie::platform::linux_backend {
+
+// N of a /dev entry named exactly "xdma<N>_user"; N as the driver writes it, without leading
+// zeros, so that "/dev/xdma<N>" names the same card.
+std::optional<unsigned> XdmaUserNodeNumber(const std::string& entryName);
+
+// "/dev/xdma<N>" for each such entry, in the order of N. May throw std::bad_alloc.
+std::vector<std::string> XdmaInterfacePaths(const std::vector<std::string>& entryNames);
+
+// The restart of every vendor 0x10EE device under a directory laid out as sysfs's PCI bus
+// ("devices/<device>/vendor", "devices/<device>/remove", "rescan"). May throw std::bad_alloc.
+void RestartXilinxDevicesUnder(const std::string& pciBusDir);
+
+}  // namespace kvpcie::platform::linux_backend

@@ -1,0 +1,230 @@
+// The Linux backend of the OS layer: files, node names, listing, restart, event waits, pinning.
+#include "platform/Backend.h"
+#include "platform/SystemError.h"
+#include "platform/ThreadAffinity.h"
+#include "platform/linux/LinuxDeviceFile.h"
+#include "platform/linux/LinuxDeviceInterfaces.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <utility>
+
+namespace kvpcie::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using linux_backend::NodeKind;
+
+class TempDir : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/kvpcie-linux-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        dir_ = pattern;
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+    std::string Put(const std::string& name, const std::string& text) {
+        const fs::path path = dir_ / name;
+        fs::create_directories(path.parent_path());
+        std::ofstream(path) << text;
+        return path.string();
+    }
+    std::string Get(const std::string& name) {
+        std::ifstream in(dir_ / name);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    fs::path dir_;
+};
+
+using LinuxFiles = TempDir;
+
+TEST_F(LinuxFiles, PlainFileRoundTripAdvancesThePosition) {
+    const DeviceFilePtr file = native::OpenDeviceFile(Put("data", ""), kAccessReadWrite);
+    ASSERT_NE(file, nullptr);
+    std::uint32_t moved = 0;
+    ASSERT_TRUE(file->Seek(0) && file->Write("abcdef", 6, moved));
+    EXPECT_EQ(moved, 6u);
+    ASSERT_TRUE(file->Write("gh", 2, moved));
+    EXPECT_EQ(Get("data"), "abcdefgh");
+    char out[4] = {};
+    ASSERT_TRUE(file->Seek(2) && file->Read(out, 3, moved));
+    ASSERT_TRUE(file->Read(out + 3, 1, moved));
+    EXPECT_EQ(std::string(out, 4), "cdef");
+}
+
+TEST_F(LinuxFiles, ReadAtTheEndIsShortAndNegativeSeekFails) {
+    const DeviceFilePtr file = native::OpenDeviceFile(Put("data", "012345"), kAccessRead);
+    ASSERT_NE(file, nullptr);
+    char out[8] = {};
+    std::uint32_t moved = 0;
+    ASSERT_TRUE(file->Seek(4) && file->Read(out, 8, moved));
+    EXPECT_EQ(moved, 2u);
+    EXPECT_EQ(std::string(out, 2), "45");
+    EXPECT_FALSE(file->Seek(-1));
+    EXPECT_EQ(LastError(), EINVAL);
+}
+
+TEST_F(LinuxFiles, AccessMaskAndMissingFilesAreRefused) {
+    const DeviceFilePtr file = native::OpenDeviceFile(Put("data", "0123"), kAccessWrite);
+    ASSERT_NE(file, nullptr);
+    char out[4] = {};
+    std::uint32_t moved = 0;
+    EXPECT_FALSE(file->Read(out, 4, moved));
+    EXPECT_EQ(LastError(), EBADF);
+    EXPECT_EQ(native::OpenDeviceFile((dir_ / "absent").string(), kAccessRead), nullptr);
+    EXPECT_EQ(LastError(), ENOENT);
+}
+
+TEST_F(LinuxFiles, RegisterFilesMoveWholeWordsAndStopAtTheEnd) {
+    const int fd = ::open(Put("regs", "01234567").c_str(), O_RDWR | O_CLOEXEC);
+    const DeviceFilePtr regs =
+        linux_backend::MakeDeviceFile(fd, NodeKind::Register, kAccessReadWrite);
+    ASSERT_NE(regs, nullptr);
+    char out[12] = {};
+    std::uint32_t moved = 0;
+    EXPECT_FALSE(regs->Read(out, 6, moved));
+    EXPECT_EQ(LastError(), EINVAL);
+    ASSERT_TRUE(regs->Seek(2));
+    EXPECT_FALSE(regs->Read(out, 4, moved));
+    ASSERT_TRUE(regs->Seek(0) && regs->Read(out, 12, moved));
+    EXPECT_EQ(moved, 8u);
+    regs->Cancel();
+    EXPECT_FALSE(regs->Write(out, 4, moved));
+    EXPECT_EQ(LastError(), ECANCELED);
+}
+
+TEST(LinuxXdmaNodes, MapsNodeNamesToTheDriversFiles) {
+    const struct {
+        const char* from;
+        const char* to;
+        NodeKind kind;
+    } cases[] = {{"/dev/xdma0\\user", "/dev/xdma0_user", NodeKind::Register},
+                 {"/dev/xdma0\\control", "/dev/xdma0_control", NodeKind::Register},
+                 {"/dev/xdma0\\c2h_0", "/dev/xdma0_c2h_0", NodeKind::Dma},
+                 {"/dev/xdma1\\h2c_0", "/dev/xdma1_h2c_0", NodeKind::Dma},
+                 {"/dev/xdma0\\event_3", "/dev/xdma0_events_3", NodeKind::Event},
+                 {"a\\b\\xvc", "a\\b_xvc", NodeKind::Plain},  // split at the last backslash
+                 {"/tmp/plain", "/tmp/plain", NodeKind::Plain}};
+    for (const auto& node : cases) {
+        const linux_backend::NodeFile file = linux_backend::MapNodePath(node.from);
+        EXPECT_EQ(file.path, node.to);
+        EXPECT_TRUE(file.kind == node.kind) << node.from;
+    }
+}
+
+TEST(LinuxXdmaListing, MatchesOnlyUserNodesAndSortsByNumber) {
+    EXPECT_EQ(linux_backend::XdmaUserNodeNumber("xdma0_user"), 0u);
+    EXPECT_EQ(linux_backend::XdmaUserNodeNumber("xdma12_user"), 12u);
+    EXPECT_FALSE(linux_backend::XdmaUserNodeNumber("xdma0_c2h_0"));
+    EXPECT_FALSE(linux_backend::XdmaUserNodeNumber("xdmaX_user"));
+    const std::vector<std::string> names{"xdma10_user", "tty0", "xdma2_user", "xdma2_c2h_0"};
+    const std::vector<std::string> expected{"/dev/xdma2", "/dev/xdma10"};
+    EXPECT_EQ(linux_backend::XdmaInterfacePaths(names), expected);
+}
+
+using LinuxRestart = TempDir;
+
+TEST_F(LinuxRestart, RemovesAndRescansOnlyXilinxDevices) {
+    Put("devices/0000:01:00.0/vendor", "0x10ee\n");
+    Put("devices/0000:01:00.0/remove", "");
+    Put("devices/0000:00:02.0/vendor", "0x8086\n");
+    Put("devices/0000:00:02.0/remove", "");
+    Put("rescan", "");
+    testing::internal::CaptureStderr();
+    linux_backend::RestartXilinxDevicesUnder(dir_.string());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(Get("devices/0000:01:00.0/remove"), "1");
+    EXPECT_EQ(Get("rescan"), "1");
+    EXPECT_EQ(Get("devices/0000:00:02.0/remove"), "");
+}
+
+TEST_F(LinuxRestart, SaysOnceWhenTheRestartIsNotPermitted) {
+    Put("devices/0000:01:00.0/vendor", "0x10EE\n");  // no writable "remove" in either device
+    Put("devices/0000:02:00.0/vendor", "0x10ee\n");
+    Put("rescan", "");
+    testing::internal::CaptureStderr();
+    linux_backend::RestartXilinxDevicesUnder(dir_.string());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "kvpcie: cannot restart PCI device 0000:01:00.0: " + ErrorText(ENOENT) +
+                  "; continuing without a restart\n");
+    EXPECT_EQ(Get("rescan"), "");
+}
+
+class LinuxEventFile : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(::pipe2(pipe_, O_CLOEXEC), 0);
+        event_ = linux_backend::MakeDeviceFile(pipe_[0], NodeKind::Event, kAccessRead);
+        ASSERT_NE(event_, nullptr);
+    }
+    void TearDown() override { ::close(pipe_[1]); }
+    bool Raise(std::uint32_t value) { return ::write(pipe_[1], &value, 4) == 4; }
+
+    int pipe_[2] = {-1, -1};
+    DeviceFilePtr event_;
+};
+
+TEST_F(LinuxEventFile, DeliversOneByteForTheInterruptValue) {
+    unsigned char byte = 7;
+    std::uint32_t moved = 0;
+    ASSERT_TRUE(Raise(1) && event_->Seek(5) && event_->Read(&byte, 1, moved));
+    EXPECT_EQ(moved, 1u);
+    EXPECT_EQ(byte, 1);
+    ASSERT_TRUE(Raise(0) && event_->Read(&byte, 1, moved));
+    EXPECT_EQ(byte, 0);
+    EXPECT_FALSE(event_->Write(&byte, 1, moved));
+    EXPECT_EQ(LastError(), EINVAL);
+}
+
+TEST_F(LinuxEventFile, CancelEndsAWaitingReadAndEveryLaterOne) {
+    auto waiting = std::async(std::launch::async, [this] {
+        unsigned char byte = 0;
+        std::uint32_t moved = 0;
+        const bool read = event_->Read(&byte, 1, moved);
+        return std::make_pair(read, LastError());
+    });
+    EXPECT_EQ(waiting.wait_for(50ms), std::future_status::timeout);  // nothing raised yet
+    event_->Cancel();
+    if (waiting.wait_for(5s) != std::future_status::ready) {
+        Raise(1);  // lets the thread end so the test reports instead of hanging
+        FAIL() << "Cancel did not end the waiting read";
+    }
+    EXPECT_EQ(waiting.get(), std::make_pair(false, ECANCELED));
+    unsigned char byte = 0;
+    std::uint32_t moved = 0;
+    ASSERT_TRUE(Raise(1));
+    EXPECT_FALSE(event_->Read(&byte, 1, moved));
+    EXPECT_EQ(LastError(), ECANCELED);
+}
+
+TEST(LinuxThreadAffinity, PinsAWorkerToOneCoreAndRefusesCore64) {
+    cpu_set_t allowed;
+    ASSERT_EQ(::sched_getaffinity(0, sizeof allowed, &allowed), 0);
+    ASSERT_TRUE(CPU_ISSET(0, &allowed)) << "core 0 is outside this process's CPU set";
+    std::promise<void> release;
+    std::thread worker([done = release.get_future()] { done.wait_for(10s); });
+    EXPECT_TRUE(PinThreadToCore(worker, 0));
+    cpu_set_t pinned;
+    EXPECT_EQ(::pthread_getaffinity_np(worker.native_handle(), sizeof pinned, &pinned), 0);
+    EXPECT_EQ(CPU_COUNT(&pinned), 1);
+    EXPECT_TRUE(CPU_ISSET(0, &pinned));
+    EXPECT_FALSE(PinThreadToCore(worker, 64));
+    release.set_value();
+    worker.join();
+    EXPECT_FALSE(PinThreadToCore(worker, 0));  // no longer joinable
+}
+
+}  // namespace
+}  // namespace kvpcie::platform
