@@ -3,6 +3,7 @@
 
 #include "XdmaCardRegisters.h"
 
+#include "Common/WriterFirstSharedMutex.h"
 #include "platform/SystemError.h"
 
 #include <chrono>
@@ -22,7 +23,7 @@ namespace {
 using platform::DeviceFilePtr;
 
 struct OpenCard {
-    std::shared_mutex access;  // see the header: shared per transfer, exclusive to open/close
+    WriterFirstSharedMutex access;  // see the header: shared per transfer, exclusive to open/close
     std::mutex regLock;
     std::mutex c2hLock;
     std::mutex h2cLock;
@@ -172,7 +173,7 @@ bool XdmaOpen(const char* interfacePath) {
         return false;
     }
     OpenCard& card = Card();
-    std::unique_lock<std::shared_mutex> exclusive(card.access);
+    std::unique_lock<WriterFirstSharedMutex> exclusive(card.access);
     CloseLocked(card);
     {
         const DeviceFilePtr user =
@@ -212,19 +213,19 @@ bool XdmaOpen(const char* interfacePath) {
 
 void XdmaClose() {
     OpenCard& card = Card();
-    std::unique_lock<std::shared_mutex> exclusive(card.access);
+    std::unique_lock<WriterFirstSharedMutex> exclusive(card.access);
     CloseLocked(card);
 }
 
 bool XdmaIsOpen() {
     OpenCard& card = Card();
-    std::shared_lock<std::shared_mutex> shared(card.access);
+    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
     return card.isOpen;
 }
 
 unsigned XdmaReadReg(unsigned address) {
     OpenCard& card = Card();
-    std::shared_lock<std::shared_mutex> shared(card.access);
+    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
     std::lock_guard<std::mutex> reg(card.regLock);
     unsigned value = 0;
     if (card.user) {
@@ -235,7 +236,7 @@ unsigned XdmaReadReg(unsigned address) {
 
 int XdmaWriteReg(unsigned address, const unsigned* value) {
     OpenCard& card = Card();
-    std::shared_lock<std::shared_mutex> shared(card.access);
+    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
     std::lock_guard<std::mutex> reg(card.regLock);
     if (!card.user || value == nullptr) {
         return kTransferCallFailed;
@@ -245,7 +246,7 @@ int XdmaWriteReg(unsigned address, const unsigned* value) {
 
 bool XdmaReadUser(unsigned address, void* buffer, unsigned size) {
     OpenCard& card = Card();
-    std::shared_lock<std::shared_mutex> shared(card.access);
+    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
     std::lock_guard<std::mutex> reg(card.regLock);
     if (!card.user || (buffer == nullptr && size != 0)) {
         return false;
@@ -256,7 +257,7 @@ bool XdmaReadUser(unsigned address, void* buffer, unsigned size) {
 
 bool XdmaWriteUser(unsigned address, const void* buffer, unsigned size) {
     OpenCard& card = Card();
-    std::shared_lock<std::shared_mutex> shared(card.access);
+    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
     std::lock_guard<std::mutex> reg(card.regLock);
     if (!card.user || (buffer == nullptr && size != 0)) {
         return false;
@@ -267,14 +268,14 @@ bool XdmaWriteUser(unsigned address, const void* buffer, unsigned size) {
 
 bool XdmaReadData(unsigned address, unsigned size, void* buffer) {
     OpenCard& card = Card();
-    std::shared_lock<std::shared_mutex> shared(card.access);
+    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
     std::lock_guard<std::mutex> c2h(card.c2hLock);
     return card.c2h && XdmaReadDevice(card.c2h.get(), address, size, buffer) >= 0;
 }
 
 bool XdmaWriteData(unsigned address, unsigned size, const void* buffer) {
     OpenCard& card = Card();
-    std::shared_lock<std::shared_mutex> shared(card.access);
+    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
     std::lock_guard<std::mutex> h2c(card.h2cLock);
     return card.h2c && XdmaWriteDevice(card.h2c.get(), address, size, buffer) >= 0;
 }

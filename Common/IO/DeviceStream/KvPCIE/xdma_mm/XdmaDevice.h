@@ -4,8 +4,9 @@
 // Locking, which the engines rely on:
 // - Open and close hold the card lock exclusively; every register access, user-space block and
 //   DMA transfer holds it shared for its whole duration. A close therefore waits for the
-//   transfers in flight (each is bounded: one DMA piece is at most 8 MiB) and every later call
-//   finds the handles closed and fails with its usual result. Engine threads may keep running
+//   transfers in flight (each is bounded: one DMA piece is at most 8 MiB), goes before any
+//   transfer that starts after it, and every later call finds the handles closed and fails
+//   with its usual result. Engine threads may keep running
 //   across a close or a reopen: they see failures, never a freed handle.
 // - Register and user-space access is serialised by the register lock; DMA reads by a
 //   card-to-host lock and DMA writes by a host-to-card lock, so that an engine's transfer and a
