@@ -14,4 +14,6 @@ unsigned int PCIeDataManager::GetIdealCpuCoreIndex() {
     return 0;  // every core is taken: core 0 is shared from now on
 }
 
-void PCIeDataManager::ResetUsedCpuCoreIndex(unsigned int core) { d->freeCores[core] = true; }
+void PCIeDataManager::ResetUsedCpuCoreIndex(unsigned int core) {
+    d->freeCores[core] = true;
+}

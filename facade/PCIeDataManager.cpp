@@ -8,7 +8,9 @@
 
 using namespace kvpcie;
 
-const char* KvPCIeInjectSdkVersionString() { return KVPCIE_VERSION_STRING; }
+const char* KvPCIeInjectSdkVersionString() {
+    return KVPCIE_VERSION_STRING;
+}
 
 PCIeDataManager::PCIeDataManager(ePCIeFrameworkType type, QObject* /*parent*/)
     : d(CreatePCIeDataManagerPrivate(type)) {}
@@ -39,9 +41,13 @@ bool PCIeDataManager::OpenCard(int /*deviceIndex*/) {
     return false;  // no RIFFA device library in the library yet
 }
 
-void PCIeDataManager::CloseCard() { xdma::XdmaClose(); }
+void PCIeDataManager::CloseCard() {
+    xdma::XdmaClose();
+}
 
-bool PCIeDataManager::IsCardOpen() { return true; }
+bool PCIeDataManager::IsCardOpen() {
+    return true;
+}
 
 int PCIeDataManager::GetDevices(char** paths) {
     return xdma::XdmaGetDevices(platform::kXdmaInterfaceClass, paths);
@@ -81,9 +87,13 @@ bool PCIeDataManager::StartCapture(unsigned int channel, bool cardTiming, int wi
 
 void PCIeDataManager::StopCapture(int /*channel*/) {}
 
-bool PCIeDataManager::IsStartCapture(int /*channel*/) { return false; }
+bool PCIeDataManager::IsStartCapture(int /*channel*/) {
+    return false;
+}
 
-bool PCIeDataManager::StartRecord(int /*channel*/) { return false; }
+bool PCIeDataManager::StartRecord(int /*channel*/) {
+    return false;
+}
 
 void PCIeDataManager::StopRecord(int /*channel*/) {}
 
@@ -118,7 +128,9 @@ bool PCIeDataManager::StartInject(unsigned int /*channel*/, int /*frameRate*/, i
 
 void PCIeDataManager::StopInject(int /*channel*/) {}
 
-bool PCIeDataManager::IsStartInject(int /*channel*/) { return false; }
+bool PCIeDataManager::IsStartInject(int /*channel*/) {
+    return false;
+}
 
 tagInjectDelayStatusInfo* PCIeDataManager::GetInjectDelayStatus(int /*channel*/) {
     return nullptr;
@@ -129,7 +141,9 @@ void PCIeDataManager::SetInjectFullScreenWgt(int /*channel*/, void* /*widget*/) 
 void PCIeDataManager::UpdateParamSimulate(int /*channel*/, bool /*enable*/,
                                           tagThermalImgParams /*params*/) {}
 
-bool PCIeDataManager::WriteControlCmd(int /*channel*/, QByteArray /*command*/) { return false; }
+bool PCIeDataManager::WriteControlCmd(int /*channel*/, QByteArray /*command*/) {
+    return false;
+}
 
 // ---------------------------------------------------------------- registers and memory
 

@@ -23,7 +23,9 @@ int SystemCode(Error error);
 // Thread-local, like errno and GetLastError().
 int LastError();
 void SetLastError(int code);
-inline void SetLastError(Error error) { SetLastError(SystemCode(error)); }
+inline void SetLastError(Error error) {
+    SetLastError(SystemCode(error));
+}
 
 // The system's text for a code, without a trailing line feed.
 std::string ErrorText(int code);

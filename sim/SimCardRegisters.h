@@ -13,7 +13,9 @@ constexpr std::uint32_t kRegIdentity = 0x1F0000;
 constexpr std::uint32_t kIdentityValue = 0x53494D31;  // "SIM1"
 constexpr std::uint32_t kRegSurpriseRemoval = 0x1F0008;
 
-constexpr std::uint32_t ControlBlock(unsigned channel) { return 0x1F1000 + channel * 0x1000; }
+constexpr std::uint32_t ControlBlock(unsigned channel) {
+    return 0x1F1000 + channel * 0x1000;
+}
 constexpr std::uint32_t kCtlCaptureSource = 0x00;
 constexpr std::uint32_t kCtlExternalFrameRate = 0x04;
 constexpr std::uint32_t kCtlCommandBusyMicros = 0x1C;

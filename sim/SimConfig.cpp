@@ -1,28 +1,9 @@
 // Parsing of the KVPCIE_SIM value.
 #include "SimConfig.h"
 
+#include "DecimalText.h"
+
 namespace kvpcie::sim {
-namespace {
-
-std::optional<int> ParseCount(std::string_view digits) {
-    if (digits.empty() || digits.size() > 2) {
-        return std::nullopt;
-    }
-    int value = 0;
-    for (char c : digits) {
-        if (c < '0' || c > '9') {
-            return std::nullopt;
-        }
-        value = value * 10 + (c - '0');
-    }
-    if (value > kMaxSimulatedDevices) {
-        return std::nullopt;
-    }
-    return value;
-}
-
-}  // namespace
-
 std::optional<SimConfig> ParseSimConfig(std::string_view value) {
     SimConfig config;
     if (value.empty()) {
@@ -47,7 +28,8 @@ std::optional<SimConfig> ParseSimConfig(std::string_view value) {
             return std::nullopt;
         }
         const std::string_view kind = item.substr(0, colon);
-        const std::optional<int> count = ParseCount(item.substr(colon + 1));
+        const std::optional<int> count =
+            ParseDecimal(item.substr(colon + 1), 2, kMaxSimulatedDevices);
         if (!count) {
             return std::nullopt;
         }

@@ -37,8 +37,7 @@ public:
     bool WriteRegister(std::uint32_t address, std::uint32_t value);
     // DMA: one driver request. False when refused (removed card); moved may fall short at the
     // end of card memory.
-    bool ReadMemory(std::uint64_t address, void* buffer, std::uint32_t size,
-                    std::uint32_t& moved);
+    bool ReadMemory(std::uint64_t address, void* buffer, std::uint32_t size, std::uint32_t& moved);
     bool WriteMemory(std::uint64_t address, const void* buffer, std::uint32_t size,
                      std::uint32_t& moved);
     void CountRefusedTransfer();

@@ -19,9 +19,13 @@ bool Configure(const char* value) {
     return value != nullptr && SimRegistry::Instance().Configure(value);
 }
 
-int AddXdmaCard() { return SimRegistry::Instance().AddXdmaCard(); }
+int AddXdmaCard() {
+    return SimRegistry::Instance().AddXdmaCard();
+}
 
-bool RemoveXdmaCard(int card) { return SimRegistry::Instance().RemoveXdmaCard(card); }
+bool RemoveXdmaCard(int card) {
+    return SimRegistry::Instance().RemoveXdmaCard(card);
+}
 
 std::vector<int> XdmaCardNumbers() {
     std::vector<int> numbers;
@@ -31,7 +35,9 @@ std::vector<int> XdmaCardNumbers() {
     return numbers;
 }
 
-std::string XdmaCardPath(int card) { return "sim:xdma" + std::to_string(card); }
+std::string XdmaCardPath(int card) {
+    return "sim:xdma" + std::to_string(card);
+}
 
 bool RaiseUserEvent(int card, int event) {
     const auto found = Find(card);

@@ -46,43 +46,52 @@ std::uint8_t* SparseMemory::CommitPage(std::size_t page) {
     return fresh;
 }
 
-std::size_t SparseMemory::Read(std::uint64_t address, void* buffer, std::size_t size) const {
-    const std::size_t total = Clamp(address, size);
-    auto* out = static_cast<std::uint8_t*>(buffer);
+// Walks [address, address + total) page by page; `visit` (page, offset in page, bytes done,
+// piece) returns false to stop early. Returns the bytes visited.
+template <typename Visit>
+std::size_t SparseMemory::ForEachPiece(std::uint64_t address, std::size_t total,
+                                       Visit visit) const {
     std::size_t done = 0;
     while (done < total) {
         const std::uint64_t at = address + done;
-        const std::size_t page = static_cast<std::size_t>(at / kPageBytes);
-        const std::size_t offset = static_cast<std::size_t>(at % kPageBytes);
+        const auto page = static_cast<std::size_t>(at / kPageBytes);
+        const auto offset = static_cast<std::size_t>(at % kPageBytes);
         const std::size_t piece = std::min(total - done, kPageBytes - offset);
-        const std::uint8_t* data = pages_[page].load(std::memory_order_acquire);
-        if (data != nullptr) {
-            std::memcpy(out + done, data + offset, piece);
-        } else {
-            std::memset(out + done, 0, piece);
+        if (!visit(page, offset, done, piece)) {
+            break;
         }
         done += piece;
     }
-    return total;
+    return done;
+}
+
+std::size_t SparseMemory::Read(std::uint64_t address, void* buffer, std::size_t size) const {
+    auto* out = static_cast<std::uint8_t*>(buffer);
+    return ForEachPiece(
+        address, Clamp(address, size),
+        [&](std::size_t page, std::size_t offset, std::size_t done, std::size_t piece) {
+            const std::uint8_t* data = pages_[page].load(std::memory_order_acquire);
+            if (data != nullptr) {
+                std::memcpy(out + done, data + offset, piece);
+            } else {
+                std::memset(out + done, 0, piece);
+            }
+            return true;
+        });
 }
 
 std::size_t SparseMemory::Write(std::uint64_t address, const void* buffer, std::size_t size) {
-    const std::size_t total = Clamp(address, size);
     const auto* in = static_cast<const std::uint8_t*>(buffer);
-    std::size_t done = 0;
-    while (done < total) {
-        const std::uint64_t at = address + done;
-        const std::size_t page = static_cast<std::size_t>(at / kPageBytes);
-        const std::size_t offset = static_cast<std::size_t>(at % kPageBytes);
-        const std::size_t piece = std::min(total - done, kPageBytes - offset);
-        std::uint8_t* data = CommitPage(page);
-        if (data == nullptr) {
-            return done;  // out of host memory: a short write, as a failing card would give
-        }
-        std::memcpy(data + offset, in + done, piece);
-        done += piece;
-    }
-    return total;
+    // Out of host memory ends the write short, as a failing card would.
+    return ForEachPiece(
+        address, Clamp(address, size),
+        [&](std::size_t page, std::size_t offset, std::size_t done, std::size_t piece) {
+            std::uint8_t* data = CommitPage(page);
+            if (data != nullptr) {
+                std::memcpy(data + offset, in + done, piece);
+            }
+            return data != nullptr;
+        });
 }
 
 std::size_t SparseMemory::CommittedPages() const {

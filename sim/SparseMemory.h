@@ -30,6 +30,8 @@ private:
     static constexpr std::size_t kPageBytes = std::size_t{1} << 20;
 
     std::size_t Clamp(std::uint64_t address, std::size_t size) const;
+    template <typename Visit>
+    std::size_t ForEachPiece(std::uint64_t address, std::size_t total, Visit visit) const;
     std::uint8_t* CommitPage(std::size_t page);
 
     const std::uint64_t size_;

@@ -3,6 +3,7 @@
 #include "platform/Backend.h"
 #include "platform/SystemError.h"
 
+#include "sim/DecimalText.h"
 #include "sim/SimCardRegisters.h"
 #include "sim/SimRegistry.h"
 
@@ -223,20 +224,6 @@ private:
     const int event_;
 };
 
-std::optional<int> ParseNumber(const std::string& text) {
-    if (text.empty() || text.size() > 6) {
-        return std::nullopt;
-    }
-    int value = 0;
-    for (char c : text) {
-        if (c < '0' || c > '9') {
-            return std::nullopt;
-        }
-        value = value * 10 + (c - '0');
-    }
-    return value;
-}
-
 DeviceFilePtr OpenNode(CardPtr card, const std::string& node, unsigned access) {
     if (card->IsNodeAbsent(node)) {
         SetLastError(Error::FileNotFound);
@@ -256,8 +243,9 @@ DeviceFilePtr OpenNode(CardPtr card, const std::string& node, unsigned access) {
     }
     const std::string eventPrefix = "event_";
     if (node.compare(0, eventPrefix.size(), eventPrefix) == 0) {
-        const std::optional<int> event = ParseNumber(node.substr(eventPrefix.size()));
-        if (event && *event < sim::kUserEventCount) {
+        const std::optional<int> event =
+            sim::ParseDecimal(node.substr(eventPrefix.size()), 2, sim::kUserEventCount - 1);
+        if (event) {
             return std::make_unique<SimEventFile>(std::move(card), access, *event);
         }
     }
@@ -276,7 +264,7 @@ DeviceFilePtr OpenDeviceFile(const std::string& path, unsigned access) {
     const std::string base = path.substr(0, separator);
     const std::size_t prefixLength = sizeof(kXdmaPrefix) - 1;
     const std::optional<int> number = base.compare(0, prefixLength, kXdmaPrefix) == 0
-                                          ? ParseNumber(base.substr(prefixLength))
+                                          ? sim::ParseDecimal(base.substr(prefixLength), 6, 999999)
                                           : std::nullopt;
     CardPtr card = number ? sim::SimRegistry::Instance().FindXdmaCard(*number) : nullptr;
     if (separator == std::string::npos || card == nullptr) {

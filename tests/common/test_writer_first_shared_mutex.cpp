@@ -53,9 +53,8 @@ TEST(WriterFirstSharedMutex, SharedHoldersRunTogetherAndExcludeTheWriter) {
         return true;
     });
     ASSERT_EQ(second.wait_for(2s), std::future_status::ready);
-    auto writer = std::async(std::launch::async, [&] {
-        std::unique_lock<WriterFirstSharedMutex> exclusive(mutex);
-    });
+    auto writer = std::async(std::launch::async,
+                             [&] { std::unique_lock<WriterFirstSharedMutex> exclusive(mutex); });
     EXPECT_EQ(writer.wait_for(50ms), std::future_status::timeout);
     first.unlock();
     EXPECT_EQ(writer.wait_for(2s), std::future_status::ready);

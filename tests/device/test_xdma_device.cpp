@@ -74,9 +74,9 @@ TEST_F(XdmaDevice, AFailedOpenLeavesTheCardClosedWithNoFileHeld) {
     ASSERT_TRUE(KvPCIeSim::SetNodeAbsent(0, "control", true));
     testing::internal::CaptureStderr();
     EXPECT_FALSE(XdmaOpen("sim:xdma0"));
-    EXPECT_NE(testing::internal::GetCapturedStderr().find(
-                  "Error opening device, win32 error code: "),
-              std::string::npos);
+    EXPECT_NE(
+        testing::internal::GetCapturedStderr().find("Error opening device, win32 error code: "),
+        std::string::npos);
     EXPECT_FALSE(XdmaIsOpen());
     EXPECT_EQ(OpenFiles(), 0u);
     EXPECT_EQ(XdmaReadReg(0x1F0000), 0u);
@@ -101,14 +101,15 @@ TEST_F(XdmaDevice, RegistersAndTheUserSpaceGoThroughTheUserFile) {
     std::uint32_t back[4] = {};
     EXPECT_TRUE(XdmaWriteUser(0x1F1400, block, sizeof block));
     EXPECT_TRUE(XdmaReadUser(0x1F1400, back, sizeof back));
-    EXPECT_EQ(std::vector<std::uint32_t>(back, back + 4), std::vector<std::uint32_t>(block, block + 4));
+    EXPECT_EQ(std::vector<std::uint32_t>(back, back + 4),
+              std::vector<std::uint32_t>(block, block + 4));
     EXPECT_FALSE(XdmaReadUser(0x1F1400, nullptr, 4));
 }
 
 TEST_F(XdmaDevice, SixteenMebibytesMoveAsTwoPiecesAndAFinalEmptyOne) {
     ASSERT_TRUE(XdmaOpen("sim:xdma0"));
-    const platform::DeviceFilePtr c2h = XdmaOpenDeviceFile("sim:xdma0", "c2h_0",
-                                                           platform::kAccessRead);
+    const platform::DeviceFilePtr c2h =
+        XdmaOpenDeviceFile("sim:xdma0", "c2h_0", platform::kAccessRead);
     ASSERT_NE(c2h, nullptr);
     std::vector<std::uint8_t> buffer(16u << 20);
     KvPCIeSim::TakeAccessLog(0);
@@ -126,10 +127,10 @@ TEST_F(XdmaDevice, SixteenMebibytesMoveAsTwoPiecesAndAFinalEmptyOne) {
 
 TEST_F(XdmaDevice, TransfersReportEachResultCode) {
     ASSERT_TRUE(XdmaOpen("sim:xdma0"));
-    const platform::DeviceFilePtr c2h = XdmaOpenDeviceFile("sim:xdma0", "c2h_0",
-                                                           platform::kAccessRead);
-    const platform::DeviceFilePtr h2c = XdmaOpenDeviceFile("sim:xdma0", "h2c_0",
-                                                           platform::kAccessWrite);
+    const platform::DeviceFilePtr c2h =
+        XdmaOpenDeviceFile("sim:xdma0", "c2h_0", platform::kAccessRead);
+    const platform::DeviceFilePtr h2c =
+        XdmaOpenDeviceFile("sim:xdma0", "h2c_0", platform::kAccessWrite);
     ASSERT_TRUE(c2h && h2c);
     std::vector<std::uint8_t> buffer(0x2000);
 

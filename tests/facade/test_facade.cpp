@@ -129,8 +129,8 @@ TEST_F(Facade, RiffaModeRefusesStartsWithoutTouchingTheErrorCode) {
     PCIeDataManager manager(RIFFA);
     eErrorCode error = ERR_QUEUE_FULL;
     char frame[16] = {};
-    EXPECT_FALSE(manager.StartCapture(0, false, 4, 4, Y8, error, CaptureFrameCallbackEx{}, nullptr,
-                                      frame));
+    EXPECT_FALSE(
+        manager.StartCapture(0, false, 4, 4, Y8, error, CaptureFrameCallbackEx{}, nullptr, frame));
     EXPECT_FALSE(manager.StartInject(0, 25, 4, 4, Y8, 0, frame, error));
     EXPECT_EQ(error, ERR_QUEUE_FULL);
     EXPECT_EQ(manager.ReadReg(0x1F0000), 0u);

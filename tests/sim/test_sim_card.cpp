@@ -120,7 +120,8 @@ TEST_F(SimCard, MemoryWrittenByTheHostIsReadBackAndAdvancesThePosition) {
     std::uint8_t back[5] = {};
     ASSERT_TRUE(c2h->Seek(0xFFFFE));
     ASSERT_TRUE(c2h->Read(back, 5, moved));
-    EXPECT_EQ(std::vector<std::uint8_t>(back, back + 5), (std::vector<std::uint8_t>{1, 2, 3, 4, 5}));
+    EXPECT_EQ(std::vector<std::uint8_t>(back, back + 5),
+              (std::vector<std::uint8_t>{1, 2, 3, 4, 5}));
     EXPECT_FALSE(h2c->Read(back, 1, moved));  // the host-to-card file only writes
 }
 

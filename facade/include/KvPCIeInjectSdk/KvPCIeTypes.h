@@ -75,8 +75,7 @@ inline std::uint64_t KvFrameSizeBytes(ePixelType pixelType, int width, int heigh
     if (width < 0 || lines < 0) {
         return 0;
     }
-    return std::uint64_t(KvBytesPerPixel(pixelType)) * std::uint64_t(width) *
-           std::uint64_t(lines);
+    return std::uint64_t(KvBytesPerPixel(pixelType)) * std::uint64_t(width) * std::uint64_t(lines);
 }
 
 #pragma pack(push, 1)
@@ -127,8 +126,7 @@ static_assert(offsetof(fpga_info_list, channelCount) == 24, "RIFFA device list l
 static_assert(offsetof(fpga_info_list, name) == 44, "RIFFA device list layout");
 static_assert(offsetof(fpga_info_list, vendorId) == 124, "RIFFA device list layout");
 static_assert(offsetof(fpga_info_list, deviceId) == 144, "RIFFA device list layout");
-static_assert(sizeof(ePixelType) == 4 && sizeof(eErrorCode) == 4 &&
-                  sizeof(ePCIeFrameworkType) == 4,
+static_assert(sizeof(ePixelType) == 4 && sizeof(eErrorCode) == 4 && sizeof(ePCIeFrameworkType) == 4,
               "the enumerations are 32-bit");
 
 // Frame callbacks run on the capture engine's polling thread, one frame at a time. `frame` is

@@ -80,7 +80,6 @@ KVPCIE_EXPORT bool ReadCounters(int card, CardCounters& counters);
 // The card's own view, without going through the host's files and without being logged.
 KVPCIE_EXPORT bool PeekRegister(int card, std::uint32_t address, std::uint32_t& value);
 KVPCIE_EXPORT bool PeekMemory(int card, std::uint64_t address, void* buffer, std::size_t size);
-KVPCIE_EXPORT bool PokeMemory(int card, std::uint64_t address, const void* data,
-                              std::size_t size);
+KVPCIE_EXPORT bool PokeMemory(int card, std::uint64_t address, const void* data, std::size_t size);
 
 }  // namespace KvPCIeSim

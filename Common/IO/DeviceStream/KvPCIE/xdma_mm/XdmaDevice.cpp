@@ -48,9 +48,9 @@ std::int64_t SeekDistance(std::uint64_t position) {
 }
 
 bool SeekTo(XdmaFileHandle file, std::uint64_t position) {
-    const bool ok = file != nullptr ? file->Seek(SeekDistance(position))
-                                    : (platform::SetLastError(platform::Error::InvalidHandle),
-                                       false);
+    const bool ok = file != nullptr
+                        ? file->Seek(SeekDistance(position))
+                        : (platform::SetLastError(platform::Error::InvalidHandle), false);
     if (!ok) {
         std::fprintf(stderr, "Error setting file pointer, win32 error code: %ld\n",
                      static_cast<long>(platform::LastError()));
@@ -166,7 +166,9 @@ DeviceFilePtr XdmaOpenDeviceFile(const char* interfacePath, const char* node, un
     return file;
 }
 
-void XdmaRestartDevices() { platform::RestartXilinxDevices(); }
+void XdmaRestartDevices() {
+    platform::RestartXilinxDevices();
+}
 
 bool XdmaOpen(const char* interfacePath) {
     if (interfacePath == nullptr) {
