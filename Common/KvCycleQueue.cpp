@@ -1,0 +1,100 @@
+// The frame ring.
+#include "KvCycleQueue.h"
+
+#include <QMutexLocker>
+
+#include <cstdint>
+#include <cstring>
+
+namespace kvpcie {
+namespace {
+constexpr int kDefaultCapacity = 16;
+// Slack behind the last slot, kept from the card's original ring layout; never written.
+constexpr std::int64_t kSlackBytes = 4096;
+}  // namespace
+
+KvCycleQueue::~KvCycleQueue() {
+    Release();
+}
+
+bool KvCycleQueue::Init(int elementSize, int count) {
+    Release();
+    QMutexLocker locker(&lock_);
+    if (elementSize <= 0) {
+        return false;
+    }
+    const int capacity = count >= 1 ? count : kDefaultCapacity;
+    const std::int64_t bytes = std::int64_t{capacity} * elementSize + kSlackBytes;
+    if (bytes > INT32_MAX) {
+        return false;  // the ring is addressed with 32-bit offsets: refuse rather than wrap
+    }
+    // calloc gives the zeroed slots without touching every page now.
+    char* block = static_cast<char*>(std::calloc(static_cast<std::size_t>(bytes), 1));
+    if (block == nullptr) {
+        return false;
+    }
+    buffer_.reset(block);
+    elementSize_ = elementSize;
+    capacity_ = capacity;
+    head_ = 0;
+    tail_ = 0;
+    return true;
+}
+
+bool KvCycleQueue::Push(const char* data, int size, int& full) {
+    QMutexLocker locker(&lock_);
+    if (data == nullptr || size != elementSize_ || buffer_ == nullptr) {
+        return false;
+    }
+    full = 0;
+    const int next = (tail_ + 1) % capacity_;
+    if (next == head_) {
+        full = 1;
+        return false;
+    }
+    std::memcpy(buffer_.get() + std::int64_t{tail_} * elementSize_, data,
+                static_cast<std::size_t>(size));
+    tail_ = next;
+    return true;
+}
+
+char* KvCycleQueue::PopPtr() {
+    QMutexLocker locker(&lock_);
+    if (buffer_ == nullptr || head_ == tail_) {
+        return nullptr;
+    }
+    char* slot = buffer_.get() + std::int64_t{head_} * elementSize_;
+    head_ = (head_ + 1) % capacity_;
+    return slot;
+}
+
+int KvCycleQueue::SizeLocked() const {
+    if (tail_ >= head_) {
+        return tail_ - head_;
+    }
+    return capacity_ + tail_ - head_;
+}
+
+int KvCycleQueue::Size() {
+    QMutexLocker locker(&lock_);
+    return SizeLocked();
+}
+
+bool KvCycleQueue::IsEmpty() {
+    return Size() == 0;
+}
+
+void KvCycleQueue::Reset() {
+    QMutexLocker locker(&lock_);
+    head_ = 0;
+    tail_ = 0;
+}
+
+void KvCycleQueue::Release() {
+    QMutexLocker locker(&lock_);
+    buffer_.reset();
+    head_ = 0;
+    tail_ = 0;
+}
+
+}  // namespace kvpcie

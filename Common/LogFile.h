@@ -1,0 +1,59 @@
+// A named diagnostic log: callers on any thread queue stamped lines; the log's own writer thread
+// appends them to dated files below "./Log/<name>/", starting a new file past 10 MiB.
+#pragma once
+
+#include "thread.h"
+
+#include <QString>
+
+#include <atomic>
+#include <cstdio>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace kvpcie {
+
+class LogFile {
+public:
+    // Creates <application dir>/Log/<logName>/ if missing; opens nothing, starts nothing.
+    explicit LogFile(const QString& logName);
+    // Stops a writer that is still running, so no thread outlives the log.
+    ~LogFile();
+    LogFile(const LogFile&) = delete;
+    LogFile& operator=(const LogFile&) = delete;
+
+    // Opens "./Log/<name>/<stamp>_<index>.txt" (relative to the current directory) and starts
+    // the writer. Ignored while the log is running.
+    void StartLog();
+
+    // printf-style; the message is cut at 4,999 bytes. Never touches the disk, never blocks
+    // on it, reports nothing; lines queued before StartLog or after StopLog wait for the next
+    // StartLog. Any thread.
+    void WriteLog(const char* format, ...);
+
+    // Joins the writer and closes the file; lines still queued stay queued.
+    void StopLog();
+
+    // Bytes at which a file is full: the next line goes to a new file with the next index.
+    static constexpr long kRotateBytes = 10485760;
+
+private:
+    static void ThreadFun_WriteLogFile(void* owner);
+    void WriteLoop();
+    void OpenFile();
+    void Rotate();
+
+    std::unique_ptr<Thread> writer_;
+    std::deque<std::string> lines_;
+    std::atomic<bool> stop_{false};
+    char fileStamp_[256] = {};
+    int fileIndex_ = 0;
+    std::mutex lock_;
+    const QString logName_;
+    std::FILE* file_ = nullptr;
+    const QString logDirectory_;
+};
+
+}  // namespace kvpcie

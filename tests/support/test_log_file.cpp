@@ -1,0 +1,121 @@
+// Log files: stamped and cut lines, lines queued before the start, rotation and its index, and a
+// log whose folder cannot be written.
+#include "Common/LogFile.h"
+
+#include "TempDir.h"
+
+#include <QDir>
+#include <QFile>
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+namespace kvpcie {
+namespace {
+
+using namespace std::chrono_literals;
+
+QStringList LogFiles(const QString& name) {
+    return QDir("Log/" + name).entryList(QDir::Files, QDir::Name);
+}
+
+QByteArray ReadAll(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// Waits, at most 5 s, until the log's files hold `bytes` bytes in all.
+bool AwaitBytes(const QString& name, qint64 bytes) {
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (std::chrono::steady_clock::now() < deadline) {
+        qint64 total = 0;
+        for (const QString& file : LogFiles(name)) {
+            total += QFileInfo("Log/" + name + "/" + file).size();
+        }
+        if (total >= bytes) {
+            return total == bytes;
+        }
+        std::this_thread::sleep_for(2ms);
+    }
+    return false;
+}
+
+const QRegularExpression kLineStamp("^\\d{4}_\\d\\d_\\d\\d_\\d\\d_\\d\\d_\\d\\d_\\d{3}:$");
+const QRegularExpression kFileName("^\\d{4}_\\d\\d_\\d\\d_\\d\\d_\\d\\d_\\d{3}_(\\d+)\\.txt$");
+constexpr int kStampBytes = 24;
+
+TEST(LogFile, LinesQueuedBeforeTheStartReachTheFirstFileStampedAndCut) {
+    testing::ScratchDir scratch(/*enter=*/true);
+    LogFile log("Capture_AllChannel");
+    EXPECT_TRUE(QDir("Log/Capture_AllChannel").exists());
+    log.WriteLog("%s", std::string(6000, 'a').c_str());
+    log.WriteLog("channel %d", 3);
+    log.StartLog();
+    const qint64 expected = (kStampBytes + 4999 + 1) + (kStampBytes + 9 + 1);
+    ASSERT_TRUE(AwaitBytes("Capture_AllChannel", expected));
+    log.StopLog();
+
+    const QStringList files = LogFiles("Capture_AllChannel");
+    ASSERT_EQ(files.size(), 1);
+    const QRegularExpressionMatch name = kFileName.match(files[0]);
+    ASSERT_TRUE(name.hasMatch()) << files[0].toStdString();
+    EXPECT_EQ(name.captured(1), "0");
+    const QList<QByteArray> lines = ReadAll("Log/Capture_AllChannel/" + files[0]).split('\n');
+    ASSERT_EQ(lines.size(), 3);
+    EXPECT_TRUE(kLineStamp.match(QString(lines[0].left(kStampBytes))).hasMatch());
+    EXPECT_EQ(lines[0].mid(kStampBytes), QByteArray(4999, 'a'));
+    EXPECT_EQ(lines[1].mid(kStampBytes), "channel 3");
+}
+
+TEST(LogFile, AFullFileRotatesToTheNextIndexWhichSurvivesAStopAndStart) {
+    testing::ScratchDir scratch(/*enter=*/true);
+    LogFile log("Inject_AllChannel");
+    log.StartLog();
+    QStringList files = LogFiles("Inject_AllChannel");
+    ASSERT_EQ(files.size(), 1);
+    // Bring the first file to the limit without writing 10 MiB of lines.
+    ASSERT_TRUE(QFile::resize("Log/Inject_AllChannel/" + files[0], LogFile::kRotateBytes));
+    log.WriteLog("after the limit");
+    ASSERT_TRUE(AwaitBytes("Inject_AllChannel", LogFile::kRotateBytes + kStampBytes + 16));
+    log.StopLog();
+    log.WriteLog("while stopped");
+    log.StartLog();
+    ASSERT_TRUE(AwaitBytes("Inject_AllChannel", LogFile::kRotateBytes + 2 * kStampBytes + 16 + 14));
+    log.StopLog();
+
+    files = LogFiles("Inject_AllChannel");
+    ASSERT_GE(files.size(), 2);
+    QByteArray rotated;
+    for (const QString& file : files) {
+        if (kFileName.match(file).captured(1) == "1") {
+            rotated += ReadAll("Log/Inject_AllChannel/" + file);
+        } else {
+            EXPECT_EQ(QFileInfo("Log/Inject_AllChannel/" + file).size(), LogFile::kRotateBytes);
+        }
+    }
+    EXPECT_TRUE(rotated.contains("after the limit\n"));
+    EXPECT_TRUE(rotated.contains("while stopped\n")) << "index 1 is kept across stop and start";
+}
+
+TEST(LogFile, ALogThatCannotOpenItsFileQueuesAndStopsCleanly) {
+    testing::ScratchDir scratch(/*enter=*/true);
+    ASSERT_TRUE(QDir().mkpath("Log"));
+    QFile blocker("Log/InjectReadFile");  // a file where the log's folder should be
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    LogFile log("InjectReadFile");
+    log.StartLog();
+    for (int i = 0; i < 100; ++i) {
+        log.WriteLog("line %d", i);
+    }
+    std::this_thread::sleep_for(20ms);  // let the writer find the lines and no file
+    log.StopLog();
+    log.StopLog();  // stopping a stopped log does nothing more
+    EXPECT_TRUE(QFileInfo("Log/InjectReadFile").isFile());
+}
+
+}  // namespace
+}  // namespace kvpcie
