@@ -7,8 +7,10 @@
 
 #include <QDir>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdarg>
+#include <cstring>
 #include <thread>
 
 namespace kvpcie {
@@ -47,6 +49,12 @@ void LogFile::OpenFile() {
                                      logName_.toStdString().c_str(), fileStamp_, fileIndex_);
     // A path that does not fit is not opened rather than opened cut short.
     file_ = length > 0 && length < kPathBufferBytes ? std::fopen(path, "a+") : nullptr;
+    // The size is measured once here and then counted line by line: asking the stream before
+    // every line would cost the writer a seek and a write call per line.
+    fileBytes_ = 0;
+    if (file_ != nullptr && std::fseek(file_, 0, SEEK_END) == 0) {
+        fileBytes_ = std::max(0L, std::ftell(file_));
+    }
 }
 
 void LogFile::StartLog() {
@@ -59,33 +67,64 @@ void LogFile::StartLog() {
     writer_->Start();
 }
 
+namespace {
+
+// Writes `value` as `digits` decimal digits, zero-padded.
+char* PutDigits(char* at, int value, int digits) {
+    for (int i = digits - 1; i >= 0; --i) {
+        at[i] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    }
+    return at + digits;
+}
+
+// "yyyy_MM_dd_hh_mm_ss_zzz:", 24 bytes; the same as "%04d_%02d_..._%03d:" without printf.
+int FormatLineStamp(const platform::LocalTime& t, char* out) {
+    char* at = PutDigits(out, t.year, 4);
+    const int fields[] = {t.month, t.day, t.hour, t.minute, t.second};
+    for (int field : fields) {
+        *at++ = '_';
+        at = PutDigits(at, field, 2);
+    }
+    *at++ = '_';
+    at = PutDigits(at, t.millisecond, 3);
+    *at++ = ':';
+    return static_cast<int>(at - out);
+}
+
+}  // namespace
+
 void LogFile::WriteLog(const char* format, ...) {
     if (format == nullptr) {
         return;
     }
     char message[kMessageBufferBytes];
-    va_list arguments;
-    va_start(arguments, format);
-    const int formatted = std::vsnprintf(message, sizeof message, format, arguments);
-    va_end(arguments);
-    if (formatted < 0) {
-        return;
+    std::size_t messageLength;
+    const std::size_t formatLength = std::strlen(format);
+    if (std::memchr(format, '%', formatLength) == nullptr) {
+        // The engines hand over finished text: without a conversion, printf would only copy it.
+        messageLength = std::min(formatLength, sizeof message - 1);
+        std::memcpy(message, format, messageLength);
+    } else {
+        va_list arguments;
+        va_start(arguments, format);
+        const int formatted = std::vsnprintf(message, sizeof message, format, arguments);
+        va_end(arguments);
+        if (formatted < 0) {
+            return;
+        }
+        messageLength =
+            std::min<std::size_t>(static_cast<std::size_t>(formatted), sizeof message - 1);
     }
-    const std::size_t messageLength =
-        std::min<std::size_t>(static_cast<std::size_t>(formatted), sizeof message - 1);
 
     std::lock_guard<std::mutex> guard(lock_);
     // Stamped under the lock, so the queue holds lines in the order of their stamps.
-    const platform::LocalTime now = platform::LocalTimeNow();
-    char stamp[64];
-    const int stampLength =
-        std::snprintf(stamp, sizeof stamp, "%04d_%02d_%02d_%02d_%02d_%02d_%03d:", now.year,
-                      now.month, now.day, now.hour, now.minute, now.second, now.millisecond);
-    std::string& line = lines_.emplace_back();
-    line.reserve(static_cast<std::size_t>(stampLength) + messageLength + 1);
-    line.append(stamp, static_cast<std::size_t>(stampLength));
-    line.append(message, messageLength);
-    line.push_back('\n');
+    char stamp[32];
+    const int stampLength = FormatLineStamp(platform::LocalTimeNow(), stamp);
+    lines_.text.append(stamp, static_cast<std::size_t>(stampLength));
+    lines_.text.append(message, messageLength);
+    lines_.text.push_back('\n');
+    lines_.lengths.push_back(static_cast<std::uint32_t>(stampLength + messageLength + 1));
 }
 
 void LogFile::StopLog() {
@@ -111,14 +150,20 @@ void LogFile::Rotate() {
 }
 
 void LogFile::WriteLoop() {
+    Lines batch;  // lines taken from the queue, written from `offset` / `next` on
+    std::size_t offset = 0;
+    std::size_t next = 0;
     bool unflushed = false;
     while (!stop_.load()) {
-        bool empty;
-        {
+        if (next == batch.lengths.size()) {
+            batch.text.clear();  // keeps the capacity for the queue to reuse
+            batch.lengths.clear();
+            offset = 0;
+            next = 0;
             std::lock_guard<std::mutex> guard(lock_);
-            empty = lines_.empty();
+            std::swap(batch, lines_);
         }
-        if (empty) {
+        if (batch.lengths.empty()) {
             if (file_ != nullptr && unflushed) {
                 std::fflush(file_);  // idle: let a reader of the file see every line so far
                 unflushed = false;
@@ -130,22 +175,23 @@ void LogFile::WriteLoop() {
             std::this_thread::sleep_for(kNoFilePause);
             continue;
         }
-        std::fseek(file_, 0, SEEK_END);
-        const long size = std::ftell(file_);  // -1 on failure counts as below the limit
-        std::fseek(file_, 0, SEEK_CUR);
-        if (size >= kRotateBytes) {
-            Rotate();  // the waiting line goes to the new file in a later pass
+        if (fileBytes_ >= kRotateBytes) {
+            Rotate();  // the waiting line goes to the new file in the next pass
             continue;
         }
-        std::string line;
-        {
-            std::lock_guard<std::mutex> guard(lock_);
-            line = std::move(lines_.front());
-            lines_.pop_front();
-        }
-        std::fwrite(line.data(), 1, line.size(), file_);
+        const std::uint32_t length = batch.lengths[next];
+        fileBytes_ += static_cast<long>(std::fwrite(batch.text.data() + offset, 1, length, file_));
+        offset += length;
+        ++next;
         unflushed = true;
     }
+    // Lines taken but not written go back to the front of the queue, for the next StartLog.
+    std::lock_guard<std::mutex> guard(lock_);
+    batch.text.erase(0, offset);
+    batch.text += lines_.text;
+    batch.lengths.erase(batch.lengths.begin(), batch.lengths.begin() + static_cast<long>(next));
+    batch.lengths.insert(batch.lengths.end(), lines_.lengths.begin(), lines_.lengths.end());
+    std::swap(batch, lines_);
 }
 
 }  // namespace kvpcie

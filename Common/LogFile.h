@@ -8,10 +8,11 @@
 
 #include <atomic>
 #include <cstdio>
-#include <deque>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace kvpcie {
 
@@ -45,14 +46,23 @@ private:
     void OpenFile();
     void Rotate();
 
+    // The line queue: lines back to back in `text`, their lengths in order. Kept as one buffer
+    // so that queueing a line allocates nothing once the buffers have grown, and the writer
+    // takes every waiting line with one swap.
+    struct Lines {
+        std::string text;
+        std::vector<std::uint32_t> lengths;
+    };
+
     std::unique_ptr<Thread> writer_;
-    std::deque<std::string> lines_;
+    Lines lines_;
     std::atomic<bool> stop_{false};
     char fileStamp_[256] = {};
     int fileIndex_ = 0;
     std::mutex lock_;
     const QString logName_;
     std::FILE* file_ = nullptr;
+    long fileBytes_ = 0;  // size of the current file, the writer's own count
     const QString logDirectory_;
 };
 

@@ -74,30 +74,33 @@ TEST(LogFile, AFullFileRotatesToTheNextIndexWhichSurvivesAStopAndStart) {
     testing::ScratchDir scratch(/*enter=*/true);
     LogFile log("Inject_AllChannel");
     log.StartLog();
-    QStringList files = LogFiles("Inject_AllChannel");
-    ASSERT_EQ(files.size(), 1);
-    // Bring the first file to the limit without writing 10 MiB of lines.
-    ASSERT_TRUE(QFile::resize("Log/Inject_AllChannel/" + files[0], LogFile::kRotateBytes));
-    log.WriteLog("after the limit");
-    ASSERT_TRUE(AwaitBytes("Inject_AllChannel", LogFile::kRotateBytes + kStampBytes + 16));
+    // Lines of 24 + 4999 + 1 bytes: 2,088 of them take the first file past 10,485,760 bytes.
+    constexpr qint64 kLine = kStampBytes + 4999 + 1;
+    const std::string text(4999, 'a');
+    for (int i = 0; i < 2090; ++i) {
+        log.WriteLog("%s", text.c_str());
+    }
+    ASSERT_TRUE(AwaitBytes("Inject_AllChannel", 2090 * kLine));
     log.StopLog();
     log.WriteLog("while stopped");
     log.StartLog();
-    ASSERT_TRUE(AwaitBytes("Inject_AllChannel", LogFile::kRotateBytes + 2 * kStampBytes + 16 + 14));
+    ASSERT_TRUE(AwaitBytes("Inject_AllChannel", 2090 * kLine + kStampBytes + 14));
     log.StopLog();
 
-    files = LogFiles("Inject_AllChannel");
-    ASSERT_GE(files.size(), 2);
+    qint64 firstFile = 0;
     QByteArray rotated;
-    for (const QString& file : files) {
-        if (kFileName.match(file).captured(1) == "1") {
-            rotated += ReadAll("Log/Inject_AllChannel/" + file);
+    for (const QString& file : LogFiles("Inject_AllChannel")) {
+        const QString index = kFileName.match(file).captured(1);
+        if (index == "0") {
+            firstFile += QFileInfo("Log/Inject_AllChannel/" + file).size();
         } else {
-            EXPECT_EQ(QFileInfo("Log/Inject_AllChannel/" + file).size(), LogFile::kRotateBytes);
+            EXPECT_EQ(index, "1") << file.toStdString();
+            rotated += ReadAll("Log/Inject_AllChannel/" + file);
         }
     }
-    EXPECT_TRUE(rotated.contains("after the limit\n"));
-    EXPECT_TRUE(rotated.contains("while stopped\n")) << "index 1 is kept across stop and start";
+    EXPECT_EQ(firstFile, 2088 * kLine) << "the first file ends with the line that passed the limit";
+    EXPECT_EQ(rotated.count('\n'), 3);
+    EXPECT_TRUE(rotated.endsWith("while stopped\n")) << "index 1 is kept across stop and start";
 }
 
 TEST(LogFile, ALogThatCannotOpenItsFileQueuesAndStopsCleanly) {
