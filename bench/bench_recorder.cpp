@@ -23,35 +23,29 @@ constexpr int kFramesPerRun = 100;  // 262 MB a run
 
 QTemporaryDir* scratch = nullptr;
 
-qint64 FolderBytes(const QString& dir) {
-    qint64 total = 0;
-    for (const QFileInfo& file : QDir(dir).entryInfoList(QDir::Files)) {
-        total += file.size();
-    }
-    return total;
-}
-
 void BM_RecorderThroughput(benchmark::State& state) {
     KvFrameFormat format;
     format.width = 1280;
     format.height = 1024;
     format.pixelType = Y16;
     std::vector<char> frame(kFrameBytes, 3);
+    // One recorder for every run, as a capture channel keeps its recorder across takes.
+    kvpcie::RecordThread recorder(format);
+    recorder.SetFrameSize(kFrameBytes);
+    recorder.SetRecordDir(scratch->path() + "/recorder");
     for (auto _ : state) {
-        kvpcie::RecordThread recorder(format);
-        recorder.SetFrameSize(kFrameBytes);
-        recorder.SetRecordDir(scratch->path() + "/recorder");
         const auto start = std::chrono::steady_clock::now();
         recorder.StartRecord();
+        const QString file = recorder.TakeDir() + "/" + kvpcie::RecordThread::FileName(format, 0);
         for (int n = 0; n < kFramesPerRun;) {
             if (recorder.PushFrame(frame.data())) {
                 ++n;
             } else {
-                std::this_thread::yield();
+                std::this_thread::yield();  // push as fast as the queue takes frames
             }
         }
-        while (FolderBytes(recorder.TakeDir()) < qint64{kFramesPerRun} * kFrameBytes) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        while (QFileInfo(file).size() < qint64{kFramesPerRun} * kFrameBytes) {
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
         }
         recorder.StopRecord();
         state.SetIterationTime(
