@@ -1,8 +1,6 @@
 // The frame ring.
 #include "KvCycleQueue.h"
 
-#include <QMutexLocker>
-
 #include <cstdint>
 #include <cstring>
 
@@ -19,7 +17,7 @@ KvCycleQueue::~KvCycleQueue() {
 
 bool KvCycleQueue::Init(int elementSize, int count) {
     Release();
-    QMutexLocker locker(&lock_);
+    std::lock_guard<std::mutex> locker(lock_);
     if (elementSize <= 0) {
         return false;
     }
@@ -42,7 +40,7 @@ bool KvCycleQueue::Init(int elementSize, int count) {
 }
 
 bool KvCycleQueue::Push(const char* data, int size, int& full) {
-    QMutexLocker locker(&lock_);
+    std::lock_guard<std::mutex> locker(lock_);
     if (data == nullptr || size != elementSize_ || buffer_ == nullptr) {
         return false;
     }
@@ -59,7 +57,7 @@ bool KvCycleQueue::Push(const char* data, int size, int& full) {
 }
 
 char* KvCycleQueue::PopPtr() {
-    QMutexLocker locker(&lock_);
+    std::lock_guard<std::mutex> locker(lock_);
     if (buffer_ == nullptr || head_ == tail_) {
         return nullptr;
     }
@@ -76,7 +74,7 @@ int KvCycleQueue::SizeLocked() const {
 }
 
 int KvCycleQueue::Size() {
-    QMutexLocker locker(&lock_);
+    std::lock_guard<std::mutex> locker(lock_);
     return SizeLocked();
 }
 
@@ -85,13 +83,13 @@ bool KvCycleQueue::IsEmpty() {
 }
 
 void KvCycleQueue::Reset() {
-    QMutexLocker locker(&lock_);
+    std::lock_guard<std::mutex> locker(lock_);
     head_ = 0;
     tail_ = 0;
 }
 
 void KvCycleQueue::Release() {
-    QMutexLocker locker(&lock_);
+    std::lock_guard<std::mutex> locker(lock_);
     buffer_.reset();
     head_ = 0;
     tail_ = 0;
