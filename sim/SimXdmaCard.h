@@ -1,7 +1,8 @@
-// The model of one XDMA frame card: its user registers, card memory, user events and the log
-// of what the host did to it.
+// The model of one XDMA frame card: its user registers, card memory, user events, the frames its
+// capture channels produce and the log of what the host did to it.
 #pragma once
 
+#include "SimCaptureChannel.h"
 #include "SimCardRegisters.h"
 #include "SparseMemory.h"
 
@@ -16,6 +17,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -23,9 +25,13 @@ namespace kvpcie::sim {
 
 // Shared by the registry and by every device file open on the card, so a file outlives the
 // card's removal safely and then fails. All members are thread-safe.
+//
+// One timing thread per card, started by the first capture enable, produces the clocked frames
+// of every channel; it sleeps until the earliest deadline or until the host changes the timing.
 class SimXdmaCard {
 public:
     explicit SimXdmaCard(int number);
+    ~SimXdmaCard();
     SimXdmaCard(const SimXdmaCard&) = delete;
     SimXdmaCard& operator=(const SimXdmaCard&) = delete;
 
@@ -62,14 +68,47 @@ public:
     std::vector<KvPCIeSim::CardAccess> TakeAccessLog();
     KvPCIeSim::CardCounters ReadCounters() const;
     std::uint32_t PeekRegister(std::uint32_t address) const;
+    void PokeRegister(std::uint32_t address, std::uint32_t value);
     SparseMemory& Memory() { return memory_; }
+    // See KvPCIeSim::ProduceCaptureFrames.
+    bool ProduceCaptureFrames(int channel, int count);
+    bool CaptureReadyTime(int channel, std::uint32_t frameNumber,
+                          SimCaptureChannel::TimePoint& ready) const;
+
+    // --- the inject side ---
+    // The frame just played on inject channel `channel`, for capture channel `channel` in
+    // loopback. Copied.
+    void SetLoopbackFrame(int channel, const void* data, std::size_t size);
 
 private:
+    using Clock = SimCaptureChannel::Clock;
+    using TimePoint = SimCaptureChannel::TimePoint;
     static constexpr std::size_t kAccessLogCapacity = 65536;
 
     std::uint32_t RegisterValueLocked(std::uint32_t address) const;
     void StoreRegisterLocked(std::uint32_t address, std::uint32_t value);
     void LogLocked(KvPCIeSim::CardAccess::Kind kind, std::uint32_t address, std::uint32_t value);
+    void RaiseUserEventLocked(int event);
+    bool TakeDmaFaultLocked(std::uint64_t address);
+
+    // Capture registers written by the host.
+    void SetCaptureEnableLocked(std::uint32_t mask);
+    void CaptureRegisterWrittenLocked(unsigned channel, std::uint32_t offset, std::uint32_t value);
+    void ControlRegisterWrittenLocked(unsigned channel, std::uint32_t offset, std::uint32_t value);
+    void RetimeLocked(unsigned channel);
+    void PostStatusLocked(unsigned channel, std::uint32_t length);
+    void ShowStatusBlockLocked(unsigned channel, const SimCaptureChannel::StatusBlock& block);
+    std::uint32_t DelayRegisterLocked(unsigned channel, unsigned buffer) const;
+
+    // Frame production.
+    Clock::duration FramePeriodLocked(unsigned channel) const;
+    CaptureSettings CaptureSettingsLocked(unsigned channel) const;
+    void RunClock();
+    // Writes the frames without the lock, then publishes them together. False when the channel
+    // stopped or started again meanwhile.
+    bool ProduceLocked(std::unique_lock<std::mutex>& lock, unsigned channel, int count,
+                       TimePoint start);
+    void PublishLocked(unsigned channel);
 
     const int number_;
     SparseMemory memory_;
@@ -83,6 +122,11 @@ private:
     std::set<std::string> absentNodes_;
     std::deque<KvPCIeSim::CardAccess> accessLog_;
     KvPCIeSim::CardCounters counters_{};
+
+    std::array<SimCaptureChannel, xdma::kChannelCount> capture_;
+    std::condition_variable clockWake_;
+    bool stopClock_ = false;
+    std::thread clock_;
 };
 
 }  // namespace kvpcie::sim

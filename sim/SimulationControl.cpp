@@ -110,4 +110,29 @@ bool PokeMemory(int card, std::uint64_t address, const void* data, std::size_t s
     return found->Memory().Write(address, data, size) == size;
 }
 
+bool PokeRegister(int card, std::uint32_t address, std::uint32_t value) {
+    const auto found = Find(card);
+    if (found == nullptr) {
+        return false;
+    }
+    found->PokeRegister(address, value);
+    return true;
+}
+
+bool ProduceCaptureFrames(int card, int channel, int count) {
+    const auto found = Find(card);
+    return found != nullptr && found->ProduceCaptureFrames(channel, count);
+}
+
+bool CaptureReadyTime(int card, int channel, std::uint32_t frameNumber, std::int64_t& steadyNanos) {
+    const auto found = Find(card);
+    std::chrono::steady_clock::time_point ready;
+    if (found == nullptr || !found->CaptureReadyTime(channel, frameNumber, ready)) {
+        return false;
+    }
+    steadyNanos =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(ready.time_since_epoch()).count();
+    return true;
+}
+
 }  // namespace KvPCIeSim

@@ -25,6 +25,32 @@ constexpr std::uint32_t kRegIdentity = 0x1F0000;  // reads kIdentityValue
 constexpr std::uint32_t kIdentityValue = 0x53494D31;
 constexpr std::uint32_t kRegSurpriseRemoval = 0x1F0008;  // write 1: the card drops off the bus
 
+// The simulation control block of capture channel c (0 to 3): what the channel's external
+// source does. Register address = ControlBlock(c) + offset.
+constexpr std::uint32_t ControlBlock(unsigned channel) {
+    return 0x1F1000 + channel * 0x1000;
+}
+// 0: a test pattern (the default); 1: the frame last played on inject channel c.
+constexpr std::uint32_t kCtlCaptureSource = 0x00;
+// Frames per second of the source when the card does not time the frames itself (25); 0: none.
+constexpr std::uint32_t kCtlExternalFrameRate = 0x04;
+// Read-only counts since the channel was enabled: frames made ready, and frames lost because
+// the host had not yet taken the buffer they were due in.
+constexpr std::uint32_t kCtlFramesProduced = 0x08;
+constexpr std::uint32_t kCtlFramesDropped = 0x0C;
+// N > 0: frame n is an error frame (status bit 5) when (n + 1) % N == 0; 0: none.
+constexpr std::uint32_t kCtlErrorFrameEvery = 0x20;
+// N: the next N card-to-host transfers from the channel's card memory fail. Reads the count
+// still to come.
+constexpr std::uint32_t kCtlDmaFaults = 0x24;
+// n (1 to 1,024): the first n bytes staged at kCtlStatusStaging become a status block, posted
+// to the channel's mailbox, or queued while the host has not emptied it. Other values: ignored.
+constexpr std::uint32_t kCtlPostStatus = 0x28;
+// 1: frames raise no user event.
+constexpr std::uint32_t kCtlFrameEventOff = 0x34;
+// 1,024 bytes, each word least significant byte first.
+constexpr std::uint32_t kCtlStatusStaging = 0x400;
+
 // One access of the host to the card, in the order the card saw them.
 struct CardAccess {
     enum Kind : std::uint32_t {
@@ -81,5 +107,20 @@ KVPCIE_EXPORT bool ReadCounters(int card, CardCounters& counters);
 KVPCIE_EXPORT bool PeekRegister(int card, std::uint32_t address, std::uint32_t& value);
 KVPCIE_EXPORT bool PeekMemory(int card, std::uint64_t address, void* buffer, std::size_t size);
 KVPCIE_EXPORT bool PokeMemory(int card, std::uint64_t address, const void* data, std::size_t size);
+// Sets a register as the card itself would: not logged, not counted, and without what a host
+// write sets off (a poked enable mask starts no channel, a poked status word posts nothing).
+KVPCIE_EXPORT bool PokeRegister(int card, std::uint32_t address, std::uint32_t value);
+
+// The external source of enabled capture channel `channel` sends `count` (1 to 8) frames at
+// once, apart from its clock. All their data is written before any of them is announced; the
+// buffer statuses, the latest-buffer register and the user events then change together, so a
+// host sees them in one pass. A frame due in a buffer the host still holds is dropped, as from
+// the clock. False when the channel is not 0 to 3 or not enabled, or the card is removed.
+KVPCIE_EXPORT bool ProduceCaptureFrames(int card, int channel, int count);
+// When frame `frameNumber` (counted from 0 at the channel's enable) was made ready:
+// std::chrono::steady_clock nanoseconds since its epoch. Kept for the channel's last 64 frame
+// numbers; false for a dropped frame or one not kept.
+KVPCIE_EXPORT bool CaptureReadyTime(int card, int channel, std::uint32_t frameNumber,
+                                    std::int64_t& steadyNanos);
 
 }  // namespace KvPCIeSim

@@ -1,0 +1,220 @@
+// One capture channel of the simulated card.
+#include "SimCaptureChannel.h"
+
+#include <algorithm>
+
+namespace kvpcie::sim {
+
+namespace {
+
+using DelayClockTicks = std::chrono::duration<std::int64_t, std::ratio<1, kDelayClockHz>>;
+
+void StoreLittleEndian(std::uint8_t* out, std::uint32_t value) {
+    for (int byte = 0; byte < 4; ++byte) {
+        out[byte] = static_cast<std::uint8_t>(value >> (8 * byte));
+    }
+}
+
+}  // namespace
+
+SimCaptureChannel::SimCaptureChannel(unsigned channel) : channel_(channel) {}
+
+void SimCaptureChannel::Start(TimePoint now, Clock::duration period) {
+    running_ = true;
+    ++generation_;
+    position_ = 0;
+    number_ = 0;
+    deadline_.reset();
+    if (period > Clock::duration::zero()) {
+        deadline_ = now + period;
+    }
+    // Times of an earlier run would pass for this run's in the read-back.
+    buffers_.fill(BufferTimes{});
+    previousReady_.reset();
+    readyTimes_.fill(ReadyRecord{});
+}
+
+void SimCaptureChannel::Stop() {
+    running_ = false;
+    ++generation_;
+    deadline_.reset();
+}
+
+void SimCaptureChannel::Retime(TimePoint now, Clock::duration period) {
+    if (!running_) {
+        return;
+    }
+    if (period <= Clock::duration::zero()) {
+        deadline_.reset();
+    } else if (!deadline_ || *deadline_ > now + period) {
+        deadline_ = now + period;
+    }
+}
+
+void SimCaptureChannel::Advance(TimePoint due, TimePoint wake, Clock::duration period) {
+    if (!running_ || period <= Clock::duration::zero()) {
+        deadline_.reset();
+        return;
+    }
+    // On time the clock keeps its phase; woken over a period late, it makes one frame and starts
+    // over rather than catching up in a burst.
+    deadline_ = wake - due > period ? wake + period : due + period;
+}
+
+int SimCaptureChannel::Plan(const CaptureSettings& settings, int count, TimePoint start) {
+    claimed_ = true;
+    batch_.count = 0;
+    batchGeneration_ = generation_;
+    batchBytes_ = settings.frameBytes;
+    batchLoopback_ = settings.loopback;
+    batchLoopbackFrame_ = settings.loopback ? loopbackFrame_ : nullptr;
+    if (settings.frameBytes == 0 || settings.frameBytes > xdma::kCardBufferBytes) {
+        return 0;
+    }
+    count = std::min(count, xdma::kCardBufferCount);
+    int dropped = 0;
+    for (int i = 0; i < count; ++i) {
+        const std::uint32_t number = number_++;
+        if (settings.held[position_]) {
+            ++dropped;
+            continue;
+        }
+        const bool error = settings.errorEvery != 0 && (number + 1) % settings.errorEvery == 0;
+        batch_.frames[batch_.count++] = Frame{number, position_, error, start, {}};
+        position_ = (position_ + 1) % xdma::kCardBufferCount;
+    }
+    return dropped;
+}
+
+void SimCaptureChannel::WriteFrames(SparseMemory& memory) {
+    for (int i = 0; i < batch_.count; ++i) {
+        Frame& frame = batch_.frames[i];
+        const TimePoint begin = Clock::now();
+        if (batchLoopback_) {
+            WriteLoopback(memory, frame);
+        } else {
+            WritePattern(memory, frame);
+        }
+        frame.writeTime = Clock::now() - begin;
+    }
+}
+
+void SimCaptureChannel::WritePattern(SparseMemory& memory, const Frame& frame) {
+    constexpr std::uint32_t kHeaderBytes = 8;
+    const std::uint64_t address = xdma::CaptureBufferAddress(channel_, frame.buffer);
+    std::uint8_t header[kHeaderBytes];
+    StoreLittleEndian(header, frame.number);
+    StoreLittleEndian(header + 4, channel_);
+    memory.Write(address, header, std::min(batchBytes_, kHeaderBytes));
+    if (batchBytes_ <= kHeaderBytes) {
+        return;
+    }
+    const std::size_t rampBytes = std::size_t{batchBytes_} + 256;
+    if (ramp_.size() < rampBytes) {
+        ramp_.resize(rampBytes);
+        for (std::size_t j = 0; j < rampBytes; ++j) {
+            ramp_[j] = static_cast<std::uint8_t>(j);
+        }
+    }
+    memory.Write(address + kHeaderBytes, ramp_.data() + kHeaderBytes + (frame.number & 0xFF),
+                 batchBytes_ - kHeaderBytes);
+}
+
+void SimCaptureChannel::WriteLoopback(SparseMemory& memory, const Frame& frame) {
+    static const std::uint8_t kZeros[64 * 1024] = {};
+    const std::uint64_t address = xdma::CaptureBufferAddress(channel_, frame.buffer);
+    std::size_t done = 0;
+    if (batchLoopbackFrame_ != nullptr) {
+        done = std::min<std::size_t>(batchBytes_, batchLoopbackFrame_->size());
+        memory.Write(address, batchLoopbackFrame_->data(), done);
+    }
+    while (done < batchBytes_) {
+        const std::size_t piece = std::min(sizeof(kZeros), batchBytes_ - done);
+        memory.Write(address + done, kZeros, piece);
+        done += piece;
+    }
+}
+
+bool SimCaptureChannel::Finish() {
+    claimed_ = false;
+    batchLoopbackFrame_.reset();
+    return running_ && batchGeneration_ == generation_;
+}
+
+void SimCaptureChannel::RecordReady(const Frame& frame, TimePoint ready) {
+    BufferTimes& times = buffers_[frame.buffer];
+    times.filled = true;
+    times.released = false;
+    times.start = frame.start;
+    times.ready = ready;
+    times.writeTime = frame.writeTime;
+    times.sincePreviousReady = previousReady_ ? ready - *previousReady_ : Clock::duration::zero();
+    previousReady_ = ready;
+    readyTimes_[frame.number % readyTimes_.size()] = ReadyRecord{true, frame.number, ready};
+}
+
+void SimCaptureChannel::RecordRelease(unsigned buffer, TimePoint now) {
+    buffers_[buffer].released = true;
+    buffers_[buffer].release = now;
+}
+
+void SimCaptureChannel::SetLoopbackFrame(std::shared_ptr<const std::vector<std::uint8_t>> frame) {
+    loopbackFrame_ = std::move(frame);
+}
+
+std::uint32_t SimCaptureChannel::DelayTicks(unsigned buffer, unsigned selector,
+                                            TimePoint now) const {
+    const BufferTimes& times = buffers_[buffer];
+    if (!times.filled) {
+        return 0;
+    }
+    const TimePoint releaseOrNow = times.released ? times.release : now;
+    Clock::duration span{};
+    switch (selector) {
+        case 0:
+            span = times.writeTime;
+            break;
+        case 1:
+            span = releaseOrNow - times.ready;
+            break;
+        case 2:
+            span = times.sincePreviousReady;
+            break;
+        case 3:
+            span = releaseOrNow - times.start;
+            break;
+        default:
+            return 0;
+    }
+    const std::int64_t ticks = std::chrono::duration_cast<DelayClockTicks>(span).count();
+    return static_cast<std::uint32_t>(
+        std::clamp<std::int64_t>(ticks, 0, std::int64_t{xdma::kDelayCountMask}));
+}
+
+bool SimCaptureChannel::ReadyTime(std::uint32_t number, TimePoint& ready) const {
+    const ReadyRecord& record = readyTimes_[number % readyTimes_.size()];
+    if (!record.kept || record.number != number) {
+        return false;
+    }
+    ready = record.time;
+    return true;
+}
+
+bool SimCaptureChannel::QueueStatusBlock(StatusBlock block) {
+    if (statusQueue_.size() >= static_cast<std::size_t>(kMaxQueuedStatusBlocks)) {
+        return false;
+    }
+    statusQueue_.push_back(std::move(block));
+    return true;
+}
+
+std::optional<SimCaptureChannel::StatusBlock> SimCaptureChannel::TakeStatusBlock() {
+    if (statusQueue_.empty()) {
+        return std::nullopt;
+    }
+    StatusBlock block = std::move(statusQueue_.front());
+    statusQueue_.pop_front();
+    return block;
+}
+
+}  // namespace kvpcie::sim

@@ -1,0 +1,135 @@
+// The card-side state of one capture channel: its frame clock, ring position, frame content,
+// status blocks waiting for the mailbox, and the times behind the delay read-back.
+#pragma once
+
+#include "SimCardRegisters.h"
+#include "SparseMemory.h"
+
+#include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaChannelRegisters.h"
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace kvpcie::sim {
+
+// What the card's registers say about the next frames.
+struct CaptureSettings {
+    std::uint32_t frameBytes = 0;
+    bool loopback = false;
+    std::uint32_t errorEvery = 0;
+    // The host has not taken the frame in the buffer yet.
+    std::array<bool, xdma::kCardBufferCount> held{};
+};
+
+// Not thread-safe: the card calls every member under its register mutex, except WriteFrames,
+// which it calls without the mutex while the channel is claimed.
+class SimCaptureChannel {
+public:
+    using Clock = std::chrono::steady_clock;
+    using TimePoint = Clock::time_point;
+
+    struct Frame {
+        std::uint32_t number;
+        unsigned buffer;
+        bool error;
+        TimePoint start;
+        Clock::duration writeTime;
+    };
+    struct Batch {
+        std::array<Frame, xdma::kCardBufferCount> frames;
+        int count = 0;
+    };
+    struct StatusBlock {
+        std::uint32_t length;              // bytes
+        std::vector<std::uint32_t> words;  // the last one zero-padded
+    };
+
+    explicit SimCaptureChannel(unsigned channel);
+
+    // --- the clock ---
+    // Frame 0 goes to buffer 0, one period from now. A zero period gives no frames.
+    void Start(TimePoint now, Clock::duration period);
+    // A batch being written when the channel stops or starts again is not published.
+    void Stop();
+    bool Running() const { return running_; }
+    // After a timing register changed: a stopped clock starts, a shorter period applies at once.
+    void Retime(TimePoint now, Clock::duration period);
+    // None while stopped or when the clock gives no frames.
+    std::optional<TimePoint> Deadline() const { return deadline_; }
+    // After the frame due at `due`, produced on waking at `wake`.
+    void Advance(TimePoint due, TimePoint wake, Clock::duration period);
+
+    // --- producing frames ---
+    // One producer at a time: the clock and ProduceCaptureFrames both claim the channel.
+    bool Claimed() const { return claimed_; }
+    // Claims the channel and numbers `count` (at most the ring size) frames starting at `start`.
+    // Returns how many were dropped because the host still held their buffer.
+    int Plan(const CaptureSettings& settings, int count, TimePoint start);
+    void WriteFrames(SparseMemory& memory);
+    // Ends the claim. False when the channel stopped or started again since Plan: then nothing
+    // of the batch is published.
+    bool Finish();
+    const Batch& Planned() const { return batch_; }
+    void RecordReady(const Frame& frame, TimePoint ready);
+    void RecordRelease(unsigned buffer, TimePoint now);
+    // Frames in loopback take this one, cut or zero-filled; none gives zeros.
+    void SetLoopbackFrame(std::shared_ptr<const std::vector<std::uint8_t>> frame);
+
+    // --- read-back ---
+    // Delay-clock ticks for `selector`, saturated to the register's count field.
+    std::uint32_t DelayTicks(unsigned buffer, unsigned selector, TimePoint now) const;
+    bool ReadyTime(std::uint32_t number, TimePoint& ready) const;
+
+    // --- the mailbox ---
+    // False when the queue is full.
+    bool QueueStatusBlock(StatusBlock block);
+    std::optional<StatusBlock> TakeStatusBlock();
+
+private:
+    struct BufferTimes {
+        bool filled = false;
+        bool released = false;
+        TimePoint start{};
+        TimePoint ready{};
+        TimePoint release{};
+        Clock::duration writeTime{};
+        Clock::duration sincePreviousReady{};
+    };
+    struct ReadyRecord {
+        bool kept = false;
+        std::uint32_t number = 0;
+        TimePoint time{};
+    };
+
+    void WritePattern(SparseMemory& memory, const Frame& frame);
+    void WriteLoopback(SparseMemory& memory, const Frame& frame);
+
+    const unsigned channel_;
+    bool running_ = false;
+    std::uint64_t generation_ = 0;
+    std::optional<TimePoint> deadline_;
+    unsigned position_ = 0;
+    std::uint32_t number_ = 0;
+
+    bool claimed_ = false;
+    Batch batch_;
+    std::uint64_t batchGeneration_ = 0;
+    std::uint32_t batchBytes_ = 0;
+    bool batchLoopback_ = false;
+    std::shared_ptr<const std::vector<std::uint8_t>> batchLoopbackFrame_;
+    std::shared_ptr<const std::vector<std::uint8_t>> loopbackFrame_;
+    // ramp_[j] = j & 255; the pattern of frame n is ramp_ from n & 255 on.
+    std::vector<std::uint8_t> ramp_;
+
+    std::array<BufferTimes, xdma::kCardBufferCount> buffers_{};
+    std::optional<TimePoint> previousReady_;
+    std::array<ReadyRecord, kReadyTimesKept> readyTimes_{};
+    std::deque<StatusBlock> statusQueue_;
+};
+
+}  // namespace kvpcie::sim
