@@ -3,10 +3,10 @@
 
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
-unsigned int PCIeDataManager::GetIdealCpuCoreIndex() {
-    for (unsigned core = 0; core < d->coreCount; ++core) {
-        const auto entry = d->freeCores.find(core);
-        if (entry != d->freeCores.end() && entry->second) {
+unsigned PCIeDataManagerPrivate::TakeCore() {
+    for (unsigned core = 0; core < coreCount; ++core) {
+        const auto entry = freeCores.find(core);
+        if (entry != freeCores.end() && entry->second) {
             entry->second = false;
             return core;
         }
@@ -14,6 +14,14 @@ unsigned int PCIeDataManager::GetIdealCpuCoreIndex() {
     return 0;  // every core is taken: core 0 is shared from now on
 }
 
+void PCIeDataManagerPrivate::ReturnCore(unsigned core) {
+    freeCores[core] = true;
+}
+
+unsigned int PCIeDataManager::GetIdealCpuCoreIndex() {
+    return d->TakeCore();
+}
+
 void PCIeDataManager::ResetUsedCpuCoreIndex(unsigned int core) {
-    d->freeCores[core] = true;
+    d->ReturnCore(core);
 }

@@ -1,5 +1,8 @@
 // Turning the arguments of StartCapture into a channel's complete frame format.
 #include "AutoOpen.h"
+#include "CaptureRequest.h"
+
+#include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaChannelRegisters.h"
 
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
@@ -14,13 +17,24 @@ constexpr int kLineBlankingCardTiming = 200;
 constexpr int kMaxGeometryField = 0xFFFF;
 }  // namespace
 
+bool IsCaptureRequestAcceptable(unsigned channel, int width, int height, ePixelType pixelType,
+                                const char* frameBuffer) {
+    if (channel >= static_cast<unsigned>(kvpcie::xdma::kChannelCount) || frameBuffer == nullptr) {
+        return false;
+    }
+    if (pixelType < UYVY422 || pixelType > PIXEL32) {
+        return false;
+    }
+    if (width <= 0 || width > kMaxGeometryField || height <= 0 || height > kMaxGeometryField) {
+        return false;  // the card would get a wrapped geometry word
+    }
+    return KvFrameSizeBytes(pixelType, width, height) <= kvpcie::xdma::kCardBufferBytes;
+}
+
 bool PCIeDataManager::PreProcCapture(KvFrameFormat& format, unsigned int channel, bool cardTiming,
                                      int width, int height, ePixelType pixelType) {
     if (!OpenFirstXdmaCardIfNone(*this)) {
         return false;
-    }
-    if (width <= 0 || width > kMaxGeometryField || height <= 0 || height > kMaxGeometryField) {
-        return false;  // refused here: the card would get a wrapped geometry word
     }
     format.channel = channel;
     format.width = width;

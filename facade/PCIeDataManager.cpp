@@ -1,5 +1,6 @@
 // The exported facade: card handling, register and memory access, and forwarding to engines.
 #include "AutoOpen.h"
+#include "CaptureRequest.h"
 #include "PCIeDataManagerPrivate.h"
 
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
@@ -29,12 +30,24 @@ PCIeDataManager& PCIeDataManager::operator=(PCIeDataManager&& other) {
 
 // ---------------------------------------------------------------- cards
 
+namespace {
+// The path that an engine-only OpenCard gives the capture engine; no such interface exists, so
+// its event files do not open.
+constexpr const char* kNoCardPath = "7028";
+}  // namespace
+
 bool PCIeDataManager::OpenCard(char* devicePath) {
-    if (devicePath == nullptr) {
-        return true;  // engines only; the card is neither closed nor opened
+    bool opened = true;
+    if (devicePath != nullptr) {
+        CloseCard();
+        opened = xdma::XdmaOpen(devicePath);
+    } else {
+        // Engines that exist are replaced here too, not leaked: their threads must stop.
+        d->xdmaCapture.reset();
     }
-    CloseCard();
-    return xdma::XdmaOpen(devicePath);
+    d->xdmaCapture = std::make_unique<xdma::DataCapture4XdmaMM>(
+        d, devicePath != nullptr ? devicePath : kNoCardPath);
+    return opened;
 }
 
 bool PCIeDataManager::OpenCard(int /*deviceIndex*/) {
@@ -43,6 +56,7 @@ bool PCIeDataManager::OpenCard(int /*deviceIndex*/) {
 
 void PCIeDataManager::CloseCard() {
     xdma::XdmaClose();
+    d->xdmaCapture.reset();
 }
 
 bool PCIeDataManager::IsCardOpen() {
@@ -58,57 +72,99 @@ bool PCIeDataManager::GetDevices(fpga_info_list* /*list*/) {
 }
 
 // ---------------------------------------------------------------- capture
-// The capture engine is not in the library yet: every capture operation gives the result of a
-// missing engine after the facade's own steps.
 
-bool PCIeDataManager::StartCapture(unsigned int channel, bool cardTiming, int width, int height,
-                                   ePixelType pixelType, eErrorCode& error,
-                                   CaptureFrameCallback /*callback*/, void* /*userContext*/,
-                                   char* /*frameBuffer*/) {
+namespace {
+
+template <typename Callback, typename Prepare>
+bool StartCaptureWith(PCIeDataManagerPrivate* d, Prepare prepare, unsigned channel, int width,
+                      int height, ePixelType pixelType, eErrorCode& error, Callback callback,
+                      void* userContext, char* frameBuffer) {
     if (d->framework != XDMA_MM) {
         return false;
     }
     KvFrameFormat format;
-    if (!PreProcCapture(format, channel, cardTiming, width, height, pixelType)) {
+    if (!IsCaptureRequestAcceptable(channel, width, height, pixelType, frameBuffer) ||
+        !prepare(format)) {
         error = ERR_NO_CARD;
         return false;
     }
     error = ERR_NONE;
-    return false;
+    return d->xdmaCapture != nullptr &&
+           d->xdmaCapture->StartCapture(format, error, callback, userContext, frameBuffer);
+}
+
+}  // namespace
+
+bool PCIeDataManager::StartCapture(unsigned int channel, bool cardTiming, int width, int height,
+                                   ePixelType pixelType, eErrorCode& error,
+                                   CaptureFrameCallback callback, void* userContext,
+                                   char* frameBuffer) {
+    const auto prepare = [&](KvFrameFormat& format) {
+        return PreProcCapture(format, channel, cardTiming, width, height, pixelType);
+    };
+    return StartCaptureWith(d, prepare, channel, width, height, pixelType, error, callback,
+                            userContext, frameBuffer);
 }
 
 bool PCIeDataManager::StartCapture(unsigned int channel, bool cardTiming, int width, int height,
                                    ePixelType pixelType, eErrorCode& error,
-                                   CaptureFrameCallbackEx /*callback*/, void* userContext,
+                                   CaptureFrameCallbackEx callback, void* userContext,
                                    char* frameBuffer) {
-    return StartCapture(channel, cardTiming, width, height, pixelType, error,
-                        CaptureFrameCallback{nullptr}, userContext, frameBuffer);
+    const auto prepare = [&](KvFrameFormat& format) {
+        return PreProcCapture(format, channel, cardTiming, width, height, pixelType);
+    };
+    return StartCaptureWith(d, prepare, channel, width, height, pixelType, error, callback,
+                            userContext, frameBuffer);
 }
 
-void PCIeDataManager::StopCapture(int /*channel*/) {}
-
-bool PCIeDataManager::IsStartCapture(int /*channel*/) {
-    return false;
+void PCIeDataManager::StopCapture(int channel) {
+    if (d->framework == XDMA_MM && d->xdmaCapture != nullptr) {
+        d->xdmaCapture->StopCapture(channel);
+    }
 }
 
-bool PCIeDataManager::StartRecord(int /*channel*/) {
-    return false;
+bool PCIeDataManager::IsStartCapture(int channel) {
+    return d->xdmaCapture != nullptr && d->xdmaCapture->IsStartCapture(channel);
 }
 
-void PCIeDataManager::StopRecord(int /*channel*/) {}
-
-void PCIeDataManager::ImgSnapShot(int /*channel*/) {}
-
-void PCIeDataManager::SetSystemStatusCallback(int /*channel*/, SystemStatusCallback /*callback*/,
-                                              void* /*userContext*/, bool /*enable*/) {}
-
-tagCaptureDelayStatusInfo* PCIeDataManager::GetCaptureDelayStatus(int /*channel*/) {
-    return nullptr;
+bool PCIeDataManager::StartRecord(int channel) {
+    return d->xdmaCapture != nullptr && d->xdmaCapture->StartRecord(channel);
 }
 
-void PCIeDataManager::SetImgDisplayDelayTest(int /*channel*/, bool /*enable*/) {}
+void PCIeDataManager::StopRecord(int channel) {
+    if (d->xdmaCapture != nullptr) {
+        d->xdmaCapture->StopRecord(channel);
+    }
+}
 
-void PCIeDataManager::SetCaptureFullScreenWgt(int /*channel*/, void* /*widget*/) {}
+void PCIeDataManager::ImgSnapShot(int channel) {
+    if (d->xdmaCapture != nullptr) {
+        d->xdmaCapture->ImgSnapShot(channel);
+    }
+}
+
+void PCIeDataManager::SetSystemStatusCallback(int channel, SystemStatusCallback callback,
+                                              void* userContext, bool enable) {
+    if (d->xdmaCapture != nullptr) {
+        d->xdmaCapture->SetSystemStatusCallback(channel, callback, userContext, enable);
+    }
+}
+
+tagCaptureDelayStatusInfo* PCIeDataManager::GetCaptureDelayStatus(int channel) {
+    return d->xdmaCapture != nullptr ? d->xdmaCapture->GetCaptureDelayStatus(channel) : nullptr;
+}
+
+void PCIeDataManager::SetImgDisplayDelayTest(int channel, bool enable) {
+    if (d->xdmaCapture != nullptr) {
+        d->xdmaCapture->SetImgDisplayDelayTest(channel, enable);
+    }
+}
+
+void PCIeDataManager::SetCaptureFullScreenWgt(int channel, void* widget) {
+    if (d->xdmaCapture != nullptr) {
+        d->xdmaCapture->SetCaptureFullScreenWgt(channel, widget);
+    }
+}
 
 // ---------------------------------------------------------------- injection
 // The inject engine is not in the library yet: likewise.
@@ -176,8 +232,20 @@ bool PCIeDataManager::WriteData(unsigned int address, unsigned int size, unsigne
 // ---------------------------------------------------------------- settings
 // Kept by the engines; with none present there is nothing to set.
 
-void PCIeDataManager::SetSaveLog(bool /*on*/) {}
+void PCIeDataManager::SetSaveLog(bool on) {
+    if (d->xdmaCapture != nullptr) {
+        d->xdmaCapture->SetSaveLog(on);
+    }
+}
 
-void PCIeDataManager::SetOsdHidden(bool /*on*/) {}
+void PCIeDataManager::SetOsdHidden(bool on) {
+    if (d->xdmaCapture != nullptr) {
+        d->xdmaCapture->SetOsdHidden(on);
+    }
+}
 
-void PCIeDataManager::SetShowErrorFrame(bool /*on*/) {}
+void PCIeDataManager::SetShowErrorFrame(bool on) {
+    if (d->xdmaCapture != nullptr) {
+        d->xdmaCapture->SetShowErrorFrame(on);
+    }
+}

@@ -107,7 +107,11 @@ TEST_F(Facade, StartCaptureOpensTheFirstCardByItself) {
                          frame.data());
     EXPECT_EQ(error, ERR_NONE);
     EXPECT_EQ(manager.ReadReg(0x1F0000), 0x53494D31u);
-    EXPECT_EQ(KvPCIeSim::TakeAccessLog(0).size(), 3u) << "the first card was opened";
+    const std::vector<CardAccess> log = KvPCIeSim::TakeAccessLog(0);
+    ASSERT_GE(log.size(), 3u);
+    EXPECT_EQ(log[1].kind, CardAccess::Restart) << "the first card was opened";
+    EXPECT_TRUE(manager.IsStartCapture(1));
+    manager.CloseCard();
 }
 
 TEST_F(Facade, OpenCardWithANullPathLeavesTheCardAsItWas) {

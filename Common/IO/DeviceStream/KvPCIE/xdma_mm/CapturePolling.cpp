@@ -1,0 +1,125 @@
+// The capture engine's polling thread: every millisecond, each started channel's ready
+// buffers are read by DMA into the host's buffer, released and handed to the callbacks.
+#include "DataCapture4XdmaMM.h"
+
+#include "XdmaDevice.h"
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+namespace kvpcie::xdma {
+namespace {
+
+// The prefix of every buffer log line: the channel, counted from 0.
+constexpr const char* kPortPrefix = "采集卡端口：  ";
+constexpr const char* kCaptureFailed = "采集失败";
+
+// Binary digits of a status word, most significant first, without leading zeros.
+void FormatBinary(std::uint32_t value, char* out) {
+    int length = 0;
+    char reversed[33];
+    do {
+        reversed[length++] = static_cast<char>('0' + (value & 1));
+        value >>= 1;
+    } while (value != 0);
+    for (int k = 0; k < length; ++k) {
+        out[k] = reversed[length - 1 - k];
+    }
+    out[length] = '\0';
+}
+
+}  // namespace
+
+void DataCapture4XdmaMM::PollingLoop() {
+    while (pollingThread_.IsRunning()) {
+        for (int c = 0; c < kChannelCount; ++c) {
+            Channel& state = channels_[c];
+            if (!state.started.load(std::memory_order_acquire)) {
+                continue;
+            }
+            std::lock_guard<std::mutex> turn(state.turnLock);
+            if (state.started.load(std::memory_order_acquire)) {
+                PollChannel(c);
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+void DataCapture4XdmaMM::PollChannel(int c) {
+    Channel& state = channels_[c];
+    const std::uint32_t block = CaptureBlock(static_cast<unsigned>(c));
+    const bool logging = saveLog_.load(std::memory_order_relaxed);
+    const std::uint32_t latestRegister = XdmaReadReg(block + kCapLatestBuffer);
+    const int last = state.lastHandledBuffer;
+    char line[512];
+    if (logging) {
+        std::snprintf(line, sizeof line,
+                      "%s%d  \n\n *********上位机已处理完的Buff No： %d  ************* "
+                      "FPGA最新准备好的Buff No : %u",
+                      kPortPrefix, c, last, latestRegister);
+        log_->WriteLog(line);
+    }
+    // A card answers 0 to 7; anything else is taken modulo the ring so the scan stays short.
+    int latest = static_cast<int>(latestRegister % kCardBufferCount);
+    if (last >= latest) {
+        latest += kCardBufferCount;  // the ring has wrapped, or nothing is new
+    }
+    for (int n = last + 1; n <= latest; ++n) {
+        const unsigned buffer = static_cast<unsigned>(n % kCardBufferCount);
+        const std::uint32_t status = XdmaReadReg(block + CapBufferStatus(buffer));
+        if (logging) {
+            char digits[33];
+            FormatBinary(status, digits);
+            std::snprintf(line, sizeof line, "%s%d  >>>各个Buff状态 :  BuffNo: %u BuffStatus(2进制0x)： %s",
+                          kPortPrefix, c, buffer, digits);
+            log_->WriteLog(line);
+        }
+        if ((status & kStatusStateMask) != kStatusCaptureReady) {
+            break;
+        }
+        HandleBuffer(c, state, buffer, status);
+    }
+}
+
+void DataCapture4XdmaMM::HandleBuffer(int c, Channel& state, unsigned buffer,
+                                      std::uint32_t status) {
+    const std::uint32_t statusAddress = CaptureBlock(static_cast<unsigned>(c)) + CapBufferStatus(buffer);
+    const bool logging = saveLog_.load(std::memory_order_relaxed);
+    char line[256];
+    if (logging) {
+        std::snprintf(line, sizeof line, "%s%d  开始读取 Buff %u的数据", kPortPrefix, c, buffer);
+        log_->WriteLog(line);
+    }
+    const bool ok = XdmaReadData(CaptureBufferAddress(static_cast<unsigned>(c), buffer),
+                                 static_cast<unsigned>(state.frameSize), state.frameBuffer);
+    if (logging) {
+        std::snprintf(line, sizeof line, "%s%d  完成读取 Buff %u的数据", kPortPrefix, c, buffer);
+        log_->WriteLog(line);
+    }
+    state.lastHandledBuffer = static_cast<int>(buffer);
+    const unsigned released = 0;
+    XdmaWriteReg(statusAddress, &released);
+    if (logging) {
+        std::snprintf(line, sizeof line, "%s%d  清除当前buff的状态(置0)： Buff%u  Addr(16进制 0x)： %x  Value(10进制): 0",
+                      kPortPrefix, c, buffer, statusAddress);
+        log_->WriteLog(line);
+    }
+    if (!ok) {
+        log_->WriteLog(kCaptureFailed);
+        return;
+    }
+    if (state.frameCallback != nullptr) {
+        state.frameCallback(c, state.frameBuffer, state.frameContext);
+    } else if (state.frameCallbackEx != nullptr) {
+        state.frameCallbackEx(c, state.frameBuffer, state.frameContext,
+                              (status & kStatusErrorFrame) != 0);
+    }
+    if (state.recorder != nullptr && state.recorder->IsRecording()) {
+        int full = 0;
+        state.recordQueue->Push(state.frameBuffer, state.frameSize, full);
+    }
+}
+
+}  // namespace kvpcie::xdma

@@ -1,0 +1,138 @@
+// The capture engine of an XDMA card: up to four channels of frames from the card's buffer
+// rings into the host's buffers and callbacks, recording, the buffers' timing read-back and
+// the card's status data channel.
+#pragma once
+
+#include "StatusDataBuffer.h"
+#include "XdmaChannelRegisters.h"
+
+#include "Common/AutoResetEvent.h"
+#include "Common/CpuCoreSource.h"
+#include "Common/KvCycleQueue.h"
+#include "Common/LogFile.h"
+#include "Common/PinnedWorker.h"
+#include "EventFile.h"
+#include "record/RecordThread.h"
+
+#include <KvPCIeInjectSdk/KvPCIeTypes.h>
+
+#include <QObject>
+#include <QTimer>
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace kvpcie::xdma {
+
+// Created and destroyed by the facade on the host's control thread, which calls every public
+// operation; its status timer runs in that thread's event loop. Frame callbacks run on the
+// polling thread. Channel numbers outside 0 to 3 are ignored (false or null results).
+class DataCapture4XdmaMM : public QObject {
+    Q_OBJECT
+
+public:
+    // `cores` gives the worker threads their cores; `devicePath` is the card's interface path,
+    // the base of its event file names. Reads the delay clock; writes no register.
+    DataCapture4XdmaMM(CpuCoreSource* cores, const std::string& devicePath);
+    // Stops every thread and recorder; writes no register.
+    ~DataCapture4XdmaMM() override;
+
+    // Always true for a channel 0 to 3: the facade has refused bad input before.
+    bool StartCapture(const KvFrameFormat& format, eErrorCode& error,
+                      CaptureFrameCallback callback, void* userContext, char* frameBuffer);
+    bool StartCapture(const KvFrameFormat& format, eErrorCode& error,
+                      CaptureFrameCallbackEx callback, void* userContext, char* frameBuffer);
+    // When it returns, the channel's buffer and callbacks are no longer used. Not from a frame
+    // callback.
+    void StopCapture(int channel);
+    bool IsStartCapture(int channel) const;
+
+    bool StartRecord(int channel);
+    void StopRecord(int channel);
+
+    // Eight records, one per card buffer; the same area for every channel.
+    tagCaptureDelayStatusInfo* GetCaptureDelayStatus(int channel);
+    void SetImgDisplayDelayTest(int channel, bool on);
+    void ImgSnapShot(int channel);
+    void SetCaptureFullScreenWgt(int channel, void* widget);
+
+    void SetSystemStatusCallback(int channel, SystemStatusCallback callback, void* userContext,
+                                 bool enable);
+
+    void SetSaveLog(bool on) { saveLog_.store(on, std::memory_order_relaxed); }
+    void SetOsdHidden(bool on) { osdHidden_ = on; }
+    void SetShowErrorFrame(bool on) { showErrorFrame_ = on; }
+
+public slots:
+    void OnSlotCaptureCmdDataTimeOut();
+
+private:
+    struct Channel {
+        // Held by the polling thread for the channel's whole turn, and by the host while it
+        // fills or resets the channel, so a stop never races a frame in flight.
+        std::mutex turnLock;
+        // Held by the recording thread while it feeds the recorder, and by the host while it
+        // replaces the recorder or its queue.
+        std::mutex recordLock;
+        std::atomic<bool> started{false};
+        int lastHandledBuffer = -1;
+        KvFrameFormat format;
+        int frameSize = 0;
+        char* frameBuffer = nullptr;
+        CaptureFrameCallback frameCallback = nullptr;
+        CaptureFrameCallbackEx frameCallbackEx = nullptr;
+        void* frameContext = nullptr;
+        std::unique_ptr<RecordThread> recorder;
+        std::unique_ptr<KvCycleQueue> recordQueue;
+        std::unique_ptr<EventFile> eventFile;
+        PinnedWorker eventThread;
+        AutoResetEvent eventObject;
+        bool snapshotRequest = false;
+        bool delayTest = false;
+        int delayTestCount = 0;
+
+        // The status data channel; guarded by statusLock_.
+        SystemStatusCallback statusCallback = nullptr;
+        void* statusContext = nullptr;
+        std::shared_ptr<StatusDataBuffer> statusBuffer;
+    };
+
+    bool StartChannel(const KvFrameFormat& format, void* userContext, char* frameBuffer);
+    void ProgramChannel(unsigned channel, const KvFrameFormat& format, int frameSize);
+    void StartEventThread(int channel);
+    void StopEventThread(int channel);
+    void StopRecorder(Channel& channel);
+    bool AnyRecorderRecording();
+
+    void PollingLoop();
+    void PollChannel(int channel);
+    void HandleBuffer(int channel, Channel& state, unsigned buffer, std::uint32_t status);
+    void RecordingLoop();
+    void FeedRecorder(Channel& state);
+    void EventLoop(int channel);
+    void StatusLoop();
+    void ReadStatusBlock(int channel, StatusDataBuffer& buffer);
+
+    static bool ValidChannel(int channel) { return channel >= 0 && channel < kChannelCount; }
+
+    CpuCoreSource* const cores_;
+    const std::string devicePath_;
+    std::unique_ptr<LogFile> log_;
+    std::array<Channel, kChannelCount> channels_;
+    PinnedWorker pollingThread_;
+    PinnedWorker recordingThread_;
+    PinnedWorker statusThread_;
+    QTimer statusTimer_;
+    std::mutex statusLock_;
+    std::uint32_t enableMask_ = 0;
+    std::uint32_t delayClockHz_ = 0;
+    std::array<tagCaptureDelayStatusInfo, kCardBufferCount> delayStatus_{};
+    std::atomic<bool> saveLog_{false};
+    bool osdHidden_ = false;
+    bool showErrorFrame_ = false;
+};
+
+}  // namespace kvpcie::xdma

@@ -1,0 +1,350 @@
+// Capture through the facade on the simulated card: the programming of a channel, the buffer
+// ring, frame delivery, DMA faults, recording, the timing read-back, stop and restart.
+#include "CaptureTestSupport.h"
+
+#include "../support/TempDir.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+
+#include <cstdlib>
+#include <future>
+#include <memory>
+
+namespace kvpcie::testing {
+namespace {
+
+using KvPCIeSim::CardAccess;
+constexpr int kCard = 0;
+constexpr int kWidth = 160;
+constexpr int kHeight = 120;
+constexpr std::size_t kFrameBytes = kWidth * kHeight * 2;  // Y16
+
+class Capture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ::unsetenv("KVPCIE_SIM");
+        ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
+        ASSERT_TRUE(manager.OpenCard(path));
+    }
+    void TearDown() override { manager.CloseCard(); }
+
+    void Write(std::uint32_t address, std::uint32_t value) {
+        ASSERT_EQ(manager.WriteReg(address, static_cast<int>(value)), 4);
+    }
+    std::uint32_t Peek(std::uint32_t address) {
+        std::uint32_t value = 0;
+        EXPECT_TRUE(KvPCIeSim::PeekRegister(kCard, address, value));
+        return value;
+    }
+    // Channel started with the external source stopped, so frames come only when a test
+    // produces them.
+    bool StartQuiet(int channel, FrameSink& sink, bool extended = false) {
+        Write(ControlBlock(channel) + kCtlExternalRate, 0);
+        eErrorCode error = ERR_NO_CARD;
+        const bool started =
+            extended ? manager.StartCapture(channel, false, kWidth, kHeight, Y16, error,
+                                            &FrameSink::OnFrameEx, &sink, sink.buffer.data())
+                     : manager.StartCapture(channel, false, kWidth, kHeight, Y16, error,
+                                            &FrameSink::OnFrame, &sink, sink.buffer.data());
+        EXPECT_EQ(error, ERR_NONE);
+        return started;
+    }
+    std::vector<CardAccess> Writes() {
+        std::vector<CardAccess> writes;
+        for (const CardAccess& access : KvPCIeSim::TakeAccessLog(kCard)) {
+            if (access.kind == CardAccess::RegisterWrite) {
+                writes.push_back(access);
+            }
+        }
+        return writes;
+    }
+
+    ScratchDir scratch{true};  // the engine's log goes to ./Log
+    char path[16] = "sim:xdma0";
+    PCIeDataManager manager;
+};
+
+std::vector<CardAccess> ExpectedStart(int channel, bool cardTiming, int frameBytes) {
+    const std::uint32_t b = CaptureBlock(channel);
+    std::vector<CardAccess> writes = {
+        {CardAccess::RegisterWrite, b + 0x000, 2},
+        {CardAccess::RegisterWrite, b + 0x004, (kWidth << 16) | kHeight},
+        {CardAccess::RegisterWrite, b + 0x008, 8},
+        {CardAccess::RegisterWrite, b + 0x00C, 0x1400000},
+        {CardAccess::RegisterWrite, b + 0x010, static_cast<std::uint32_t>(frameBytes)}};
+    for (int i = 0; i < 8; ++i) {
+        writes.push_back({CardAccess::RegisterWrite, b + 0x100 + i * 0x10, BufferAddress(channel, i)});
+        writes.push_back({CardAccess::RegisterWrite, b + 0x108 + i * 0x10, 0});
+    }
+    writes.push_back({CardAccess::RegisterWrite, b + 0x020, kWidth + (cardTiming ? 200u : 100u)});
+    if (cardTiming) {
+        writes.push_back({CardAccess::RegisterWrite, b + 0x024, 100000000 / 25});
+    }
+    writes.push_back({CardAccess::RegisterWrite, b + 0x01C, cardTiming ? 0x201u : 0u});
+    writes.push_back({CardAccess::RegisterWrite, 0x100018, 1u << channel});
+    return writes;
+}
+
+TEST_F(Capture, StartProgramsTheChannelInOrderWithAndWithoutCardTiming) {
+    for (const bool cardTiming : {true, false}) {
+        SCOPED_TRACE(cardTiming ? "card timing" : "external timing");
+        Write(ControlBlock(2) + kCtlExternalRate, 0);
+        FrameSink sink(kFrameBytes);
+        Writes();
+        eErrorCode error = ERR_NO_CARD;
+        ASSERT_TRUE(manager.StartCapture(2, cardTiming, kWidth, kHeight, Y16, error,
+                                         &FrameSink::OnFrame, &sink, sink.buffer.data()));
+        std::vector<CardAccess> writes = Writes();
+        const std::vector<CardAccess> expected = ExpectedStart(2, cardTiming, kFrameBytes);
+        ASSERT_GE(writes.size(), expected.size());
+        for (std::size_t k = 0; k < expected.size(); ++k) {
+            EXPECT_EQ(writes[k].address, expected[k].address) << "write " << k;
+            EXPECT_EQ(writes[k].value, expected[k].value) << "write " << k;
+        }
+        manager.StopCapture(2);
+        EXPECT_EQ(Peek(0x100018), 0u);
+    }
+}
+
+TEST_F(Capture, TheRingIsReadInOrderAcrossItsWrap) {
+    FrameSink sink(kFrameBytes);
+    ASSERT_TRUE(StartQuiet(1, sink));
+    ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 1, 7));
+    ASSERT_TRUE(WaitFor([&] { return sink.delivered == 7; }));
+    KvPCIeSim::TakeAccessLog(kCard);
+    // Last handled 6, latest 1: buffers 7, 0 and 1 in this order.
+    ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 1, 3));
+    ASSERT_TRUE(WaitFor([&] { return sink.delivered == 10; }));
+    std::vector<std::uint32_t> read;
+    for (const CardAccess& access : KvPCIeSim::TakeAccessLog(kCard)) {
+        if (access.kind == CardAccess::CardToHost) {
+            read.push_back(access.address);
+        }
+    }
+    EXPECT_EQ(read, (std::vector<std::uint32_t>{BufferAddress(1, 7), BufferAddress(1, 0),
+                                                 BufferAddress(1, 1)}));
+    EXPECT_EQ(sink.Numbers(), (std::vector<std::uint32_t>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
+    EXPECT_EQ(sink.badFrames, 0);
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_EQ(Peek(StatusRegister(1, i)), 0u) << "buffer " << i << " released";
+    }
+}
+
+TEST_F(Capture, OnlyStatusTwoIsReadyAndBitFiveIsTheErrorFlag) {
+    FrameSink sink(kFrameBytes);
+    ASSERT_TRUE(StartQuiet(0, sink, true));
+    std::vector<char> frame(kFrameBytes);
+    for (std::size_t k = 8; k < kFrameBytes; ++k) {
+        frame[k] = static_cast<char>(k & 0xFF);  // frame 0 of channel 0
+    }
+    const std::uint32_t statuses[] = {0x22, 0x12};
+    for (int buffer = 0; buffer < 2; ++buffer) {
+        ASSERT_TRUE(KvPCIeSim::PokeMemory(kCard, BufferAddress(0, buffer), frame.data(), frame.size()));
+        ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, StatusRegister(0, buffer), statuses[buffer]));
+        ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, CaptureBlock(0) + 0x14, buffer));
+        ASSERT_TRUE(WaitFor([&] { return sink.delivered == buffer + 1; }));
+    }
+    {
+        std::lock_guard<std::mutex> lock(sink.mutex);
+        EXPECT_EQ(sink.flags, (std::vector<bool>{true, false}));
+    }
+    // 0x03 is not ready: the scan stops there and leaves the buffer to the card.
+    ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, StatusRegister(0, 2), 0x03));
+    ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, CaptureBlock(0) + 0x14, 2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(sink.delivered, 2);
+    EXPECT_EQ(Peek(StatusRegister(0, 2)), 0x03u);
+}
+
+TEST_F(Capture, FourChannelsDeliverEveryFrameByteExactWithoutGaps) {
+    std::vector<std::unique_ptr<FrameSink>> sinks;
+    for (int channel = 0; channel < 4; ++channel) {
+        sinks.push_back(std::make_unique<FrameSink>(kFrameBytes));
+        Write(ControlBlock(channel) + kCtlExternalRate, 200);
+        eErrorCode error = ERR_NO_CARD;
+        ASSERT_TRUE(manager.StartCapture(channel, false, kWidth, kHeight, Y16, error,
+                                         &FrameSink::OnFrame, sinks.back().get(),
+                                         sinks.back()->buffer.data()));
+    }
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            for (const auto& sink : sinks) {
+                if (sink->delivered < 200) {
+                    return false;
+                }
+            }
+            return true;
+        },
+        std::chrono::seconds(20)));
+    for (int channel = 0; channel < 4; ++channel) {
+        manager.StopCapture(channel);
+    }
+    for (int channel = 0; channel < 4; ++channel) {
+        SCOPED_TRACE(channel);
+        EXPECT_EQ(sinks[channel]->badFrames, 0);
+        const std::vector<std::uint32_t> numbers = sinks[channel]->Numbers();
+        const std::uint32_t dropped = Peek(ControlBlock(channel) + kCtlFramesDropped);
+        // Every frame the card made is either delivered or counted as dropped by the card.
+        EXPECT_EQ(numbers.back() + 1, numbers.size() + dropped);
+        EXPECT_EQ(dropped, 0u) << "the host kept up at 200 frames per second";
+        for (std::size_t k = 1; k < numbers.size(); ++k) {
+            ASSERT_GT(numbers[k], numbers[k - 1]);
+        }
+    }
+}
+
+TEST_F(Capture, AFailedDmaReadReleasesTheBufferAndIsLogged) {
+    FrameSink sink(kFrameBytes);
+    ASSERT_TRUE(StartQuiet(3, sink));
+    Write(ControlBlock(3) + kCtlDmaFaults, 1);
+    ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 3, 2));
+    ASSERT_TRUE(WaitFor([&] { return sink.delivered == 1; }));
+    EXPECT_EQ(sink.Numbers(), std::vector<std::uint32_t>{1});
+    EXPECT_EQ(Peek(StatusRegister(3, 0)), 0u);
+    manager.StopCapture(3);
+    const QString logDir = QDir::currentPath() + "/Log/Capture_AllChannel";
+    const auto logged = [&] {
+        for (const QString& name : QDir(logDir).entryList(QDir::Files)) {
+            QFile file(logDir + "/" + name);
+            if (file.open(QIODevice::ReadOnly) && file.readAll().contains("采集失败")) {
+                return true;
+            }
+        }
+        return false;
+    };
+    EXPECT_TRUE(WaitFor(logged));
+}
+
+TEST_F(Capture, RecordingWritesExactlyTheFramesDelivered) {
+    FrameSink sink(kFrameBytes);
+    ASSERT_TRUE(StartQuiet(0, sink));
+    EXPECT_FALSE(manager.StartRecord(1)) << "channel 1 is not capturing";
+    ASSERT_TRUE(manager.StartRecord(0));
+    for (int batch = 1; batch <= 3; ++batch) {
+        ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 0, 8));
+        ASSERT_TRUE(WaitFor([&] { return sink.delivered == 8 * batch; }));
+    }
+    const QString appDir = QCoreApplication::instance() != nullptr
+                               ? QCoreApplication::applicationDirPath()
+                               : QDir::currentPath();
+    const QString base = appDir + "/VideoRecord/Capture1";
+    QString file;
+    ASSERT_TRUE(WaitFor([&] {
+        const QStringList takes = QDir(base).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+        if (takes.isEmpty()) {
+            return false;
+        }
+        file = base + "/" + takes.last() + "/0_160x120_ParamLine0_Fps25_Y16.raw";
+        return QFile(file).size() == qint64(24 * kFrameBytes);
+    }));
+    manager.StopRecord(0);
+    QFile recording(file);
+    ASSERT_TRUE(recording.open(QIODevice::ReadOnly));
+    const QByteArray bytes = recording.readAll();
+    ASSERT_EQ(bytes.size(), qint64(24 * kFrameBytes));
+    for (std::uint32_t n = 0; n < 24; ++n) {
+        EXPECT_TRUE(IsPatternFrame(bytes.constData() + n * kFrameBytes, kFrameBytes, 0, n)) << n;
+    }
+}
+
+TEST_F(Capture, TimingReadBackUsesTheSelectorsInOrderAndTheDelayClock) {
+    FrameSink sink(kFrameBytes);
+    ASSERT_TRUE(StartQuiet(1, sink));
+    ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 1, 3));
+    ASSERT_TRUE(WaitFor([&] { return sink.delivered == 3; }));
+    Writes();
+    const tagCaptureDelayStatusInfo* records = manager.GetCaptureDelayStatus(1);
+    ASSERT_NE(records, nullptr);
+    const std::vector<CardAccess> writes = Writes();
+    ASSERT_EQ(writes.size(), 32u);
+    for (int i = 0; i < 8; ++i) {
+        const std::uint32_t selectors[] = {3, 1, 0, 2};
+        for (int k = 0; k < 4; ++k) {
+            EXPECT_EQ(writes[i * 4 + k].address, CaptureBlock(1) + 0x10C + i * 0x10);
+            EXPECT_EQ(writes[i * 4 + k].value, selectors[k] << 28);
+        }
+    }
+    // The card answers the last selector written (2) for each buffer: the engine's value is
+    // that count in seconds of the 125 MHz delay clock.
+    for (int i = 0; i < 3; ++i) {
+        const std::uint32_t answer = Peek(CaptureBlock(1) + 0x10C + i * 0x10);
+        tagCaptureDelayStatusInfo record;
+        std::memcpy(&record, &records[i], sizeof record);
+        EXPECT_EQ(answer >> 28, 2u);
+        EXPECT_DOUBLE_EQ(record.delaySel2, (answer & 0x0FFFFFFF) / 125000000.0);
+        EXPECT_GT(record.delaySel1, 0.0) << "released after it became ready";
+        EXPECT_EQ(record.delayTestCount, 0);
+    }
+    EXPECT_EQ(manager.GetCaptureDelayStatus(4), nullptr);
+}
+
+TEST_F(Capture, StoppingTheLastChannelStopsPollingAndARestartWorks) {
+    FrameSink sink(kFrameBytes);
+    ASSERT_TRUE(StartQuiet(2, sink));
+    // No events from the card: the stop must end the pending event read, not wait 3 s for it.
+    Write(ControlBlock(2) + kCtlNoEvents, 1);
+    ASSERT_TRUE(KvPCIeSim::SetUserEventTimeout(kCard, 60000));
+    auto stopped = std::async(std::launch::async, [&] { manager.StopCapture(2); });
+    ASSERT_EQ(stopped.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_FALSE(manager.IsStartCapture(2));
+
+    KvPCIeSim::CardCounters before{};
+    KvPCIeSim::CardCounters after{};
+    ASSERT_TRUE(KvPCIeSim::ReadCounters(kCard, before));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    ASSERT_TRUE(KvPCIeSim::ReadCounters(kCard, after));
+    EXPECT_EQ(after.registerReads, before.registerReads) << "nothing polls any more";
+
+    FrameSink again(kFrameBytes);
+    ASSERT_TRUE(StartQuiet(2, again));
+    EXPECT_TRUE(manager.IsStartCapture(2));
+    ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 2, 2));
+    ASSERT_TRUE(WaitFor([&] { return again.delivered == 2; }));
+    EXPECT_EQ(sink.delivered, 0);
+}
+
+TEST_F(Capture, BadRequestsAreRefusedBeforeTheCardIsTouched) {
+    manager.CloseCard();
+    ::setenv("KVPCIE_SIM", "xdma:1", 1);
+    std::vector<char> frame(kFrameBytes);
+    struct Request {
+        unsigned channel;
+        int width;
+        int height;
+        ePixelType pixelType;
+        char* buffer;
+    };
+    const Request refused[] = {
+        {4, kWidth, kHeight, Y16, frame.data()},
+        {0, kWidth, kHeight, Y16, nullptr},
+        {0, kWidth, kHeight, static_cast<ePixelType>(6), frame.data()},
+        {0, kWidth, kHeight, static_cast<ePixelType>(-1), frame.data()},
+        {0, 0, kHeight, Y16, frame.data()},
+        {0, 65536, 1, Y8, frame.data()},
+        {0, kWidth, -5, Y16, frame.data()},
+        {0, 4096, 2561, Y16, frame.data()},  // one byte row past a 20 MiB card buffer
+    };
+    for (const Request& request : refused) {
+        eErrorCode error = ERR_NONE;
+        EXPECT_FALSE(manager.StartCapture(request.channel, false, request.width, request.height,
+                                          request.pixelType, error, &FrameSink::OnFrame, nullptr,
+                                          request.buffer));
+        EXPECT_EQ(error, ERR_NO_CARD);
+        EXPECT_EQ(manager.ReadReg(0x1F0000), 0u) << "no card was opened for a refused request";
+    }
+    // Channels outside 0 to 3 reach the engine too and are ignored there.
+    ASSERT_TRUE(manager.OpenCard(path));
+    EXPECT_FALSE(manager.StartRecord(-1));
+    manager.StopCapture(7);
+    manager.StopRecord(4);
+    manager.SetSystemStatusCallback(9, nullptr, nullptr, true);
+    manager.SetImgDisplayDelayTest(-2, true);
+    EXPECT_FALSE(manager.IsStartCapture(4));
+    EXPECT_EQ(manager.GetCaptureDelayStatus(-1), nullptr);
+    EXPECT_EQ(Peek(0x100024), 0u);
+}
+
+}  // namespace
+}  // namespace kvpcie::testing
