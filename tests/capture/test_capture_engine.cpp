@@ -26,6 +26,9 @@ protected:
     void SetUp() override {
         ::unsetenv("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
+        // The log opens ./Log/<name>/ in the current directory, which need not be the
+        // application's directory where the log creates its folder.
+        QDir().mkpath("Log/Capture_AllChannel");
         ASSERT_TRUE(manager.OpenCard(path));
     }
     void TearDown() override { manager.CloseCard(); }
@@ -218,6 +221,12 @@ TEST_F(Capture, AFailedDmaReadReleasesTheBufferAndIsLogged) {
 }
 
 TEST_F(Capture, RecordingWritesExactlyTheFramesDelivered) {
+    // Recordings go below the application's directory when there is an application object.
+    const QString appDir = QCoreApplication::instance() != nullptr
+                               ? QCoreApplication::applicationDirPath()
+                               : QDir::currentPath();
+    const QString base = appDir + "/VideoRecord/Capture1";
+    QDir(base).removeRecursively();  // an earlier take in the same second would be appended to
     FrameSink sink(kFrameBytes);
     ASSERT_TRUE(StartQuiet(0, sink));
     EXPECT_FALSE(manager.StartRecord(1)) << "channel 1 is not capturing";
@@ -226,10 +235,6 @@ TEST_F(Capture, RecordingWritesExactlyTheFramesDelivered) {
         ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 0, 8));
         ASSERT_TRUE(WaitFor([&] { return sink.delivered == 8 * batch; }));
     }
-    const QString appDir = QCoreApplication::instance() != nullptr
-                               ? QCoreApplication::applicationDirPath()
-                               : QDir::currentPath();
-    const QString base = appDir + "/VideoRecord/Capture1";
     QString file;
     ASSERT_TRUE(WaitFor([&] {
         const QStringList takes = QDir(base).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
@@ -247,6 +252,8 @@ TEST_F(Capture, RecordingWritesExactlyTheFramesDelivered) {
     for (std::uint32_t n = 0; n < 24; ++n) {
         EXPECT_TRUE(IsPatternFrame(bytes.constData() + n * kFrameBytes, kFrameBytes, 0, n)) << n;
     }
+    recording.close();
+    QDir(base).removeRecursively();
 }
 
 TEST_F(Capture, TimingReadBackUsesTheSelectorsInOrderAndTheDelayClock) {
