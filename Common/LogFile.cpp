@@ -18,7 +18,13 @@ namespace {
 
 constexpr int kMessageBufferBytes = 5000;  // so a message keeps at most 4,999 bytes
 constexpr int kPathBufferBytes = 256;
+// A writer with nothing to do polls every millisecond for a while, so that a busy log costs its
+// callers no wake-up call. After that it sleeps until a line arrives: polling for ever would
+// cost each idle log a few per cent of a core on a virtual machine. The limit only bounds a
+// wait that a missed wake-up could stretch.
 constexpr auto kIdlePause = std::chrono::milliseconds(1);
+constexpr int kIdlePollsBeforeSleep = 50;
+constexpr auto kIdleWaitLimit = std::chrono::milliseconds(100);
 // Lines wait but no file could be opened: check back now and then instead of spinning a core.
 constexpr auto kNoFilePause = std::chrono::milliseconds(10);
 
@@ -125,10 +131,17 @@ void LogFile::WriteLog(const char* format, ...) {
     lines_.text.append(message, messageLength);
     lines_.text.push_back('\n');
     lines_.lengths.push_back(static_cast<std::uint32_t>(stampLength + messageLength + 1));
+    if (writerIdle_) {
+        lineQueued_.notify_one();  // a system call only when the writer sleeps
+    }
 }
 
 void LogFile::StopLog() {
-    stop_.store(true);
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        stop_.store(true);
+        lineQueued_.notify_one();
+    }
     if (writer_ != nullptr) {
         writer_->Join();
         writer_.reset();
@@ -154,6 +167,7 @@ void LogFile::WriteLoop() {
     std::size_t offset = 0;
     std::size_t next = 0;
     bool unflushed = false;
+    int idlePolls = 0;
     while (!stop_.load()) {
         if (next == batch.lengths.size()) {
             batch.text.clear();  // keeps the capacity for the queue to reuse
@@ -168,9 +182,19 @@ void LogFile::WriteLoop() {
                 std::fflush(file_);  // idle: let a reader of the file see every line so far
                 unflushed = false;
             }
-            std::this_thread::sleep_for(kIdlePause);
+            if (idlePolls < kIdlePollsBeforeSleep) {
+                ++idlePolls;
+                std::this_thread::sleep_for(kIdlePause);
+                continue;
+            }
+            std::unique_lock<std::mutex> guard(lock_);
+            writerIdle_ = true;
+            lineQueued_.wait_for(guard, kIdleWaitLimit,
+                                 [this] { return !lines_.lengths.empty() || stop_.load(); });
+            writerIdle_ = false;
             continue;
         }
+        idlePolls = 0;
         if (file_ == nullptr) {
             std::this_thread::sleep_for(kNoFilePause);
             continue;

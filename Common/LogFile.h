@@ -7,6 +7,7 @@
 #include <QString>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdint>
 #include <memory>
@@ -60,6 +61,8 @@ private:
     char fileStamp_[256] = {};
     int fileIndex_ = 0;
     std::mutex lock_;
+    std::condition_variable lineQueued_;
+    bool writerIdle_ = false;  // guarded by lock_
     const QString logName_;
     std::FILE* file_ = nullptr;
     long fileBytes_ = 0;  // size of the current file, the writer's own count
