@@ -12,7 +12,10 @@ PinnedWorker::~PinnedWorker() {
 void PinnedWorker::Start(CpuCoreSource* cores, std::function<void()> body) {
     Stop();
     running_.store(true, std::memory_order_release);
-    thread_ = std::thread(std::move(body));
+    thread_ = std::thread([body = std::move(body)] {
+        platform::UsePreciseSleeps();  // the workers poll every millisecond or two
+        body();
+    });
     cores_ = cores;
     if (cores_ != nullptr) {
         core_ = cores_->TakeCore();

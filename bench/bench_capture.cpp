@@ -115,17 +115,25 @@ RateResult RunAtRate(PCIeDataManager& manager, int rate, std::chrono::millisecon
     return {rate, double(after - before) / seconds, droppedAfter - droppedBefore};
 }
 
-double MemcpyBytesPerSecond() {
-    std::vector<char> source(kFrameBytes, 1);
-    std::vector<char> target(kFrameBytes);
-    std::memcpy(target.data(), source.data(), kFrameBytes);
-    constexpr int kCopies = 400;
-    const auto start = Clock::now();
-    for (int k = 0; k < kCopies; ++k) {
-        source[k] = static_cast<char>(k);
-        std::memcpy(target.data(), source.data(), kFrameBytes);
+// memcpy of frames as the capture path moves them: `sources` card buffers (all of them: a
+// working set that no cache holds, or one: a frame that stays in the cache) into the four
+// channels' host buffers in turn.
+double MemcpyBytesPerSecond(int sources) {
+    std::vector<char> source(kFrameBytes * sources, 1);
+    std::vector<char> target(kFrameBytes * kChannels, 2);
+    const auto copy = [&](int k) {
+        std::memcpy(target.data() + (k % kChannels) * kFrameBytes,
+                    source.data() + (k % sources) * kFrameBytes, kFrameBytes);
         benchmark::DoNotOptimize(target.data());
         benchmark::ClobberMemory();
+    };
+    for (int k = 0; k < sources + kChannels; ++k) {
+        copy(k);  // every page touched once before timing
+    }
+    constexpr int kCopies = 512;
+    const auto start = Clock::now();
+    for (int k = 0; k < kCopies; ++k) {
+        copy(k);
     }
     return kCopies * double(kFrameBytes) /
            std::chrono::duration<double>(Clock::now() - start).count();
@@ -163,8 +171,13 @@ int main(int argc, char** argv) {
 
     // Throughput: raise the rate until the card drops frames.
     if (wanted("throughput")) {
-        const double memcpyRate = MemcpyBytesPerSecond();
-        std::printf("memcpy of a %zu-byte frame: %.2f GB/s\n", kFrameBytes, memcpyRate / 1e9);
+        // The card's rings: 8 buffers on each of the 4 channels.
+        const double memcpyRate = MemcpyBytesPerSecond(8 * kChannels);
+        const double memcpyCachedRate = MemcpyBytesPerSecond(1);
+        std::printf(
+            "memcpy of %zu-byte frames from 32 card-sized buffers: %.2f GB/s; from one "
+            "cached frame: %.2f GB/s\n",
+            kFrameBytes, memcpyRate / 1e9, memcpyCachedRate / 1e9);
         RateResult best{0, 0, 0};
         for (int rate : {100, 250, 500, 750, 1000, 1250, 1500, 1750, 2000, 2500, 3000}) {
             const RateResult result = RunAtRate(manager, rate, std::chrono::milliseconds(1500));
@@ -179,9 +192,10 @@ int main(int argc, char** argv) {
         const double throughput = best.framesPerSecond * kFrameBytes;
         const double ratio = throughput / memcpyRate;
         std::printf(
-            "throughput: %d fps x 4 channels with no drop, %.2f GB/s; ratio against memcpy "
-            "%.3f (goal >= 0.80) %s\n",
-            best.rate, throughput / 1e9, ratio, ratio >= 0.8 ? "met" : "NOT MET");
+            "throughput: %d fps x 4 channels with no drop, %.2f GB/s; ratio against memcpy of "
+            "the rings %.3f (goal >= 0.80) %s; against a cached frame %.3f\n",
+            best.rate, throughput / 1e9, ratio, ratio >= 0.8 ? "met" : "NOT MET",
+            throughput / memcpyCachedRate);
     }
 
     // Latency at 100 frames per second on each channel.

@@ -15,4 +15,8 @@ constexpr std::uint64_t AffinityMaskForCore(unsigned core) {
 // set); the thread then keeps running where the scheduler puts it.
 bool PinThreadToCore(std::thread& thread, unsigned core);
 
+// Called on a worker thread that polls with short sleeps: its sleeps end as close to the
+// asked time as the OS allows, instead of being stretched to batch wake-ups.
+void UsePreciseSleeps();
+
 }  // namespace kvpcie::platform
