@@ -55,15 +55,23 @@ public:
 
     // --- capture (XDMA) ---
     // Starts capturing `channel` (0 to 3) into `frameBuffer`, which must hold one frame
-    // (KvFrameSizeBytes). Opens the first card when none is open. `cardTiming`: the card
-    // generates the frame timing at 25 frames per second. Sets `error` to ERR_NO_CARD when no
-    // card could be opened, else ERR_NONE; RIFFA mode returns false and leaves `error` alone.
+    // (KvFrameSizeBytes) and stay valid until StopCapture returns. Opens the first card when
+    // none is open. `cardTiming`: the card generates the frame timing at 25 frames per second.
+    // Starting a started channel sets it up again. Sets `error` to ERR_NO_CARD when no card
+    // could be opened, else ERR_NONE; RIFFA mode returns false and leaves `error` alone.
+    // Refused with false and ERR_NO_CARD before anything reaches the card: a channel outside 0
+    // to 3, a null `frameBuffer`, a pixel type outside UYVY422..PIXEL32, a width or height
+    // outside 1 to 65535 (the card's 16-bit geometry fields), and a frame larger than one
+    // 20 MiB card buffer (20,971,520 bytes).
     bool StartCapture(unsigned int channel, bool cardTiming, int width, int height,
                       ePixelType pixelType, eErrorCode& error, CaptureFrameCallback callback,
                       void* userContext, char* frameBuffer);
     bool StartCapture(unsigned int channel, bool cardTiming, int width, int height,
                       ePixelType pixelType, eErrorCode& error, CaptureFrameCallbackEx callback,
                       void* userContext, char* frameBuffer);
+    // When it returns, the channel's frame buffer and callback are no longer used. Never call
+    // it (or CloseCard) from inside a frame callback. Channels outside 0 to 3 are ignored here
+    // and in every other operation that takes a channel (false or null results).
     void StopCapture(int channel);
     bool IsStartCapture(int channel);
     // Records the channel's frames to raw files below the application directory's
