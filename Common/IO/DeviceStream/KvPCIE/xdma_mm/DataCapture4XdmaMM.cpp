@@ -69,35 +69,33 @@ DataCapture4XdmaMM::~DataCapture4XdmaMM() {
 bool DataCapture4XdmaMM::StartCapture(const KvFrameFormat& format, eErrorCode& /*error*/,
                                       CaptureFrameCallback callback, void* userContext,
                                       char* frameBuffer) {
-    if (!ValidChannel(static_cast<int>(format.channel))) {
-        return false;
-    }
-    if (callback != nullptr) {
-        Channel& state = channels_[format.channel];
-        std::lock_guard<std::mutex> turn(state.turnLock);
-        state.frameCallback = callback;
-    }
-    return StartChannel(format, userContext, frameBuffer);
+    return StartChannel(format, callback, nullptr, userContext, frameBuffer);
 }
 
 bool DataCapture4XdmaMM::StartCapture(const KvFrameFormat& format, eErrorCode& /*error*/,
                                       CaptureFrameCallbackEx callback, void* userContext,
                                       char* frameBuffer) {
+    return StartChannel(format, nullptr, callback, userContext, frameBuffer);
+}
+
+bool DataCapture4XdmaMM::StartChannel(const KvFrameFormat& format, CaptureFrameCallback callback,
+                                      CaptureFrameCallbackEx callbackEx, void* userContext,
+                                      char* frameBuffer) {
     if (!ValidChannel(static_cast<int>(format.channel))) {
         return false;
     }
-    if (callback != nullptr) {
-        Channel& state = channels_[format.channel];
-        std::lock_guard<std::mutex> turn(state.turnLock);
-        state.frameCallbackEx = callback;
-    }
-    return StartChannel(format, userContext, frameBuffer);
-}
-
-bool DataCapture4XdmaMM::StartChannel(const KvFrameFormat& format, void* userContext,
-                                      char* frameBuffer) {
     const unsigned c = format.channel;
     Channel& state = channels_[c];
+    {
+        // Each form keeps the other form's callback: with both set, the plain one is called.
+        std::lock_guard<std::mutex> turn(state.turnLock);
+        if (callback != nullptr) {
+            state.frameCallback = callback;
+        }
+        if (callbackEx != nullptr) {
+            state.frameCallbackEx = callbackEx;
+        }
+    }
     if (!pollingThread_.IsRunning()) {
         pollingThread_.Start(cores_, [this] { PollingLoop(); });
     }

@@ -100,7 +100,8 @@ private:
         std::shared_ptr<StatusDataBuffer> statusBuffer;
     };
 
-    bool StartChannel(const KvFrameFormat& format, void* userContext, char* frameBuffer);
+    bool StartChannel(const KvFrameFormat& format, CaptureFrameCallback callback,
+                      CaptureFrameCallbackEx callbackEx, void* userContext, char* frameBuffer);
     void ProgramChannel(unsigned channel, const KvFrameFormat& format, int frameSize);
     void StartEventThread(int channel);
     void StopEventThread(int channel);
