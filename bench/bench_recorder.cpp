@@ -18,6 +18,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -38,6 +39,18 @@ bool SyncFile(const QString& path) {
         ::close(fd);
     }
     return synced;
+}
+
+// The end of a run that wrote `fd` itself: sync when durable, close, time, remove the file.
+void EndFileRun(benchmark::State& state, int fd, bool durable,
+                std::chrono::steady_clock::time_point start, const std::string& path) {
+    if (durable && ::fdatasync(fd) != 0) {
+        state.SkipWithError("fdatasync failed");
+    }
+    ::close(fd);
+    state.SetIterationTime(
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    ::unlink(path.c_str());
 }
 
 void BM_Recorder(benchmark::State& state) {
@@ -91,13 +104,7 @@ void BM_PlainWrite(benchmark::State& state) {
                 break;
             }
         }
-        if (durable && ::fdatasync(fd) != 0) {
-            state.SkipWithError("fdatasync failed");
-        }
-        ::close(fd);
-        state.SetIterationTime(
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-        ::unlink(path.c_str());
+        EndFileRun(state, fd, durable, start, path);
     }
     state.SetBytesProcessed(state.iterations() * kFramesPerRun * std::int64_t{kFrameBytes});
 }
@@ -143,13 +150,7 @@ void BM_BareRingPipeline(benchmark::State& state) {
             ++n;
         }
         writer.join();
-        if (durable && ::fdatasync(fd) != 0) {
-            state.SkipWithError("fdatasync failed");
-        }
-        ::close(fd);
-        state.SetIterationTime(
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-        ::unlink(path.c_str());
+        EndFileRun(state, fd, durable, start, path);
     }
     state.SetBytesProcessed(state.iterations() * kFramesPerRun * std::int64_t{kFrameBytes});
 }
