@@ -1,4 +1,5 @@
-// What the simulated XDMA card answers that a real card has no registers for.
+// What the simulated XDMA card answers that a real card has no registers for, and how an address
+// splits into a channel's block.
 #pragma once
 
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaChannelRegisters.h"
@@ -21,18 +22,27 @@ constexpr std::uint32_t kRegSurpriseRemoval = 0x1F0008;
 // Per channel; the control header names what a host may set.
 using KvPCIeSim::ControlBlock;
 using KvPCIeSim::kCtlCaptureSource;
+using KvPCIeSim::kCtlCommandBusyMicros;
+using KvPCIeSim::kCtlCommandsTaken;
 using KvPCIeSim::kCtlDmaFaults;
 using KvPCIeSim::kCtlErrorFrameEvery;
 using KvPCIeSim::kCtlExternalFrameRate;
 using KvPCIeSim::kCtlFrameEventOff;
 using KvPCIeSim::kCtlFramesDropped;
 using KvPCIeSim::kCtlFramesProduced;
+using KvPCIeSim::kCtlInjectPlayed;
+using KvPCIeSim::kCtlInjectUnderruns;
+using KvPCIeSim::kCtlLastCommand;
+using KvPCIeSim::kCtlLastCommandLength;
+using KvPCIeSim::kCtlLastInjectHead;
 using KvPCIeSim::kCtlPostStatus;
 using KvPCIeSim::kCtlStatusStaging;
-constexpr std::uint32_t kCtlCommandBusyMicros = 0x1C;
 
 constexpr std::uint32_t kDefaultExternalFrameRate = 25;
 constexpr std::uint32_t kDefaultCommandBusyMicros = 50;
+constexpr std::uint32_t kCommandNeverTaken = 0xFFFFFFFF;
+// An inject channel whose frame period register is 0 plays at this rate.
+constexpr std::uint32_t kDefaultInjectFrameRate = 25;
 
 constexpr std::uint32_t kCaptureSourceLoopback = 1;
 constexpr std::uint32_t kFrameEventOff = 1;
@@ -47,6 +57,37 @@ constexpr int kMaxQueuedStatusBlocks = 64;
 constexpr int kReadyTimesKept = 64;
 // Shorter frame periods run at this one: a clock of a few ticks would keep a core busy.
 constexpr std::chrono::microseconds kMinFramePeriod{100};
+// Frame period registers count these.
+using TimingClockTicks = std::chrono::duration<std::int64_t, std::ratio<1, kTimingClockHz>>;
+
+// Where an address falls among the per-channel register blocks of one kind, which start at
+// `first`: the channel and the offset inside its block.
+constexpr std::uint32_t kBlockStride = xdma::CaptureBlock(1) - xdma::CaptureBlock(0);
+constexpr std::uint32_t kBufferStride = xdma::CapBufferStatus(1) - xdma::CapBufferStatus(0);
+static_assert(xdma::InjectBlock(1) - xdma::InjectBlock(0) == kBlockStride &&
+                  ControlBlock(1) - ControlBlock(0) == kBlockStride &&
+                  xdma::InjBufferStatus(1) - xdma::InjBufferStatus(0) == kBufferStride,
+              "every kind of channel block is laid out alike");
+
+inline bool InChannelBlock(std::uint32_t address, std::uint32_t first, unsigned& channel,
+                           std::uint32_t& offset) {
+    if (address < first || address - first >= xdma::kChannelCount * kBlockStride) {
+        return false;
+    }
+    channel = (address - first) / kBlockStride;
+    offset = (address - first) % kBlockStride;
+    return true;
+}
+
+// Whether `offset` is the word at `first` of one of the per-buffer register groups.
+inline bool IsBufferWord(std::uint32_t offset, std::uint32_t first, unsigned& buffer) {
+    if (offset < first || (offset - first) % kBufferStride != 0 ||
+        (offset - first) / kBufferStride >= static_cast<std::uint32_t>(xdma::kCardBufferCount)) {
+        return false;
+    }
+    buffer = (offset - first) / kBufferStride;
+    return true;
+}
 
 // The card's user register space ends here; reads and writes past it move nothing.
 constexpr std::uint32_t kUserSpaceBytes = 0x200000;

@@ -1,4 +1,4 @@
-// The simulated XDMA card's register file, memory, user events and capture frames.
+// The simulated XDMA card's register file, memory, user events, capture frames and frame clock.
 #include "SimXdmaCard.h"
 
 #include "SimCardRegisters.h"
@@ -12,37 +12,7 @@ namespace kvpcie::sim {
 
 using KvPCIeSim::CardAccess;
 
-namespace {
-
 static_assert(xdma::kChannelCount == 4, "one capture channel object per channel below");
-
-using TimingClockTicks = std::chrono::duration<std::int64_t, std::ratio<1, kTimingClockHz>>;
-
-constexpr std::uint32_t kBlockStride = xdma::CaptureBlock(1) - xdma::CaptureBlock(0);
-constexpr std::uint32_t kBufferStride = xdma::CapBufferStatus(1) - xdma::CapBufferStatus(0);
-
-// Splits an address inside the per-channel blocks that start at `first`.
-bool InChannelBlock(std::uint32_t address, std::uint32_t first, unsigned& channel,
-                    std::uint32_t& offset) {
-    if (address < first || address - first >= xdma::kChannelCount * kBlockStride) {
-        return false;
-    }
-    channel = (address - first) / kBlockStride;
-    offset = (address - first) % kBlockStride;
-    return true;
-}
-
-// Whether `offset` is the word at `first` of one of the per-buffer register groups.
-bool IsBufferWord(std::uint32_t offset, std::uint32_t first, unsigned& buffer) {
-    if (offset < first || (offset - first) % kBufferStride != 0 ||
-        (offset - first) / kBufferStride >= static_cast<std::uint32_t>(xdma::kCardBufferCount)) {
-        return false;
-    }
-    buffer = (offset - first) / kBufferStride;
-    return true;
-}
-
-}  // namespace
 
 SimXdmaCard::SimXdmaCard(int number)
     : number_(number),
@@ -86,6 +56,9 @@ std::uint32_t SimXdmaCard::RegisterValueLocked(std::uint32_t address) const {
         IsBufferWord(offset, xdma::CapBufferDelay(0), buffer)) {
         return DelayRegisterLocked(channel, buffer);
     }
+    if (InChannelBlock(address, xdma::InjectBlock(0), channel, offset)) {
+        return InjectRegisterValueLocked(channel, offset);
+    }
     const auto found = registers_.find(address);
     return found == registers_.end() ? 0 : found->second;
 }
@@ -113,6 +86,9 @@ void SimXdmaCard::StoreRegisterLocked(std::uint32_t address, std::uint32_t value
         case xdma::kRegCaptureEnableMask:
             SetCaptureEnableLocked(value);
             return;
+        case xdma::kRegInjectEnableMask:
+            SetInjectEnableLocked(value);
+            return;
         default:
             break;
     }
@@ -120,6 +96,8 @@ void SimXdmaCard::StoreRegisterLocked(std::uint32_t address, std::uint32_t value
     std::uint32_t offset = 0;
     if (InChannelBlock(address, xdma::CaptureBlock(0), channel, offset)) {
         CaptureRegisterWrittenLocked(channel, offset, value);
+    } else if (InChannelBlock(address, xdma::InjectBlock(0), channel, offset)) {
+        InjectRegisterWrittenLocked(channel, offset, value);
     } else if (InChannelBlock(address, ControlBlock(0), channel, offset)) {
         ControlRegisterWrittenLocked(channel, offset, value);
     } else {
@@ -146,8 +124,8 @@ void SimXdmaCard::SetCaptureEnableLocked(std::uint32_t mask) {
         }
         anyRunning = anyRunning || capture.Running();
     }
-    if (anyRunning && !clock_.joinable()) {
-        clock_ = std::thread([this] { RunClock(); });
+    if (anyRunning) {
+        StartClockLocked();
     }
     clockWake_.notify_all();
 }
@@ -178,10 +156,18 @@ void SimXdmaCard::CaptureRegisterWrittenLocked(unsigned channel, std::uint32_t o
 
 void SimXdmaCard::ControlRegisterWrittenLocked(unsigned channel, std::uint32_t offset,
                                                std::uint32_t value) {
+    if (offset >= kCtlLastCommand && offset < kCtlLastCommand + xdma::kCommandMaxBytes) {
+        return;
+    }
     switch (offset) {
         case kCtlFramesProduced:
         case kCtlFramesDropped:
-            return;  // the card's own counts
+        case kCtlInjectPlayed:
+        case kCtlInjectUnderruns:
+        case kCtlCommandsTaken:
+        case kCtlLastCommandLength:
+        case kCtlLastInjectHead:
+            return;  // the card's own record
         case kCtlPostStatus:
             PostStatusLocked(channel, value);
             return;
@@ -267,12 +253,19 @@ CaptureSettings SimXdmaCard::CaptureSettingsLocked(unsigned channel) const {
     return settings;
 }
 
+void SimXdmaCard::StartClockLocked() {
+    if (!clock_.joinable()) {
+        clock_ = std::thread([this] { RunClock(); });
+    }
+}
+
 void SimXdmaCard::RunClock() {
     std::unique_lock<std::mutex> lock(mutex_);
     while (!stopClock_) {
         const TimePoint now = Clock::now();
         std::optional<TimePoint> earliest;
         unsigned due = 0;
+        bool injectDue = false;
         if (!IsRemoved()) {
             for (unsigned channel = 0; channel < xdma::kChannelCount; ++channel) {
                 // A claimed channel is skipped; its producer wakes us when done.
@@ -281,6 +274,13 @@ void SimXdmaCard::RunClock() {
                 if (deadline && !capture.Claimed() && (!earliest || *deadline < *earliest)) {
                     earliest = deadline;
                     due = channel;
+                    injectDue = false;
+                }
+                const std::optional<TimePoint> tick = inject_[channel].Deadline();
+                if (tick && (!earliest || *tick < *earliest)) {
+                    earliest = tick;
+                    due = channel;
+                    injectDue = true;
                 }
             }
         }
@@ -288,6 +288,10 @@ void SimXdmaCard::RunClock() {
             clockWake_.wait(lock);
         } else if (*earliest > now) {
             clockWake_.wait_until(lock, *earliest);
+        } else if (injectDue) {
+            if (PlayLocked(lock, due)) {
+                inject_[due].Advance(*earliest, now, InjectFramePeriodLocked(due));
+            }
         } else if (ProduceLocked(lock, due, 1, *earliest)) {
             capture_[due].Advance(*earliest, now, FramePeriodLocked(due));
         }
@@ -478,6 +482,10 @@ void SimXdmaCard::Restart() {
     registers_[xdma::kRegDelayTest] = 0;
     for (SimCaptureChannel& capture : capture_) {
         capture.Stop();
+    }
+    for (SimInjectChannel& inject : inject_) {
+        inject.Stop();
+        inject.ResetCommand();
     }
     clockWake_.notify_all();
     eventPending_.fill(false);

@@ -1,9 +1,11 @@
 // The model of one XDMA frame card: its user registers, card memory, user events, the frames its
-// capture channels produce and the log of what the host did to it.
+// capture channels produce, the frames its inject channels play, its command mailboxes and the
+// log of what the host did to it.
 #pragma once
 
 #include "SimCaptureChannel.h"
 #include "SimCardRegisters.h"
+#include "SimInjectChannel.h"
 #include "SparseMemory.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
@@ -26,8 +28,9 @@ namespace kvpcie::sim {
 // Shared by the registry and by every device file open on the card, so a file outlives the
 // card's removal safely and then fails. All members are thread-safe.
 //
-// One timing thread per card, started by the first capture enable, produces the clocked frames
-// of every channel; it sleeps until the earliest deadline or until the host changes the timing.
+// One timing thread per card, started by the first capture or inject enable, produces the clocked
+// frames of every capture channel and plays the inject channels' ready buffers; it sleeps until
+// the earliest deadline or until the host changes the timing.
 class SimXdmaCard {
 public:
     explicit SimXdmaCard(int number);
@@ -100,15 +103,28 @@ private:
     void ShowStatusBlockLocked(unsigned channel, const SimCaptureChannel::StatusBlock& block);
     std::uint32_t DelayRegisterLocked(unsigned channel, unsigned buffer) const;
 
-    // Frame production.
+    // Inject registers written or read by the host (SimXdmaCardInject.cpp).
+    void SetInjectEnableLocked(std::uint32_t mask);
+    void InjectRegisterWrittenLocked(unsigned channel, std::uint32_t offset, std::uint32_t value);
+    std::uint32_t InjectRegisterValueLocked(unsigned channel, std::uint32_t offset) const;
+    void CommandControlWrittenLocked(unsigned channel, std::uint32_t value);
+    void TakeCommandLocked(unsigned channel, std::uint32_t length);
+
+    // Frame production and play.
     Clock::duration FramePeriodLocked(unsigned channel) const;
+    Clock::duration InjectFramePeriodLocked(unsigned channel) const;
     CaptureSettings CaptureSettingsLocked(unsigned channel) const;
+    void StartClockLocked();
     void RunClock();
     // Writes the frames without the lock, then publishes them together. False when the channel
     // stopped or started again meanwhile.
     bool ProduceLocked(std::unique_lock<std::mutex>& lock, unsigned channel, int count,
                        TimePoint start);
     void PublishLocked(unsigned channel);
+    // One tick of an inject channel: plays its buffer at the ring position if the host handed
+    // it over, reading it without the lock. False when the channel stopped or started again
+    // meanwhile.
+    bool PlayLocked(std::unique_lock<std::mutex>& lock, unsigned channel);
 
     const int number_;
     SparseMemory memory_;
@@ -124,6 +140,7 @@ private:
     KvPCIeSim::CardCounters counters_{};
 
     std::array<SimCaptureChannel, xdma::kChannelCount> capture_;
+    std::array<SimInjectChannel, xdma::kChannelCount> inject_{};
     std::condition_variable clockWake_;
     bool stopClock_ = false;
     std::thread clock_;

@@ -25,8 +25,8 @@ constexpr std::uint32_t kRegIdentity = 0x1F0000;  // reads kIdentityValue
 constexpr std::uint32_t kIdentityValue = 0x53494D31;
 constexpr std::uint32_t kRegSurpriseRemoval = 0x1F0008;  // write 1: the card drops off the bus
 
-// The simulation control block of capture channel c (0 to 3): what the channel's external
-// source does. Register address = ControlBlock(c) + offset.
+// The simulation control block of channel c (0 to 3): what capture channel c's external source
+// does, and what the card made of inject channel c. Register address = ControlBlock(c) + offset.
 constexpr std::uint32_t ControlBlock(unsigned channel) {
     return 0x1F1000 + channel * 0x1000;
 }
@@ -34,10 +34,20 @@ constexpr std::uint32_t ControlBlock(unsigned channel) {
 constexpr std::uint32_t kCtlCaptureSource = 0x00;
 // Frames per second of the source when the card does not time the frames itself (25); 0: none.
 constexpr std::uint32_t kCtlExternalFrameRate = 0x04;
-// Read-only counts since the channel was enabled: frames made ready, and frames lost because
-// the host had not yet taken the buffer they were due in.
+// Read-only counts since the capture channel was enabled: frames made ready, and frames lost
+// because the host had not yet taken the buffer they were due in.
 constexpr std::uint32_t kCtlFramesProduced = 0x08;
 constexpr std::uint32_t kCtlFramesDropped = 0x0C;
+// Read-only counts since the inject channel was enabled: buffers played, and ticks of its frame
+// clock that found no buffer ready (the last frame then plays again).
+constexpr std::uint32_t kCtlInjectPlayed = 0x10;
+constexpr std::uint32_t kCtlInjectUnderruns = 0x14;
+// Read-only: commands the card took from the inject channel's command mailbox.
+constexpr std::uint32_t kCtlCommandsTaken = 0x18;
+// Microseconds bit 10 of the command control word reads set after the card took a command (50).
+// 0xFFFFFFFF: the card takes none; a start stays set until the host writes the word without it
+// or the card restarts.
+constexpr std::uint32_t kCtlCommandBusyMicros = 0x1C;
 // N > 0: frame n is an error frame (status bit 5) when (n + 1) % N == 0; 0: none.
 constexpr std::uint32_t kCtlErrorFrameEvery = 0x20;
 // N: the next N card-to-host transfers from the channel's card memory fail. Reads the count
@@ -46,10 +56,17 @@ constexpr std::uint32_t kCtlDmaFaults = 0x24;
 // n (1 to 1,024): the first n bytes staged at kCtlStatusStaging become a status block, posted
 // to the channel's mailbox, or queued while the host has not emptied it. Other values: ignored.
 constexpr std::uint32_t kCtlPostStatus = 0x28;
+// Read-only: the length in bytes of the last command taken.
+constexpr std::uint32_t kCtlLastCommandLength = 0x2C;
+// Read-only: bytes 0-3 of the last inject frame played, least significant first; zeros past the
+// frame's end.
+constexpr std::uint32_t kCtlLastInjectHead = 0x30;
 // 1: frames raise no user event.
 constexpr std::uint32_t kCtlFrameEventOff = 0x34;
 // 1,024 bytes, each word least significant byte first.
 constexpr std::uint32_t kCtlStatusStaging = 0x400;
+// Read-only: the last command taken, 1,024 bytes as kCtlStatusStaging; zeros past its length.
+constexpr std::uint32_t kCtlLastCommand = 0x800;
 
 // One access of the host to the card, in the order the card saw them.
 struct CardAccess {

@@ -57,6 +57,41 @@ constexpr std::uint32_t kDelayCountMask = 0x0FFFFFFF;
 constexpr std::uint32_t InjectBlock(unsigned channel) {
     return 0x111000 + channel * 0x1000;
 }
+constexpr std::uint32_t kInjPixelCode = 0x000;
+constexpr std::uint32_t kInjGeometry = 0x004;  // width << 16 | lines
+constexpr std::uint32_t kInjBufferCount = 0x008;
+constexpr std::uint32_t kInjTransferBytes = 0x00C;  // a multiple of kInjTransferGranule
+constexpr std::uint32_t kInjSyncMode = 0x01C;
+constexpr std::uint32_t kInjLinePeriod = 0x020;
+constexpr std::uint32_t kInjFramePeriod = 0x024;     // timing-clock ticks
+constexpr std::uint32_t kInjCommandControl = 0x028;  // command mailbox control word
+constexpr std::uint32_t kInjCommandData = 0x400;     // command mailbox data, 256 words
+constexpr std::uint32_t InjBufferAddress(unsigned buffer) {
+    return 0x100 + buffer * 0x10;
+}
+constexpr std::uint32_t InjBufferLength(unsigned buffer) {
+    return 0x104 + buffer * 0x10;
+}
+constexpr std::uint32_t InjBufferStatus(unsigned buffer) {
+    return 0x108 + buffer * 0x10;
+}
+constexpr std::uint32_t InjBufferDelay(unsigned buffer) {
+    return 0x10C + buffer * 0x10;
+}
 constexpr std::uint32_t kInjectMemoryBase = 0x40000000;
+constexpr std::uint32_t InjectBufferAddress(unsigned channel, unsigned buffer) {
+    return kInjectMemoryBase + channel * kChannelMemoryStride + buffer * kCardBufferBytes;
+}
+constexpr std::uint32_t kInjTransferGranule = 2048;
+
+// Inject buffer status: low nibble 0 = free for the host.
+constexpr std::uint32_t kStatusHostWriting = 0x01;
+constexpr std::uint32_t kStatusInjectReady = 0x12;
+
+// Command control word: bit 10 starts a transfer and reads set until the card took it; bits 0-9
+// are the length - 1.
+constexpr std::uint32_t kCommandBusy = 0x400;
+constexpr std::uint32_t kCommandLengthMask = 0x3FF;
+constexpr int kCommandMaxBytes = 1024;
 
 }  // namespace kvpcie::xdma

@@ -1,0 +1,125 @@
+// One inject channel of the simulated card.
+#include "SimInjectChannel.h"
+
+#include "SimCardRegisters.h"
+
+#include <algorithm>
+
+namespace kvpcie::sim {
+
+namespace {
+
+using DelayClockTicks = std::chrono::duration<std::int64_t, std::ratio<1, kDelayClockHz>>;
+
+}  // namespace
+
+void SimInjectChannel::Start(TimePoint now, Clock::duration period) {
+    running_ = true;
+    ++generation_;
+    position_ = 0;
+    deadline_.reset();
+    if (period > Clock::duration::zero()) {
+        deadline_ = now + period;
+    }
+    // The host's hand-over times stay: it may fill the ring before it enables the channel.
+    for (BufferTimes& times : buffers_) {
+        times.readyToPlay = times.playInterval = times.writingToPlay = Clock::duration::zero();
+    }
+    previousPlay_.reset();
+}
+
+void SimInjectChannel::Stop() {
+    running_ = false;
+    ++generation_;
+    deadline_.reset();
+}
+
+void SimInjectChannel::Retime(TimePoint now, Clock::duration period) {
+    if (!running_) {
+        return;
+    }
+    if (period <= Clock::duration::zero()) {
+        deadline_.reset();
+    } else if (!deadline_ || *deadline_ > now + period) {
+        deadline_ = now + period;
+    }
+}
+
+void SimInjectChannel::Advance(TimePoint due, TimePoint wake, Clock::duration period) {
+    if (!running_ || period <= Clock::duration::zero()) {
+        deadline_.reset();
+        return;
+    }
+    // Late by over a period, the clock starts over rather than playing a burst of catch-up ticks.
+    deadline_ = wake - due > period ? wake + period : due + period;
+}
+
+void SimInjectChannel::BeginPlay() {
+    playGeneration_ = generation_;
+}
+
+bool SimInjectChannel::FinishPlay(TimePoint end) {
+    if (!running_ || playGeneration_ != generation_) {
+        return false;
+    }
+    BufferTimes& times = buffers_[position_];
+    times.readyToPlay = times.ready ? end - *times.ready : Clock::duration::zero();
+    times.writingToPlay = times.writing ? end - *times.writing : Clock::duration::zero();
+    times.playInterval = previousPlay_ ? end - *previousPlay_ : Clock::duration::zero();
+    // A later hand-over of the buffer without a fresh start must not reuse these.
+    times.writing.reset();
+    times.ready.reset();
+    previousPlay_ = end;
+    position_ = (position_ + 1) % xdma::kCardBufferCount;
+    return true;
+}
+
+void SimInjectChannel::RecordHostWriting(unsigned buffer, TimePoint now) {
+    buffers_[buffer].writing = now;
+}
+
+void SimInjectChannel::RecordReady(unsigned buffer, TimePoint now) {
+    BufferTimes& times = buffers_[buffer];
+    times.ready = now;
+    times.hostWriting = times.writing ? now - *times.writing : Clock::duration::zero();
+}
+
+std::uint32_t SimInjectChannel::DelayTicks(unsigned buffer, unsigned selector) const {
+    const BufferTimes& times = buffers_[buffer];
+    Clock::duration span{};
+    switch (selector) {
+        case 0:
+            span = times.hostWriting;
+            break;
+        case 1:
+            span = times.readyToPlay;
+            break;
+        case 2:
+            span = times.playInterval;
+            break;
+        case 3:
+            span = times.writingToPlay;
+            break;
+        default:
+            return 0;
+    }
+    const std::int64_t ticks = std::chrono::duration_cast<DelayClockTicks>(span).count();
+    return static_cast<std::uint32_t>(
+        std::clamp<std::int64_t>(ticks, 0, std::int64_t{xdma::kDelayCountMask}));
+}
+
+bool SimInjectChannel::CommandBusy(TimePoint now) const {
+    return commandBusyUntil_ && now < *commandBusyUntil_;
+}
+
+void SimInjectChannel::TakeCommand(TimePoint busyUntil) {
+    commandBusyUntil_ = busyUntil;
+    untakenStart_ = false;
+}
+
+void SimInjectChannel::ResetCommand() {
+    commandBusyUntil_.reset();
+    untakenStart_ = false;
+}
+
+}  // namespace kvpcie::sim

@@ -1,0 +1,83 @@
+// The card-side state of one inject channel: its frame clock, ring position, the times behind
+// the delay read-back and the command mailbox's busy time.
+#pragma once
+
+#include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaChannelRegisters.h"
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+
+namespace kvpcie::sim {
+
+// Not thread-safe: the card calls every member under its register mutex. The frame itself is
+// read between BeginPlay and FinishPlay without the mutex, so a stop in between is caught there.
+class SimInjectChannel {
+public:
+    using Clock = std::chrono::steady_clock;
+    using TimePoint = Clock::time_point;
+
+    // --- the clock ---
+    // The first tick comes one period from now and looks at buffer 0.
+    void Start(TimePoint now, Clock::duration period);
+    void Stop();
+    bool Running() const { return running_; }
+    // After the frame period changed: a shorter period applies at once.
+    void Retime(TimePoint now, Clock::duration period);
+    std::optional<TimePoint> Deadline() const { return deadline_; }
+    // After the tick due at `due`, served on waking at `wake`.
+    void Advance(TimePoint due, TimePoint wake, Clock::duration period);
+
+    // --- playing ---
+    // The buffer the next tick plays if the host has handed it over.
+    unsigned Position() const { return position_; }
+    void BeginPlay();
+    // False when the channel stopped or started again since BeginPlay: nothing was played.
+    // Otherwise the buffer at Position() counts as played at `end` and the ring moves on.
+    bool FinishPlay(TimePoint end);
+
+    // --- the delay read-back ---
+    // The host wrote a buffer's status: it began filling it, or handed it over.
+    void RecordHostWriting(unsigned buffer, TimePoint now);
+    void RecordReady(unsigned buffer, TimePoint now);
+    // Delay-clock ticks for `selector`, saturated to the register's count field; 0 for what has
+    // not happened yet.
+    std::uint32_t DelayTicks(unsigned buffer, unsigned selector) const;
+
+    // --- the command mailbox ---
+    // Still moving the command it took last.
+    bool CommandBusy(TimePoint now) const;
+    // What bit 10 of the control word reads: busy, or a start the card left untaken.
+    bool CommandStarted(TimePoint now) const { return untakenStart_ || CommandBusy(now); }
+    void TakeCommand(TimePoint busyUntil);
+    void SetUntakenStart(bool untaken) { untakenStart_ = untaken; }
+    // A restarted card is idle.
+    void ResetCommand();
+
+private:
+    struct BufferTimes {
+        std::optional<TimePoint> writing;
+        std::optional<TimePoint> ready;
+        // Kept once measured, until measured again: the host reads them after the play, when it
+        // may already be filling the buffer for the next round.
+        Clock::duration hostWriting{};
+        Clock::duration readyToPlay{};
+        Clock::duration playInterval{};
+        Clock::duration writingToPlay{};
+    };
+
+    bool running_ = false;
+    std::uint64_t generation_ = 0;
+    std::uint64_t playGeneration_ = 0;
+    std::optional<TimePoint> deadline_;
+    unsigned position_ = 0;
+
+    std::array<BufferTimes, xdma::kCardBufferCount> buffers_{};
+    std::optional<TimePoint> previousPlay_;
+
+    std::optional<TimePoint> commandBusyUntil_;
+    bool untakenStart_ = false;
+};
+
+}  // namespace kvpcie::sim
