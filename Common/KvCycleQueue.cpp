@@ -7,6 +7,7 @@
 namespace kvpcie {
 namespace {
 constexpr int kDefaultCapacity = 16;
+constexpr std::int64_t kPageBytes = 4096;
 // Slack behind the last slot, kept from the card's original ring layout; never written.
 constexpr std::int64_t kSlackBytes = 4096;
 }  // namespace
@@ -30,9 +31,15 @@ bool KvCycleQueue::Init(int elementSize, int count) {
     if (block == nullptr) {
         return false;
     }
-    // Touch every page now, at channel setup, so that the first pass over the ring does not
-    // take a page fault per 4 KiB inside the frame path.
     std::memset(block, 0, static_cast<std::size_t>(bytes));
+    // Touch every page now, at channel setup, so that the first pass over the ring does not
+    // take a page fault per 4 KiB inside the frame path. The memset alone does not do it: the
+    // compiler turns malloc + memset into calloc, whose fresh pages are mapped only on first
+    // use.
+    volatile char* const pages = block;
+    for (std::int64_t offset = 0; offset < bytes; offset += kPageBytes) {
+        pages[offset] = 0;
+    }
     buffer_.reset(block);
     elementSize_ = elementSize;
     capacity_ = capacity;
