@@ -3,7 +3,8 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config qtbase5-dev libgl-dev
-          libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev)
+          libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
+          xvfb xauth)
 
 missing=()
 for package in "${packages[@]}"; do
