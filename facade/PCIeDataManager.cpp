@@ -3,6 +3,7 @@
 #include "CaptureRequest.h"
 #include "PCIeDataManagerPrivate.h"
 
+#include "Common/IO/DeviceStream/KvPCIE/xdma_mm/InjectFormat.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
 
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
@@ -43,10 +44,12 @@ bool PCIeDataManager::OpenCard(char* devicePath) {
         opened = xdma::XdmaOpen(devicePath);
     } else {
         // Engines that exist are replaced here too, not leaked: their threads must stop.
+        d->xdmaInject.reset();
         d->xdmaCapture.reset();
     }
     d->xdmaCapture = std::make_unique<xdma::DataCapture4XdmaMM>(
         d, devicePath != nullptr ? devicePath : kNoCardPath);
+    d->xdmaInject = std::make_unique<xdma::DataInject4XdmaMM>(d);
     return opened;
 }
 
@@ -57,6 +60,7 @@ bool PCIeDataManager::OpenCard(int /*deviceIndex*/) {
 void PCIeDataManager::CloseCard() {
     xdma::XdmaClose();
     d->xdmaCapture.reset();
+    d->xdmaInject.reset();
 }
 
 bool PCIeDataManager::IsCardOpen() {
@@ -167,38 +171,65 @@ void PCIeDataManager::SetCaptureFullScreenWgt(int channel, void* widget) {
 }
 
 // ---------------------------------------------------------------- injection
-// The inject engine is not in the library yet: likewise.
 
-bool PCIeDataManager::StartInject(unsigned int /*channel*/, int /*frameRate*/, int /*width*/,
-                                  int /*height*/, ePixelType /*pixelType*/, int /*linePeriod*/,
-                                  char* /*frameData*/, eErrorCode& error) {
+bool PCIeDataManager::StartInject(unsigned int channel, int frameRate, int width, int height,
+                                  ePixelType pixelType, int linePeriod, char* frameData,
+                                  eErrorCode& error) {
     if (d->framework != XDMA_MM) {
         return false;
     }
-    if (!OpenFirstXdmaCardIfNone(*this)) {
+    KvFrameFormat format;
+    format.channel = channel;
+    format.width = width;
+    format.height = height;
+    format.height2 = height;
+    format.paramLines = 0;
+    format.frameRate = frameRate;
+    format.pixelType = pixelType;
+    format.linePeriod = linePeriod;
+    format.injectSyncMode = 0;
+    // Refused before any card is opened or touched; a parameter line switched on for the
+    // channel is checked by the engine when it starts the channel.
+    if (frameData == nullptr || !xdma::IsInjectFormatAcceptable(format, false) ||
+        !OpenFirstXdmaCardIfNone(*this)) {
         error = ERR_NO_CARD;
         return false;
     }
-    return false;
+    if (d->xdmaInject == nullptr) {
+        return false;
+    }
+    error = ERR_NONE;
+    return d->xdmaInject->StartInject(format, frameData, error);
 }
 
-void PCIeDataManager::StopInject(int /*channel*/) {}
-
-bool PCIeDataManager::IsStartInject(int /*channel*/) {
-    return false;
+void PCIeDataManager::StopInject(int channel) {
+    if (d->xdmaInject != nullptr) {
+        d->xdmaInject->StopInject(channel);
+    }
 }
 
-tagInjectDelayStatusInfo* PCIeDataManager::GetInjectDelayStatus(int /*channel*/) {
-    return nullptr;
+bool PCIeDataManager::IsStartInject(int channel) {
+    return d->xdmaInject != nullptr && d->xdmaInject->IsStartInject(channel);
 }
 
-void PCIeDataManager::SetInjectFullScreenWgt(int /*channel*/, void* /*widget*/) {}
+tagInjectDelayStatusInfo* PCIeDataManager::GetInjectDelayStatus(int channel) {
+    return d->xdmaInject != nullptr ? d->xdmaInject->GetInjectDelayStatus(channel) : nullptr;
+}
 
-void PCIeDataManager::UpdateParamSimulate(int /*channel*/, bool /*enable*/,
-                                          tagThermalImgParams /*params*/) {}
+void PCIeDataManager::SetInjectFullScreenWgt(int channel, void* widget) {
+    if (d->xdmaInject != nullptr) {
+        d->xdmaInject->SetInjectFullScreenWgt(channel, widget);
+    }
+}
 
-bool PCIeDataManager::WriteControlCmd(int /*channel*/, QByteArray /*command*/) {
-    return false;
+void PCIeDataManager::UpdateParamSimulate(int channel, bool enable, tagThermalImgParams params) {
+    if (d->xdmaInject != nullptr) {
+        d->xdmaInject->UpdateParamSimulate(channel, enable, params);
+    }
+}
+
+bool PCIeDataManager::WriteControlCmd(int channel, QByteArray command) {
+    return d->xdmaInject != nullptr && d->xdmaInject->WriteControlCmd(channel, std::move(command));
 }
 
 // ---------------------------------------------------------------- registers and memory
@@ -236,11 +267,17 @@ void PCIeDataManager::SetSaveLog(bool on) {
     if (d->xdmaCapture != nullptr) {
         d->xdmaCapture->SetSaveLog(on);
     }
+    if (d->xdmaInject != nullptr) {
+        d->xdmaInject->SetSaveLog(on);
+    }
 }
 
 void PCIeDataManager::SetOsdHidden(bool on) {
     if (d->xdmaCapture != nullptr) {
         d->xdmaCapture->SetOsdHidden(on);
+    }
+    if (d->xdmaInject != nullptr) {
+        d->xdmaInject->SetOsdHidden(on);
     }
 }
 

@@ -3,6 +3,7 @@
 
 #include "Common/CpuCoreSource.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/DataCapture4XdmaMM.h"
+#include "Common/IO/DeviceStream/KvPCIE/xdma_mm/DataInject4XdmaMM.h"
 
 #include <KvPCIeInjectSdk/KvPCIeTypes.h>
 
@@ -24,6 +25,7 @@ struct PCIeDataManagerPrivate final : kvpcie::CpuCoreSource {
     std::map<unsigned, bool> freeCores;
     unsigned coreCount;
     std::unique_ptr<kvpcie::xdma::DataCapture4XdmaMM> xdmaCapture;
+    std::unique_ptr<kvpcie::xdma::DataInject4XdmaMM> xdmaInject;
 };
 
 // Creates a record that lives until the process ends: copies of a facade share it and none of

@@ -1,11 +1,15 @@
 // The display widget on a real OpenGL context: what each tick puts on screen, read back from the
 // framebuffer, and the refresh period that each call leaves behind.
 #include <KvPCIeInjectSdk/GLWidget.h>
+#include <KvPCIeInjectSdk/KvPCIeSimulation.h>
+#include <KvPCIeInjectSdk/PCIeDataManager.h>
 
 #include <QApplication>
 #include <QColor>
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QImage>
+#include <QTemporaryDir>
 #include <QTimer>
 #include <QWidget>
 
@@ -14,6 +18,7 @@
 #include <array>
 #include <cstdlib>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -293,6 +298,36 @@ TEST_F(GLWidgetTest, UnknownStatusKeepsThePreviousStatusPicture) {
 }
 
 }  // namespace
+
+// The inject engine sizes a widget handed to it to the channel's frames (1280 x 1024 for a
+// channel never started), so that the host's pictures of that size fill it.
+TEST_F(GLWidgetTest, TheInjectEngineSizesTheWidgetToItsChannel) {
+    QTemporaryDir scratch;
+    const QString previous = QDir::currentPath();
+    ASSERT_TRUE(QDir::setCurrent(scratch.path()));  // the engines' logs go to ./Log
+    ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
+    PCIeDataManager manager;
+    char path[] = "sim:xdma0";
+    ASSERT_TRUE(manager.OpenCard(path));
+
+    std::vector<char> frame(64 * 48);
+    eErrorCode error = ERR_NO_CARD;
+    ASSERT_TRUE(manager.StartInject(2, 50, 64, 48, Y8, 0, frame.data(), error));
+    for (const auto& [channel, width, height] : {std::tuple{2, 64, 48}, {3, 1280, 1024}}) {
+        SCOPED_TRACE(channel);
+        widget.SetBackImage(0);
+        manager.SetInjectFullScreenWgt(channel, &widget);
+        EXPECT_EQ(timer->interval(), 5);
+        const Picture picture = Quadrants(width, height);
+        EXPECT_TRUE(widget.PushImageData(picture.data()));
+        Tick();
+        EXPECT_TRUE(ShowsSoon(widget, kWidth / 4, kHeight / 4, kRed));
+        EXPECT_TRUE(ShowsSoon(widget, 3 * kWidth / 4, 3 * kHeight / 4, kYellow));
+    }
+    manager.StopInject(2);
+    manager.CloseCard();
+    QDir::setCurrent(previous);
+}
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);

@@ -90,16 +90,40 @@ public:
     void SetCaptureFullScreenWgt(int channel, void* widget);
 
     // --- injection (XDMA) ---
-    // Queues one frame for `channel`; the first call starts the channel at `frameRate`. Call
-    // it once per frame. ERR_QUEUE_FULL when 15 frames already wait (the frame is not taken).
+    // Queues one frame for `channel` (0 to 3), copied from `frameData`; call it once per frame.
+    // The first call on a stopped channel opens the first card when none is open, programs the
+    // channel at `frameRate` and returns after 50 to 100 ms; later calls ignore every argument
+    // but the channel and the data, which must hold one frame of the size fixed at the start
+    // (KvFrameSizeBytes, plus one line when UpdateParamSimulate switched the parameter line on).
+    // The card plays one frame per period; the library keeps its eight buffers filled from a
+    // queue of 15 frames. Results: true with ERR_NONE when queued; false with ERR_QUEUE_FULL
+    // when 15 frames wait (the frame is not taken: offer it again later); false with
+    // ERR_NO_CARD when no card could be opened. Refused with false and ERR_NO_CARD before
+    // anything reaches the card, on every call: a channel outside 0 to 3, a null `frameData`,
+    // a frame rate below 1, a pixel type outside UYVY422..BGR24 (PIXEL32 cannot be injected), a
+    // width or line count outside 1 to 65535, and a frame larger than one 20 MiB card buffer.
+    // False with ERR_NONE: a frame that outgrows those limits only with its parameter line.
+    // RIFFA mode returns false and leaves `error` alone.
     bool StartInject(unsigned int channel, int frameRate, int width, int height,
                      ePixelType pixelType, int linePeriod, char* frameData, eErrorCode& error);
+    // Stops handing the channel's frames to the card and drops those still queued; the card
+    // stops playing the channel. Blocks 50 ms.
     void StopInject(int channel);
     bool IsStartInject(int channel);
+    // Eight records, one per card buffer of the channel, in seconds; owned by the library and
+    // overwritten by the next call. Null without an inject engine.
     tagInjectDelayStatusInfo* GetInjectDelayStatus(int channel);
+    // `widget` is a GLWidget (KvPCIeInjectSdk/GLWidget.h): it is sized to the channel's frames.
+    // The library keeps no reference to it and pushes no pictures to it.
     void SetInjectFullScreenWgt(int channel, void* widget);
+    // `enable`: frames of the channel carry one parameter line after the image, from the
+    // channel's next start; StopInject switches it off again.
     void UpdateParamSimulate(int channel, bool enable, tagThermalImgParams params);
-    // Sends a control command to the channel's command mailbox; true when the card took it.
+    // Sends a control command (1 to 1,024 bytes) to the channel's command mailbox; true when it
+    // reached the card within 40 ms. From any thread. A false result leaves the command
+    // pending: it still goes out when the card is free, unless a newer command for the channel
+    // replaces it first. An empty command is never sent (false after 40 ms); a channel outside
+    // 0 to 3 or a command over 1,024 bytes is refused at once with false.
     bool WriteControlCmd(int channel, QByteArray command);
 
     // --- registers and card memory ---

@@ -1,0 +1,125 @@
+// The inject engine of an XDMA card: up to four channels of host frames queued and handed to
+// the card's buffer rings for playout, the buffers' timing read-back, and the card's control
+// command channel.
+#pragma once
+
+#include "XdmaChannelRegisters.h"
+
+#include "Common/CpuCoreSource.h"
+#include "Common/KvCycleQueue.h"
+#include "Common/LogFile.h"
+#include "Common/PinnedWorker.h"
+
+#include <KvPCIeInjectSdk/KvPCIeTypes.h>
+
+#include <QByteArray>
+#include <QObject>
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+namespace kvpcie::xdma {
+
+// Created and destroyed by the facade on the host's control thread, which calls StartInject,
+// StopInject, UpdateParamSimulate, GetInjectDelayStatus and SetInjectFullScreenWgt;
+// WriteControlCmd may be called from any thread. Channel numbers outside 0 to 3 are refused
+// (false or null results, nothing done).
+class DataInject4XdmaMM : public QObject {
+    Q_OBJECT
+
+public:
+    // `cores` gives the worker threads their cores. Reads the delay clock; writes no register.
+    explicit DataInject4XdmaMM(CpuCoreSource* cores);
+    // Stops both workers; writes no register, so channels keep playing on the card.
+    ~DataInject4XdmaMM() override;
+
+    // Queues one frame of the channel's frame size, copied from `frameData`. The first call on a
+    // stopped channel programs the card from `format` (blocking 50 to 100 ms); later calls
+    // ignore every field but the channel. False with `error` = ERR_QUEUE_FULL when 15 frames
+    // wait; false with `error` untouched when the channel or frame is refused (see
+    // IsInjectFormatAcceptable) or `frameData` is null.
+    bool StartInject(const KvFrameFormat& format, const char* frameData, eErrorCode& error);
+    // When it returns, the worker no longer touches the channel. Queued frames are dropped.
+    void StopInject(int channel);
+    bool IsStartInject(int channel) const;
+    // The parameter line counts from the channel's next start; StopInject clears it.
+    void UpdateParamSimulate(int channel, bool enable, tagThermalImgParams params);
+    // Eight records, one per card buffer, overwritten by the next call; valid for the engine's
+    // life.
+    tagInjectDelayStatusInfo* GetInjectDelayStatus(int channel);
+    // `widget` is a GLWidget; it is sized to the channel's frames and not kept.
+    void SetInjectFullScreenWgt(int channel, void* widget);
+
+    // True when the command reached the card's mailbox within 40 ms. A false result leaves the
+    // command pending until it goes out or a newer one for the channel replaces it. Commands of
+    // more than 1,024 bytes are refused at once; an empty one is never sent.
+    bool WriteControlCmd(int channel, QByteArray command);
+
+    void SetSaveLog(bool on) { saveLog_ = on; }
+    void SetOsdHidden(bool on) { osdHidden_ = on; }
+
+private:
+    struct Channel {
+        // Held by the worker while it hands a buffer over, and by the host while it resets
+        // the channel, so a stop never takes effect in the middle of a handshake.
+        std::mutex turnLock;
+        std::atomic<bool> injecting{false};
+        bool hasFormat = false;
+        KvFrameFormat format;
+        int lastBufferIndex = -1;
+        bool paramSimulate = false;
+        bool hasThermalParams = false;
+        tagThermalImgParams thermalParams{};
+        int imageSize = 0;
+        int frameSize = 0;
+        int transferSize = 0;
+        std::unique_ptr<KvCycleQueue> queue;
+        std::uint32_t frameCounter = 0;
+    };
+
+    bool InitInjectChannel(const KvFrameFormat& format);
+    void StartThread_InjectData();
+    void StopThread_InjectData();
+    void ThreadFun_InjectData();
+    // Steps one channel's ring by at most one buffer; true when a buffer was handed over.
+    bool ServeChannel(unsigned channel);
+
+    void ThreadFun_WriteCmdControlData();
+    // Writes channel c's pending command when the card is free; true when it went out.
+    bool SendPendingCommand(unsigned channel);
+    void StopCommandWorker();
+
+    static bool ValidChannel(int channel) { return channel >= 0 && channel < kChannelCount; }
+
+    CpuCoreSource* const cores_;
+    std::uint32_t clockFreq_ = 0;
+    std::uint32_t injectChannelMask_ = 0;
+    bool injectThreadStarted_ = false;
+    PinnedWorker injectThread_;
+    std::unique_ptr<LogFile> logAllChannel_;
+    std::unique_ptr<LogFile> logReadFile_;
+    bool saveLog_ = false;
+    bool osdHidden_ = false;
+    // The records are packed; aligned here, a host can read their doubles in place.
+    alignas(double) std::array<tagInjectDelayStatusInfo, kCardBufferCount> delayStatus_{};
+    std::array<Channel, kChannelCount> channels_;
+
+    // The control command channel.
+    std::array<QByteArray, kChannelCount> cmdData_;
+    std::array<std::atomic<bool>, kChannelCount> cmdSent_{};
+    // Counts the commands handed in per channel, so that a command replaced while the worker
+    // sent it is not reported as sent.
+    std::array<std::uint64_t, kChannelCount> cmdGeneration_{};
+    std::mutex cmdLock_;
+    std::condition_variable cmdWakeUp_;
+    std::mutex cmdDoneLock_;
+    std::condition_variable cmdDone_;
+    std::atomic<bool> cmdThreadRun_{false};
+    PinnedWorker cmdThread_;
+};
+
+}  // namespace kvpcie::xdma

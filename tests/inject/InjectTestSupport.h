@@ -1,0 +1,70 @@
+// What the inject suites share: a facade on a fresh simulated card, its inject registers and
+// the accesses the host made to it.
+#pragma once
+
+#include "../capture/CaptureTestSupport.h"
+#include "../support/TempDir.h"
+
+#include <QDir>
+
+#include <cstdlib>
+
+namespace kvpcie::testing {
+
+using KvPCIeSim::CardAccess;
+
+constexpr std::uint32_t InjectBlock(int channel) {
+    return 0x111000 + static_cast<std::uint32_t>(channel) * 0x1000;
+}
+constexpr std::uint32_t InjectStatus(int channel, int buffer) {
+    return InjectBlock(channel) + 0x108 + static_cast<std::uint32_t>(buffer) * 0x10;
+}
+constexpr std::uint32_t InjectLength(int channel, int buffer) {
+    return InjectBlock(channel) + 0x104 + static_cast<std::uint32_t>(buffer) * 0x10;
+}
+constexpr std::uint32_t InjectBufferAddress(int channel, int buffer) {
+    return 0x40000000u + static_cast<std::uint32_t>(channel) * 0xA000000 +
+           static_cast<std::uint32_t>(buffer) * 0x1400000;
+}
+constexpr std::uint32_t kInjectEnableMask = 0x10001C;
+
+class InjectTest : public ::testing::Test {
+protected:
+    static constexpr int kCard = 0;
+
+    void SetUp() override {
+        ::unsetenv("KVPCIE_SIM");
+        ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
+        // The logs open ./Log/<name>/ in the current directory.
+        for (const char* log : {"Capture_AllChannel", "Inject_AllChannel", "InjectReadFile"}) {
+            QDir().mkpath(QString("Log/") + log);
+        }
+        ASSERT_TRUE(manager.OpenCard(path));
+        KvPCIeSim::TakeAccessLog(kCard);
+    }
+    void TearDown() override { manager.CloseCard(); }
+
+    std::uint32_t Peek(std::uint32_t address) {
+        std::uint32_t value = 0;
+        EXPECT_TRUE(KvPCIeSim::PeekRegister(kCard, address, value));
+        return value;
+    }
+    void Poke(std::uint32_t address, std::uint32_t value) {
+        ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, address, value));
+    }
+    std::vector<CardAccess> Accesses(CardAccess::Kind kind) {
+        std::vector<CardAccess> kept;
+        for (const CardAccess& access : KvPCIeSim::TakeAccessLog(kCard)) {
+            if (access.kind == kind) {
+                kept.push_back(access);
+            }
+        }
+        return kept;
+    }
+
+    ScratchDir scratch{true};  // the engines' logs go to ./Log
+    char path[16] = "sim:xdma0";
+    PCIeDataManager manager;
+};
+
+}  // namespace kvpcie::testing

@@ -1,0 +1,181 @@
+// Control commands through the facade on the simulated card: the mailbox's words and control
+// word, a busy card, replacement of a pending command, refusals and the debug messages.
+#include "InjectTestSupport.h"
+
+#include <QByteArray>
+#include <QRegularExpression>
+#include <QString>
+#include <QStringList>
+
+#include <mutex>
+#include <thread>
+
+namespace kvpcie::testing {
+namespace {
+
+constexpr std::uint32_t kCtlCommandsTaken = 0x18;
+constexpr std::uint32_t kCtlBusyMicros = 0x1C;
+constexpr std::uint32_t kCtlLastCommandLength = 0x2C;
+constexpr std::uint32_t kCtlLastCommand = 0x800;
+constexpr std::uint32_t kNeverTakes = 0xFFFFFFFF;
+
+class Command : public InjectTest {
+protected:
+    // The mailbox writes of the channel since the last call: data words, then control words.
+    std::vector<CardAccess> MailboxWrites(int channel) {
+        std::vector<CardAccess> writes;
+        for (const CardAccess& access : Accesses(CardAccess::RegisterWrite)) {
+            if (access.address == InjectBlock(channel) + 0x028 ||
+                (access.address >= InjectBlock(channel) + 0x400 &&
+                 access.address < InjectBlock(channel) + 0x800)) {
+                writes.push_back(access);
+            }
+        }
+        return writes;
+    }
+};
+
+QByteArray Bytes(int size, int seed) {
+    QByteArray bytes(size, '\0');
+    for (int i = 0; i < size; ++i) {
+        bytes[i] = static_cast<char>((i * 13 + seed) & 0xFF);
+    }
+    return bytes;
+}
+
+TEST_F(Command, ASixByteCommandGoesOutAsTwoWordsAndControlWord0x405) {
+    const QByteArray command("\x01\x02\x03\x04\x05\x06", 6);
+    EXPECT_TRUE(manager.WriteControlCmd(1, command));
+    const std::vector<CardAccess> writes = MailboxWrites(1);
+    ASSERT_EQ(writes.size(), 3u);
+    EXPECT_EQ(writes[0].address, 0x112400u);
+    EXPECT_EQ(writes[0].value, 0x04030201u);
+    EXPECT_EQ(writes[1].address, 0x112404u);
+    EXPECT_EQ(writes[1].value, 0x00000605u);
+    EXPECT_EQ(writes[2].address, 0x112028u);
+    EXPECT_EQ(writes[2].value, 0x405u);
+    // The card took it.
+    ASSERT_TRUE(WaitFor([&] { return Peek(ControlBlock(1) + kCtlCommandsTaken) == 1; }));
+    EXPECT_EQ(Peek(ControlBlock(1) + kCtlLastCommandLength), 6u);
+    EXPECT_EQ(Peek(ControlBlock(1) + kCtlLastCommand), 0x04030201u);
+    EXPECT_EQ(Peek(ControlBlock(1) + kCtlLastCommand + 4), 0x00000605u);
+}
+
+TEST_F(Command, The1024ByteLimitIsTheMailboxAndLongerOrMisdirectedCommandsAreRefused) {
+    const QByteArray full = Bytes(1024, 5);
+    EXPECT_TRUE(manager.WriteControlCmd(3, full));
+    const std::vector<CardAccess> writes = MailboxWrites(3);
+    ASSERT_EQ(writes.size(), 257u);
+    for (std::uint32_t k = 0; k < 256; ++k) {
+        EXPECT_EQ(writes[k].address, InjectBlock(3) + 0x400 + 4 * k);
+        std::uint32_t word = 0;
+        std::memcpy(&word, full.constData() + 4 * k, 4);
+        EXPECT_EQ(writes[k].value, word) << "word " << k;
+    }
+    EXPECT_EQ(writes[256].address, InjectBlock(3) + 0x028);
+    EXPECT_EQ(writes[256].value, 0x7FFu);
+
+    EXPECT_FALSE(manager.WriteControlCmd(3, Bytes(1025, 0)));
+    EXPECT_FALSE(manager.WriteControlCmd(4, Bytes(4, 0)));
+    EXPECT_FALSE(manager.WriteControlCmd(-1, Bytes(4, 0)));
+    EXPECT_TRUE(Accesses(CardAccess::RegisterWrite).empty());
+}
+
+TEST_F(Command, ABusyCardDelaysTheNewestCommandAndDropsTheOlderOne) {
+    ASSERT_EQ(manager.WriteReg(ControlBlock(2) + kCtlBusyMicros, static_cast<int>(kNeverTakes)), 4);
+    // The mailbox was free for this one; the card then never lets go of it.
+    EXPECT_TRUE(manager.WriteControlCmd(2, Bytes(8, 1)));
+    ASSERT_EQ(MailboxWrites(2).size(), 3u);
+
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_FALSE(manager.WriteControlCmd(2, Bytes(8, 2)));
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(40));
+    EXPECT_FALSE(manager.WriteControlCmd(2, Bytes(12, 3)));
+    EXPECT_TRUE(MailboxWrites(2).empty());
+
+    // Once the card is free, only the newest pending command goes out.
+    ASSERT_EQ(manager.WriteReg(ControlBlock(2) + kCtlBusyMicros, 50), 4);
+    ASSERT_EQ(manager.WriteReg(InjectBlock(2) + 0x028, 0), 4);
+    MailboxWrites(2);
+    std::vector<CardAccess> writes;
+    ASSERT_TRUE(WaitFor([&] {
+        for (const CardAccess& write : MailboxWrites(2)) {
+            writes.push_back(write);
+        }
+        return !writes.empty() && writes.back().address == InjectBlock(2) + 0x028;
+    }));
+    ASSERT_EQ(writes.size(), 4u);
+    std::uint32_t first = 0;
+    std::memcpy(&first, Bytes(12, 3).constData(), 4);
+    EXPECT_EQ(writes[0].value, first);
+    EXPECT_EQ(writes[3].value, 0x400u | 11u);
+}
+
+TEST_F(Command, AnEmptyCommandIsNeverSent) {
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_FALSE(manager.WriteControlCmd(0, QByteArray()));
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(40));
+    EXPECT_TRUE(MailboxWrites(0).empty());
+    EXPECT_EQ(Peek(ControlBlock(0) + kCtlCommandsTaken), 0u);
+    // A real command replaces it.
+    EXPECT_TRUE(manager.WriteControlCmd(0, Bytes(3, 0)));
+}
+
+TEST_F(Command, CallersOnEveryChannelAtOnceAreEachToldOfTheirOwnCommand) {
+    std::atomic<int> sent{0};
+    std::vector<std::thread> callers;
+    for (int channel = 0; channel < 4; ++channel) {
+        callers.emplace_back([&, channel] {
+            for (int n = 0; n < 10; ++n) {
+                sent += manager.WriteControlCmd(channel, Bytes(16, channel * 10 + n)) ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+    EXPECT_EQ(sent, 40);
+    for (int channel = 0; channel < 4; ++channel) {
+        EXPECT_EQ(Peek(ControlBlock(channel) + kCtlCommandsTaken), 10u) << channel;
+    }
+}
+
+// Messages come from the caller's thread and the command worker.
+std::mutex capturedLock;
+QStringList capturedMessages;
+
+void CaptureMessage(QtMsgType, const QMessageLogContext&, const QString& message) {
+    std::lock_guard<std::mutex> lock(capturedLock);
+    capturedMessages.append(message);
+}
+
+QStringList CapturedMessages() {
+    std::lock_guard<std::mutex> lock(capturedLock);
+    return capturedMessages;
+}
+
+TEST_F(Command, EachStepLeavesItsNumberedDebugMessageWithTheLocalTime) {
+    const QtMessageHandler previous = qInstallMessageHandler(CaptureMessage);
+    const bool sent = manager.WriteControlCmd(0, Bytes(4, 9));
+    // The worker's last message may follow the caller's.
+    WaitFor([&] { return CapturedMessages().size() >= 4; });
+    qInstallMessageHandler(previous);
+    const QStringList messages = CapturedMessages();
+
+    EXPECT_TRUE(sent);
+    const QString stamp = QStringLiteral("\\d{8} \\d{6}\\.\\d{3}");
+    const QStringList expected = {"^1\\.Call WriteControlCmd: " + stamp + "$",
+                                  "^2\\.ThreadWakeUp: " + stamp + "$",
+                                  "^3\\.Finish Send To Fpga: " + stamp + "$",
+                                  "^4\\.WriteControlCmd Function return true: " + stamp + "\n\n$"};
+    ASSERT_EQ(messages.size(), 4) << messages.join('|').toStdString();
+    EXPECT_TRUE(QRegularExpression(expected[0]).match(messages[0]).hasMatch());
+    for (const QString& pattern : expected) {
+        EXPECT_EQ(messages.filter(QRegularExpression(pattern)).size(), 1) << pattern.toStdString();
+    }
+    EXPECT_LT(messages.indexOf(QRegularExpression(expected[1])),
+              messages.indexOf(QRegularExpression(expected[2])));
+}
+
+}  // namespace
+}  // namespace kvpcie::testing

@@ -1,0 +1,449 @@
+// Injection through the facade on the simulated card: the programming of a channel, the frame
+// queue, the buffer handshake in ring order, the frame counter stamp, loopback into capture,
+// stop and restart, the timing read-back and the refusals.
+#include "InjectTestSupport.h"
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+
+namespace kvpcie::testing {
+namespace {
+
+class Inject : public InjectTest {
+protected:
+    // Queues one frame, offering it again while the queue is full.
+    bool Offer(unsigned channel, int rate, int width, int height, ePixelType type,
+               std::vector<char>& frame) {
+        eErrorCode error = ERR_NO_CARD;
+        bool queued = false;
+        WaitFor([&] {
+            queued =
+                manager.StartInject(channel, rate, width, height, type, 0, frame.data(), error);
+            return queued || error != ERR_QUEUE_FULL;
+        });
+        return queued;
+    }
+    // Gathers the host-to-card transfers until `count` have been handed to the card. A
+    // transfer is logged before its bytes move; the ready status written after it means that
+    // they are in card memory.
+    bool GatherTransfers(std::vector<CardAccess>& transfers, std::size_t count) {
+        return WaitFor([&] {
+            for (const CardAccess& access : KvPCIeSim::TakeAccessLog(kCard)) {
+                if (access.kind == CardAccess::HostToCard) {
+                    pending_.push_back(access);
+                } else if (!pending_.empty() && access.kind == CardAccess::RegisterWrite &&
+                           access.value == 0x12 &&
+                           access.address == StatusOf(pending_.front().address)) {
+                    transfers.push_back(pending_.front());
+                    pending_.erase(pending_.begin());
+                }
+            }
+            return transfers.size() >= count;
+        });
+    }
+    static std::uint32_t StatusOf(std::uint32_t bufferAddress) {
+        const std::uint32_t offset = bufferAddress - InjectBufferAddress(0, 0);
+        return InjectStatus(static_cast<int>(offset / 0xA000000),
+                            static_cast<int>(offset % 0xA000000 / 0x1400000));
+    }
+    std::vector<unsigned char> CardBytes(std::uint32_t address, std::size_t size) {
+        std::vector<unsigned char> bytes(size);
+        EXPECT_TRUE(KvPCIeSim::PeekMemory(kCard, address, bytes.data(), size));
+        return bytes;
+    }
+
+private:
+    std::vector<CardAccess> pending_;
+};
+
+std::vector<CardAccess> ExpectedInit(int channel, std::uint32_t code, std::uint32_t geometry,
+                                     std::uint32_t transfer, std::uint32_t linePeriod,
+                                     std::uint32_t framePeriod) {
+    const std::uint32_t b = InjectBlock(channel);
+    std::vector<CardAccess> writes = {{CardAccess::RegisterWrite, b + 0x000, code},
+                                      {CardAccess::RegisterWrite, b + 0x004, geometry},
+                                      {CardAccess::RegisterWrite, b + 0x008, 8},
+                                      {CardAccess::RegisterWrite, b + 0x00C, transfer}};
+    for (int i = 0; i < 8; ++i) {
+        writes.push_back(
+            {CardAccess::RegisterWrite, b + 0x100 + i * 0x10, InjectBufferAddress(channel, i)});
+        writes.push_back({CardAccess::RegisterWrite, InjectStatus(channel, i), 0});
+    }
+    writes.push_back({CardAccess::RegisterWrite, b + 0x01C, 0});
+    writes.push_back({CardAccess::RegisterWrite, b + 0x020, linePeriod});
+    writes.push_back({CardAccess::RegisterWrite, b + 0x024, framePeriod});
+    return writes;
+}
+
+TEST_F(Inject, TheFirstFrameProgramsTheChannelInOrderWithAndWithoutAParameterLine) {
+    struct Case {
+        int channel;
+        bool parameterLine;
+        ePixelType type;
+        int width, height, rate, linePeriod;
+        std::uint32_t code, geometry, frameBytes, transfer;
+    };
+    const Case cases[] = {
+        {2, false, Y8, 640, 480, 50, 777, 1, 0x028001E0, 307200, 307200},
+        {1, true, UYVY422, 640, 512, 25, 900, 0, 0x02800201, 656640, 657408},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.channel);
+        manager.UpdateParamSimulate(c.channel, c.parameterLine, tagThermalImgParams{});
+        KvPCIeSim::TakeAccessLog(kCard);
+        std::vector<char> frame(c.frameBytes, 0x11);
+        eErrorCode error = ERR_NO_CARD;
+        ASSERT_TRUE(manager.StartInject(c.channel, c.rate, c.width, c.height, c.type, c.linePeriod,
+                                        frame.data(), error));
+        EXPECT_EQ(error, ERR_NONE);
+        EXPECT_TRUE(manager.IsStartInject(c.channel));
+
+        std::vector<CardAccess> writes;
+        std::vector<CardAccess> transfers;
+        ASSERT_TRUE(WaitFor([&] {
+            for (const CardAccess& access : KvPCIeSim::TakeAccessLog(kCard)) {
+                (access.kind == CardAccess::HostToCard ? transfers : writes).push_back(access);
+            }
+            return !transfers.empty();
+        }));
+        const auto expected = ExpectedInit(c.channel, c.code, c.geometry, c.transfer, c.linePeriod,
+                                           100000000u / c.rate);
+        ASSERT_GE(writes.size(), expected.size());
+        for (std::size_t k = 0; k < expected.size(); ++k) {
+            EXPECT_EQ(writes[k].address, expected[k].address) << "write " << k;
+            EXPECT_EQ(writes[k].value, expected[k].value) << "write " << k;
+        }
+        const auto mask = std::find_if(writes.begin(), writes.end(), [](const CardAccess& a) {
+            return a.address == kInjectEnableMask;
+        });
+        ASSERT_NE(mask, writes.end());
+        EXPECT_EQ(mask->value, 1u << c.channel);
+        // The transfer moves the frame; the length register gets the rounded transfer size.
+        EXPECT_EQ(transfers.front().value, c.frameBytes);
+        const std::uint32_t buffer =
+            (transfers.front().address - InjectBufferAddress(c.channel, 0)) / 0x1400000;
+        EXPECT_TRUE(WaitFor(
+            [&] { return Peek(InjectLength(c.channel, static_cast<int>(buffer))) == c.transfer; }));
+        manager.StopInject(c.channel);
+        EXPECT_FALSE(manager.IsStartInject(c.channel));
+    }
+    EXPECT_EQ(Peek(kInjectEnableMask), 0u);
+}
+
+TEST_F(Inject, BuffersGoOverInRingOrderAndTheSixteenthFrameWaitsForATake) {
+    constexpr int kWidth = 64, kHeight = 16;  // Y16: 2048 bytes
+    std::vector<char> frame(kWidth * kHeight * 2, 0x22);
+    // One frame a second: the card plays nothing while the queue fills.
+    ASSERT_TRUE(Offer(0, 1, kWidth, kHeight, Y16, frame));
+    ASSERT_TRUE(WaitFor([&] {
+        for (int b = 0; b < 8; ++b) {
+            if (Peek(InjectStatus(0, b)) != 0x12) {
+                return false;
+            }
+        }
+        return true;
+    }));
+    // The empty ring is handed over from buffer 0 on, each buffer marked busy, then ready with
+    // its length; the first frame went into whichever buffer was next when it arrived.
+    std::vector<std::uint32_t> statusWrites;
+    int transfers = 0;
+    for (const CardAccess& access : KvPCIeSim::TakeAccessLog(kCard)) {
+        if (access.kind == CardAccess::HostToCard) {
+            ++transfers;
+        } else if (access.kind == CardAccess::RegisterWrite &&
+                   access.address >= InjectBlock(0) + 0x100 &&
+                   access.address < InjectBlock(0) + 0x180 && (access.address & 0xF) != 0) {
+            statusWrites.push_back(access.address);
+            statusWrites.push_back(access.value);
+        }
+    }
+    std::vector<std::uint32_t> expected;
+    for (int b = 0; b < 8; ++b) {
+        expected.insert(expected.end(), {InjectStatus(0, b), 1, InjectStatus(0, b), 0x12,
+                                         InjectLength(0, b), 2048});
+    }
+    // The start cleared every status before the worker began.
+    std::vector<std::uint32_t> handovers(statusWrites.begin() + 16, statusWrites.end());
+    EXPECT_EQ(handovers, expected);
+    ASSERT_LE(transfers, 1);
+
+    // 15 frames wait at most, counting the first one if it is still queued.
+    int queued = 1 - transfers;
+    eErrorCode error = ERR_NONE;
+    while (queued < 15) {
+        ASSERT_TRUE(manager.StartInject(0, 1, kWidth, kHeight, Y16, 0, frame.data(), error));
+        ++queued;
+    }
+    EXPECT_FALSE(manager.StartInject(0, 1, kWidth, kHeight, Y16, 0, frame.data(), error));
+    EXPECT_EQ(error, ERR_QUEUE_FULL);
+
+    // The card plays buffer 0, the worker refills it from the queue, and there is room again.
+    // After the first round of the ring the worker is back at buffer 0.
+    std::vector<CardAccess> taken;
+    ASSERT_TRUE(GatherTransfers(taken, 1));
+    EXPECT_EQ(taken.front().address, InjectBufferAddress(0, 0));
+    error = ERR_NONE;
+    EXPECT_TRUE(manager.StartInject(0, 1, kWidth, kHeight, Y16, 0, frame.data(), error));
+    EXPECT_EQ(error, ERR_NONE);
+}
+
+TEST_F(Inject, TheFrameCounterIsStampedLittleEndianOverTheFirstPixel) {
+    struct Case {
+        ePixelType type;
+        int frames;
+        std::vector<unsigned char> lastHead;  // the stamp of the last frame, then pixel bytes
+    };
+    const Case cases[] = {
+        {Y8, 3, {0x02, 0xAA}},
+        {UYVY422, 4, {0x03, 0x00, 0xAA}},
+        {Y16_Y8, 300, {0x2B, 0x01, 0x00, 0xAA}},
+    };
+    constexpr int kWidth = 32, kHeight = 8;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.type);
+        std::vector<char> frame(static_cast<std::size_t>(KvFrameSizeBytes(c.type, kWidth, kHeight)),
+                                static_cast<char>(0xAA));
+        std::vector<CardAccess> transfers;
+        for (int n = 0; n < c.frames; ++n) {
+            ASSERT_TRUE(Offer(3, 1000, kWidth, kHeight, c.type, frame));
+        }
+        ASSERT_TRUE(GatherTransfers(transfers, static_cast<std::size_t>(c.frames)));
+        ASSERT_EQ(transfers.size(), static_cast<std::size_t>(c.frames));
+        // The host's frames stay as they were: the stamp goes into the queue's copy.
+        EXPECT_EQ(static_cast<unsigned char>(frame[0]), 0xAA);
+        const std::size_t stamp = c.lastHead.size() - 1;
+        // Frames before the last eight may have been overwritten on the card since.
+        for (int n = std::max(0, c.frames - 8); n < c.frames; ++n) {
+            const auto head = CardBytes(transfers[n].address, c.lastHead.size());
+            std::vector<unsigned char> expected(c.lastHead.size(), 0xAA);
+            for (std::size_t i = 0; i < stamp; ++i) {
+                expected[i] = static_cast<unsigned char>(static_cast<unsigned>(n) >> (8 * i));
+            }
+            EXPECT_EQ(head, expected) << "frame " << n;
+        }
+        EXPECT_EQ(CardBytes(transfers.back().address, c.lastHead.size()), c.lastHead);
+        manager.StopInject(3);
+    }
+}
+
+TEST_F(Inject, LoopbackReturnsTheInjectedFramesOnTheCaptureChannel) {
+    constexpr int kWidth = 160, kHeight = 120;
+    constexpr std::size_t kBytes = kWidth * kHeight * 2;  // Y16
+    constexpr int kFrames = 8;
+    std::vector<std::vector<char>> sent(kFrames, std::vector<char>(kBytes));
+    for (int n = 0; n < kFrames; ++n) {
+        for (std::size_t k = 0; k < kBytes; ++k) {
+            sent[n][k] = static_cast<char>((k * 7 + static_cast<std::size_t>(n) * 31) & 0xFF);
+        }
+    }
+    ASSERT_EQ(manager.WriteReg(ControlBlock(1) + 0x00, 1), 4);  // capture source: loopback
+
+    struct Received {
+        std::mutex mutex;
+        std::vector<std::vector<char>> frames;
+        std::vector<char> buffer = std::vector<char>(kBytes);
+    } received;
+    const auto onFrame = [](int, const char* data, void* context) {
+        auto* r = static_cast<Received*>(context);
+        std::lock_guard<std::mutex> lock(r->mutex);
+        r->frames.emplace_back(data, data + kBytes);
+    };
+    eErrorCode error = ERR_NO_CARD;
+    ASSERT_TRUE(manager.StartCapture(1, true, kWidth, kHeight, Y16, error, onFrame, &received,
+                                     received.buffer.data()));
+    for (int n = 0; n < kFrames; ++n) {
+        ASSERT_TRUE(Offer(1, 20, kWidth, kHeight, Y16, sent[n]));
+    }
+    // The last frame keeps playing once the queue is empty, so capture ends up seeing it.
+    const auto isLast = [&](const std::vector<char>& frame) {
+        return std::equal(frame.begin() + 2, frame.end(), sent[kFrames - 1].begin() + 2);
+    };
+    ASSERT_TRUE(WaitFor([&] {
+        std::lock_guard<std::mutex> lock(received.mutex);
+        return !received.frames.empty() && isLast(received.frames.back());
+    }));
+    manager.StopCapture(1);
+    manager.StopInject(1);
+
+    // Up to the first sight of the last frame, every captured frame is either a card buffer
+    // not written yet (zeros) or one of the injected frames, byte for byte after its two-byte
+    // counter stamp, in order. (Later, with the queue empty, the card replays its buffers.)
+    int previous = -1;
+    int matched = 0;
+    for (const std::vector<char>& frame : received.frames) {
+        if (std::all_of(frame.begin(), frame.end(), [](char b) { return b == 0; })) {
+            continue;
+        }
+        int which = -1;
+        for (int n = 0; n < kFrames && which < 0; ++n) {
+            if (std::equal(frame.begin() + 2, frame.end(), sent[n].begin() + 2)) {
+                which = n;
+            }
+        }
+        ASSERT_GE(which, 0) << "a captured frame that was never injected";
+        EXPECT_GE(which, previous);
+        // Frames are taken in the order they were queued, so frame n carries counter n.
+        EXPECT_EQ(static_cast<unsigned char>(frame[0]), which);
+        EXPECT_EQ(frame[1], 0);
+        previous = which;
+        ++matched;
+        if (which == kFrames - 1) {
+            break;
+        }
+    }
+    EXPECT_GT(matched, 0);
+}
+
+TEST_F(Inject, StopAndRestartWhileFramesFlowBeginAgainAtBufferZeroAndCounterZero) {
+    constexpr int kWidth = 32, kHeight = 8;
+    std::vector<char> frame(kWidth * kHeight, 0x33);
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round);
+        for (unsigned channel : {0u, 2u}) {
+            ASSERT_TRUE(Offer(channel, 500, kWidth, kHeight, Y8, frame));
+        }
+        // After a start the ring begins at buffer 0, and the first frame carries counter 0.
+        std::vector<CardAccess> writes;
+        std::vector<CardAccess> transfers;
+        ASSERT_TRUE(WaitFor([&] {
+            for (const CardAccess& access : KvPCIeSim::TakeAccessLog(kCard)) {
+                if (access.kind == CardAccess::HostToCard) {
+                    transfers.push_back(access);
+                } else if (access.kind == CardAccess::RegisterWrite) {
+                    writes.push_back(access);
+                }
+            }
+            // Both first frames went over, and their ready statuses after them.
+            return transfers.size() >= 2 &&
+                   std::all_of(transfers.begin(), transfers.begin() + 2, [&](const CardAccess& t) {
+                       return std::any_of(writes.begin(), writes.end(), [&](const CardAccess& w) {
+                           return w.address == StatusOf(t.address) && w.value == 0x12;
+                       });
+                   });
+        }));
+        for (int channel : {0, 2}) {
+            SCOPED_TRACE(channel);
+            const auto firstHandover =
+                std::find_if(writes.begin(), writes.end(), [&](const CardAccess& w) {
+                    return w.value == 1 && w.address >= InjectStatus(channel, 0) &&
+                           w.address <= InjectStatus(channel, 7);
+                });
+            ASSERT_NE(firstHandover, writes.end());
+            EXPECT_EQ(firstHandover->address, InjectStatus(channel, 0));
+            const auto firstTransfer =
+                std::find_if(transfers.begin(), transfers.end(), [&](const CardAccess& t) {
+                    return t.address >= InjectBufferAddress(channel, 0) &&
+                           t.address <= InjectBufferAddress(channel, 7);
+                });
+            ASSERT_NE(firstTransfer, transfers.end());
+            EXPECT_EQ(CardBytes(firstTransfer->address, 2),
+                      (std::vector<unsigned char>{0x00, 0x33}));
+        }
+        for (int n = 0; n < 20; ++n) {
+            ASSERT_TRUE(Offer(0, 500, kWidth, kHeight, Y8, frame));
+            ASSERT_TRUE(Offer(2, 500, kWidth, kHeight, Y8, frame));
+        }
+        manager.StopInject(0);
+        EXPECT_EQ(Peek(kInjectEnableMask), 4u);
+        manager.StopInject(2);
+        EXPECT_EQ(Peek(kInjectEnableMask), 0u);
+        // A stop of a stopped channel touches nothing.
+        KvPCIeSim::TakeAccessLog(kCard);
+        manager.StopInject(2);
+        EXPECT_TRUE(Accesses(CardAccess::RegisterWrite).empty());
+        // Stopped, the card plays the buffers it holds and the statuses all come back to 0;
+        // the restart below must not depend on that, so it does not wait for it.
+        KvPCIeSim::TakeAccessLog(kCard);
+    }
+}
+
+TEST_F(Inject, TheTimingReadBackUsesSelectors3120AndTheDelayClock) {
+    // A channel never started reads channel 0's registers.
+    ASSERT_NE(manager.GetInjectDelayStatus(2), nullptr);
+    std::vector<CardAccess> writes = Accesses(CardAccess::RegisterWrite);
+    ASSERT_EQ(writes.size(), 32u);
+    for (int b = 0; b < 8; ++b) {
+        for (int s = 0; s < 4; ++s) {
+            const CardAccess& write = writes[static_cast<std::size_t>(b * 4 + s)];
+            EXPECT_EQ(write.address, InjectBlock(0) + 0x10C + static_cast<std::uint32_t>(b) * 0x10);
+            constexpr std::uint32_t kSelectors[] = {3, 1, 2, 0};
+            EXPECT_EQ(write.value, kSelectors[s] << 28);
+        }
+    }
+
+    constexpr int kWidth = 32, kHeight = 8;
+    std::vector<char> frame(kWidth * kHeight, 0x44);
+    for (int n = 0; n < 12; ++n) {
+        ASSERT_TRUE(Offer(0, 200, kWidth, kHeight, Y8, frame));
+    }
+    ASSERT_TRUE(WaitFor([&] { return Peek(ControlBlock(0) + 0x10) >= 12; }));
+    const tagInjectDelayStatusInfo* records = manager.GetInjectDelayStatus(0);
+    ASSERT_NE(records, nullptr);
+    // Every buffer has been played: each time is a real, bounded one on the 125 MHz clock.
+    const double longest = double(0x0FFFFFFF) / 125000000.0;
+    for (int b = 0; b < 8; ++b) {
+        SCOPED_TRACE(b);
+        const double values[] = {records[b].delaySel0, records[b].delaySel1, records[b].delaySel2,
+                                 records[b].delaySel3};
+        for (double value : values) {
+            EXPECT_TRUE(std::isfinite(value));
+            EXPECT_GE(value, 0.0);
+            EXPECT_LE(value, longest);
+        }
+        EXPECT_GT(records[b].delaySel2, 0.0);  // the play interval
+        EXPECT_GT(records[b].delaySel3, 0.0);  // host writing to the end of the play
+    }
+    EXPECT_EQ(manager.GetInjectDelayStatus(4), nullptr);
+}
+
+TEST_F(Inject, BadRequestsAreRefusedBeforeTheCardIsTouched) {
+    std::vector<char> frame(64 * 64 * 3, 0x55);
+    struct Case {
+        const char* what;
+        unsigned channel;
+        int rate, width, height;
+        ePixelType type;
+        bool nullData;
+    };
+    const Case cases[] = {
+        {"channel 4", 4, 50, 64, 64, Y8, false},
+        {"null frame", 0, 50, 64, 64, Y8, true},
+        {"frame rate 0", 0, 0, 64, 64, Y8, false},
+        {"negative frame rate", 0, -25, 64, 64, Y8, false},
+        {"PIXEL32", 0, 50, 64, 64, PIXEL32, false},
+        {"unknown pixel type", 0, 50, 64, 64, static_cast<ePixelType>(9), false},
+        {"width 0", 0, 50, 0, 64, Y8, false},
+        {"width 65536", 0, 50, 65536, 1, Y8, false},
+        {"height 65536", 0, 50, 1, 65536, Y8, false},
+        {"over 20 MiB", 0, 50, 4096, 2000, BGR24, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        eErrorCode error = ERR_NONE;
+        EXPECT_FALSE(manager.StartInject(c.channel, c.rate, c.width, c.height, c.type, 0,
+                                         c.nullData ? nullptr : frame.data(), error));
+        EXPECT_EQ(error, ERR_NO_CARD);
+        EXPECT_FALSE(manager.IsStartInject(static_cast<int>(c.channel)));
+    }
+    // Exactly one card buffer, until the parameter line makes it one line too long.
+    manager.UpdateParamSimulate(0, true, tagThermalImgParams{});
+    eErrorCode error = ERR_NO_CARD;
+    EXPECT_FALSE(manager.StartInject(0, 50, 4096, 2560, Y16, 0, frame.data(), error));
+    EXPECT_EQ(error, ERR_NONE);
+    EXPECT_TRUE(KvPCIeSim::TakeAccessLog(kCard).empty());
+
+    // Still working afterwards.
+    manager.UpdateParamSimulate(0, false, tagThermalImgParams{});
+    EXPECT_TRUE(manager.StartInject(0, 50, 64, 64, BGR24, 0, frame.data(), error));
+    EXPECT_EQ(error, ERR_NONE);
+
+    // RIFFA mode injects nothing and leaves the error code alone.
+    PCIeDataManager riffa(RIFFA);
+    error = ERR_QUEUE_FULL;
+    EXPECT_FALSE(riffa.StartInject(0, 50, 64, 64, Y8, 0, frame.data(), error));
+    EXPECT_EQ(error, ERR_QUEUE_FULL);
+}
+
+}  // namespace
+}  // namespace kvpcie::testing
