@@ -20,51 +20,19 @@ void StoreLittleEndian(std::uint8_t* out, std::uint32_t value) {
 SimCaptureChannel::SimCaptureChannel(unsigned channel) : channel_(channel) {}
 
 void SimCaptureChannel::Start(TimePoint now, Clock::duration period) {
-    running_ = true;
-    ++generation_;
+    clock_.Start(now, period);
     position_ = 0;
     number_ = 0;
-    deadline_.reset();
-    if (period > Clock::duration::zero()) {
-        deadline_ = now + period;
-    }
     // Times of an earlier run would pass for this run's in the read-back.
     buffers_.fill(BufferTimes{});
     previousReady_.reset();
     readyTimes_.fill(ReadyRecord{});
 }
 
-void SimCaptureChannel::Stop() {
-    running_ = false;
-    ++generation_;
-    deadline_.reset();
-}
-
-void SimCaptureChannel::Retime(TimePoint now, Clock::duration period) {
-    if (!running_) {
-        return;
-    }
-    if (period <= Clock::duration::zero()) {
-        deadline_.reset();
-    } else if (!deadline_ || *deadline_ > now + period) {
-        deadline_ = now + period;
-    }
-}
-
-void SimCaptureChannel::Advance(TimePoint due, TimePoint wake, Clock::duration period) {
-    if (!running_ || period <= Clock::duration::zero()) {
-        deadline_.reset();
-        return;
-    }
-    // On time the clock keeps its phase; woken over a period late, it makes one frame and starts
-    // over rather than catching up in a burst.
-    deadline_ = wake - due > period ? wake + period : due + period;
-}
-
 int SimCaptureChannel::Plan(const CaptureSettings& settings, int count, TimePoint start) {
     claimed_ = true;
     batch_.count = 0;
-    batchGeneration_ = generation_;
+    batchGeneration_ = clock_.Run();
     batchBytes_ = settings.frameBytes;
     batchLoopback_ = settings.loopback;
     batchLoopbackFrame_ = settings.loopback ? loopbackFrame_ : nullptr;
@@ -138,7 +106,7 @@ void SimCaptureChannel::WriteLoopback(SparseMemory& memory, const Frame& frame) 
 bool SimCaptureChannel::Finish() {
     claimed_ = false;
     batchLoopbackFrame_.reset();
-    return running_ && batchGeneration_ == generation_;
+    return clock_.IsCurrent(batchGeneration_);
 }
 
 void SimCaptureChannel::RecordReady(const Frame& frame, TimePoint ready) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "SimCardRegisters.h"
+#include "SimFrameClock.h"
 #include "SparseMemory.h"
 
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaChannelRegisters.h"
@@ -30,8 +31,8 @@ struct CaptureSettings {
 // which it calls without the mutex while the channel is claimed.
 class SimCaptureChannel {
 public:
-    using Clock = std::chrono::steady_clock;
-    using TimePoint = Clock::time_point;
+    using Clock = SimFrameClock::Clock;
+    using TimePoint = SimFrameClock::TimePoint;
 
     struct Frame {
         std::uint32_t number;
@@ -55,14 +56,14 @@ public:
     // Frame 0 goes to buffer 0, one period from now. A zero period gives no frames.
     void Start(TimePoint now, Clock::duration period);
     // A batch being written when the channel stops or starts again is not published.
-    void Stop();
-    bool Running() const { return running_; }
-    // After a timing register changed: a stopped clock starts, a shorter period applies at once.
-    void Retime(TimePoint now, Clock::duration period);
-    // None while stopped or when the clock gives no frames.
-    std::optional<TimePoint> Deadline() const { return deadline_; }
+    void Stop() { clock_.Stop(); }
+    bool Running() const { return clock_.Running(); }
+    void Retime(TimePoint now, Clock::duration period) { clock_.Retime(now, period); }
+    std::optional<TimePoint> Deadline() const { return clock_.Deadline(); }
     // After the frame due at `due`, produced on waking at `wake`.
-    void Advance(TimePoint due, TimePoint wake, Clock::duration period);
+    void Advance(TimePoint due, TimePoint wake, Clock::duration period) {
+        clock_.Advance(due, wake, period);
+    }
 
     // --- producing frames ---
     // One producer at a time: the clock and ProduceCaptureFrames both claim the channel.
@@ -110,9 +111,7 @@ private:
     void WriteLoopback(SparseMemory& memory, const Frame& frame);
 
     const unsigned channel_;
-    bool running_ = false;
-    std::uint64_t generation_ = 0;
-    std::optional<TimePoint> deadline_;
+    SimFrameClock clock_;
     unsigned position_ = 0;
     std::uint32_t number_ = 0;
 

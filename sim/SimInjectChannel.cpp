@@ -14,13 +14,8 @@ using DelayClockTicks = std::chrono::duration<std::int64_t, std::ratio<1, kDelay
 }  // namespace
 
 void SimInjectChannel::Start(TimePoint now, Clock::duration period) {
-    running_ = true;
-    ++generation_;
+    clock_.Start(now, period);
     position_ = 0;
-    deadline_.reset();
-    if (period > Clock::duration::zero()) {
-        deadline_ = now + period;
-    }
     // The host's hand-over times stay: it may fill the ring before it enables the channel.
     for (BufferTimes& times : buffers_) {
         times.readyToPlay = times.playInterval = times.writingToPlay = Clock::duration::zero();
@@ -28,38 +23,12 @@ void SimInjectChannel::Start(TimePoint now, Clock::duration period) {
     previousPlay_.reset();
 }
 
-void SimInjectChannel::Stop() {
-    running_ = false;
-    ++generation_;
-    deadline_.reset();
-}
-
-void SimInjectChannel::Retime(TimePoint now, Clock::duration period) {
-    if (!running_) {
-        return;
-    }
-    if (period <= Clock::duration::zero()) {
-        deadline_.reset();
-    } else if (!deadline_ || *deadline_ > now + period) {
-        deadline_ = now + period;
-    }
-}
-
-void SimInjectChannel::Advance(TimePoint due, TimePoint wake, Clock::duration period) {
-    if (!running_ || period <= Clock::duration::zero()) {
-        deadline_.reset();
-        return;
-    }
-    // Late by over a period, the clock starts over rather than playing a burst of catch-up ticks.
-    deadline_ = wake - due > period ? wake + period : due + period;
-}
-
 void SimInjectChannel::BeginPlay() {
-    playGeneration_ = generation_;
+    playGeneration_ = clock_.Run();
 }
 
 bool SimInjectChannel::FinishPlay(TimePoint end) {
-    if (!running_ || playGeneration_ != generation_) {
+    if (!clock_.IsCurrent(playGeneration_)) {
         return false;
     }
     BufferTimes& times = buffers_[position_];

@@ -2,6 +2,8 @@
 // the delay read-back and the command mailbox's busy time.
 #pragma once
 
+#include "SimFrameClock.h"
+
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaChannelRegisters.h"
 
 #include <array>
@@ -15,19 +17,20 @@ namespace kvpcie::sim {
 // read between BeginPlay and FinishPlay without the mutex, so a stop in between is caught there.
 class SimInjectChannel {
 public:
-    using Clock = std::chrono::steady_clock;
-    using TimePoint = Clock::time_point;
+    using Clock = SimFrameClock::Clock;
+    using TimePoint = SimFrameClock::TimePoint;
 
     // --- the clock ---
     // The first tick comes one period from now and looks at buffer 0.
     void Start(TimePoint now, Clock::duration period);
-    void Stop();
-    bool Running() const { return running_; }
-    // After the frame period changed: a shorter period applies at once.
-    void Retime(TimePoint now, Clock::duration period);
-    std::optional<TimePoint> Deadline() const { return deadline_; }
+    void Stop() { clock_.Stop(); }
+    bool Running() const { return clock_.Running(); }
+    void Retime(TimePoint now, Clock::duration period) { clock_.Retime(now, period); }
+    std::optional<TimePoint> Deadline() const { return clock_.Deadline(); }
     // After the tick due at `due`, served on waking at `wake`.
-    void Advance(TimePoint due, TimePoint wake, Clock::duration period);
+    void Advance(TimePoint due, TimePoint wake, Clock::duration period) {
+        clock_.Advance(due, wake, period);
+    }
 
     // --- playing ---
     // The buffer the next tick plays if the host has handed it over.
@@ -67,10 +70,8 @@ private:
         Clock::duration writingToPlay{};
     };
 
-    bool running_ = false;
-    std::uint64_t generation_ = 0;
+    SimFrameClock clock_;
     std::uint64_t playGeneration_ = 0;
-    std::optional<TimePoint> deadline_;
     unsigned position_ = 0;
 
     std::array<BufferTimes, xdma::kCardBufferCount> buffers_{};

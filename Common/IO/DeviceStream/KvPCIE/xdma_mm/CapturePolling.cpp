@@ -72,7 +72,8 @@ void DataCapture4XdmaMM::PollChannel(int c) {
         if (logging) {
             char digits[33];
             FormatBinary(status, digits);
-            std::snprintf(line, sizeof line, "%s%d  >>>各个Buff状态 :  BuffNo: %u BuffStatus(2进制0x)： %s",
+            std::snprintf(line, sizeof line,
+                          "%s%d  >>>各个Buff状态 :  BuffNo: %u BuffStatus(2进制0x)： %s",
                           kPortPrefix, c, buffer, digits);
             log_->WriteLog(line);
         }
@@ -85,7 +86,8 @@ void DataCapture4XdmaMM::PollChannel(int c) {
 
 void DataCapture4XdmaMM::HandleBuffer(int c, Channel& state, unsigned buffer,
                                       std::uint32_t status) {
-    const std::uint32_t statusAddress = CaptureBlock(static_cast<unsigned>(c)) + CapBufferStatus(buffer);
+    const std::uint32_t statusAddress =
+        CaptureBlock(static_cast<unsigned>(c)) + CapBufferStatus(buffer);
     const bool logging = saveLog_.load(std::memory_order_relaxed);
     char line[256];
     if (logging) {
@@ -102,8 +104,10 @@ void DataCapture4XdmaMM::HandleBuffer(int c, Channel& state, unsigned buffer,
     const unsigned released = 0;
     XdmaWriteReg(statusAddress, &released);
     if (logging) {
-        std::snprintf(line, sizeof line, "%s%d  清除当前buff的状态(置0)： Buff%u  Addr(16进制 0x)： %x  Value(10进制): 0",
-                      kPortPrefix, c, buffer, statusAddress);
+        std::snprintf(
+            line, sizeof line,
+            "%s%d  清除当前buff的状态(置0)： Buff%u  Addr(16进制 0x)： %x  Value(10进制): 0",
+            kPortPrefix, c, buffer, statusAddress);
         log_->WriteLog(line);
     }
     if (!ok) {

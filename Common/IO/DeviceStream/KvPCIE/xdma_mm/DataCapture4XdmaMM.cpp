@@ -24,11 +24,6 @@ constexpr std::size_t kDelayFieldOffsets[] = {
     offsetof(tagCaptureDelayStatusInfo, delaySel3), offsetof(tagCaptureDelayStatusInfo, delaySel1),
     offsetof(tagCaptureDelayStatusInfo, delaySel0), offsetof(tagCaptureDelayStatusInfo, delaySel2)};
 
-void WriteRegister(std::uint32_t address, std::uint32_t value) {
-    const unsigned word = value;
-    XdmaWriteReg(address, &word);
-}
-
 bool IsKnownPixelType(ePixelType pixelType) {
     return pixelType >= UYVY422 && pixelType <= PIXEL32;
 }
@@ -49,7 +44,8 @@ DataCapture4XdmaMM::DataCapture4XdmaMM(CpuCoreSource* cores, const std::string& 
     : QObject(nullptr), cores_(cores), devicePath_(devicePath) {
     log_ = std::make_unique<LogFile>("Capture_AllChannel");
     log_->StartLog();
-    connect(&statusTimer_, &QTimer::timeout, this, &DataCapture4XdmaMM::OnSlotCaptureCmdDataTimeOut);
+    connect(&statusTimer_, &QTimer::timeout, this,
+            &DataCapture4XdmaMM::OnSlotCaptureCmdDataTimeOut);
     delayClockHz_ = XdmaReadReg(kRegDelayClockHz);
 }
 
@@ -127,32 +123,33 @@ bool DataCapture4XdmaMM::StartChannel(const KvFrameFormat& format, CaptureFrameC
     ProgramChannel(c, format, frameSize);
     state.started.store(true, std::memory_order_release);
     enableMask_ |= 1u << c;
-    WriteRegister(kRegCaptureEnableMask, enableMask_);
+    XdmaWriteRegValue(kRegCaptureEnableMask, enableMask_);
     return true;
 }
 
 void DataCapture4XdmaMM::ProgramChannel(unsigned c, const KvFrameFormat& format, int frameSize) {
     const std::uint32_t block = CaptureBlock(c);
     const bool known = IsKnownPixelType(format.pixelType);
-    WriteRegister(block + kCapPixelCode, known ? static_cast<std::uint32_t>(format.pixelType) : 0);
-    WriteRegister(block + kCapGeometry,
-                  (static_cast<std::uint32_t>(format.width) << 16) |
-                      static_cast<std::uint32_t>(format.height + format.paramLines));
-    WriteRegister(block + kCapBufferCount, kCardBufferCount);
-    WriteRegister(block + kCapBufferSpacing, kCardBufferBytes);
-    WriteRegister(block + kCapFrameBytes, known ? static_cast<std::uint32_t>(frameSize) : 0);
+    XdmaWriteRegValue(block + kCapPixelCode,
+                      known ? static_cast<std::uint32_t>(format.pixelType) : 0);
+    XdmaWriteRegValue(block + kCapGeometry,
+                      (static_cast<std::uint32_t>(format.width) << 16) |
+                          static_cast<std::uint32_t>(format.height + format.paramLines));
+    XdmaWriteRegValue(block + kCapBufferCount, kCardBufferCount);
+    XdmaWriteRegValue(block + kCapBufferSpacing, kCardBufferBytes);
+    XdmaWriteRegValue(block + kCapFrameBytes, known ? static_cast<std::uint32_t>(frameSize) : 0);
     for (unsigned i = 0; i < kCardBufferCount; ++i) {
-        WriteRegister(block + CapBufferAddress(i), CaptureBufferAddress(c, i));
-        WriteRegister(block + CapBufferStatus(i), 0);
+        XdmaWriteRegValue(block + CapBufferAddress(i), CaptureBufferAddress(c, i));
+        XdmaWriteRegValue(block + CapBufferStatus(i), 0);
     }
-    WriteRegister(block + kCapLinePeriod, static_cast<std::uint32_t>(format.linePeriod));
+    XdmaWriteRegValue(block + kCapLinePeriod, static_cast<std::uint32_t>(format.linePeriod));
     if (format.captureSyncMode == 1) {
         // A frame rate of 0 would divide by zero; the card then gets no period.
         const auto rate = static_cast<std::uint32_t>(format.frameRate);
-        WriteRegister(block + kCapFramePeriod,
-                      rate == 0 ? 0 : XdmaReadReg(kRegTimingClockHz) / rate);
+        XdmaWriteRegValue(block + kCapFramePeriod,
+                          rate == 0 ? 0 : XdmaReadReg(kRegTimingClockHz) / rate);
     }
-    WriteRegister(block + kCapSyncMode, SyncModeWord(format));
+    XdmaWriteRegValue(block + kCapSyncMode, SyncModeWord(format));
 }
 
 void DataCapture4XdmaMM::StopCapture(int c) {
@@ -180,7 +177,7 @@ void DataCapture4XdmaMM::StopCapture(int c) {
         pollingThread_.Stop();
     }
     enableMask_ &= ~(1u << c);
-    WriteRegister(kRegCaptureEnableMask, enableMask_);
+    XdmaWriteRegValue(kRegCaptureEnableMask, enableMask_);
     std::lock_guard<std::mutex> turn(state.turnLock);
     state.frameCallback = nullptr;
     state.frameCallbackEx = nullptr;
@@ -251,7 +248,8 @@ void DataCapture4XdmaMM::StopRecord(int c) {
 }
 
 void DataCapture4XdmaMM::StopRecorder(Channel& state) {
-    if (state.recorder != nullptr && (state.recorder->IsRecording() || state.recorder->isRunning())) {
+    if (state.recorder != nullptr &&
+        (state.recorder->IsRecording() || state.recorder->isRunning())) {
         state.recorder->StopRecord();
     }
 }
@@ -305,7 +303,7 @@ tagCaptureDelayStatusInfo* DataCapture4XdmaMM::GetCaptureDelayStatus(int c) {
         const std::uint32_t address = block + CapBufferDelay(i);
         auto* record = reinterpret_cast<unsigned char*>(&delayStatus_[i]);
         for (int k = 0; k < 4; ++k) {
-            WriteRegister(address, kDelaySelectorOrder[k] << kDelaySelectorShift);
+            XdmaWriteRegValue(address, kDelaySelectorOrder[k] << kDelaySelectorShift);
             const std::uint32_t ticks = XdmaReadReg(address) & kDelayCountMask;
             const double seconds = delayClockHz_ == 0 ? 0.0 : double(ticks) / delayClockHz_;
             // The record is packed: its doubles are not aligned, so they are stored bytewise.
@@ -321,7 +319,7 @@ void DataCapture4XdmaMM::SetImgDisplayDelayTest(int c, bool on) {
         return;
     }
     channels_[c].delayTest = on;
-    WriteRegister(kRegDelayTest, on ? kDelayTestOn : 0);
+    XdmaWriteRegValue(kRegDelayTest, on ? kDelayTestOn : 0);
 }
 
 void DataCapture4XdmaMM::ImgSnapShot(int c) {

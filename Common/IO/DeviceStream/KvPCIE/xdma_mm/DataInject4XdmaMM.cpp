@@ -29,11 +29,6 @@ constexpr std::size_t kDelayFieldOffsets[] = {
     offsetof(tagInjectDelayStatusInfo, delaySel3), offsetof(tagInjectDelayStatusInfo, delaySel1),
     offsetof(tagInjectDelayStatusInfo, delaySel2), offsetof(tagInjectDelayStatusInfo, delaySel0)};
 
-void WriteRegister(std::uint32_t address, std::uint32_t value) {
-    const unsigned word = value;
-    XdmaWriteReg(address, &word);
-}
-
 std::uint32_t InjectSyncModeWord(const KvFrameFormat& format) {
     switch (format.injectSyncMode) {
         case 1:
@@ -91,7 +86,7 @@ bool DataInject4XdmaMM::StartInject(const KvFrameFormat& format, const char* fra
             injectThreadStarted_ = true;
         }
         injectChannelMask_ |= 1u << c;
-        WriteRegister(kRegInjectEnableMask, injectChannelMask_);
+        XdmaWriteRegValue(kRegInjectEnableMask, injectChannelMask_);
     }
     // Only this thread creates or drops the queue, so it stays put while we use it.
     KvCycleQueue& queue = *state.queue;
@@ -129,20 +124,20 @@ bool DataInject4XdmaMM::InitInjectChannel(const KvFrameFormat& format) {
     }
 
     const std::uint32_t block = InjectBlock(c);
-    WriteRegister(block + kInjPixelCode, InjectPixelCode(format.pixelType));
-    WriteRegister(block + kInjGeometry, static_cast<std::uint32_t>(format.width) << 16 |
-                                            static_cast<std::uint32_t>(lines));
-    WriteRegister(block + kInjBufferCount, kCardBufferCount);
-    WriteRegister(block + kInjTransferBytes, static_cast<std::uint32_t>(transferSize));
+    XdmaWriteRegValue(block + kInjPixelCode, InjectPixelCode(format.pixelType));
+    XdmaWriteRegValue(block + kInjGeometry, static_cast<std::uint32_t>(format.width) << 16 |
+                                                static_cast<std::uint32_t>(lines));
+    XdmaWriteRegValue(block + kInjBufferCount, kCardBufferCount);
+    XdmaWriteRegValue(block + kInjTransferBytes, static_cast<std::uint32_t>(transferSize));
     for (unsigned b = 0; b < kCardBufferCount; ++b) {
-        WriteRegister(block + InjBufferAddress(b), InjectBufferAddress(c, b));
-        WriteRegister(block + InjBufferStatus(b), 0);
+        XdmaWriteRegValue(block + InjBufferAddress(b), InjectBufferAddress(c, b));
+        XdmaWriteRegValue(block + InjBufferStatus(b), 0);
     }
-    WriteRegister(block + kInjSyncMode, InjectSyncModeWord(format));
+    XdmaWriteRegValue(block + kInjSyncMode, InjectSyncModeWord(format));
     const std::uint32_t framePeriod =
         XdmaReadReg(kRegTimingClockHz) / static_cast<std::uint32_t>(format.frameRate);
-    WriteRegister(block + kInjLinePeriod, static_cast<std::uint32_t>(format.linePeriod));
-    WriteRegister(block + kInjFramePeriod, framePeriod);
+    XdmaWriteRegValue(block + kInjLinePeriod, static_cast<std::uint32_t>(format.linePeriod));
+    XdmaWriteRegValue(block + kInjFramePeriod, framePeriod);
     return true;
 }
 
@@ -155,7 +150,7 @@ void DataInject4XdmaMM::StopInject(int channel) {
         return;
     }
     injectChannelMask_ &= ~(1u << state.format.channel);
-    WriteRegister(kRegInjectEnableMask, injectChannelMask_);
+    XdmaWriteRegValue(kRegInjectEnableMask, injectChannelMask_);
     state.injecting.store(false, std::memory_order_release);
     {
         std::lock_guard<std::mutex> turn(state.turnLock);
@@ -204,7 +199,7 @@ tagInjectDelayStatusInfo* DataInject4XdmaMM::GetInjectDelayStatus(int channel) {
         auto* record = reinterpret_cast<unsigned char*>(&delayStatus_[b]);
         for (std::size_t i = 0; i < std::size(kDelaySelectorOrder); ++i) {
             const std::uint32_t address = block + InjBufferDelay(b);
-            WriteRegister(address, kDelaySelectorOrder[i] << kDelaySelectorShift);
+            XdmaWriteRegValue(address, kDelaySelectorOrder[i] << kDelaySelectorShift);
             const std::uint32_t count = XdmaReadReg(address) & kDelayCountMask;
             // No clock (no card) divides by zero on purpose: the values read as infinite or
             // not a number rather than as a plausible time.

@@ -9,11 +9,6 @@
 namespace kvpcie::xdma {
 namespace {
 
-void WriteRegister(std::uint32_t address, std::uint32_t value) {
-    const unsigned word = value;
-    XdmaWriteReg(address, &word);
-}
-
 // The frame counter, least significant byte first, over the frame's first pixel.
 void StampFrameCounter(char* frame, ePixelType pixelType, std::uint32_t counter) {
     const int bytes = InjectBytesPerPixel(pixelType);
@@ -60,14 +55,14 @@ bool DataInject4XdmaMM::ServeChannel(unsigned c) {
         StampFrameCounter(frame, state.format.pixelType, state.frameCounter);
         ++state.frameCounter;
     }
-    WriteRegister(status, kStatusHostWriting);
+    XdmaWriteRegValue(status, kStatusHostWriting);
     if (frame != nullptr) {
         // A failed transfer is not reported: the card would replay the buffer's old contents,
         // which is what it does on an empty queue too.
         XdmaWriteData(InjectBufferAddress(c, b), static_cast<unsigned>(state.frameSize), frame);
     }
-    WriteRegister(status, kStatusInjectReady);
-    WriteRegister(block + InjBufferLength(b), static_cast<std::uint32_t>(state.transferSize));
+    XdmaWriteRegValue(status, kStatusInjectReady);
+    XdmaWriteRegValue(block + InjBufferLength(b), static_cast<std::uint32_t>(state.transferSize));
     state.lastBufferIndex = static_cast<int>(b);
     return true;
 }

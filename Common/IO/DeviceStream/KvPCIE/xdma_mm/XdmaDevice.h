@@ -48,6 +48,10 @@ bool XdmaIsOpen();
 unsigned XdmaReadReg(unsigned address);
 // The transfer result (4 on success); -1 when the card is closed or `value` is null.
 int XdmaWriteReg(unsigned address, const unsigned* value);
+// The same for a value at hand, for the engines, which do not look at the result.
+inline void XdmaWriteRegValue(unsigned address, unsigned value) {
+    XdmaWriteReg(address, &value);
+}
 // Whole 32-bit words of the user space. False only when the card is closed or `buffer` is null
 // with a size; a failed transfer is not reported.
 bool XdmaReadUser(unsigned address, void* buffer, unsigned size);
