@@ -8,6 +8,8 @@
 // figure includes the card's work as well as the host's.
 #include "MemcpyBaseline.h"
 
+#include "SimCardBench.h"
+
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
@@ -151,21 +153,10 @@ double CpuSeconds() {
 int main(int argc, char** argv) {
     // Parts to run: "throughput", "latency", "idle"; all without arguments.
     const auto wanted = [&](const char* part) {
-        if (argc < 2) {
-            return true;
-        }
-        for (int k = 1; k < argc; ++k) {
-            if (std::strcmp(argv[k], part) == 0) {
-                return true;
-            }
-        }
-        return false;
+        return kvpcie::bench::PartWanted(argc, argv, part);
     };
-    KvPCIeSim::Configure("xdma:1");
     PCIeDataManager manager;
-    char path[] = "sim:xdma0";
-    if (!manager.OpenCard(path)) {
-        std::fprintf(stderr, "the simulated card did not open\n");
+    if (!kvpcie::bench::OpenSimulatedCard(manager)) {
         return 1;
     }
 

@@ -9,6 +9,8 @@
 // include the card's copying as well as the host's.
 #include <benchmark/benchmark.h>
 
+#include "SimCardBench.h"
+
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
@@ -174,21 +176,10 @@ std::uint32_t TotalUnderruns(const Sustained& result, int channels) {
 
 int main(int argc, char** argv) {
     const auto wanted = [&](const char* part) {
-        if (argc < 2) {
-            return true;
-        }
-        for (int k = 1; k < argc; ++k) {
-            if (std::strcmp(argv[k], part) == 0) {
-                return true;
-            }
-        }
-        return false;
+        return kvpcie::bench::PartWanted(argc, argv, part);
     };
-    KvPCIeSim::Configure("xdma:1");
     PCIeDataManager manager;
-    char path[] = "sim:xdma0";
-    if (!manager.OpenCard(path)) {
-        std::fprintf(stderr, "the simulated card did not open\n");
+    if (!kvpcie::bench::OpenSimulatedCard(manager)) {
         return 1;
     }
     std::vector<char> frame(kFrameBytes);
