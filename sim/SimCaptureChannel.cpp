@@ -7,8 +7,6 @@ namespace kvpcie::sim {
 
 namespace {
 
-using DelayClockTicks = std::chrono::duration<std::int64_t, std::ratio<1, kDelayClockHz>>;
-
 void StoreLittleEndian(std::uint8_t* out, std::uint32_t value) {
     for (int byte = 0; byte < 4; ++byte) {
         out[byte] = static_cast<std::uint8_t>(value >> (8 * byte));
@@ -154,9 +152,7 @@ std::uint32_t SimCaptureChannel::DelayTicks(unsigned buffer, unsigned selector,
         default:
             return 0;
     }
-    const std::int64_t ticks = std::chrono::duration_cast<DelayClockTicks>(span).count();
-    return static_cast<std::uint32_t>(
-        std::clamp<std::int64_t>(ticks, 0, std::int64_t{xdma::kDelayCountMask}));
+    return SaturatedDelayTicks(span);
 }
 
 bool SimCaptureChannel::ReadyTime(std::uint32_t number, TimePoint& ready) const {

@@ -6,6 +6,7 @@
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 
@@ -95,5 +96,13 @@ constexpr std::uint32_t kUserSpaceBytes = 0x200000;
 constexpr std::uint64_t kCardMemoryBytes = std::uint64_t{1} << 31;
 constexpr int kUserEventCount = 16;
 constexpr int kDefaultEventTimeoutMs = 3000;
+
+// A span as the delay counters show it: delay-clock ticks, saturated to the count field.
+inline std::uint32_t SaturatedDelayTicks(std::chrono::steady_clock::duration span) {
+    using DelayClockTicks = std::chrono::duration<std::int64_t, std::ratio<1, kDelayClockHz>>;
+    const std::int64_t ticks = std::chrono::duration_cast<DelayClockTicks>(span).count();
+    return static_cast<std::uint32_t>(
+        std::clamp<std::int64_t>(ticks, 0, std::int64_t{xdma::kDelayCountMask}));
+}
 
 }  // namespace kvpcie::sim

@@ -7,12 +7,6 @@
 
 namespace kvpcie::sim {
 
-namespace {
-
-using DelayClockTicks = std::chrono::duration<std::int64_t, std::ratio<1, kDelayClockHz>>;
-
-}  // namespace
-
 void SimInjectChannel::Start(TimePoint now, Clock::duration period) {
     clock_.Start(now, period);
     position_ = 0;
@@ -72,9 +66,7 @@ std::uint32_t SimInjectChannel::DelayTicks(unsigned buffer, unsigned selector) c
         default:
             return 0;
     }
-    const std::int64_t ticks = std::chrono::duration_cast<DelayClockTicks>(span).count();
-    return static_cast<std::uint32_t>(
-        std::clamp<std::int64_t>(ticks, 0, std::int64_t{xdma::kDelayCountMask}));
+    return SaturatedDelayTicks(span);
 }
 
 bool SimInjectChannel::CommandBusy(TimePoint now) const {

@@ -2,6 +2,8 @@
 // against the card's test pattern, and bounded waiting.
 #pragma once
 
+#include "../support/WaitFor.h"
+
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
@@ -38,19 +40,6 @@ constexpr std::uint32_t kCtlPostStatus = 0x28;
 constexpr std::uint32_t kCtlNoEvents = 0x34;
 constexpr std::uint32_t kCtlStaging = 0x400;
 
-// Polls `done` until it holds or `limit` passes.
-inline bool WaitFor(const std::function<bool()>& done,
-                    std::chrono::milliseconds limit = std::chrono::seconds(5)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
 inline std::uint32_t FrameNumberOf(const char* frame) {
     std::uint32_t number = 0;
     std::memcpy(&number, frame, 4);
@@ -65,7 +54,8 @@ inline bool IsPatternFrame(const char* frame, std::size_t size, int channel, std
         return false;
     }
     for (std::size_t k = 8; k < size; ++k) {
-        if (static_cast<unsigned char>(frame[k]) != static_cast<unsigned char>((k + number) & 0xFF)) {
+        if (static_cast<unsigned char>(frame[k]) !=
+            static_cast<unsigned char>((k + number) & 0xFF)) {
             return false;
         }
     }

@@ -1,5 +1,7 @@
 // The capture side of the simulated XDMA card, seen through the host's device files: the ring,
 // drops, frame content, delay read-back, status mailbox, DMA faults and the frame clock.
+#include "../support/WaitFor.h"
+
 #include "platform/DeviceFile.h"
 #include "platform/DeviceInterfaces.h"
 
@@ -24,6 +26,7 @@ namespace kvpcie {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::WaitFor;
 using namespace xdma;
 using KvPCIeSim::ControlBlock;
 
@@ -67,17 +70,6 @@ protected:
         Write(ControlBlock(channel) + KvPCIeSim::kCtlExternalFrameRate, 0);
         Write(CaptureBlock(channel) + kCapFrameBytes, frameBytes);
         Write(kRegCaptureEnableMask, Read(kRegCaptureEnableMask) | 1u << channel);
-    }
-
-    static bool Eventually(const std::function<bool()>& done) {
-        const auto deadline = std::chrono::steady_clock::now() + 3s;
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(2ms);
-        }
-        return true;
     }
 
     platform::DeviceFilePtr user_;
@@ -292,7 +284,7 @@ TEST_F(SimCapture, TheCardTimedClockDeliversFramesUntilDisabled) {
     Write(CaptureBlock(0) + kCapSyncMode, 1);
     Write(CaptureBlock(0) + kCapFramePeriod, 1000000);  // 10 ms of the timing clock
     Write(kRegCaptureEnableMask, 1);
-    ASSERT_TRUE(Eventually([&] { return Produced(0) >= 3; }));
+    ASSERT_TRUE(WaitFor([&] { return Produced(0) >= 3; }));
     std::int64_t first = 0, second = 0;
     ASSERT_TRUE(KvPCIeSim::CaptureReadyTime(0, 0, 0, first));
     ASSERT_TRUE(KvPCIeSim::CaptureReadyTime(0, 0, 1, second));
@@ -314,7 +306,7 @@ TEST_F(SimCapture, TheExternalRateStartsAndStopsTheClock) {
     EXPECT_EQ(Produced(1), 0u) << "rate 0: no frames from the clock";
 
     Write(ControlBlock(1) + KvPCIeSim::kCtlExternalFrameRate, 200);
-    ASSERT_TRUE(Eventually([&] { return Produced(1) >= 2; }));
+    ASSERT_TRUE(WaitFor([&] { return Produced(1) >= 2; }));
     Write(ControlBlock(1) + KvPCIeSim::kCtlExternalFrameRate, 0);
     const std::uint32_t produced = Produced(1);  // one frame may still have been on its way
     std::this_thread::sleep_for(50ms);

@@ -1,6 +1,8 @@
 // The inject side of the simulated XDMA card, seen through the host's device files: the ring of
 // handed-over buffers, underruns, enable and restart, loopback into capture, the delay read-back
 // and the command mailbox.
+#include "../support/WaitFor.h"
+
 #include "platform/DeviceFile.h"
 #include "platform/DeviceInterfaces.h"
 
@@ -22,6 +24,7 @@ namespace kvpcie {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::WaitFor;
 using namespace xdma;
 using KvPCIeSim::ControlBlock;
 
@@ -91,17 +94,6 @@ protected:
         Write(kRegInjectEnableMask, Read(kRegInjectEnableMask) | 1u << channel);
     }
 
-    static bool Eventually(const std::function<bool()>& done) {
-        const auto deadline = std::chrono::steady_clock::now() + 3s;
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(1ms);
-        }
-        return true;
-    }
-
     platform::DeviceFilePtr user_;
     platform::DeviceFilePtr h2c_;
     platform::DeviceFilePtr c2h_;
@@ -115,12 +107,12 @@ TEST_F(SimInject, HandedOverBuffersPlayInRingOrderAndComeBackFree) {
     for (std::uint32_t round = 0; round < 10; ++round) {
         const unsigned buffer = round % kCardBufferCount;
         HandOver(0, buffer, Frame(64 + round, 0xC0DE0000 + round));
-        ASSERT_TRUE(Eventually([&] { return Played(0) == round + 1; })) << round;
+        ASSERT_TRUE(WaitFor([&] { return Played(0) == round + 1; })) << round;
         EXPECT_EQ(Status(0, buffer), 0u);
         EXPECT_EQ(Head(0), 0xC0DE0000 + round);
     }
     HandOver(0, 2, {0xAA, 0xBB});
-    ASSERT_TRUE(Eventually([&] { return Played(0) == 11; }));
+    ASSERT_TRUE(WaitFor([&] { return Played(0) == 11; }));
     EXPECT_EQ(Head(0), 0xBBAAu) << "zero-filled past the frame";
 
     Write(ControlBlock(0) + KvPCIeSim::kCtlInjectPlayed, 0);
@@ -133,12 +125,12 @@ TEST_F(SimInject, ABufferNotHandedOverHoldsTheRingAndCountsUnderruns) {
     Enable(0, kFastPeriod);
     HandOver(0, 1, Frame(32, 0x11111111));
     Write(InjectBlock(0) + InjBufferStatus(0), kStatusHostWriting);  // still being filled
-    ASSERT_TRUE(Eventually([&] { return Underruns(0) >= 3; }));
+    ASSERT_TRUE(WaitFor([&] { return Underruns(0) >= 3; }));
     EXPECT_EQ(Played(0), 0u);
     EXPECT_EQ(Status(0, 1), kStatusInjectReady) << "buffer 1 waits for buffer 0";
 
     HandOver(0, 0, Frame(32, 0x22222222));
-    ASSERT_TRUE(Eventually([&] { return Played(0) == 2; }));
+    ASSERT_TRUE(WaitFor([&] { return Played(0) == 2; }));
     EXPECT_EQ(Head(0), 0x11111111u) << "buffer 1 played after buffer 0";
     EXPECT_EQ(Status(0, 0), 0u);
     EXPECT_EQ(Status(0, 1), 0u);
@@ -150,12 +142,12 @@ TEST_F(SimInject, DisablingStopsThePlayAndReenablingStartsOverAtBufferZero) {
     Enable(1, kFastPeriod);  // its ticks show the clock still running
     HandOver(0, 0, Frame(16, 0x100));
     HandOver(0, 1, Frame(16, 0x101));
-    ASSERT_TRUE(Eventually([&] { return Played(0) == 2; }));
+    ASSERT_TRUE(WaitFor([&] { return Played(0) == 2; }));
 
     Write(kRegInjectEnableMask, 2);
     HandOver(0, 2, Frame(16, 0x102));
     const std::uint32_t ticks = Underruns(1);
-    ASSERT_TRUE(Eventually([&] { return Underruns(1) >= ticks + 3; }));
+    ASSERT_TRUE(WaitFor([&] { return Underruns(1) >= ticks + 3; }));
     EXPECT_EQ(Played(0), 2u);
     EXPECT_EQ(Status(0, 2), kStatusInjectReady);
 
@@ -166,17 +158,17 @@ TEST_F(SimInject, DisablingStopsThePlayAndReenablingStartsOverAtBufferZero) {
     EXPECT_EQ(Underruns(0), 0u);
     Write(InjectBlock(0) + kInjFramePeriod, kFastPeriod);
     HandOver(0, 0, Frame(16, 0x200));
-    ASSERT_TRUE(Eventually([&] { return Played(0) == 1; }));
+    ASSERT_TRUE(WaitFor([&] { return Played(0) == 1; }));
     EXPECT_EQ(Head(0), 0x200u);
     const std::uint32_t afterPlay = Underruns(0);
-    ASSERT_TRUE(Eventually([&] { return Underruns(0) >= afterPlay + 2; }));
+    ASSERT_TRUE(WaitFor([&] { return Underruns(0) >= afterPlay + 2; }));
     EXPECT_EQ(Played(0), 1u) << "buffer 2 is not next: the ring started over at 0";
 
     platform::RestartXilinxDevices();
     EXPECT_EQ(Read(kRegInjectEnableMask), 0u);
     HandOver(0, 1, Frame(16, 0x201));
     Enable(1, kFastPeriod);
-    ASSERT_TRUE(Eventually([&] { return Underruns(1) >= 3; }));
+    ASSERT_TRUE(WaitFor([&] { return Underruns(1) >= 3; }));
     EXPECT_EQ(Played(0), 1u) << "the restart stopped channel 0";
 }
 
@@ -191,7 +183,7 @@ TEST_F(SimInject, LoopbackCaptureRepeatsThePlayedFrameCutOrZeroFilled) {
     Write(InjectBlock(1) + kInjFramePeriod, kFastPeriod);
     Write(InjectBlock(2) + kInjFramePeriod, kFastPeriod);
     Write(kRegInjectEnableMask, 6);
-    ASSERT_TRUE(Eventually([&] { return Played(1) == 1 && Played(2) == 1; }));
+    ASSERT_TRUE(WaitFor([&] { return Played(1) == 1 && Played(2) == 1; }));
 
     const std::vector<std::uint8_t> stale(largeCapture, 0xFF);
     ASSERT_TRUE(KvPCIeSim::PokeMemory(0, CaptureBufferAddress(2, 0), stale.data(), stale.size()));
@@ -207,7 +199,7 @@ TEST_F(SimInject, LoopbackCaptureRepeatsThePlayedFrameCutOrZeroFilled) {
         return Ctl(channel, KvPCIeSim::kCtlFramesProduced);
     };
     // Two frames on channel 1: the second comes after ticks that played nothing.
-    ASSERT_TRUE(Eventually([&] { return produced(1) >= 2 && produced(2) >= 1; }));
+    ASSERT_TRUE(WaitFor([&] { return produced(1) >= 2 && produced(2) >= 1; }));
 
     std::vector<std::uint8_t> got(1000);
     for (unsigned buffer : {0u, 1u}) {
@@ -229,9 +221,9 @@ TEST_F(SimInject, DelayCountersMeasureTheHandOverAndThePlay) {
     };
     HandOver(3, 0, Frame(4096, 1));
     Enable(3, kFastPeriod);
-    ASSERT_TRUE(Eventually([&] { return Played(3) == 1; }));
+    ASSERT_TRUE(WaitFor([&] { return Played(3) == 1; }));
     HandOver(3, 1, Frame(4096, 2));
-    ASSERT_TRUE(Eventually([&] { return Played(3) == 2; }));
+    ASSERT_TRUE(WaitFor([&] { return Played(3) == 2; }));
 
     EXPECT_GT(delay(0, 0), 0u);  // the frame went in between the two status writes
     const std::uint32_t readyToPlay = delay(0, 1);
@@ -269,7 +261,7 @@ TEST_F(SimInject, TheCardTakesACommandAndIgnoresStartsWhileBusy) {
     EXPECT_EQ(Ctl(1, KvPCIeSim::kCtlCommandsTaken), 1u);
     EXPECT_EQ(Ctl(1, KvPCIeSim::kCtlLastCommand), 0x44332211u);
 
-    ASSERT_TRUE(Eventually([&] { return (Read(control) & kCommandBusy) == 0; }));
+    ASSERT_TRUE(WaitFor([&] { return (Read(control) & kCommandBusy) == 0; }));
     EXPECT_EQ(Read(control), 5u);
     Write(control, kCommandBusy);  // one byte
     EXPECT_EQ(Ctl(1, KvPCIeSim::kCtlCommandsTaken), 2u);
@@ -300,7 +292,7 @@ TEST_F(SimInject, ACardThatNeverTakesACommandLeavesTheStartSet) {
     Write(ControlBlock(0) + KvPCIeSim::kCtlCommandBusyMicros, 0xFFFFFFFF);
     Write(control, kCommandBusy | 3);
     Enable(0, kFastPeriod);  // its ticks show time passing
-    ASSERT_TRUE(Eventually([&] { return Underruns(0) >= 5; }));
+    ASSERT_TRUE(WaitFor([&] { return Underruns(0) >= 5; }));
     EXPECT_EQ(Read(control), kCommandBusy | 3);
     EXPECT_EQ(Ctl(0, KvPCIeSim::kCtlCommandsTaken), 0u);
     EXPECT_EQ(Ctl(0, KvPCIeSim::kCtlLastCommandLength), 0u);
