@@ -19,6 +19,13 @@ bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& 
     return true;
 }
 
+ControlDevicePtr OpenControlDevice(const std::string& path, bool overlapped) {
+    if (simulated::IsSimulatedPath(path)) {
+        return simulated::OpenControlDevice(path, overlapped);
+    }
+    return native::OpenControlDevice(path, overlapped);
+}
+
 void RestartXilinxDevices() {
     native::RestartXilinxDevices();
     simulated::RestartXilinxDevices();

@@ -16,6 +16,8 @@ enum class Error {
     DeviceRemoved,
     OperationAborted,
     NotEnoughMemory,
+    NoMoreItems,  // an enumeration asked past its last element
+    MoreData,     // a result had more entries than its record holds
 };
 
 int SystemCode(Error error);

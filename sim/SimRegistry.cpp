@@ -36,7 +36,13 @@ void SimRegistry::ApplyLocked(const SimConfig& config) {
     for (int number = 0; number < config.xdmaCards; ++number) {
         xdmaCards_[number] = std::make_shared<SimXdmaCard>(number);
     }
-    riffaDevices_ = config.riffaDevices;
+    for (auto& entry : riffaDevices_) {
+        entry.second->SetRemoved();
+    }
+    riffaDevices_.clear();
+    for (int number = 0; number < config.riffaDevices; ++number) {
+        riffaDevices_[number] = std::make_shared<SimRiffaDevice>(number);
+    }
 }
 
 std::vector<std::shared_ptr<SimXdmaCard>> SimRegistry::XdmaCards() {
@@ -57,10 +63,22 @@ std::shared_ptr<SimXdmaCard> SimRegistry::FindXdmaCard(int number) {
     return found == xdmaCards_.end() ? nullptr : found->second;
 }
 
-int SimRegistry::RiffaDeviceCount() {
+std::vector<std::shared_ptr<SimRiffaDevice>> SimRegistry::RiffaDevices() {
     std::lock_guard<std::mutex> lock(mutex_);
     SyncWithEnvironmentLocked();
-    return riffaDevices_;
+    std::vector<std::shared_ptr<SimRiffaDevice>> devices;
+    devices.reserve(riffaDevices_.size());
+    for (const auto& entry : riffaDevices_) {
+        devices.push_back(entry.second);
+    }
+    return devices;
+}
+
+std::shared_ptr<SimRiffaDevice> SimRegistry::FindRiffaDevice(int number) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    SyncWithEnvironmentLocked();
+    const auto found = riffaDevices_.find(number);
+    return found == riffaDevices_.end() ? nullptr : found->second;
 }
 
 bool SimRegistry::Configure(std::string_view value) {
@@ -92,6 +110,26 @@ bool SimRegistry::RemoveXdmaCard(int number) {
     }
     found->second->SetRemoved(true);
     xdmaCards_.erase(found);
+    return true;
+}
+
+int SimRegistry::AddRiffaDevice() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    SyncWithEnvironmentLocked();
+    const int number = riffaDevices_.empty() ? 0 : riffaDevices_.rbegin()->first + 1;
+    riffaDevices_[number] = std::make_shared<SimRiffaDevice>(number);
+    return number;
+}
+
+bool SimRegistry::RemoveRiffaDevice(int number) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    SyncWithEnvironmentLocked();
+    const auto found = riffaDevices_.find(number);
+    if (found == riffaDevices_.end()) {
+        return false;
+    }
+    found->second->SetRemoved();
+    riffaDevices_.erase(found);
     return true;
 }
 

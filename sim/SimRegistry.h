@@ -2,6 +2,7 @@
 #pragma once
 
 #include "SimConfig.h"
+#include "SimRiffaDevice.h"
 #include "SimXdmaCard.h"
 
 #include <map>
@@ -19,14 +20,17 @@ public:
     // Never destroyed: device files and card threads may still use it while statics go away.
     static SimRegistry& Instance();
 
-    // Cards in number order, after re-reading KVPCIE_SIM if its value changed.
+    // Devices in number order, after re-reading KVPCIE_SIM if its value changed.
     std::vector<std::shared_ptr<SimXdmaCard>> XdmaCards();
     std::shared_ptr<SimXdmaCard> FindXdmaCard(int number);
-    int RiffaDeviceCount();
+    std::vector<std::shared_ptr<SimRiffaDevice>> RiffaDevices();
+    std::shared_ptr<SimRiffaDevice> FindRiffaDevice(int number);
 
     bool Configure(std::string_view value);
     int AddXdmaCard();
     bool RemoveXdmaCard(int number);
+    int AddRiffaDevice();
+    bool RemoveRiffaDevice(int number);
 
 private:
     SimRegistry() = default;
@@ -35,7 +39,7 @@ private:
 
     std::mutex mutex_;
     std::map<int, std::shared_ptr<SimXdmaCard>> xdmaCards_;
-    int riffaDevices_ = 0;
+    std::map<int, std::shared_ptr<SimRiffaDevice>> riffaDevices_;
     std::optional<std::string> environmentSeen_;  // nullopt until first read; "" when unset
 };
 

@@ -13,6 +13,10 @@ namespace {
 std::shared_ptr<kvpcie::sim::SimXdmaCard> Find(int card) {
     return SimRegistry::Instance().FindXdmaCard(card);
 }
+
+std::shared_ptr<kvpcie::sim::SimRiffaDevice> FindRiffa(int device) {
+    return SimRegistry::Instance().FindRiffaDevice(device);
+}
 }  // namespace
 
 bool Configure(const char* value) {
@@ -132,6 +136,58 @@ bool CaptureReadyTime(int card, int channel, std::uint32_t frameNumber, std::int
     }
     steadyNanos =
         std::chrono::duration_cast<std::chrono::nanoseconds>(ready.time_since_epoch()).count();
+    return true;
+}
+
+int AddRiffaDevice() {
+    return SimRegistry::Instance().AddRiffaDevice();
+}
+
+bool RemoveRiffaDevice(int device) {
+    return SimRegistry::Instance().RemoveRiffaDevice(device);
+}
+
+std::vector<int> RiffaDeviceNumbers() {
+    std::vector<int> numbers;
+    for (const auto& device : SimRegistry::Instance().RiffaDevices()) {
+        numbers.push_back(device->Number());
+    }
+    return numbers;
+}
+
+std::string RiffaDevicePath(int device) {
+    return "sim:riffa" + std::to_string(device);
+}
+
+bool SetRiffaNeverAnswers(int device, bool never) {
+    const auto found = FindRiffa(device);
+    if (found == nullptr) {
+        return false;
+    }
+    found->SetNeverAnswers(never);
+    return true;
+}
+
+std::vector<RiffaRequest> TakeRiffaRequestLog(int device) {
+    const auto found = FindRiffa(device);
+    return found != nullptr ? found->TakeRequestLog() : std::vector<RiffaRequest>{};
+}
+
+bool PeekRiffaRegister(int device, std::uint32_t address, std::uint32_t& value) {
+    const auto found = FindRiffa(device);
+    if (found == nullptr) {
+        return false;
+    }
+    value = found->PeekRegister(address);
+    return true;
+}
+
+bool PokeRiffaRegister(int device, std::uint32_t address, std::uint32_t value) {
+    const auto found = FindRiffa(device);
+    if (found == nullptr) {
+        return false;
+    }
+    found->PokeRegister(address, value);
     return true;
 }
 

@@ -4,6 +4,7 @@
 
 #include "platform/Backend.h"
 #include "platform/SystemError.h"
+#include "platform/linux/LinuxControlDevice.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -167,10 +168,7 @@ bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& 
                 paths.push_back(std::move(path));
             }
         } else if (interfaceClass == kRiffaInterfaceClass) {
-            struct stat status {};
-            if (::stat("/dev/riffa", &status) == 0) {
-                paths.push_back("/dev/riffa");
-            }
+            return linux_backend::RiffaDevicePaths("/dev/riffa", paths);
         }
         return true;
     } catch (...) {

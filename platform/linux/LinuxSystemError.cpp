@@ -35,6 +35,10 @@ int SystemCode(Error error) {
             return ECANCELED;
         case Error::NotEnoughMemory:
             return ENOMEM;
+        case Error::NoMoreItems:
+            return ENXIO;
+        case Error::MoreData:
+            return EOVERFLOW;
     }
     return EINVAL;
 }

@@ -1,5 +1,5 @@
-// The "sim:" route of the OS layer: device files of the simulated cards, their listing and
-// restart.
+// The "sim:" route of the OS layer: device files of the simulated cards, their listing (and the
+// simulated RIFFA devices') and restart.
 #include "platform/Backend.h"
 #include "platform/SystemError.h"
 
@@ -19,6 +19,7 @@ using sim::SimXdmaCard;
 using CardPtr = std::shared_ptr<SimXdmaCard>;
 
 constexpr char kXdmaPrefix[] = "sim:xdma";
+constexpr char kRiffaPrefix[] = "sim:riffa";
 
 // What the files of every kind share: the card, the access mask, the position, the cancel.
 class SimFile : public DeviceFile {
@@ -280,6 +281,10 @@ void ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& 
     if (interfaceClass == kXdmaInterfaceClass) {
         for (const auto& card : sim::SimRegistry::Instance().XdmaCards()) {
             paths.push_back(kXdmaPrefix + std::to_string(card->Number()));
+        }
+    } else if (interfaceClass == kRiffaInterfaceClass) {
+        for (const auto& device : sim::SimRegistry::Instance().RiffaDevices()) {
+            paths.push_back(kRiffaPrefix + std::to_string(device->Number()));
         }
     }
 }

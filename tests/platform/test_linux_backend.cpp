@@ -2,6 +2,7 @@
 #include "platform/Backend.h"
 #include "platform/SystemError.h"
 #include "platform/ThreadAffinity.h"
+#include "platform/linux/LinuxControlDevice.h"
 #include "platform/linux/LinuxDeviceFile.h"
 #include "platform/linux/LinuxDeviceInterfaces.h"
 
@@ -132,6 +133,22 @@ TEST(LinuxXdmaListing, MatchesOnlyUserNodesAndSortsByNumber) {
     const std::vector<std::string> names{"xdma10_user", "tty0", "xdma2_user", "xdma2_c2h_0"};
     const std::vector<std::string> expected{"/dev/xdma2", "/dev/xdma10"};
     EXPECT_EQ(linux_backend::XdmaInterfacePaths(names), expected);
+}
+
+TEST_F(LinuxFiles, RiffaListingWithoutTheDriverIsEmptyAndBadNodePathsAreRefused) {
+    std::vector<std::string> paths;
+    EXPECT_TRUE(linux_backend::RiffaDevicePaths((dir_ / "riffa").c_str(), paths));
+    EXPECT_TRUE(paths.empty());
+    // A plain file answers no driver request: the listing fails with the system's code.
+    Put("riffa", "");
+    EXPECT_FALSE(linux_backend::RiffaDevicePaths((dir_ / "riffa").c_str(), paths));
+    EXPECT_NE(LastError(), 0);
+    EXPECT_TRUE(paths.empty());
+    for (const std::string& path : {std::string("/dev/riffa"), std::string("/dev/riffa#"),
+                                    std::string("/dev/riffa#x1"),
+                                    (dir_ / "missing#0").string()}) {
+        EXPECT_EQ(linux_backend::OpenRiffaNode(path), nullptr) << path;
+    }
 }
 
 using LinuxRestart = TempDir;

@@ -2,7 +2,6 @@
 // are the card's and the drivers' formats and are checked at compile time below.
 #pragma once
 
-#include <QByteArray>
 
 #include <cstddef>
 #include <cstdint>
@@ -128,6 +127,10 @@ static_assert(offsetof(fpga_info_list, vendorId) == 124, "RIFFA device list layo
 static_assert(offsetof(fpga_info_list, deviceId) == 144, "RIFFA device list layout");
 static_assert(sizeof(ePixelType) == 4 && sizeof(eErrorCode) == 4 && sizeof(ePCIeFrameworkType) == 4,
               "the enumerations are 32-bit");
+
+// Declared only, so that the records above serve code without Qt; PCIeDataManager.h brings the
+// class itself.
+class QByteArray;
 
 // Frame callbacks run on the capture engine's polling thread, one frame at a time. `frame` is
 // the caller's own frame buffer (the last argument of StartCapture) holding one whole frame; it

@@ -2,13 +2,15 @@
 // look at what the host did to them. For tests, tools and demonstrations without hardware.
 //
 // A simulated XDMA card is listed with the path "sim:xdma<N>" after the machine's real cards and
-// behaves towards the library like a card under the XDMA driver. The environment variable
-// KVPCIE_SIM presents simulated devices without any code: "1" gives one XDMA card and one RIFFA
-// device, "xdma:N,riffa:M" gives N and M (0 to 8 each); unset or empty gives none. The variable
-// is read at the first listing or open and again whenever its value has changed.
+// behaves towards the library like a card under the XDMA driver; a simulated RIFFA device is
+// listed as "sim:riffa<N>" after the real RIFFA devices and answers the RIFFA driver's requests.
+// The environment variable KVPCIE_SIM presents simulated devices without any code: "1" gives one
+// XDMA card and one RIFFA device, "xdma:N,riffa:M" gives N and M (0 to 8 each, numbered from 0);
+// unset or empty gives none. The variable is read at the first listing or open and again
+// whenever its value has changed.
 //
-// Every function may be called from any thread. Functions taking a card number return false
-// (or an empty result) when there is no such card.
+// Every function may be called from any thread. Functions taking a card or device number return
+// false (or an empty result) when there is no such card or device.
 #pragma once
 
 #include <KvPCIeInjectSdk/KvPCIeInjectSdkGlobal.h>
@@ -139,5 +141,45 @@ KVPCIE_EXPORT bool ProduceCaptureFrames(int card, int channel, int count);
 // numbers; false for a dropped frame or one not kept.
 KVPCIE_EXPORT bool CaptureReadyTime(int card, int channel, std::uint32_t frameNumber,
                                     std::int64_t& steadyNanos);
+
+// --- RIFFA devices ---
+//
+// A simulated RIFFA device has its own register file behind channel 0, reached with the library's
+// four-word register requests: kRegIdentity reads kIdentityValue and ignores writes, every other
+// register reads 0 until written. It answers a read request with one reply on channel 0; a
+// receive that finds no reply ends at once as the driver ends a request whose time-out passed.
+// Its list entry: its number, 12 channels, the name "KvSimRiffa", vendor 0x10EE, device 0x7028.
+
+// One request of the host to the RIFFA driver, as the device saw it. Send and receive carry
+// their input record; a list request carries the slot index asked in deviceIndex; the other
+// fields are 0. `data`: the words a send carried (at most lengthWords of them); empty otherwise.
+struct RiffaRequest {
+    std::uint32_t controlCode;
+    std::int32_t deviceIndex;
+    std::int32_t channel;
+    std::int32_t lengthWords;
+    std::int32_t offset;
+    std::int32_t last;
+    std::int64_t timeout;
+    std::vector<std::uint8_t> data;
+};
+
+// Adds a simulated RIFFA device and returns its number (its path is RiffaDevicePath of it).
+// A removed device fails every request of the handles still open on it.
+KVPCIE_EXPORT int AddRiffaDevice();
+KVPCIE_EXPORT bool RemoveRiffaDevice(int device);
+KVPCIE_EXPORT std::vector<int> RiffaDeviceNumbers();
+KVPCIE_EXPORT std::string RiffaDevicePath(int device);
+
+// A device that never answers (true) takes every send but acts on none: writes are not applied
+// and no reply is queued, so every receive ends as timed out.
+KVPCIE_EXPORT bool SetRiffaNeverAnswers(int device, bool never);
+
+// The requests logged since the last call (the newest 4,096 at most), oldest first.
+KVPCIE_EXPORT std::vector<RiffaRequest> TakeRiffaRequestLog(int device);
+
+// The device's own view of its registers, without a request and without being logged.
+KVPCIE_EXPORT bool PeekRiffaRegister(int device, std::uint32_t address, std::uint32_t& value);
+KVPCIE_EXPORT bool PokeRiffaRegister(int device, std::uint32_t address, std::uint32_t value);
 
 }  // namespace KvPCIeSim
