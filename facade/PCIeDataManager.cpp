@@ -53,8 +53,16 @@ bool PCIeDataManager::OpenCard(char* devicePath) {
     return opened;
 }
 
-bool PCIeDataManager::OpenCard(int /*deviceIndex*/) {
-    return false;  // no RIFFA device library in the library yet
+bool PCIeDataManager::OpenCard(int deviceIndex) {
+    if (d->riffaDevice->Open(deviceIndex) == nullptr) {
+        return false;
+    }
+    // Each engine goes, its logs stopped, before its successor opens them again.
+    d->riffaCapture.reset();
+    d->riffaCapture = std::make_unique<riffa::DataCapture4Riffa>(d->riffaDevice.get());
+    d->riffaInject.reset();
+    d->riffaInject = std::make_unique<riffa::DataInject4Riffa>(d->riffaDevice.get());
+    return true;
 }
 
 void PCIeDataManager::CloseCard() {
@@ -71,8 +79,8 @@ int PCIeDataManager::GetDevices(char** paths) {
     return xdma::XdmaGetDevices(platform::kXdmaInterfaceClass, paths);
 }
 
-bool PCIeDataManager::GetDevices(fpga_info_list* /*list*/) {
-    return false;  // no RIFFA device library in the library yet
+bool PCIeDataManager::GetDevices(fpga_info_list* list) {
+    return list != nullptr && d->riffaDevice->List(list) == 0;
 }
 
 // ---------------------------------------------------------------- capture
@@ -124,6 +132,8 @@ bool PCIeDataManager::StartCapture(unsigned int channel, bool cardTiming, int wi
 void PCIeDataManager::StopCapture(int channel) {
     if (d->framework == XDMA_MM && d->xdmaCapture != nullptr) {
         d->xdmaCapture->StopCapture(channel);
+    } else if (d->framework == RIFFA && d->riffaCapture != nullptr) {
+        d->riffaCapture->StopCapture(channel);
     }
 }
 
@@ -238,7 +248,10 @@ unsigned int PCIeDataManager::ReadReg(unsigned int address) {
     if (d->framework == XDMA_MM) {
         return xdma::XdmaIsOpen() ? xdma::XdmaReadReg(address) : 0;
     }
-    return 0;  // RIFFA: no device library yet; other values name no framework
+    if (d->framework == RIFFA) {
+        return d->riffaDevice->ReadReg(address);
+    }
+    return 0;  // other values name no framework
 }
 
 int PCIeDataManager::WriteReg(unsigned int address, int value) {
@@ -248,6 +261,9 @@ int PCIeDataManager::WriteReg(unsigned int address, int value) {
         }
         const auto word = static_cast<unsigned>(value);
         return xdma::XdmaWriteReg(address, &word);
+    }
+    if (d->framework == RIFFA) {
+        d->riffaDevice->WriteReg(static_cast<unsigned>(value), address);
     }
     return 0;
 }

@@ -9,7 +9,9 @@
 #include <vector>
 
 PCIeDataManagerPrivate::PCIeDataManagerPrivate(ePCIeFrameworkType type)
-    : framework(type), coreCount(static_cast<unsigned>(std::max(1, QThread::idealThreadCount()))) {
+    : framework(type),
+      coreCount(static_cast<unsigned>(std::max(1, QThread::idealThreadCount()))),
+      riffaDevice(std::make_unique<kvpcie::riffa::RiffaDevice>()) {
     for (unsigned core = 0; core < coreCount; ++core) {
         freeCores[core] = true;
     }

@@ -2,6 +2,9 @@
 #pragma once
 
 #include "Common/CpuCoreSource.h"
+#include "Common/IO/DeviceStream/KvPCIE/riffa_stream/DataCapture4Riffa.h"
+#include "Common/IO/DeviceStream/KvPCIE/riffa_stream/DataInject4Riffa.h"
+#include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDevice.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/DataCapture4XdmaMM.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/DataInject4XdmaMM.h"
 
@@ -26,6 +29,9 @@ struct PCIeDataManagerPrivate final : kvpcie::CpuCoreSource {
     unsigned coreCount;
     std::unique_ptr<kvpcie::xdma::DataCapture4XdmaMM> xdmaCapture;
     std::unique_ptr<kvpcie::xdma::DataInject4XdmaMM> xdmaInject;
+    std::unique_ptr<kvpcie::riffa::DataCapture4Riffa> riffaCapture;
+    std::unique_ptr<kvpcie::riffa::DataInject4Riffa> riffaInject;
+    std::unique_ptr<kvpcie::riffa::RiffaDevice> riffaDevice;
 };
 
 // Creates a record that lives until the process ends: copies of a facade share it and none of

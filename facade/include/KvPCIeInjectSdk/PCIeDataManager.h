@@ -40,7 +40,10 @@ public:
     // restarts the device and writes the host-attach word) and creates the engines, even when
     // the open failed; returns the open's result. A null path only creates the engines.
     bool OpenCard(char* devicePath);
-    // Opens RIFFA device number `deviceIndex`; false (changing nothing) when it does not open.
+    // Opens RIFFA device number `deviceIndex` (0 for the first listed), closing the RIFFA device
+    // that was open first, and replaces the RIFFA engines. False when there is no such device
+    // (a negative index included) or it does not open: the RIFFA device is then closed and the
+    // engines stay. Messages of the RIFFA device library go to standard output.
     bool OpenCard(int deviceIndex);
     // Closes the XDMA card, then destroys the XDMA engines. The RIFFA side is untouched.
     void CloseCard();
@@ -50,7 +53,9 @@ public:
     // the XDMA card paths into them. Returns how many were listed: four at most, so a fifth card
     // is not listed. 0 for a null `paths`.
     int GetDevices(char** paths);
-    // Lists RIFFA devices into `list`; true when the listing succeeded. False for null.
+    // Lists RIFFA devices into `list`, whatever the framework: fpgaCount and one slot per
+    // device. True when the listing succeeded. False for a null `list`, and when a sixth device
+    // is present: the record has five slots, which stay filled and counted.
     bool GetDevices(fpga_info_list* list);
 
     // --- capture (XDMA) ---
@@ -127,9 +132,12 @@ public:
     bool WriteControlCmd(int channel, QByteArray command);
 
     // --- registers and card memory ---
-    // XDMA: the user register; 0 when no card is open. RIFFA: over RIFFA channel 0.
+    // XDMA: the user register; 0 when no card is open. RIFFA: a register request over channel 0
+    // of the device opened by OpenCard(int); 0 when none is open or no whole reply came (a card
+    // that never answers is given up on after the driver's 25 s time-out).
     unsigned int ReadReg(unsigned int address);
-    // XDMA: 4 on success, -1/-2/-3 when the transfer failed, 0 when no card is open.
+    // XDMA: 4 on success, -1/-2/-3 when the transfer failed, 0 when no card is open. RIFFA: the
+    // register request is sent, and 0 is returned.
     int WriteReg(unsigned int address, int value);
     // DMA between card memory and `buffer`; false when no card is open, `buffer` is null or the
     // transfer failed (an address at or past 2 GiB, or the end of card memory).

@@ -1,0 +1,100 @@
+// The facade in RIFFA mode on simulated RIFFA devices: listing, opening by index with the
+// engines' logs, register access over the device library, and what RIFFA mode refuses.
+#include "../support/TempDir.h"
+
+#include <KvPCIeInjectSdk/KvPCIeSimulation.h>
+#include <KvPCIeInjectSdk/PCIeDataManager.h>
+
+#include <QDir>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace kvpcie::testing {
+namespace {
+
+constexpr std::uint32_t kScratch = 0x1F0010;
+
+// Threads of this process: each engine log has a writer thread.
+int ThreadCount() {
+    return static_cast<int>(
+        QDir("/proc/self/task").entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
+}
+
+class RiffaFacade : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ::unsetenv("KVPCIE_SIM");
+        ASSERT_TRUE(KvPCIeSim::Configure("riffa:2"));
+        for (const char* log : {"Capture_AllChannel", "Inject_AllChannel", "InjectReadFile"}) {
+            QDir().mkpath(QString("Log/") + log);
+        }
+    }
+
+    ScratchDir scratch{true};  // the engines' logs go to ./Log
+    PCIeDataManager manager{RIFFA};
+};
+
+TEST_F(RiffaFacade, ListsTheDevicesAndRefusesANullList) {
+    fpga_info_list list{};
+    list.fpgaCount = 99;
+    EXPECT_TRUE(manager.GetDevices(&list));
+    EXPECT_EQ(list.fpgaCount, 2);
+    EXPECT_STREQ(list.name[1], "KvSimRiffa");
+    EXPECT_FALSE(manager.GetDevices(static_cast<fpga_info_list*>(nullptr)));
+    // A sixth device has no slot: the listing says so, and keeps the five.
+    ASSERT_TRUE(KvPCIeSim::Configure("riffa:6"));
+    EXPECT_FALSE(manager.GetDevices(&list));
+    EXPECT_EQ(list.fpgaCount, 5);
+}
+
+TEST_F(RiffaFacade, RegistersGoOverTheDeviceOpenedByIndex) {
+    EXPECT_EQ(manager.ReadReg(KvPCIeSim::kRegIdentity), 0u);  // nothing open yet
+    ASSERT_TRUE(manager.OpenCard(1));
+    EXPECT_EQ(manager.ReadReg(KvPCIeSim::kRegIdentity), KvPCIeSim::kIdentityValue);
+    // The facade takes the address first; the request carries the data first.
+    EXPECT_EQ(manager.WriteReg(kScratch, 0x5A5A), 0);
+    std::uint32_t value = 0;
+    ASSERT_TRUE(KvPCIeSim::PeekRiffaRegister(1, kScratch, value));
+    EXPECT_EQ(value, 0x5A5Au);
+    EXPECT_EQ(manager.ReadReg(kScratch), 0x5A5Au);
+    ASSERT_TRUE(KvPCIeSim::PeekRiffaRegister(0, kScratch, value));
+    EXPECT_EQ(value, 0u) << "device 0 was not the one opened";
+}
+
+TEST_F(RiffaFacade, ASecondOpenReplacesBothEnginesAndAMissingIndexClosesTheDevice) {
+    ASSERT_TRUE(manager.OpenCard(0));
+    const int withEngines = ThreadCount();
+    // The first engines go with their three log writers, not left running beside the new.
+    ASSERT_TRUE(manager.OpenCard(1));
+    EXPECT_EQ(ThreadCount(), withEngines);
+
+    ::testing::internal::CaptureStdout();
+    EXPECT_FALSE(manager.OpenCard(7));
+    EXPECT_NE(::testing::internal::GetCapturedStdout().find(
+                  "SetupDiEnumDeviceInterfaces failed, Error: "),
+              std::string::npos);
+    EXPECT_EQ(manager.ReadReg(KvPCIeSim::kRegIdentity), 0u) << "the open device was closed";
+    EXPECT_EQ(ThreadCount(), withEngines) << "a failed open keeps the engines";
+    manager.StopCapture(0);
+    manager.StopCapture(9);  // no channel captures in RIFFA mode, in range or not
+}
+
+TEST_F(RiffaFacade, CaptureAndInjectionAreRefusedWithoutTouchingTheErrorCode) {
+    ASSERT_TRUE(manager.OpenCard(0));
+    std::vector<char> frame(64 * 64 * 2);
+    eErrorCode error = ERR_QUEUE_FULL;
+    EXPECT_FALSE(manager.StartCapture(
+        0, true, 64, 64, Y16, error, [](int, const char*, void*) {}, nullptr, frame.data()));
+    EXPECT_EQ(error, ERR_QUEUE_FULL);
+    EXPECT_FALSE(manager.StartInject(0, 50, 64, 64, Y16, 0, frame.data(), error));
+    EXPECT_EQ(error, ERR_QUEUE_FULL);
+    EXPECT_FALSE(manager.IsStartCapture(0));
+    EXPECT_FALSE(manager.WriteControlCmd(0, QByteArray("x")));
+}
+
+}  // namespace
+}  // namespace kvpcie::testing
