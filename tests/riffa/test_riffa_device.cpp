@@ -142,6 +142,19 @@ TEST_F(Riffa, ACardThatNeverAnswersTimesOutAndLeavesRegistersAlone) {
     EXPECT_EQ(device.ReadReg(kScratch), 0xBEEFu);
 }
 
+TEST_F(Riffa, ResetGoesToTheOpenDeviceOnly) {
+    device.Reset();  // nothing open: no request, no message
+    ASSERT_NE(device.Open(0), nullptr);
+    Requests(0);
+    ::testing::internal::CaptureStdout();
+    device.Reset();
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+    const std::vector<RiffaRequest> log = Requests(0);
+    ASSERT_EQ(log.size(), 1u);
+    EXPECT_EQ(log[0].controlCode, 0x22240Eu);
+    EXPECT_EQ(device.ReadReg(KvPCIeSim::kRegIdentity), KvPCIeSim::kIdentityValue);
+}
+
 TEST_F(Riffa, ARemovedDeviceFailsEachRequestWithAMessage) {
     ASSERT_NE(device.Open(0), nullptr);
     ASSERT_TRUE(KvPCIeSim::RemoveRiffaDevice(0));
