@@ -1,6 +1,7 @@
 // The capture side of the simulated XDMA card, seen through the host's device files: the ring,
 // drops, frame content, delay read-back, status mailbox, DMA faults and the frame clock.
 #include "../support/WaitFor.h"
+#include "SimCardTest.h"
 
 #include "platform/DeviceFile.h"
 #include "platform/DeviceInterfaces.h"
@@ -33,31 +34,8 @@ using KvPCIeSim::ControlBlock;
 constexpr std::uint32_t kNoFrameYet = 7;
 constexpr std::uint32_t kTicksPerMs = 125000;  // the delay clock
 
-class SimCapture : public ::testing::Test {
+class SimCapture : public SimCardTest {
 protected:
-    void SetUp() override {
-        ::unsetenv("KVPCIE_SIM");
-        ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
-        user_ = platform::OpenDeviceFile("sim:xdma0\\user", platform::kAccessReadWrite);
-        c2h_ = platform::OpenDeviceFile("sim:xdma0\\c2h_0", platform::kAccessRead);
-        ASSERT_TRUE(user_ && c2h_);
-    }
-
-    std::uint32_t Read(std::uint32_t address) {
-        std::uint32_t value = 0xDEADBEEF;
-        std::uint32_t moved = 0;
-        EXPECT_TRUE(user_->Seek(address) && user_->Read(&value, 4, moved));
-        return value;
-    }
-    void Write(std::uint32_t address, std::uint32_t value) {
-        std::uint32_t moved = 0;
-        EXPECT_TRUE(user_->Seek(address) && user_->Write(&value, 4, moved));
-    }
-    bool ReadCard(std::uint64_t address, void* buffer, std::uint32_t size) {
-        std::uint32_t moved = 0;
-        return c2h_->Seek(static_cast<std::int64_t>(address)) && c2h_->Read(buffer, size, moved) &&
-               moved == size;
-    }
     std::uint32_t Status(unsigned channel, unsigned buffer) {
         return Read(CaptureBlock(channel) + CapBufferStatus(buffer));
     }
@@ -71,9 +49,6 @@ protected:
         Write(CaptureBlock(channel) + kCapFrameBytes, frameBytes);
         Write(kRegCaptureEnableMask, Read(kRegCaptureEnableMask) | 1u << channel);
     }
-
-    platform::DeviceFilePtr user_;
-    platform::DeviceFilePtr c2h_;
 };
 
 TEST_F(SimCapture, FramesFillTheRingInOrderAndAWrapIsPublishedInOnePass) {

@@ -2,6 +2,7 @@
 // handed-over buffers, underruns, enable and restart, loopback into capture, the delay read-back
 // and the command mailbox.
 #include "../support/WaitFor.h"
+#include "SimCardTest.h"
 
 #include "platform/DeviceFile.h"
 #include "platform/DeviceInterfaces.h"
@@ -30,32 +31,8 @@ using KvPCIeSim::ControlBlock;
 
 constexpr std::uint32_t kFastPeriod = 300000;  // 3 ms of the timing clock
 
-class SimInject : public ::testing::Test {
+class SimInject : public SimCardTest {
 protected:
-    void SetUp() override {
-        ::unsetenv("KVPCIE_SIM");
-        ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
-        user_ = platform::OpenDeviceFile("sim:xdma0\\user", platform::kAccessReadWrite);
-        h2c_ = platform::OpenDeviceFile("sim:xdma0\\h2c_0", platform::kAccessWrite);
-        c2h_ = platform::OpenDeviceFile("sim:xdma0\\c2h_0", platform::kAccessRead);
-        ASSERT_TRUE(user_ && h2c_ && c2h_);
-    }
-
-    std::uint32_t Read(std::uint32_t address) {
-        std::uint32_t value = 0xDEADBEEF;
-        std::uint32_t moved = 0;
-        EXPECT_TRUE(user_->Seek(address) && user_->Read(&value, 4, moved));
-        return value;
-    }
-    void Write(std::uint32_t address, std::uint32_t value) {
-        std::uint32_t moved = 0;
-        EXPECT_TRUE(user_->Seek(address) && user_->Write(&value, 4, moved));
-    }
-    bool ReadCard(std::uint64_t address, void* buffer, std::uint32_t size) {
-        std::uint32_t moved = 0;
-        return c2h_->Seek(static_cast<std::int64_t>(address)) && c2h_->Read(buffer, size, moved) &&
-               moved == size;
-    }
     std::uint32_t Ctl(unsigned channel, std::uint32_t offset) {
         return Read(ControlBlock(channel) + offset);
     }
@@ -93,10 +70,6 @@ protected:
         Write(InjectBlock(channel) + kInjFramePeriod, period);
         Write(kRegInjectEnableMask, Read(kRegInjectEnableMask) | 1u << channel);
     }
-
-    platform::DeviceFilePtr user_;
-    platform::DeviceFilePtr h2c_;
-    platform::DeviceFilePtr c2h_;
 };
 
 // --- the ring ---
