@@ -1,4 +1,4 @@
-# Installs the built library into a scratch prefix, builds examples/card_info against it as a
+# Installs the built library into a scratch prefix, builds each example host against it as a
 # project of its own, and runs it on the simulated card.
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
@@ -16,17 +16,37 @@ if(CONFIG)
     set(config_args --config ${CONFIG})
 endif()
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix} ${config_args})
-run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/card_info -B ${WORK_DIR}/build
-    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
-run(${CMAKE_COMMAND} --build ${WORK_DIR}/build ${config_args})
+# Each example host is a project of its own, built against the installed package and run on
+# the simulated card from its own folder (where the library's logs go).
+function(build_and_run example)
+    run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/${example} -B ${WORK_DIR}/${example}
+        -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
+    run(${CMAKE_COMMAND} --build ${WORK_DIR}/${example} ${config_args})
+    find_program(program_${example} NAMES ${example}
+                 PATHS ${WORK_DIR}/${example} ${WORK_DIR}/${example}/Release
+                 NO_DEFAULT_PATH REQUIRED)
+    execute_process(COMMAND ${CMAKE_COMMAND} -E env KVPCIE_SIM=1 ${program_${example}}
+                    WORKING_DIRECTORY ${WORK_DIR}/${example}
+                    RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
+    if(NOT result EQUAL 0)
+        message(FATAL_ERROR "${example} failed (${result}):\n${out}\n${err}")
+    endif()
+    set(last_output "${out}" PARENT_SCOPE)
+endfunction()
 
-find_program(card_info NAMES card_info PATHS ${WORK_DIR}/build ${WORK_DIR}/build/Release
-             NO_DEFAULT_PATH REQUIRED)
-run(${CMAKE_COMMAND} -E env KVPCIE_SIM=1 ${card_info})
+build_and_run(card_info)
 foreach(expected "0x53494d31" "100000000" "round trip of 16777339 bytes: ok")
     string(FIND "${last_output}" "${expected}" at)
     if(at EQUAL -1)
         message(FATAL_ERROR "card_info did not print \"${expected}\":\n${last_output}")
     endif()
 endforeach()
-message(STATUS "installed package works:\n${last_output}")
+build_and_run(capture_host)
+if(NOT last_output MATCHES "[1-9][0-9]* frames captured")
+    message(FATAL_ERROR "capture_host:\n${last_output}")
+endif()
+build_and_run(inject_host)
+if(NOT last_output MATCHES "[1-9][0-9]* frames queued")
+    message(FATAL_ERROR "inject_host:\n${last_output}")
+endif()
+message(STATUS "installed package works")

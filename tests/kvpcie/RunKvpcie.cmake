@@ -1,0 +1,34 @@
+# Runs kvpcie once in a scratch directory as a user would, and checks its exit code and output.
+# TOOL, WORK_DIR, ARGS ("|"-separated), CODE (expected exit code), REGEX (in stdout + stderr);
+# optional ENV ("|"-separated cmake -E env arguments) and MAKE_FILE ("name:bytes").
+file(REMOVE_RECURSE ${WORK_DIR})
+file(MAKE_DIRECTORY ${WORK_DIR})
+foreach(log Capture_AllChannel Inject_AllChannel InjectReadFile)
+    file(MAKE_DIRECTORY ${WORK_DIR}/Log/${log})
+endforeach()
+if(MAKE_FILE)
+    string(REPLACE ":" ";" made "${MAKE_FILE}")
+    list(GET made 0 name)
+    list(GET made 1 bytes)
+    string(REPEAT "x" ${bytes} content)
+    file(WRITE ${WORK_DIR}/${name} "${content}")
+endif()
+string(REPLACE "|" ";" args "${ARGS}")
+string(REPLACE "|" ";" env "${ENV}")
+execute_process(COMMAND ${CMAKE_COMMAND} -E env ${env} ${TOOL} ${args}
+                WORKING_DIRECTORY ${WORK_DIR}
+                RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+if(NOT code EQUAL CODE)
+    message(FATAL_ERROR "kvpcie ${args}: exit code ${code}, expected ${CODE}\n${out}\n${err}")
+endif()
+if(NOT "${out}${err}" MATCHES "${REGEX}")
+    message(FATAL_ERROR "kvpcie ${args}: output does not match \"${REGEX}\":\n${out}\n${err}")
+endif()
+if(NOT CODE EQUAL 0)
+    # A failure is one line on standard error.
+    string(REGEX MATCHALL "\n" lines "${err}")
+    list(LENGTH lines count)
+    if(NOT count EQUAL 1)
+        message(FATAL_ERROR "kvpcie ${args}: expected one line on stderr, got:\n${err}")
+    endif()
+endif()

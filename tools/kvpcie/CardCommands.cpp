@@ -1,0 +1,259 @@
+// kvpcie list, reg, mem, cmd and status: the card's registers, memory and mailboxes.
+#include "Commands.h"
+
+#include <QByteArray>
+#include <QCoreApplication>
+#include <QElapsedTimer>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+
+namespace kvpcie::cli {
+namespace {
+
+// The card's user register space and card memory.
+constexpr std::uint64_t kRegisterSpaceBytes = 0x200000;
+constexpr std::uint64_t kCardMemoryBytes = std::uint64_t{1} << 31;
+
+bool WantsHelp(const std::vector<std::string>& args, const char* help) {
+    for (const std::string& arg : args) {
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(help, stdout);
+            return true;
+        }
+    }
+    return false;
+}
+
+unsigned RegisterAddress(const std::string& text) {
+    const auto address = ParseNumber(text, "register address", 0, kRegisterSpaceBytes - 4);
+    if (address % 4 != 0) {
+        throw UsageError{"register addresses are multiples of 4: " + text};
+    }
+    return static_cast<unsigned>(address);
+}
+
+void HexDump(std::uint64_t address, const std::vector<unsigned char>& bytes) {
+    for (std::size_t row = 0; row < bytes.size(); row += 16) {
+        std::printf("%08llx ", static_cast<unsigned long long>(address + row));
+        for (std::size_t i = row; i < row + 16 && i < bytes.size(); ++i) {
+            std::printf(" %02x", bytes[i]);
+        }
+        std::printf("\n");
+    }
+}
+
+}  // namespace
+
+int RunList(const std::vector<std::string>& args) {
+    if (WantsHelp(args,
+                  "usage: kvpcie list [--riffa]\n"
+                  "Lists the XDMA cards (paths for OpenCard), or the RIFFA devices.\n")) {
+        return 0;
+    }
+    const Arguments arguments(args, {});
+    arguments.AllowOnly({"--riffa"});
+    if (!arguments.Words().empty()) {
+        throw UsageError{"unexpected \"" + arguments.Words().front() + "\""};
+    }
+    if (arguments.Has("--riffa")) {
+        PCIeDataManager manager(RIFFA);
+        fpga_info_list list{};
+        const bool listed = manager.GetDevices(&list);
+        std::printf("%d RIFFA device(s)%s\n", list.fpgaCount,
+                    listed ? "" : " (the listing stopped early)");
+        for (int i = 0; i < list.fpgaCount && i < 5; ++i) {
+            std::printf("  [%d] %.16s  id %d, %d channels, vendor 0x%04x device 0x%04x\n", i,
+                        list.name[i], list.id[i], list.channelCount[i], list.vendorId[i],
+                        list.deviceId[i]);
+        }
+        return listed ? 0 : 1;
+    }
+    PCIeDataManager manager;
+    char* paths[4] = {};
+    const int count = manager.GetDevices(paths);
+    std::printf("%d XDMA card(s)\n", count);
+    for (int i = 0; i < count; ++i) {
+        std::printf("  [%d] %s\n", i, paths[i]);
+    }
+    for (char* path : paths) {
+        std::free(path);
+    }
+    return 0;
+}
+
+int RunReg(const std::vector<std::string>& args) {
+    if (WantsHelp(args,
+                  "usage: kvpcie reg read ADDR\n"
+                  "       kvpcie reg write ADDR VALUE\n"
+                  "ADDR and VALUE in decimal or 0x hex; ADDR a multiple of 4 below "
+                  "0x200000.\n")) {
+        return 0;
+    }
+    const Arguments arguments(args, {});
+    arguments.AllowOnly({});
+    const auto& words = arguments.Words();
+    if (words.size() == 2 && words[0] == "read") {
+        const unsigned address = RegisterAddress(words[1]);
+        PCIeDataManager manager;
+        OpenFirstCard(manager);
+        std::printf("0x%08x\n", manager.ReadReg(address));
+        manager.CloseCard();
+        return 0;
+    }
+    if (words.size() == 3 && words[0] == "write") {
+        const unsigned address = RegisterAddress(words[1]);
+        const auto value = static_cast<unsigned>(ParseNumber(words[2], "value", 0, 0xFFFFFFFF));
+        PCIeDataManager manager;
+        OpenFirstCard(manager);
+        const int result = manager.WriteReg(address, static_cast<int>(value));
+        manager.CloseCard();
+        if (result != 4) {
+            throw RuntimeError{"the register write failed (" + std::to_string(result) + ")"};
+        }
+        return 0;
+    }
+    throw UsageError{"expected \"read ADDR\" or \"write ADDR VALUE\""};
+}
+
+int RunMem(const std::vector<std::string>& args) {
+    if (WantsHelp(args,
+                  "usage: kvpcie mem read ADDR SIZE [-o FILE]\n"
+                  "       kvpcie mem write ADDR FILE\n"
+                  "Card memory by DMA; without -o, read prints a hex dump.\n")) {
+        return 0;
+    }
+    const Arguments arguments(args, {});
+    arguments.AllowOnly({"-o"});
+    const auto& words = arguments.Words();
+    if (words.size() == 3 && words[0] == "read") {
+        const auto address = ParseNumber(words[1], "address", 0, kCardMemoryBytes - 1);
+        const auto size = ParseNumber(words[2], "size", 1, kCardMemoryBytes - address);
+        std::vector<unsigned char> bytes(static_cast<std::size_t>(size));
+        PCIeDataManager manager;
+        OpenFirstCard(manager);
+        const bool read = manager.ReadData(static_cast<unsigned>(address),
+                                           static_cast<unsigned>(size), bytes.data());
+        manager.CloseCard();
+        if (!read) {
+            throw RuntimeError{"the DMA read failed"};
+        }
+        if (const auto file = arguments.Value("-o")) {
+            std::ofstream out(*file, std::ios::binary);
+            if (!out.write(reinterpret_cast<const char*>(bytes.data()),
+                           static_cast<std::streamsize>(bytes.size()))) {
+                throw RuntimeError{"cannot write " + *file};
+            }
+        } else {
+            HexDump(address, bytes);
+        }
+        return 0;
+    }
+    if (words.size() == 3 && words[0] == "write") {
+        const auto address = ParseNumber(words[1], "address", 0, kCardMemoryBytes - 1);
+        std::ifstream in(words[2], std::ios::binary);
+        if (!in) {
+            throw RuntimeError{"cannot read " + words[2]};
+        }
+        std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)),
+                                         std::istreambuf_iterator<char>());
+        if (bytes.empty() || bytes.size() > kCardMemoryBytes - address) {
+            throw UsageError{words[2] + " is empty or does not fit in card memory from there"};
+        }
+        PCIeDataManager manager;
+        OpenFirstCard(manager);
+        const bool written = manager.WriteData(static_cast<unsigned>(address),
+                                               static_cast<unsigned>(bytes.size()), bytes.data());
+        manager.CloseCard();
+        if (!written) {
+            throw RuntimeError{"the DMA write failed"};
+        }
+        std::printf("%zu bytes written at 0x%llx\n", bytes.size(),
+                    static_cast<unsigned long long>(address));
+        return 0;
+    }
+    throw UsageError{"expected \"read ADDR SIZE\" or \"write ADDR FILE\""};
+}
+
+int RunCmd(const std::vector<std::string>& args) {
+    if (WantsHelp(args,
+                  "usage: kvpcie cmd CHANNEL HEXBYTES\n"
+                  "Sends 1 to 1024 bytes to the channel's command mailbox, e.g. "
+                  "\"01 02 0a\".\n")) {
+        return 0;
+    }
+    const Arguments arguments(args, {});
+    arguments.AllowOnly({});
+    const auto& words = arguments.Words();
+    if (words.size() < 2) {
+        throw UsageError{"expected CHANNEL HEXBYTES"};
+    }
+    const int channel = static_cast<int>(ParseNumber(words[0], "channel", 0, 3));
+    std::string hex;
+    for (std::size_t i = 1; i < words.size(); ++i) {
+        hex += words[i];
+    }
+    const std::vector<unsigned char> bytes = ParseHexBytes(hex);
+    if (bytes.size() > 1024) {
+        throw UsageError{"a command is at most 1024 bytes"};
+    }
+    // The library prints its four timing messages through Qt; they are not for this tool's user.
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+    PCIeDataManager manager;
+    OpenFirstCard(manager);
+    const bool sent = manager.WriteControlCmd(
+        channel,
+        QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size())));
+    manager.CloseCard();
+    if (!sent) {
+        throw RuntimeError{"the card did not take the command within 40 ms"};
+    }
+    std::printf("%zu bytes sent to channel %d\n", bytes.size(), channel);
+    return 0;
+}
+
+int RunStatus(const std::vector<std::string>& args) {
+    if (WantsHelp(args,
+                  "usage: kvpcie status CHANNEL [--seconds S]\n"
+                  "Prints the status blocks the card posts on the channel (until Ctrl-C, "
+                  "or for S seconds).\n")) {
+        return 0;
+    }
+    const Arguments arguments(args, {"--seconds"});
+    arguments.AllowOnly({"--seconds"});
+    if (arguments.Words().size() != 1) {
+        throw UsageError{"expected CHANNEL"};
+    }
+    const int channel = static_cast<int>(ParseNumber(arguments.Words()[0], "channel", 0, 3));
+    const auto seconds = arguments.Value("--seconds")
+                             ? ParseNumber(*arguments.Value("--seconds"), "seconds", 1, 86400)
+                             : 0;
+    CatchInterrupts();
+    PCIeDataManager manager;
+    OpenFirstCard(manager);
+    // Blocks arrive on this thread, from the event loop run below.
+    manager.SetSystemStatusCallback(
+        channel,
+        [](int c, const QByteArray& data, void*) {
+            std::printf("channel %d: %d bytes:", c, data.size());
+            for (char byte : data) {
+                std::printf(" %02x", static_cast<unsigned char>(byte));
+            }
+            std::printf("\n");
+            std::fflush(stdout);
+        },
+        nullptr, true);
+    QElapsedTimer clock;
+    clock.start();
+    while (!interrupted.load() && (seconds == 0 || clock.elapsed() < qint64(seconds) * 1000)) {
+        // The library's 20 ms status timer wakes the loop, so Ctrl-C is seen soon.
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
+    }
+    manager.SetSystemStatusCallback(channel, nullptr, nullptr, false);
+    manager.CloseCard();
+    return 0;
+}
+
+}  // namespace kvpcie::cli

@@ -1,0 +1,46 @@
+// The subcommands of kvpcie and what they share.
+#pragma once
+
+#include "Arguments.h"
+
+#include <KvPCIeInjectSdk/PCIeDataManager.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+namespace kvpcie::cli {
+
+// A failure while running: the message goes to standard error on one line, and the exit code
+// is 1.
+struct RuntimeError {
+    std::string message;
+};
+
+// Set by Ctrl-C; long-running commands end cleanly when they see it.
+extern std::atomic<bool> interrupted;
+void CatchInterrupts();
+
+// Opens the first XDMA card; a runtime error that says how to use the simulated card when none
+// is found.
+void OpenFirstCard(PCIeDataManager& manager);
+// The simulated card answers its identity register.
+bool IsSimulatedCard(PCIeDataManager& manager);
+
+// The simulated card's control block of a channel, reached with ordinary register access.
+constexpr unsigned ControlBlock(int channel) {
+    return 0x1F1000 + static_cast<unsigned>(channel) * 0x1000;
+}
+
+// Each returns the process's exit code; usage and runtime errors are thrown.
+int RunList(const std::vector<std::string>& args);
+int RunReg(const std::vector<std::string>& args);
+int RunMem(const std::vector<std::string>& args);
+int RunCmd(const std::vector<std::string>& args);
+int RunStatus(const std::vector<std::string>& args);
+int RunCapture(const std::vector<std::string>& args);
+int RunInject(const std::vector<std::string>& args);
+int RunLoopback(const std::vector<std::string>& args);
+int RunRaw(const std::vector<std::string>& args);
+
+}  // namespace kvpcie::cli

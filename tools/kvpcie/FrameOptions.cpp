@@ -1,0 +1,43 @@
+// Frame geometry options and pictures of frames.
+#include "FrameOptions.h"
+
+#include "PixelConversion.h"
+
+#include <QImage>
+
+namespace kvpcie::cli {
+
+FrameGeometry ParseGeometry(const Arguments& arguments, FrameGeometry defaults) {
+    FrameGeometry geometry = defaults;
+    if (const auto width = arguments.Value("--width")) {
+        geometry.width = static_cast<int>(ParseNumber(*width, "width", 1, 65535));
+    }
+    if (const auto height = arguments.Value("--height")) {
+        geometry.height = static_cast<int>(ParseNumber(*height, "height", 1, 65535));
+    }
+    if (const auto type = arguments.Value("--type")) {
+        geometry.type = ParsePixelType(*type);
+    }
+    if (geometry.Bytes() > 0x1400000) {
+        throw UsageError{"a frame of " + std::to_string(geometry.Bytes()) +
+                         " bytes does not fit a 20 MiB card buffer"};
+    }
+    return geometry;
+}
+
+int StampBytes(ePixelType type) {
+    return KvBytesPerPixel(type);
+}
+
+bool SaveFramePng(const std::string& path, const FrameGeometry& geometry, const char* frame) {
+    QImage picture(geometry.width, geometry.height, QImage::Format_RGBA8888);
+    if (picture.isNull() || picture.bytesPerLine() != geometry.width * 4 ||
+        !tools::ConvertToRgba(geometry.type, geometry.width, geometry.height,
+                              reinterpret_cast<const unsigned char*>(frame), geometry.Bytes(),
+                              picture.bits())) {
+        return false;
+    }
+    return picture.save(QString::fromStdString(path), "PNG");
+}
+
+}  // namespace kvpcie::cli

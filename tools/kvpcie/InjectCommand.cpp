@@ -1,0 +1,155 @@
+// kvpcie inject: a raw recording or a moving pattern into one channel, at the card's pace.
+#include "Commands.h"
+#include "FrameOptions.h"
+#include "RawRecordingName.h"
+#include "TestFrames.h"
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <thread>
+
+namespace kvpcie::cli {
+namespace {
+
+const char kHelp[] =
+    "usage: kvpcie inject [--channel C] [--file RAW | --width W --height H --type TYPE]\n"
+    "                     [--rate FPS] [--frames N | --seconds S]\n"
+    "Feeds the channel with the frames of a raw recording (geometry from its name, played in a\n"
+    "loop) or with a moving pattern (640 x 512 Y16 by default) at FPS frames per second (25),\n"
+    "until N frames were queued, S seconds passed (10 by default) or Ctrl-C. Prints the frames\n"
+    "queued and how often the 15-frame queue was full once a second.\n";
+
+// The frames of a raw recording, read one after the other and from the start again.
+class RawFrames {
+public:
+    RawFrames(const std::string& path, std::size_t frameBytes)
+        : in_(path, std::ios::binary), frameBytes_(frameBytes) {
+        if (!in_) {
+            throw RuntimeError{"cannot read " + path};
+        }
+        in_.seekg(0, std::ios::end);
+        const auto size = static_cast<std::uint64_t>(in_.tellg());
+        if (size == 0 || size % frameBytes != 0) {
+            throw UsageError{path + " is not a whole number of " + std::to_string(frameBytes) +
+                             "-byte frames"};
+        }
+        in_.seekg(0);
+    }
+    void Next(std::vector<char>& frame) {
+        if (!in_.read(frame.data(), static_cast<std::streamsize>(frameBytes_))) {
+            in_.clear();
+            in_.seekg(0);
+            in_.read(frame.data(), static_cast<std::streamsize>(frameBytes_));
+        }
+    }
+
+private:
+    std::ifstream in_;
+    std::size_t frameBytes_;
+};
+
+}  // namespace
+
+int RunInject(const std::vector<std::string>& args) {
+    for (const std::string& arg : args) {
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(kHelp, stdout);
+            return 0;
+        }
+    }
+    const Arguments arguments(args, {"--channel", "--file", "--width", "--height", "--type",
+                                     "--rate", "--frames", "--seconds"});
+    arguments.AllowOnly({"--channel", "--file", "--width", "--height", "--type", "--rate",
+                         "--frames", "--seconds"});
+    if (!arguments.Words().empty()) {
+        throw UsageError{"unexpected \"" + arguments.Words().front() + "\""};
+    }
+    const int channel =
+        static_cast<int>(ParseNumber(arguments.Value("--channel").value_or("0"), "channel", 0, 3));
+    const int rate =
+        static_cast<int>(ParseNumber(arguments.Value("--rate").value_or("25"), "rate", 1, 10000));
+    const std::uint64_t frameLimit =
+        arguments.Value("--frames")
+            ? ParseNumber(*arguments.Value("--frames"), "frames", 1, 1000000000)
+            : 0;
+    const std::uint64_t seconds =
+        arguments.Value("--seconds")
+            ? ParseNumber(*arguments.Value("--seconds"), "seconds", 1, 86400 * 365)
+            : (frameLimit == 0 ? 10 : 0);
+    FrameGeometry geometry;
+    std::unique_ptr<RawFrames> raw;
+    if (const auto file = arguments.Value("--file")) {
+        const auto info = tools::ParseRawRecordingName(*file);
+        if (!info) {
+            throw UsageError{
+                "the name of " + *file +
+                " does not say its frames (<n>_<W>x<H>_ParamLine<p>_Fps<r>_<TYPE>.raw)"};
+        }
+        // Parameter lines travel as further lines of the picture.
+        geometry = ParseGeometry(
+            arguments,
+            FrameGeometry{info->width, info->height + info->paramLines, info->pixelType});
+        raw = std::make_unique<RawFrames>(*file, geometry.Bytes());
+    } else {
+        geometry = ParseGeometry(arguments);
+    }
+
+    CatchInterrupts();
+    PCIeDataManager manager;
+    OpenFirstCard(manager);
+    const bool simulated = IsSimulatedCard(manager);
+    std::vector<char> frame(geometry.Bytes());
+    std::uint64_t queued = 0;
+    std::uint64_t refused = 0;
+    std::uint32_t number = 0;
+    const auto nextFrame = [&] {
+        if (raw) {
+            raw->Next(frame);
+        } else {
+            FillTestFrame(frame, channel, number);
+        }
+    };
+    nextFrame();
+    using Clock = std::chrono::steady_clock;
+    const auto start = Clock::now();
+    auto nextReport = start + std::chrono::seconds(1);
+    while (!interrupted.load() &&
+           (seconds == 0 || Clock::now() - start < std::chrono::seconds(seconds)) &&
+           (frameLimit == 0 || queued < frameLimit)) {
+        eErrorCode error = ERR_NONE;
+        if (manager.StartInject(channel, rate, geometry.width, geometry.height, geometry.type, 0,
+                                frame.data(), error)) {
+            ++queued;
+            ++number;
+            nextFrame();
+        } else if (error == ERR_QUEUE_FULL) {
+            ++refused;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        } else {
+            manager.CloseCard();
+            throw RuntimeError{"the card refused the channel's frames"};
+        }
+        if (Clock::now() >= nextReport) {
+            nextReport += std::chrono::seconds(1);
+            std::printf("ch%d: %llu frames queued, queue full %llu times", channel,
+                        static_cast<unsigned long long>(queued),
+                        static_cast<unsigned long long>(refused));
+            if (simulated) {
+                std::printf(", %u played, %u underruns",
+                            manager.ReadReg(ControlBlock(channel) + 0x10),
+                            manager.ReadReg(ControlBlock(channel) + 0x14));
+            }
+            std::printf("\n");
+            std::fflush(stdout);
+        }
+    }
+    manager.StopInject(channel);
+    std::printf("ch%d: %llu frames queued in %.1f s\n", channel,
+                static_cast<unsigned long long>(queued),
+                std::chrono::duration<double>(Clock::now() - start).count());
+    manager.CloseCard();
+    return 0;
+}
+
+}  // namespace kvpcie::cli

@@ -1,0 +1,224 @@
+// kvpcie loopback: every channel injects frames that carry their own number, captures them back
+// through the simulated card's loopback, checks each byte for byte and records them.
+#include "Commands.h"
+#include "FrameOptions.h"
+#include "TestFrames.h"
+
+#include <KvPCIeInjectSdk/KvPCIeSimulation.h>
+
+#include <QCoreApplication>
+#include <QDirIterator>
+#include <QFileInfo>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+namespace kvpcie::cli {
+namespace {
+
+const char kHelp[] =
+    "usage: kvpcie loopback [--channels 0,1,2,3] [--seconds S] [--rate FPS]\n"
+    "                       [--width W] [--height H] [--type TYPE] [--no-record]\n"
+    "The self-test on the simulated card (kvpcie --sim loopback): each channel injects frames\n"
+    "at FPS (25) that the card plays into its capture channel (card-timed, 25 fps); every\n"
+    "captured frame is checked byte for byte against the frame injected, and recorded. After S\n"
+    "seconds (5) a table gives frames, drops, underruns, capture latency and throughput per\n"
+    "channel, and PASS or FAIL.\n";
+
+constexpr unsigned kCaptureSourceLoopback = 1;
+constexpr unsigned kCtlDropped = 0x0C;
+constexpr unsigned kCtlUnderruns = 0x14;
+constexpr std::size_t kLatencySamples = 1 << 14;
+
+struct Channel {
+    int number = 0;
+    FrameGeometry geometry;
+    std::vector<char> buffer;    // the capture target
+    std::vector<char> expected;  // scratch for the check
+    std::vector<char> injected;
+    std::uint32_t nextInjected = 0;
+    // Written on the capture thread, read after the stop.
+    std::uint64_t captured = 0;
+    std::uint64_t verified = 0;
+    std::uint64_t blank = 0;
+    std::uint64_t mismatched = 0;
+    std::int64_t lastNumber = -1;
+    std::vector<std::int64_t> latencies = std::vector<std::int64_t>(kLatencySamples);
+    std::size_t latencyCount = 0;
+};
+
+bool AllZero(const char* frame, std::size_t bytes) {
+    return std::all_of(frame, frame + bytes, [](char b) { return b == 0; });
+}
+
+void OnFrame(int channel, const char* frame, void* context) {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    auto* state = static_cast<Channel*>(context);
+    const std::uint64_t index = state->captured++;
+    std::int64_t ready = 0;
+    if (state->latencyCount < state->latencies.size() &&
+        KvPCIeSim::CaptureReadyTime(0, channel, static_cast<std::uint32_t>(index), ready)) {
+        state->latencies[state->latencyCount++] =
+            std::chrono::duration_cast<std::chrono::nanoseconds>(now).count() - ready;
+    }
+    const std::size_t bytes = state->buffer.size();
+    if (AllZero(frame, bytes)) {
+        ++state->blank;  // a card buffer that nothing was played into yet
+        return;
+    }
+    const std::uint32_t number = TestFrameNumber(frame);
+    FillTestFrame(state->expected, channel, number);
+    // The card stamped its counter over the first pixel: the frames were queued in order, so
+    // the counter is the frame's own number.
+    const int stamp = StampBytes(state->geometry.type);
+    for (int i = 0; i < stamp; ++i) {
+        state->expected[static_cast<std::size_t>(i)] = static_cast<char>(number >> (8 * i));
+    }
+    const bool same = std::memcmp(frame, state->expected.data(), bytes) == 0;
+    const bool inOrder = static_cast<std::int64_t>(number) >= state->lastNumber;
+    if (same && inOrder) {
+        ++state->verified;
+        state->lastNumber = number;
+    } else {
+        ++state->mismatched;
+    }
+}
+
+double Percentile(std::vector<std::int64_t> samples, double share) {
+    if (samples.empty()) {
+        return 0;
+    }
+    std::sort(samples.begin(), samples.end());
+    return samples[static_cast<std::size_t>(share * (samples.size() - 1))] / 1e6;
+}
+
+std::uint64_t RecordedBytes(int channel) {
+    std::uint64_t bytes = 0;
+    QDirIterator files(QCoreApplication::applicationDirPath() + "/VideoRecord/Capture" +
+                           QString::number(channel + 1),
+                       QDir::Files, QDirIterator::Subdirectories);
+    while (files.hasNext()) {
+        bytes += static_cast<std::uint64_t>(QFileInfo(files.next()).size());
+    }
+    return bytes;
+}
+
+}  // namespace
+
+int RunLoopback(const std::vector<std::string>& args) {
+    for (const std::string& arg : args) {
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(kHelp, stdout);
+            return 0;
+        }
+    }
+    const Arguments arguments(
+        args, {"--channels", "--seconds", "--rate", "--width", "--height", "--type"});
+    arguments.AllowOnly(
+        {"--channels", "--seconds", "--rate", "--width", "--height", "--type", "--no-record"});
+    if (!arguments.Words().empty()) {
+        throw UsageError{"unexpected \"" + arguments.Words().front() + "\""};
+    }
+    const std::vector<int> channelNumbers =
+        ParseChannels(arguments.Value("--channels").value_or("0,1,2,3"));
+    const auto seconds =
+        ParseNumber(arguments.Value("--seconds").value_or("5"), "seconds", 1, 86400);
+    const int rate =
+        static_cast<int>(ParseNumber(arguments.Value("--rate").value_or("25"), "rate", 1, 1000));
+    const FrameGeometry geometry = ParseGeometry(arguments);
+    if (geometry.Bytes() < 12) {
+        throw UsageError{"frames of fewer than 12 bytes cannot carry their number"};
+    }
+    const bool record = !arguments.Has("--no-record");
+
+    CatchInterrupts();
+    PCIeDataManager manager;
+    OpenFirstCard(manager);
+    if (!IsSimulatedCard(manager)) {
+        manager.CloseCard();
+        throw RuntimeError{
+            "loopback needs the simulated card's loopback source (run kvpcie --sim "
+            "loopback)"};
+    }
+    std::array<Channel, 4> channels;
+    std::array<std::uint64_t, 4> recordedBefore{};
+    for (int c : channelNumbers) {
+        Channel& state = channels[c];
+        state.number = c;
+        state.geometry = geometry;
+        state.buffer.assign(geometry.Bytes(), 0);
+        state.expected.assign(geometry.Bytes(), 0);
+        state.injected.assign(geometry.Bytes(), 0);
+        manager.WriteReg(ControlBlock(c), static_cast<int>(kCaptureSourceLoopback));
+        recordedBefore[c] = RecordedBytes(c);
+        eErrorCode error = ERR_NONE;
+        if (!manager.StartCapture(c, true, geometry.width, geometry.height, geometry.type, error,
+                                  &OnFrame, &state, state.buffer.data()) ||
+            (record && !manager.StartRecord(c))) {
+            manager.CloseCard();
+            throw RuntimeError{"channel " + std::to_string(c) + " did not start capturing"};
+        }
+    }
+
+    using Clock = std::chrono::steady_clock;
+    const auto start = Clock::now();
+    while (!interrupted.load() && Clock::now() - start < std::chrono::seconds(seconds)) {
+        bool queuedAny = false;
+        for (int c : channelNumbers) {
+            Channel& state = channels[c];
+            FillTestFrame(state.injected, c, state.nextInjected);
+            eErrorCode error = ERR_NONE;
+            if (manager.StartInject(c, rate, geometry.width, geometry.height, geometry.type, 0,
+                                    state.injected.data(), error)) {
+                ++state.nextInjected;
+                queuedAny = true;
+            } else if (error != ERR_QUEUE_FULL) {
+                manager.CloseCard();
+                throw RuntimeError{"channel " + std::to_string(c) + " refused the frames"};
+            }
+        }
+        if (!queuedAny) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    for (int c : channelNumbers) {
+        manager.StopRecord(c);
+        manager.StopCapture(c);
+        manager.StopInject(c);
+    }
+
+    bool pass = true;
+    std::printf(
+        "\nchannel  captured  verified  blank  mismatched  dropped  underruns  recorded"
+        "  p50 ms  p99 ms    MB/s\n");
+    for (int c : channelNumbers) {
+        const Channel& state = channels[c];
+        const unsigned dropped = manager.ReadReg(ControlBlock(c) + kCtlDropped);
+        const unsigned underruns = manager.ReadReg(ControlBlock(c) + kCtlUnderruns);
+        const std::uint64_t recorded =
+            record ? (RecordedBytes(c) - recordedBefore[c]) / geometry.Bytes() : 0;
+        const std::vector<std::int64_t> latencies(
+            state.latencies.begin(),
+            state.latencies.begin() + static_cast<long>(state.latencyCount));
+        std::printf("%7d  %8llu  %8llu  %5llu  %10llu  %7u  %9u  %8llu  %6.2f  %6.2f  %6.1f\n", c,
+                    static_cast<unsigned long long>(state.captured),
+                    static_cast<unsigned long long>(state.verified),
+                    static_cast<unsigned long long>(state.blank),
+                    static_cast<unsigned long long>(state.mismatched), dropped, underruns,
+                    static_cast<unsigned long long>(recorded), Percentile(latencies, 0.5),
+                    Percentile(latencies, 0.99),
+                    state.captured * double(geometry.Bytes()) / elapsed / 1e6);
+        pass = pass && state.verified > 0 && state.mismatched == 0 && dropped == 0 &&
+               (!record || recorded > 0);
+    }
+    manager.CloseCard();
+    std::printf("%s\n", pass ? "PASS" : "FAIL");
+    return pass ? 0 : 1;
+}
+
+}  // namespace kvpcie::cli

@@ -1,0 +1,28 @@
+// kvpcie's self-checking frames.
+#include "TestFrames.h"
+
+#include <cstring>
+
+namespace kvpcie::cli {
+
+void FillTestFrame(std::vector<char>& frame, int channel, std::uint32_t number) {
+    const std::uint32_t words[2] = {number, static_cast<std::uint32_t>(channel)};
+    for (std::size_t k = 0; k < frame.size(); ++k) {
+        if (k < 4) {
+            frame[k] = static_cast<char>(0xEE);
+        } else if (k < 12) {
+            frame[k] = static_cast<char>(words[(k - 4) / 4] >> (8 * (k % 4)));
+        } else {
+            frame[k] =
+                static_cast<char>((k + number * 3 + static_cast<std::size_t>(channel) * 64) & 0xFF);
+        }
+    }
+}
+
+std::uint32_t TestFrameNumber(const char* frame) {
+    std::uint32_t number = 0;
+    std::memcpy(&number, frame + 4, 4);
+    return number;
+}
+
+}  // namespace kvpcie::cli

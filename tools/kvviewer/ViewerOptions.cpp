@@ -1,0 +1,159 @@
+// What the kvviewer command line asks for.
+#include "ViewerOptions.h"
+
+#include <climits>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+namespace kvpcie::viewer {
+
+const char* const kUsage =
+    "usage: kvviewer [--sim] [--card-timing] [--width W] [--height H] [--type TYPE]\n"
+    "                [--channels LIST] [--autostart] [--screenshot FILE] [--quit-after MS]\n"
+    "\n"
+    "Shows capture channels 0-3 of the first XDMA card live, each with Start and Record.\n"
+    "  --sim              use the simulated card (as KVPCIE_SIM=1)\n"
+    "  --card-timing      the card generates the frame timing (25 frames per second)\n"
+    "  --width, --height  frame size, 1 to 65535 (640 x 512)\n"
+    "  --type             UYVY422, Y8, Y16 (default), Y16&Y8 or BGR24\n"
+    "  --channels         the channels to use, e.g. 0,2 (all); the others stay greyed out\n"
+    "  --autostart        start the channels at once\n"
+    "  --screenshot FILE  save a picture of the window when it closes\n"
+    "  --quit-after MS    close the window after MS milliseconds\n";
+
+namespace {
+
+// The card's frame buffers hold 20 MiB.
+constexpr std::uint64_t kMaxFrameBytes = 20u * 1024 * 1024;
+
+std::optional<int> ParseNumber(std::string_view text, int low, int high) {
+    if (text.empty() || text.size() > 10) {
+        return std::nullopt;
+    }
+    long long value = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') {
+            return std::nullopt;
+        }
+        value = value * 10 + (c - '0');
+    }
+    if (value < low || value > high) {
+        return std::nullopt;
+    }
+    return static_cast<int>(value);
+}
+
+std::optional<ePixelType> ParsePixelType(std::string_view text) {
+    if (text == "UYVY422") {
+        return UYVY422;
+    }
+    if (text == "Y8") {
+        return Y8;
+    }
+    if (text == "Y16") {
+        return Y16;
+    }
+    if (text == "Y16&Y8" || text == "Y16_Y8") {
+        return Y16_Y8;
+    }
+    if (text == "BGR24") {
+        return BGR24;
+    }
+    return std::nullopt;
+}
+
+std::optional<std::array<bool, 4>> ParseChannels(std::string_view text) {
+    std::array<bool, 4> chosen = {};
+    while (true) {
+        const std::size_t comma = text.find(',');
+        const auto channel = ParseNumber(text.substr(0, comma), 0, 3);
+        if (!channel) {
+            return std::nullopt;
+        }
+        chosen[static_cast<std::size_t>(*channel)] = true;
+        if (comma == std::string_view::npos) {
+            return chosen;
+        }
+        text.remove_prefix(comma + 1);
+    }
+}
+
+}  // namespace
+
+ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
+    ParsedOptions parsed;
+    ViewerOptions& options = parsed.options;
+    const auto fail = [&parsed](const std::string& message) {
+        parsed.error = message;
+        return parsed;
+    };
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        std::string name = args[i];
+        std::optional<std::string> value;
+        if (const std::size_t equals = name.find('='); equals != std::string::npos) {
+            value = name.substr(equals + 1);
+            name.resize(equals);
+        }
+        const bool takesValue = name == "--width" || name == "--height" || name == "--type" ||
+                                name == "--channels" || name == "--screenshot" ||
+                                name == "--quit-after";
+        if (takesValue && !value) {
+            if (i + 1 == args.size()) {
+                return fail(name + " needs a value");
+            }
+            value = args[++i];
+        } else if (!takesValue && value) {
+            return fail(name + " takes no value");
+        }
+
+        if (name == "--help" || name == "-h") {
+            parsed.help = true;
+        } else if (name == "--sim") {
+            options.simulated = true;
+        } else if (name == "--card-timing") {
+            options.cardTiming = true;
+        } else if (name == "--autostart") {
+            options.autostart = true;
+        } else if (name == "--width" || name == "--height") {
+            const auto size = ParseNumber(*value, 1, 65535);
+            if (!size) {
+                return fail(name + " must be from 1 to 65535: " + *value);
+            }
+            (name == "--width" ? options.width : options.height) = *size;
+        } else if (name == "--type") {
+            const auto type = ParsePixelType(*value);
+            if (!type) {
+                return fail("unknown pixel type \"" + *value +
+                            "\" (UYVY422, Y8, Y16, Y16&Y8, BGR24)");
+            }
+            options.pixelType = *type;
+        } else if (name == "--channels") {
+            const auto channels = ParseChannels(*value);
+            if (!channels) {
+                return fail("--channels takes channels 0 to 3 separated by commas: " + *value);
+            }
+            options.channels = *channels;
+        } else if (name == "--screenshot") {
+            if (value->empty()) {
+                return fail("--screenshot needs a file name");
+            }
+            options.screenshot = *value;
+        } else if (name == "--quit-after") {
+            const auto ms = ParseNumber(*value, 0, INT_MAX);
+            if (!ms) {
+                return fail("--quit-after takes milliseconds: " + *value);
+            }
+            options.quitAfterMs = *ms;
+        } else {
+            return fail("unknown option " + name);
+        }
+    }
+    if (KvFrameSizeBytes(options.pixelType, options.width, options.height) > kMaxFrameBytes) {
+        return fail("a frame of " + std::to_string(options.width) + " x " +
+                    std::to_string(options.height) + " is larger than the card's 20 MiB buffer");
+    }
+    return parsed;
+}
+
+}  // namespace kvpcie::viewer

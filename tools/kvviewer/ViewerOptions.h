@@ -1,0 +1,36 @@
+// What the kvviewer command line asks for.
+#pragma once
+
+#include <KvPCIeInjectSdk/KvPCIeTypes.h>
+
+#include <array>
+#include <string>
+#include <vector>
+
+namespace kvpcie::viewer {
+
+struct ViewerOptions {
+    bool simulated = false;
+    bool cardTiming = false;
+    // Small enough that four channels fit a screen at full size.
+    int width = 640;
+    int height = 512;
+    ePixelType pixelType = Y16;
+    std::array<bool, 4> channels = {true, true, true, true};
+    bool autostart = false;
+    std::string screenshot;  // empty: none
+    int quitAfterMs = -1;    // negative: run until closed
+};
+
+struct ParsedOptions {
+    ViewerOptions options;
+    bool help = false;
+    std::string error;  // empty when the command line was understood
+};
+
+// `args` without the program name. Both "--width 640" and "--width=640" are understood.
+ParsedOptions ParseViewerOptions(const std::vector<std::string>& args);
+
+extern const char* const kUsage;
+
+}  // namespace kvpcie::viewer

@@ -1,0 +1,67 @@
+// kvviewer: capture channels 0-3 of an XDMA frame card, live.
+#include "ViewerOptions.h"
+#include "ViewerWindow.h"
+
+#include <QApplication>
+#include <QTimer>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::atomic<bool> interrupted{false};
+
+extern "C" void OnInterrupt(int) {
+    interrupted.store(true);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using kvpcie::viewer::ParseViewerOptions;
+    // Parsed before Qt starts, so that a mistake is reported without a display.
+    const auto parsed = ParseViewerOptions(std::vector<std::string>(argv + 1, argv + argc));
+    if (parsed.help) {
+        std::fputs(kvpcie::viewer::kUsage, stdout);
+        return 0;
+    }
+    if (!parsed.error.empty()) {
+        std::fprintf(stderr, "kvviewer: %s\n\n%s", parsed.error.c_str(), kvpcie::viewer::kUsage);
+        return 2;
+    }
+    const auto& options = parsed.options;
+    if (options.simulated) {
+        ::setenv("KVPCIE_SIM", "1", 1);
+    }
+
+    // Every argument is the viewer's; Qt gets none of them to reinterpret.
+    int qtArgc = 1;
+    QApplication app(qtArgc, argv);
+    kvpcie::viewer::ViewerWindow window(options);
+    window.show();
+    if (options.autostart && !window.StartChosenChannels()) {
+        std::fprintf(stderr, "kvviewer: not every channel started\n");
+    }
+    if (options.quitAfterMs >= 0) {
+        QTimer::singleShot(options.quitAfterMs, &window, &QWidget::close);
+    }
+    // Ctrl-C closes the window like its close button, so the card is shut down cleanly.
+    std::signal(SIGINT, OnInterrupt);
+    std::signal(SIGTERM, OnInterrupt);
+    QTimer interruptCheck;
+    QObject::connect(&interruptCheck, &QTimer::timeout, &window, [&window] {
+        if (interrupted.load()) {
+            window.close();
+        }
+    });
+    interruptCheck.start(100);
+
+    const int code = app.exec();
+    window.Shutdown();
+    return code != 0 ? code : (window.ScreenshotSaved() ? 0 : 1);
+}
