@@ -40,8 +40,10 @@ int main(int argc, char** argv) {
     }
 
     // Every argument is the viewer's; Qt gets none of them to reinterpret.
-    int qtArgc = 1;
-    QApplication app(qtArgc, argv);
+    static int qtArgc = 1;
+    // Kept to the end of the process: destroying it closes the X connection, which unloads the
+    // OpenGL driver with blocks it still holds, and leak checkers then blame them on us.
+    QApplication& app = *new QApplication(qtArgc, argv);
     kvpcie::viewer::ViewerWindow window(options);
     window.show();
     if (options.autostart && !window.StartChosenChannels()) {
