@@ -1,6 +1,8 @@
 // Parsing kvpcie's command line.
 #include "Arguments.h"
 
+#include "PixelTypeNames.h"
+
 #include <cctype>
 
 namespace kvpcie::cli {
@@ -80,32 +82,10 @@ std::uint64_t ParseNumber(const std::string& text, const char* what, std::uint64
 }
 
 ePixelType ParsePixelType(const std::string& text) {
-    for (ePixelType type : {UYVY422, Y8, Y16, Y16_Y8, BGR24}) {
-        if (text == PixelTypeName(type)) {
-            return type;
-        }
-    }
-    if (text == "Y16_Y8") {
-        return Y16_Y8;
+    if (const auto type = tools::PixelTypeFromName(text)) {
+        return *type;
     }
     throw UsageError{"unknown pixel type \"" + text + "\" (UYVY422, Y8, Y16, Y16&Y8, BGR24)"};
-}
-
-const char* PixelTypeName(ePixelType type) {
-    switch (type) {
-        case UYVY422:
-            return "UYVY422";
-        case Y8:
-            return "Y8";
-        case Y16:
-            return "Y16";
-        case Y16_Y8:
-            return "Y16&Y8";
-        case BGR24:
-            return "BGR24";
-        default:
-            return "?";
-    }
 }
 
 std::vector<int> ParseChannels(const std::string& text) {

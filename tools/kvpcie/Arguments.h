@@ -40,7 +40,6 @@ std::uint64_t ParseNumber(const std::string& text, const char* what, std::uint64
                           std::uint64_t high);
 // The pixel type by name: UYVY422, Y8, Y16, Y16&Y8 (or Y16_Y8), BGR24.
 ePixelType ParsePixelType(const std::string& text);
-const char* PixelTypeName(ePixelType type);
 // "0,2,3": distinct channels 0 to 3.
 std::vector<int> ParseChannels(const std::string& text);
 // Hex bytes, spaces allowed between them: "01 02 0a" or "01020a".

@@ -43,11 +43,8 @@ void OnFrame(int, const char* frame, void* context) {
 }  // namespace
 
 int RunCapture(const std::vector<std::string>& args) {
-    for (const std::string& arg : args) {
-        if (arg == "--help" || arg == "-h") {
-            std::fputs(kHelp, stdout);
-            return 0;
-        }
+    if (PrintHelpIfAsked(args, kHelp)) {
+        return 0;
     }
     const Arguments arguments(args, {"--channels", "--width", "--height", "--type", "--frames",
                                      "--seconds", "--snapshot"});
@@ -58,14 +55,9 @@ int RunCapture(const std::vector<std::string>& args) {
     }
     const std::vector<int> channels = ParseChannels(arguments.Value("--channels").value_or("0"));
     const FrameGeometry geometry = ParseGeometry(arguments);
-    const std::uint64_t frameLimit =
-        arguments.Value("--frames")
-            ? ParseNumber(*arguments.Value("--frames"), "frames", 1, 1000000000)
-            : 0;
-    const std::uint64_t seconds =
-        arguments.Value("--seconds")
-            ? ParseNumber(*arguments.Value("--seconds"), "seconds", 1, 86400 * 365)
-            : (frameLimit == 0 ? 10 : 0);
+    const RunLimits limits = ParseRunLimits(arguments);
+    const std::uint64_t frameLimit = limits.frames;
+    const std::uint64_t seconds = limits.seconds;
     const auto snapshotDir = arguments.Value("--snapshot");
     if (snapshotDir && !QDir().mkpath(QString::fromStdString(*snapshotDir))) {
         throw RuntimeError{"cannot create " + *snapshotDir};

@@ -17,16 +17,6 @@ namespace {
 constexpr std::uint64_t kRegisterSpaceBytes = 0x200000;
 constexpr std::uint64_t kCardMemoryBytes = std::uint64_t{1} << 31;
 
-bool WantsHelp(const std::vector<std::string>& args, const char* help) {
-    for (const std::string& arg : args) {
-        if (arg == "--help" || arg == "-h") {
-            std::fputs(help, stdout);
-            return true;
-        }
-    }
-    return false;
-}
-
 unsigned RegisterAddress(const std::string& text) {
     const auto address = ParseNumber(text, "register address", 0, kRegisterSpaceBytes - 4);
     if (address % 4 != 0) {
@@ -48,9 +38,9 @@ void HexDump(std::uint64_t address, const std::vector<unsigned char>& bytes) {
 }  // namespace
 
 int RunList(const std::vector<std::string>& args) {
-    if (WantsHelp(args,
-                  "usage: kvpcie list [--riffa]\n"
-                  "Lists the XDMA cards (paths for OpenCard), or the RIFFA devices.\n")) {
+    if (PrintHelpIfAsked(args,
+                         "usage: kvpcie list [--riffa]\n"
+                         "Lists the XDMA cards (paths for OpenCard), or the RIFFA devices.\n")) {
         return 0;
     }
     const Arguments arguments(args, {});
@@ -85,11 +75,11 @@ int RunList(const std::vector<std::string>& args) {
 }
 
 int RunReg(const std::vector<std::string>& args) {
-    if (WantsHelp(args,
-                  "usage: kvpcie reg read ADDR\n"
-                  "       kvpcie reg write ADDR VALUE\n"
-                  "ADDR and VALUE in decimal or 0x hex; ADDR a multiple of 4 below "
-                  "0x200000.\n")) {
+    if (PrintHelpIfAsked(args,
+                         "usage: kvpcie reg read ADDR\n"
+                         "       kvpcie reg write ADDR VALUE\n"
+                         "ADDR and VALUE in decimal or 0x hex; ADDR a multiple of 4 below "
+                         "0x200000.\n")) {
         return 0;
     }
     const Arguments arguments(args, {});
@@ -119,10 +109,10 @@ int RunReg(const std::vector<std::string>& args) {
 }
 
 int RunMem(const std::vector<std::string>& args) {
-    if (WantsHelp(args,
-                  "usage: kvpcie mem read ADDR SIZE [-o FILE]\n"
-                  "       kvpcie mem write ADDR FILE\n"
-                  "Card memory by DMA; without -o, read prints a hex dump.\n")) {
+    if (PrintHelpIfAsked(args,
+                         "usage: kvpcie mem read ADDR SIZE [-o FILE]\n"
+                         "       kvpcie mem write ADDR FILE\n"
+                         "Card memory by DMA; without -o, read prints a hex dump.\n")) {
         return 0;
     }
     const Arguments arguments(args, {});
@@ -178,10 +168,10 @@ int RunMem(const std::vector<std::string>& args) {
 }
 
 int RunCmd(const std::vector<std::string>& args) {
-    if (WantsHelp(args,
-                  "usage: kvpcie cmd CHANNEL HEXBYTES\n"
-                  "Sends 1 to 1024 bytes to the channel's command mailbox, e.g. "
-                  "\"01 02 0a\".\n")) {
+    if (PrintHelpIfAsked(args,
+                         "usage: kvpcie cmd CHANNEL HEXBYTES\n"
+                         "Sends 1 to 1024 bytes to the channel's command mailbox, e.g. "
+                         "\"01 02 0a\".\n")) {
         return 0;
     }
     const Arguments arguments(args, {});
@@ -215,10 +205,10 @@ int RunCmd(const std::vector<std::string>& args) {
 }
 
 int RunStatus(const std::vector<std::string>& args) {
-    if (WantsHelp(args,
-                  "usage: kvpcie status CHANNEL [--seconds S]\n"
-                  "Prints the status blocks the card posts on the channel (until Ctrl-C, "
-                  "or for S seconds).\n")) {
+    if (PrintHelpIfAsked(args,
+                         "usage: kvpcie status CHANNEL [--seconds S]\n"
+                         "Prints the status blocks the card posts on the channel (until Ctrl-C, "
+                         "or for S seconds).\n")) {
         return 0;
     }
     const Arguments arguments(args, {"--seconds"});

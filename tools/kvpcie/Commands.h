@@ -21,6 +21,9 @@ struct RuntimeError {
 extern std::atomic<bool> interrupted;
 void CatchInterrupts();
 
+// Prints `help` and returns true when the arguments ask for it (--help or -h).
+bool PrintHelpIfAsked(const std::vector<std::string>& args, const char* help);
+
 // Opens the first XDMA card; a runtime error that says how to use the simulated card when none
 // is found.
 void OpenFirstCard(PCIeDataManager& manager);

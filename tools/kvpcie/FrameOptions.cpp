@@ -25,6 +25,19 @@ FrameGeometry ParseGeometry(const Arguments& arguments, FrameGeometry defaults) 
     return geometry;
 }
 
+RunLimits ParseRunLimits(const Arguments& arguments) {
+    RunLimits limits;
+    if (const auto frames = arguments.Value("--frames")) {
+        limits.frames = ParseNumber(*frames, "frames", 1, 1000000000);
+    }
+    if (const auto seconds = arguments.Value("--seconds")) {
+        limits.seconds = ParseNumber(*seconds, "seconds", 1, 86400 * 365);
+    } else if (limits.frames == 0) {
+        limits.seconds = 10;
+    }
+    return limits;
+}
+
 int StampBytes(ePixelType type) {
     return KvBytesPerPixel(type);
 }

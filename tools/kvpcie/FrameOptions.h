@@ -6,6 +6,7 @@
 #include <KvPCIeInjectSdk/KvPCIeTypes.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,13 @@ struct FrameGeometry {
 
 // --width, --height and --type over `defaults`.
 FrameGeometry ParseGeometry(const Arguments& arguments, FrameGeometry defaults = {});
+
+// --frames N and --seconds S; without either, 10 seconds. 0 means no limit of that kind.
+struct RunLimits {
+    std::uint64_t frames = 0;
+    std::uint64_t seconds = 0;
+};
+RunLimits ParseRunLimits(const Arguments& arguments);
 
 // Bytes of the frame counter that the card stamps over the first pixel.
 int StampBytes(ePixelType type);

@@ -52,11 +52,8 @@ private:
 }  // namespace
 
 int RunInject(const std::vector<std::string>& args) {
-    for (const std::string& arg : args) {
-        if (arg == "--help" || arg == "-h") {
-            std::fputs(kHelp, stdout);
-            return 0;
-        }
+    if (PrintHelpIfAsked(args, kHelp)) {
+        return 0;
     }
     const Arguments arguments(args, {"--channel", "--file", "--width", "--height", "--type",
                                      "--rate", "--frames", "--seconds"});
@@ -69,14 +66,9 @@ int RunInject(const std::vector<std::string>& args) {
         static_cast<int>(ParseNumber(arguments.Value("--channel").value_or("0"), "channel", 0, 3));
     const int rate =
         static_cast<int>(ParseNumber(arguments.Value("--rate").value_or("25"), "rate", 1, 10000));
-    const std::uint64_t frameLimit =
-        arguments.Value("--frames")
-            ? ParseNumber(*arguments.Value("--frames"), "frames", 1, 1000000000)
-            : 0;
-    const std::uint64_t seconds =
-        arguments.Value("--seconds")
-            ? ParseNumber(*arguments.Value("--seconds"), "seconds", 1, 86400 * 365)
-            : (frameLimit == 0 ? 10 : 0);
+    const RunLimits limits = ParseRunLimits(arguments);
+    const std::uint64_t frameLimit = limits.frames;
+    const std::uint64_t seconds = limits.seconds;
     FrameGeometry geometry;
     std::unique_ptr<RawFrames> raw;
     if (const auto file = arguments.Value("--file")) {

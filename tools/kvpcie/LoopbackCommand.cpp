@@ -110,11 +110,8 @@ std::uint64_t RecordedBytes(int channel) {
 }  // namespace
 
 int RunLoopback(const std::vector<std::string>& args) {
-    for (const std::string& arg : args) {
-        if (arg == "--help" || arg == "-h") {
-            std::fputs(kHelp, stdout);
-            return 0;
-        }
+    if (PrintHelpIfAsked(args, kHelp)) {
+        return 0;
     }
     const Arguments arguments(
         args, {"--channels", "--seconds", "--rate", "--width", "--height", "--type"});

@@ -1,6 +1,7 @@
 // kvpcie raw: what a raw recording holds, and any of its frames as a PNG.
 #include "Commands.h"
 #include "FrameOptions.h"
+#include "PixelTypeNames.h"
 #include "RawRecordingName.h"
 
 #include <cstdio>
@@ -49,11 +50,8 @@ Recording Open(const std::string& path, std::ifstream& in) {
 }  // namespace
 
 int RunRaw(const std::vector<std::string>& args) {
-    for (const std::string& arg : args) {
-        if (arg == "--help" || arg == "-h") {
-            std::fputs(kHelp, stdout);
-            return 0;
-        }
+    if (PrintHelpIfAsked(args, kHelp)) {
+        return 0;
     }
     const Arguments arguments(args, {"--frame"});
     arguments.AllowOnly({"--frame", "-o"});
@@ -65,7 +63,7 @@ int RunRaw(const std::vector<std::string>& args) {
             "%s\n  %d x %d, %d parameter line(s), %s, %d fps\n  %llu frame(s) of %zu "
             "bytes\n",
             words[1].c_str(), recording.info.width, recording.info.height,
-            recording.info.paramLines, PixelTypeName(recording.info.pixelType),
+            recording.info.paramLines, tools::PixelTypeName(recording.info.pixelType),
             recording.info.frameRate, static_cast<unsigned long long>(recording.frames),
             recording.frameBytes);
         return 0;

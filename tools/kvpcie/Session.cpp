@@ -4,6 +4,7 @@
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 
 namespace kvpcie::cli {
@@ -19,6 +20,16 @@ extern "C" void OnInterrupt(int) {
 void CatchInterrupts() {
     std::signal(SIGINT, OnInterrupt);
     std::signal(SIGTERM, OnInterrupt);
+}
+
+bool PrintHelpIfAsked(const std::vector<std::string>& args, const char* help) {
+    for (const std::string& arg : args) {
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(help, stdout);
+            return true;
+        }
+    }
+    return false;
 }
 
 void OpenFirstCard(PCIeDataManager& manager) {

@@ -13,27 +13,14 @@
 #include <QTimer>
 #include <QVBoxLayout>
 
+#include "PixelTypeNames.h"
+
 #include <new>
 
 namespace kvpcie::viewer {
 namespace {
 
 constexpr int kStatePeriodMs = 500;
-
-QString PixelTypeName(ePixelType type) {
-    switch (type) {
-        case UYVY422:
-            return "UYVY422";
-        case Y8:
-            return "Y8";
-        case Y16:
-            return "Y16";
-        case Y16_Y8:
-            return "Y16&Y8";
-        default:
-            return "BGR24";
-    }
-}
 
 }  // namespace
 
@@ -192,7 +179,7 @@ void ChannelPanel::ShowState() {
         text += QString(": %1 x %2 %3, %4 fps, %5 frames")
                     .arg(format_.width)
                     .arg(format_.height)
-                    .arg(PixelTypeName(format_.pixelType))
+                    .arg(QString::fromLatin1(tools::PixelTypeName(format_.pixelType)))
                     .arg(framesPerSecond_, 0, 'f', 1)
                     .arg(frames);
         if (recording_) {

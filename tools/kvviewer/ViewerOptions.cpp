@@ -1,6 +1,8 @@
 // What the kvviewer command line asks for.
 #include "ViewerOptions.h"
 
+#include "PixelTypeNames.h"
+
 #include <climits>
 #include <cstdint>
 #include <optional>
@@ -42,25 +44,6 @@ std::optional<int> ParseNumber(std::string_view text, int low, int high) {
         return std::nullopt;
     }
     return static_cast<int>(value);
-}
-
-std::optional<ePixelType> ParsePixelType(std::string_view text) {
-    if (text == "UYVY422") {
-        return UYVY422;
-    }
-    if (text == "Y8") {
-        return Y8;
-    }
-    if (text == "Y16") {
-        return Y16;
-    }
-    if (text == "Y16&Y8" || text == "Y16_Y8") {
-        return Y16_Y8;
-    }
-    if (text == "BGR24") {
-        return BGR24;
-    }
-    return std::nullopt;
 }
 
 std::optional<std::array<bool, 4>> ParseChannels(std::string_view text) {
@@ -122,7 +105,7 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
             }
             (name == "--width" ? options.width : options.height) = *size;
         } else if (name == "--type") {
-            const auto type = ParsePixelType(*value);
+            const auto type = tools::PixelTypeFromName(*value);
             if (!type) {
                 return fail("unknown pixel type \"" + *value +
                             "\" (UYVY422, Y8, Y16, Y16&Y8, BGR24)");
