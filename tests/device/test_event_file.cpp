@@ -1,4 +1,5 @@
 // Waiting for a card's user event: raised, timed out, missing, cancelled.
+#include "../support/Environment.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/EventFile.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
@@ -17,7 +18,7 @@ using namespace std::chrono_literals;
 class EventFileTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ::unsetenv("KVPCIE_SIM");
+        ::kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
     }
 };
@@ -32,11 +33,11 @@ TEST_F(EventFileTest, ReadGivesOneForARaisedEventAndZeroWhenTheDriverGivesUp) {
 }
 
 TEST_F(EventFileTest, AMissingFileSaysSoAndEveryReadFailsAtOnce) {
-    testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStdout();
     EventFile event("7028\\event_0", platform::kAccessRead);
     EXPECT_FALSE(event.IsValid());
     EXPECT_EQ(event.Read(0), 0);
-    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string out = ::testing::internal::GetCapturedStdout();
     EXPECT_EQ(out.rfind("error: ", 0), 0u) << out;
     EXPECT_NE(out.find("\nerrorStr001: "), std::string::npos) << out;
     event.Cancel();  // harmless on an invalid file

@@ -1,5 +1,6 @@
 // XDMA device access on the simulated card: the open and close protocol, listing, transfers in
 // pieces with their result codes, and a close that races with a transfer thread.
+#include "../support/Environment.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
@@ -21,7 +22,7 @@ using KvPCIeSim::CardAccess;
 class XdmaDevice : public ::testing::Test {
 protected:
     void SetUp() override {
-        ::unsetenv("KVPCIE_SIM");
+        ::kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
     }
     void TearDown() override { XdmaClose(); }
@@ -72,10 +73,10 @@ TEST_F(XdmaDevice, OpenRequestsRestartRestartsAndAttachesTheHostAndCloseDetaches
 TEST_F(XdmaDevice, AFailedOpenLeavesTheCardClosedWithNoFileHeld) {
     ASSERT_TRUE(XdmaOpen("sim:xdma0"));
     ASSERT_TRUE(KvPCIeSim::SetNodeAbsent(0, "control", true));
-    testing::internal::CaptureStderr();
+    ::testing::internal::CaptureStderr();
     EXPECT_FALSE(XdmaOpen("sim:xdma0"));
     EXPECT_NE(
-        testing::internal::GetCapturedStderr().find("Error opening device, win32 error code: "),
+        ::testing::internal::GetCapturedStderr().find("Error opening device, win32 error code: "),
         std::string::npos);
     EXPECT_FALSE(XdmaIsOpen());
     EXPECT_EQ(OpenFiles(), 0u);
@@ -134,10 +135,10 @@ TEST_F(XdmaDevice, TransfersReportEachResultCode) {
     ASSERT_TRUE(c2h && h2c);
     std::vector<std::uint8_t> buffer(0x2000);
 
-    testing::internal::CaptureStderr();
+    ::testing::internal::CaptureStderr();
     EXPECT_EQ(XdmaReadDevice(c2h.get(), 0x80000000u, 16, buffer.data()), kTransferSeekFailed);
     EXPECT_EQ(XdmaReadDevice(nullptr, 0, 16, buffer.data()), kTransferSeekFailed);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find(
+    EXPECT_NE(::testing::internal::GetCapturedStderr().find(
                   "Error setting file pointer, win32 error code: "),
               std::string::npos);
     // Past the end of the 2 GiB of card memory only part of it moves.

@@ -1,5 +1,6 @@
 // The RIFFA device library on the simulated RIFFA device: the register requests' bytes, listing,
 // opening by index, a card that never answers, a removed device and the refusals.
+#include "../support/Environment.h"
 #include "../support/WaitFor.h"
 
 #include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDevice.h"
@@ -26,7 +27,7 @@ constexpr std::uint32_t kScratch = 0x1F0010;
 class Riffa : public ::testing::Test {
 protected:
     void SetUp() override {
-        ::unsetenv("KVPCIE_SIM");
+        ::kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("riffa:2"));
     }
     std::vector<RiffaRequest> Requests(int device = 0) {

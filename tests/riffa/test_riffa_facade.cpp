@@ -1,5 +1,6 @@
 // The facade in RIFFA mode on simulated RIFFA devices: listing, opening by index with the
 // engines' logs, register access over the device library, and what RIFFA mode refuses.
+#include "../support/Environment.h"
 #include "../support/TempDir.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
@@ -27,7 +28,7 @@ int ThreadCount() {
 class RiffaFacade : public ::testing::Test {
 protected:
     void SetUp() override {
-        ::unsetenv("KVPCIE_SIM");
+        ::kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("riffa:2"));
         for (const char* log : {"Capture_AllChannel", "Inject_AllChannel", "InjectReadFile"}) {
             QDir().mkpath(QString("Log/") + log);

@@ -1,6 +1,7 @@
 // A fresh simulated XDMA card seen through the host's device files, as the sim suites drive it.
 #pragma once
 
+#include "../support/Environment.h"
 #include "platform/DeviceFile.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
@@ -15,7 +16,7 @@ namespace kvpcie {
 class SimCardTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ::unsetenv("KVPCIE_SIM");
+        ::kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
         user_ = platform::OpenDeviceFile("sim:xdma0\\user", platform::kAccessReadWrite);
         h2c_ = platform::OpenDeviceFile("sim:xdma0\\h2c_0", platform::kAccessWrite);

@@ -1,5 +1,6 @@
 // The simulated XDMA card as the OS layer presents it: registers, memory, events, removal and
 // the KVPCIE_SIM listing.
+#include "../support/Environment.h"
 #include "platform/DeviceFile.h"
 #include "platform/DeviceInterfaces.h"
 #include "platform/SystemError.h"
@@ -23,7 +24,7 @@ using namespace std::chrono_literals;
 class SimCard : public ::testing::Test {
 protected:
     void SetUp() override {
-        ::unsetenv("KVPCIE_SIM");
+        ::kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
     }
 
@@ -199,7 +200,7 @@ TEST_F(SimCard, MissingCardsAndAbsentNodesDoNotOpen) {
 
 TEST_F(SimCard, ListingFollowsKvpcieSimAndTheControlApi) {
     std::vector<std::string> paths;
-    ::setenv("KVPCIE_SIM", "xdma:3,riffa:1", 1);
+    ::kvpcie::testing::SetEnvironment("KVPCIE_SIM", "xdma:3,riffa:1");
     ASSERT_TRUE(platform::ListDeviceInterfaces(platform::kXdmaInterfaceClass, paths));
     EXPECT_EQ(paths, (std::vector<std::string>{"sim:xdma0", "sim:xdma1", "sim:xdma2"}));
 
@@ -212,17 +213,17 @@ TEST_F(SimCard, ListingFollowsKvpcieSimAndTheControlApi) {
     std::uint32_t moved = 0;
     EXPECT_FALSE(user->Read(&value, 4, moved)) << "a replaced card behaves as removed";
 
-    ::setenv("KVPCIE_SIM", "bogus", 1);
-    testing::internal::CaptureStderr();
+    ::kvpcie::testing::SetEnvironment("KVPCIE_SIM", "bogus");
+    ::testing::internal::CaptureStderr();
     ASSERT_TRUE(platform::ListDeviceInterfaces(platform::kXdmaInterfaceClass, paths));
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("KVPCIE_SIM"), std::string::npos);
+    EXPECT_NE(::testing::internal::GetCapturedStderr().find("KVPCIE_SIM"), std::string::npos);
     EXPECT_TRUE(paths.empty());
 
     const int added = KvPCIeSim::AddXdmaCard();
     EXPECT_EQ(KvPCIeSim::XdmaCardPath(added), "sim:xdma0");
     EXPECT_TRUE(KvPCIeSim::RemoveXdmaCard(added));
     EXPECT_FALSE(KvPCIeSim::RemoveXdmaCard(added));
-    ::unsetenv("KVPCIE_SIM");
+    ::kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The simulated RIFFA device as the OS layer presents it: listing, opening, the driver's
 // requests, the register logic behind channel 0 and removal.
+#include "../support/Environment.h"
 #include "platform/ControlDevice.h"
 #include "platform/DeviceInterfaces.h"
 #include "platform/SystemError.h"
@@ -87,7 +88,7 @@ std::uint32_t WordAt(const Words& words, int index) {
 class SimRiffa : public ::testing::Test {
 protected:
     void SetUp() override {
-        ::unsetenv("KVPCIE_SIM");
+        ::kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("riffa:3"));
         device_ = platform::OpenControlDevice(KvPCIeSim::RiffaDevicePath(0), true);
         ASSERT_NE(device_, nullptr);
@@ -137,14 +138,14 @@ TEST_F(SimRiffa, ListsNoneOneOrSixDevicesInNumberOrder) {
 }
 
 TEST_F(SimRiffa, FollowsKvpcieSimAndTheControlApi) {
-    ::setenv("KVPCIE_SIM", "riffa:2", 1);
+    ::kvpcie::testing::SetEnvironment("KVPCIE_SIM", "riffa:2");
     EXPECT_EQ(KvPCIeSim::RiffaDeviceNumbers(), (std::vector<int>{0, 1}));
     const int added = KvPCIeSim::AddRiffaDevice();
     EXPECT_EQ(added, 2);
     EXPECT_TRUE(KvPCIeSim::RemoveRiffaDevice(0));
     EXPECT_FALSE(KvPCIeSim::RemoveRiffaDevice(0));
     EXPECT_EQ(SimulatedPaths(), (std::vector<std::string>{"sim:riffa1", "sim:riffa2"}));
-    ::unsetenv("KVPCIE_SIM");
+    ::kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
     EXPECT_TRUE(SimulatedPaths().empty());
 }
 
