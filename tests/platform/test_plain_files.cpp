@@ -1,0 +1,78 @@
+// The OS layer's file calls against ordinary files, on every OS: what the device code does to a
+// driver's DMA files, with a file standing in for the driver.
+#include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
+#include "platform/DeviceFile.h"
+#include "platform/SystemError.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace kvpcie::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+class PlainFiles : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() /
+               ("kvpcie-files-" +
+                std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+        fs::remove_all(dir_);
+        fs::create_directories(dir_);
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        fs::remove_all(dir_, ignored);
+    }
+    std::string Make(const char* name) {
+        const fs::path path = dir_ / name;
+        std::ofstream(path, std::ios::binary).flush();
+        return path.string();
+    }
+
+    fs::path dir_;
+};
+
+TEST_F(PlainFiles, SixteenMebibytesGoOutInPiecesAndComeBackWhole) {
+    const std::string path = Make("card.bin");
+    std::vector<std::uint8_t> data(16u << 20);
+    for (std::size_t i = 0; i < data.size(); ++i) {
+        data[i] = static_cast<std::uint8_t>(i * 31 + (i >> 16));
+    }
+    {
+        const DeviceFilePtr file = OpenDeviceFile(path, kAccessReadWrite);
+        ASSERT_NE(file, nullptr) << LastError();
+        EXPECT_EQ(xdma::XdmaWriteDevice(file.get(), 0, 16u << 20, data.data()), 16777216);
+    }
+    EXPECT_EQ(fs::file_size(path), data.size());
+    const DeviceFilePtr file = OpenDeviceFile(path, kAccessRead);
+    ASSERT_NE(file, nullptr);
+    std::vector<std::uint8_t> back(data.size());
+    EXPECT_EQ(xdma::XdmaReadDevice(file.get(), 0, 16u << 20, back.data()), 16777216);
+    EXPECT_TRUE(back == data);
+    // Past the end a read moves nothing; a negative position is refused.
+    std::uint32_t moved = 1;
+    ASSERT_TRUE(file->Seek(16 << 20));
+    EXPECT_TRUE(file->Read(back.data(), 16, moved));
+    EXPECT_EQ(moved, 0u);
+    EXPECT_FALSE(file->Seek(-4));
+}
+
+TEST_F(PlainFiles, MissingFilesAndForbiddenDirectionsAreRefusedWithTheSystemsCode) {
+    EXPECT_EQ(OpenDeviceFile((dir_ / "missing.bin").string(), kAccessRead), nullptr);
+    EXPECT_EQ(LastError(), SystemCode(Error::FileNotFound));
+    const DeviceFilePtr file = OpenDeviceFile(Make("read-only.bin"), kAccessRead);
+    ASSERT_NE(file, nullptr);
+    std::uint32_t moved = 0;
+    const char byte = 1;
+    EXPECT_FALSE(file->Write(&byte, 1, moved));
+}
+
+}  // namespace
+}  // namespace kvpcie::platform
