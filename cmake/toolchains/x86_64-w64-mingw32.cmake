@@ -13,7 +13,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++")
 # Tests run through Wine.
-find_program(KVPCIE_WINE NAMES wine64 wine)
+find_program(KVPCIE_WINE NAMES wine64 wine PATHS /usr/lib/wine)
 if(KVPCIE_WINE)
     set(CMAKE_CROSSCOMPILING_EMULATOR ${KVPCIE_WINE})
 endif()

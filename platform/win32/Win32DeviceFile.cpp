@@ -1,0 +1,167 @@
+// Device files through CreateFileW, SetFilePointer, ReadFile and WriteFile; event files with an
+// overlapped read that a stop can cancel.
+#include "platform/win32/Win32Handle.h"
+
+#include "platform/Backend.h"
+#include "platform/SystemError.h"
+
+#include <atomic>
+#include <cstring>
+
+namespace kvpcie::platform {
+namespace {
+
+using win32::Handle;
+
+void SetLastSystemError() {
+    SetLastError(static_cast<int>(::GetLastError()));
+}
+
+class Win32File : public DeviceFile {
+public:
+    explicit Win32File(HANDLE handle) : handle_(handle) {}
+
+    bool Seek(std::int64_t position) override {
+        if (position < 0) {
+            SetLastError(Error::InvalidParameter);
+            return false;
+        }
+        LONG high = static_cast<LONG>(position >> 32);
+        const DWORD low = ::SetFilePointer(handle_.Get(), static_cast<LONG>(position & 0xFFFFFFFF),
+                                           &high, FILE_BEGIN);
+        if (low == INVALID_SET_FILE_POINTER && ::GetLastError() != NO_ERROR) {
+            SetLastSystemError();
+            return false;
+        }
+        return true;
+    }
+
+    bool Read(void* buffer, std::uint32_t size, std::uint32_t& moved) override {
+        moved = 0;
+        if (Cancelled()) {
+            return false;
+        }
+        DWORD count = 0;
+        if (!::ReadFile(handle_.Get(), buffer, size, &count, nullptr)) {
+            SetLastSystemError();
+            return false;
+        }
+        moved = count;
+        return true;
+    }
+
+    bool Write(const void* buffer, std::uint32_t size, std::uint32_t& moved) override {
+        moved = 0;
+        if (Cancelled()) {
+            return false;
+        }
+        DWORD count = 0;
+        if (!::WriteFile(handle_.Get(), buffer, size, &count, nullptr)) {
+            SetLastSystemError();
+            return false;
+        }
+        moved = count;
+        return true;
+    }
+
+    void Cancel() override { cancelled_.store(true, std::memory_order_release); }
+
+protected:
+    bool Cancelled() {
+        if (cancelled_.load(std::memory_order_acquire)) {
+            SetLastError(Error::OperationAborted);
+            return true;
+        }
+        return false;
+    }
+
+    Handle handle_;
+    std::atomic<bool> cancelled_{false};
+};
+
+// The driver answers a one-byte read when the user interrupt fires, or with 0 after 3 s. The
+// read is overlapped so that Cancel can end it at once rather than after those 3 s.
+class Win32EventFile final : public Win32File {
+public:
+    Win32EventFile(HANDLE handle, HANDLE done, HANDLE cancel)
+        : Win32File(handle), done_(done), cancel_(cancel) {}
+
+    bool Read(void* buffer, std::uint32_t size, std::uint32_t& moved) override {
+        moved = 0;
+        if (Cancelled()) {
+            return false;
+        }
+        OVERLAPPED request{};
+        request.hEvent = done_.Get();
+        ::ResetEvent(done_.Get());
+        DWORD count = 0;
+        if (!::ReadFile(handle_.Get(), buffer, size, &count, &request)) {
+            if (::GetLastError() != ERROR_IO_PENDING) {
+                SetLastSystemError();
+                return false;
+            }
+            const HANDLE waits[2] = {done_.Get(), cancel_.Get()};
+            if (::WaitForMultipleObjects(2, waits, FALSE, INFINITE) != WAIT_OBJECT_0) {
+                ::CancelIoEx(handle_.Get(), &request);
+            }
+            // Waits for the request to end, whether it completed or was cancelled.
+            if (!::GetOverlappedResult(handle_.Get(), &request, &count, TRUE)) {
+                SetLastSystemError();
+                return false;
+            }
+        }
+        moved = count;
+        return !Cancelled();
+    }
+
+    void Cancel() override {
+        Win32File::Cancel();
+        ::SetEvent(cancel_.Get());
+    }
+
+private:
+    Handle done_;
+    Handle cancel_;
+};
+
+bool IsEventNode(const std::string& path) {
+    const std::size_t slash = path.find_last_of("\\/");
+    const std::string node = slash == std::string::npos ? path : path.substr(slash + 1);
+    return node.compare(0, 6, "event_") == 0;
+}
+
+}  // namespace
+
+namespace native {
+
+DeviceFilePtr OpenDeviceFile(const std::string& path, unsigned access) {
+    const bool event = IsEventNode(path);
+    const std::wstring wide = win32::Widen(path);
+    const HANDLE handle =
+        ::CreateFileW(wide.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                      OPEN_EXISTING, event ? FILE_FLAG_OVERLAPPED : FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) {
+        SetLastSystemError();
+        return nullptr;
+    }
+    if (!event) {
+        return std::make_unique<Win32File>(handle);
+    }
+    const HANDLE done = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const HANDLE cancel = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    if (done == nullptr || cancel == nullptr) {
+        SetLastSystemError();
+        ::CloseHandle(handle);
+        if (done != nullptr) {
+            ::CloseHandle(done);
+        }
+        if (cancel != nullptr) {
+            ::CloseHandle(cancel);
+        }
+        return nullptr;
+    }
+    return std::make_unique<Win32EventFile>(handle, done, cancel);
+}
+
+}  // namespace native
+}  // namespace kvpcie::platform

@@ -1,0 +1,106 @@
+// Windows system codes and their texts, local time, thread pinning and string conversion.
+#include "platform/win32/Win32Handle.h"
+
+#include "platform/LocalTime.h"
+#include "platform/SystemError.h"
+#include "platform/ThreadAffinity.h"
+
+#include <pthread.h>
+
+namespace kvpcie::platform {
+
+int SystemCode(Error error) {
+    switch (error) {
+        case Error::FileNotFound:
+            return ERROR_FILE_NOT_FOUND;
+        case Error::AccessDenied:
+            return ERROR_ACCESS_DENIED;
+        case Error::InvalidHandle:
+            return ERROR_INVALID_HANDLE;
+        case Error::InvalidParameter:
+            return ERROR_INVALID_PARAMETER;
+        case Error::NameTooLong:
+            return ERROR_FILENAME_EXCED_RANGE;
+        case Error::DeviceRemoved:
+            return ERROR_DEVICE_REMOVED;
+        case Error::OperationAborted:
+            return ERROR_OPERATION_ABORTED;
+        case Error::NotEnoughMemory:
+            return ERROR_NOT_ENOUGH_MEMORY;
+        case Error::NoMoreItems:
+            return ERROR_NO_MORE_ITEMS;
+        case Error::MoreData:
+            return ERROR_MORE_DATA;
+    }
+    return ERROR_INVALID_PARAMETER;
+}
+
+std::string ErrorText(int code) {
+    char buffer[512] = {};
+    const DWORD length =
+        ::FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                         static_cast<DWORD>(code), 0, buffer, sizeof buffer, nullptr);
+    try {
+        std::string text(buffer, length);
+        while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+            text.pop_back();
+        }
+        return text.empty() ? "Unknown error " + std::to_string(code) : text;
+    } catch (...) {
+        return std::string();
+    }
+}
+
+LocalTime LocalTimeNow() {
+    SYSTEMTIME now{};
+    ::GetLocalTime(&now);
+    return LocalTime{now.wYear,   now.wMonth,  now.wDay,         now.wHour,
+                     now.wMinute, now.wSecond, now.wMilliseconds};
+}
+
+bool PinThreadToCore(std::thread& thread, unsigned core) {
+    const std::uint64_t mask = AffinityMaskForCore(core);
+    if (mask == 0 || !thread.joinable()) {
+        SetLastError(Error::InvalidParameter);
+        return false;
+    }
+    // std::thread is a winpthreads thread here; its Win32 handle is what the call takes.
+    const HANDLE handle = pthread_gethandle(thread.native_handle());
+    if (::SetThreadAffinityMask(handle, static_cast<DWORD_PTR>(mask)) == 0) {
+        SetLastError(static_cast<int>(::GetLastError()));
+        return false;
+    }
+    return true;
+}
+
+void UsePreciseSleeps() {
+    // Windows has no per-thread timer slack; raising the system timer resolution would change
+    // the whole process, so the sleeps stay as the system gives them.
+}
+
+namespace win32 {
+
+std::wstring Widen(const std::string& text) {
+    if (text.empty()) {
+        return std::wstring();
+    }
+    const int length =
+        ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
+    std::wstring wide(static_cast<std::size_t>(length), L'\0');
+    ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), wide.data(),
+                          length);
+    return wide;
+}
+
+std::string Narrow(const wchar_t* text) {
+    const int length = ::WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
+    if (length <= 1) {
+        return std::string();
+    }
+    std::string narrow(static_cast<std::size_t>(length - 1), '\0');
+    ::WideCharToMultiByte(CP_UTF8, 0, text, -1, narrow.data(), length, nullptr, nullptr);
+    return narrow;
+}
+
+}  // namespace win32
+}  // namespace kvpcie::platform
