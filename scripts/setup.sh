@@ -2,9 +2,10 @@
 # Installs the Debian packages that building and testing KvPCIeInjectSdk needs, when missing.
 set -euo pipefail
 
+# Extra packages may be named on the command line (the Windows cross-check names its own).
 packages=(cmake ninja-build g++ pkg-config qtbase5-dev libgl-dev
           libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
-          xvfb xauth)
+          xvfb xauth "$@")
 
 missing=()
 for package in "${packages[@]}"; do
