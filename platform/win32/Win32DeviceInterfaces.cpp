@@ -7,7 +7,6 @@
 
 #include <cfgmgr32.h>
 
-#include <cstdio>
 #include <cwchar>
 #include <vector>
 
@@ -28,6 +27,7 @@ GUID ToWindowsGuid(const Guid& guid) {
 // Interface data 32 bytes, detail header 8, device info 32 on 64-bit Windows.
 constexpr DWORD kPresentInterfaces = DIGCF_PRESENT | DIGCF_DEVICEINTERFACE;  // 0x12
 constexpr int kInstanceIdChars = 200;
+constexpr DWORD kRestartPauseMs = 20;
 
 }  // namespace
 
@@ -74,9 +74,9 @@ bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& 
 }
 
 void RestartXilinxDevices() {
-    const GUID guid = ToWindowsGuid(kXdmaInterfaceClass);
+    // Every present device of every class: the cards may sit behind any driver at this point.
     const win32::DeviceInfoSet set(
-        ::SetupDiGetClassDevsW(&guid, nullptr, nullptr, kPresentInterfaces));
+        ::SetupDiGetClassDevsW(nullptr, nullptr, nullptr, DIGCF_PRESENT | DIGCF_ALLCLASSES));
     if (!set.Valid()) {
         return;
     }
@@ -91,12 +91,11 @@ void RestartXilinxDevices() {
             std::wcsstr(instanceId, L"VEN_10EE") == nullptr) {
             continue;
         }
-        if (::CM_Disable_DevNode(info.DevInst, 0) != CR_SUCCESS ||
-            ::CM_Enable_DevNode(info.DevInst, 0) != CR_SUCCESS) {
-            std::fprintf(stderr,
-                         "kvpcie: cannot restart %s (administrator rights are needed); going on\n",
-                         win32::Narrow(instanceId).c_str());
-        }
+        // Without administrator rights both calls fail and the card simply keeps running.
+        ::CM_Disable_DevNode(info.DevInst, 0);
+        ::Sleep(kRestartPauseMs);
+        ::CM_Enable_DevNode(info.DevInst, 0);
+        ::Sleep(kRestartPauseMs);
     }
 }
 
