@@ -38,6 +38,7 @@ using KvPCIeSim::kCtlLastCommandLength;
 using KvPCIeSim::kCtlLastInjectHead;
 using KvPCIeSim::kCtlPostStatus;
 using KvPCIeSim::kCtlStatusStaging;
+using KvPCIeSim::kCtlStuckCaptureBuffer;
 
 constexpr std::uint32_t kDefaultExternalFrameRate = 25;
 constexpr std::uint32_t kDefaultCommandBusyMicros = 50;

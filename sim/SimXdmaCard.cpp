@@ -132,8 +132,12 @@ void SimXdmaCard::SetCaptureEnableLocked(std::uint32_t mask) {
 
 void SimXdmaCard::CaptureRegisterWrittenLocked(unsigned channel, std::uint32_t offset,
                                                std::uint32_t value) {
-    registers_[xdma::CaptureBlock(channel) + offset] = value;
     unsigned buffer = 0;
+    if (IsBufferWord(offset, xdma::CapBufferStatus(0), buffer) &&
+        RegisterValueLocked(ControlBlock(channel) + kCtlStuckCaptureBuffer) == buffer + 1) {
+        return;
+    }
+    registers_[xdma::CaptureBlock(channel) + offset] = value;
     switch (offset) {
         case xdma::kCapSyncMode:
         case xdma::kCapFramePeriod:

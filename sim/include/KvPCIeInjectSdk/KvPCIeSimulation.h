@@ -65,6 +65,9 @@ constexpr std::uint32_t kCtlLastCommandLength = 0x2C;
 constexpr std::uint32_t kCtlLastInjectHead = 0x30;
 // 1: frames raise no user event.
 constexpr std::uint32_t kCtlFrameEventOff = 0x34;
+// N (1 to 8): the host's writes to the status of capture buffer N - 1 do not take, so a frame
+// the card made ready there stays ready, and the frames due in it are dropped; 0: none.
+constexpr std::uint32_t kCtlStuckCaptureBuffer = 0x38;
 // 1,024 bytes, each word least significant byte first.
 constexpr std::uint32_t kCtlStatusStaging = 0x400;
 // Read-only: the last command taken, 1,024 bytes as kCtlStatusStaging; zeros past its length.

@@ -1,0 +1,141 @@
+// What the fault suites share: a facade on a fresh simulated card in a scratch directory, frame
+// sinks that notice late or wrong frames, the accounting of lost frames, and a bound on every
+// call that could hang.
+#pragma once
+
+#include "../capture/CaptureTestSupport.h"
+#include "../inject/InjectTestSupport.h"
+#include "../support/TempDir.h"
+
+#include <QDir>
+
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace kvpcie::testing {
+
+constexpr int kFaultWidth = 160;
+constexpr int kFaultHeight = 120;
+constexpr std::size_t kFaultFrameBytes = kFaultWidth * kFaultHeight * 2;  // Y16
+
+// Runs `call` on this thread (the facade's control thread) while a watchdog gives it `limit` to
+// return. A call that hangs ends the process with a message naming it: a hang cannot be
+// recovered from inside the suite.
+inline void ReturnsWithin(const char* what, const std::function<void()>& call,
+                          std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    std::mutex mutex;
+    std::condition_variable returned;
+    bool done = false;
+    std::thread watchdog([&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (!returned.wait_for(lock, limit, [&] { return done; })) {
+            std::fprintf(stderr, "hang: %s did not return within %lld ms\n", what,
+                         static_cast<long long>(limit.count()));
+            std::abort();
+        }
+    });
+    call();
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        done = true;
+    }
+    returned.notify_one();
+    watchdog.join();
+}
+
+// A frame sink that also counts the callbacks that came after its channel was stopped.
+struct GuardedSink : FrameSink {
+    std::atomic<bool> stopped{false};
+    std::atomic<int> lateFrames{0};
+
+    GuardedSink() : FrameSink(kFaultFrameBytes) {}
+    static void OnFrame(int channel, const char* frame, void* context) {
+        auto* sink = static_cast<GuardedSink*>(context);
+        if (sink->stopped.load()) {
+            ++sink->lateFrames;
+        }
+        sink->Take(channel, frame, false);
+    }
+};
+
+// Frames the card made up to the last one delivered that were neither delivered nor counted by
+// the card as dropped, beyond `expectedMissing` (frames the test itself made the card lose).
+// Negative when the card counted more than went missing, which later drops explain.
+inline long UncountedLosses(const std::vector<std::uint32_t>& numbers, std::uint32_t dropped,
+                            long expectedMissing = 0) {
+    if (numbers.empty()) {
+        return 0;
+    }
+    const long missing = static_cast<long>(numbers.back()) + 1 - static_cast<long>(numbers.size());
+    return missing - expectedMissing - static_cast<long>(dropped);
+}
+
+inline bool StrictlyIncreasing(const std::vector<std::uint32_t>& numbers) {
+    for (std::size_t k = 1; k < numbers.size(); ++k) {
+        if (numbers[k] <= numbers[k - 1]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+class FaultTest : public ::testing::Test {
+protected:
+    static constexpr int kCard = 0;
+
+    void SetUp() override {
+        ::unsetenv("KVPCIE_SIM");
+        ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
+        ASSERT_TRUE(manager.OpenCard(path));
+    }
+    void TearDown() override {
+        ReturnsWithin("CloseCard", [this] { manager.CloseCard(); });
+    }
+
+    void Write(std::uint32_t address, std::uint32_t value) {
+        ASSERT_EQ(manager.WriteReg(address, static_cast<int>(value)), 4);
+    }
+    std::uint32_t Peek(std::uint32_t address) {
+        std::uint32_t value = 0;
+        EXPECT_TRUE(KvPCIeSim::PeekRegister(kCard, address, value));
+        return value;
+    }
+    // `rate` frames per second from the channel's external source; 0 for none.
+    bool StartCapture(int channel, GuardedSink& sink, std::uint32_t rate) {
+        Write(ControlBlock(channel) + KvPCIeSim::kCtlExternalFrameRate, rate);
+        eErrorCode error = ERR_NO_CARD;
+        const bool started =
+            manager.StartCapture(static_cast<unsigned>(channel), false, kFaultWidth, kFaultHeight,
+                                 Y16, error, &GuardedSink::OnFrame, &sink, sink.buffer.data());
+        return started && error == ERR_NONE;
+    }
+    void StopCapture(int channel, GuardedSink& sink) {
+        ReturnsWithin("StopCapture", [&] { manager.StopCapture(channel); });
+        sink.stopped = true;
+    }
+    // One frame offered to inject `channel` at 50 fps; the result of StartInject.
+    bool Inject(int channel, std::vector<char>& frame, eErrorCode& error) {
+        error = ERR_NO_CARD;
+        return manager.StartInject(static_cast<unsigned>(channel), 50, kFaultWidth, kFaultHeight,
+                                   Y16, 0, frame.data(), error);
+    }
+    static bool AllDelivered(const std::vector<std::unique_ptr<GuardedSink>>& sinks, int count) {
+        for (const auto& sink : sinks) {
+            if (sink->delivered < count) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    ScratchDir scratch{true};  // logs and recordings go below the current directory
+    char path[16] = "sim:xdma0";
+    PCIeDataManager manager;
+};
+
+}  // namespace kvpcie::testing

@@ -1,0 +1,243 @@
+// Faults of the card, through the facade: failed transfers, a missing event file, buffer
+// statuses that never clear, a mailbox that stays busy, and the card dropping off the bus.
+// Each case checks that nothing hangs and that every frame lost was counted by the card or
+// refused with a result.
+#include "FaultTestSupport.h"
+
+#include <algorithm>
+
+namespace kvpcie::testing {
+namespace {
+
+using KvPCIeSim::kCtlCommandBusyMicros;
+using KvPCIeSim::kCtlCommandsTaken;
+using KvPCIeSim::kCtlDmaFaults;
+using KvPCIeSim::kCtlFramesDropped;
+using KvPCIeSim::kCtlInjectPlayed;
+using KvPCIeSim::kCtlInjectUnderruns;
+
+constexpr std::uint32_t kNeverTakes = 0xFFFFFFFF;
+constexpr int kFaultsPerChannel = 4;
+
+TEST_F(FaultTest, DmaFailuresMidStreamOnFourChannelsLoseOnlyTheFramesTheyHit) {
+    std::vector<std::unique_ptr<GuardedSink>> sinks;
+    for (int channel = 0; channel < 4; ++channel) {
+        sinks.push_back(std::make_unique<GuardedSink>());
+        ASSERT_TRUE(StartCapture(channel, *sinks.back(), 200));
+    }
+    ASSERT_TRUE(WaitFor([&] { return AllDelivered(sinks, 20); }, std::chrono::seconds(20)));
+    for (int channel = 0; channel < 4; ++channel) {
+        Write(ControlBlock(channel) + kCtlDmaFaults, kFaultsPerChannel);
+    }
+    ASSERT_TRUE(WaitFor([&] { return AllDelivered(sinks, 80); }, std::chrono::seconds(20)));
+    for (int channel = 0; channel < 4; ++channel) {
+        StopCapture(channel, *sinks[channel]);
+    }
+    for (int channel = 0; channel < 4; ++channel) {
+        SCOPED_TRACE(channel);
+        GuardedSink& sink = *sinks[channel];
+        EXPECT_EQ(Peek(ControlBlock(channel) + kCtlDmaFaults), 0u) << "every fault was met";
+        EXPECT_EQ(sink.badFrames, 0) << "a failed read was handed on";
+        const std::vector<std::uint32_t> numbers = sink.Numbers();
+        EXPECT_TRUE(StrictlyIncreasing(numbers));
+        const long missing =
+            static_cast<long>(numbers.back()) + 1 - static_cast<long>(numbers.size());
+        EXPECT_GE(missing, kFaultsPerChannel);
+        EXPECT_LE(UncountedLosses(numbers, Peek(ControlBlock(channel) + kCtlFramesDropped),
+                                  kFaultsPerChannel),
+                  0);
+        EXPECT_EQ(sink.lateFrames, 0);
+    }
+}
+
+TEST_F(FaultTest, AChannelWithoutItsEventFileIsCapturedByPollingAndStopsAtOnce) {
+    ASSERT_TRUE(KvPCIeSim::SetNodeAbsent(kCard, "event_2", true));
+    GuardedSink sink;
+    ASSERT_TRUE(StartCapture(2, sink, 200));
+    ASSERT_TRUE(WaitFor([&] { return sink.delivered >= 50; }, std::chrono::seconds(20)));
+    // The event thread's read fails at once and keeps failing: the stop must not wait on it.
+    ReturnsWithin(
+        "StopCapture without an event file", [&] { manager.StopCapture(2); },
+        std::chrono::seconds(2));
+    sink.stopped = true;
+    EXPECT_EQ(sink.badFrames, 0);
+    const std::vector<std::uint32_t> numbers = sink.Numbers();
+    EXPECT_TRUE(StrictlyIncreasing(numbers));
+    EXPECT_LE(UncountedLosses(numbers, Peek(ControlBlock(2) + kCtlFramesDropped)), 0);
+    KvPCIeSim::SetNodeAbsent(kCard, "event_2", false);
+}
+
+TEST_F(FaultTest, ACaptureStatusThatNeverClearsStallsTheRingAndTheCardCountsWhatItLost) {
+    GuardedSink sink;
+    ASSERT_TRUE(StartCapture(1, sink, 0));
+    Write(ControlBlock(1) + KvPCIeSim::kCtlStuckCaptureBuffer, 1);  // buffer 0
+    ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 1, 1));
+    ASSERT_TRUE(WaitFor([&] { return sink.delivered == 1; }));
+    // Frames 1 to 7 fill the rest of the ring; frame 8 finds buffer 0 still held, and so does
+    // every frame after it, since the card fills its buffers in ring order.
+    ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 1, 8));
+    ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 1, 8));
+    constexpr std::uint32_t kProduced = 1 + 8 + 8;
+    ASSERT_TRUE(WaitFor([&] { return Peek(ControlBlock(1) + kCtlFramesDropped) == 9; }));
+    // The host reads the stuck buffer once more, then waits on buffer 1 for good.
+    ASSERT_TRUE(WaitFor([&] { return sink.delivered == 9; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const std::vector<std::uint32_t> numbers = sink.Numbers();
+    ASSERT_EQ(numbers.size(), 9u);
+    EXPECT_EQ(sink.badFrames, 0);
+    std::vector<std::uint32_t> distinct = numbers;
+    std::sort(distinct.begin(), distinct.end());
+    distinct.erase(std::unique(distinct.begin(), distinct.end()), distinct.end());
+    // The host sees the fault as frame 0 coming back; every frame made is either delivered or
+    // counted as dropped by the card.
+    EXPECT_EQ(numbers.back(), 0u);
+    EXPECT_EQ(distinct.size() + Peek(ControlBlock(1) + kCtlFramesDropped), kProduced);
+
+    // Once the card lets go, a restart of the channel clears the ring and frames flow again.
+    StopCapture(1, sink);
+    Write(ControlBlock(1) + KvPCIeSim::kCtlStuckCaptureBuffer, 0);
+    GuardedSink again;
+    ASSERT_TRUE(StartCapture(1, again, 200));
+    EXPECT_TRUE(WaitFor([&] { return again.delivered >= 20; }, std::chrono::seconds(10)));
+    StopCapture(1, again);
+    EXPECT_EQ(again.badFrames, 0);
+    EXPECT_LE(UncountedLosses(again.Numbers(), Peek(ControlBlock(1) + kCtlFramesDropped)), 0);
+}
+
+TEST_F(FaultTest, AnInjectStatusThatNeverClearsFillsTheQueueAndFramesAreRefused) {
+    std::vector<char> frame(kFaultFrameBytes, 7);
+    eErrorCode error = ERR_NO_CARD;
+    ASSERT_TRUE(Inject(3, frame, error));
+    // The card holds buffer 1 for good: it is never played again and never handed back.
+    ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, InjectStatus(3, 1), 1));
+    int accepted = 0;
+    bool refused = false;
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            if (Inject(3, frame, error)) {
+                ++accepted;
+                return false;
+            }
+            refused = error == ERR_QUEUE_FULL;
+            return true;
+        },
+        std::chrono::seconds(10)));
+    EXPECT_TRUE(refused) << "error " << error;
+    EXPECT_GE(accepted, 15);
+    // The card counts every period that found buffer 1 not ready.
+    const std::uint32_t underruns = Peek(ControlBlock(3) + kCtlInjectUnderruns);
+    ASSERT_TRUE(WaitFor([&] { return Peek(ControlBlock(3) + kCtlInjectUnderruns) > underruns; }));
+    EXPECT_FALSE(Inject(3, frame, error));
+    EXPECT_EQ(error, ERR_QUEUE_FULL);
+
+    ReturnsWithin("StopInject on a stuck ring", [&] { manager.StopInject(3); });
+    // A new start programs the ring afresh, and frames are played again.
+    ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, InjectStatus(3, 1), 0));
+    ASSERT_TRUE(Inject(3, frame, error));
+    const std::uint32_t played = Peek(ControlBlock(3) + kCtlInjectPlayed);
+    EXPECT_TRUE(WaitFor([&] { return Peek(ControlBlock(3) + kCtlInjectPlayed) > played + 2; }));
+    ReturnsWithin("StopInject", [&] { manager.StopInject(3); });
+}
+
+TEST_F(FaultTest, AMailboxThatStaysBusyRefusesInTimeOnEveryChannelAndCloseDoesNotWait) {
+    for (int channel = 0; channel < 4; ++channel) {
+        Write(ControlBlock(channel) + kCtlCommandBusyMicros, kNeverTakes);
+        // The mailbox is free for the first command; the card then never takes it.
+        EXPECT_TRUE(manager.WriteControlCmd(channel, QByteArray(16, static_cast<char>(channel))));
+    }
+    std::atomic<int> refused{0};
+    std::vector<std::thread> callers;
+    for (int channel = 0; channel < 4; ++channel) {
+        callers.emplace_back([&, channel] {
+            for (int k = 0; k < 5; ++k) {
+                if (!manager.WriteControlCmd(channel, QByteArray(8, static_cast<char>(k)))) {
+                    ++refused;
+                }
+            }
+        });
+    }
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+    EXPECT_EQ(refused, 20);
+    for (int channel = 0; channel < 4; ++channel) {
+        EXPECT_EQ(Peek(ControlBlock(channel) + kCtlCommandsTaken), 0u);
+    }
+    // Commands are still pending when the card closes: the close must not wait for them.
+    ReturnsWithin(
+        "CloseCard with commands pending", [&] { manager.CloseCard(); }, std::chrono::seconds(2));
+    ASSERT_TRUE(manager.OpenCard(path));
+    Write(ControlBlock(0) + kCtlCommandBusyMicros, 50);
+    EXPECT_TRUE(manager.WriteControlCmd(0, QByteArray(4, 1)));
+    EXPECT_TRUE(WaitFor([&] { return Peek(ControlBlock(0) + kCtlCommandsTaken) == 1; }));
+}
+
+TEST_F(FaultTest, ACardRemovedDuringCaptureInjectionAndCommandsClosesAndReopens) {
+    std::vector<std::unique_ptr<GuardedSink>> sinks;
+    for (int channel = 0; channel < 2; ++channel) {
+        sinks.push_back(std::make_unique<GuardedSink>());
+        ASSERT_TRUE(StartCapture(channel, *sinks.back(), 200));
+    }
+    std::atomic<bool> running{true};
+    std::atomic<int> injected{0};
+    std::thread feeder([&] {
+        std::vector<char> frame(kFaultFrameBytes, 3);
+        eErrorCode error = ERR_NONE;
+        while (running) {
+            for (int channel = 2; channel < 4; ++channel) {
+                if (Inject(channel, frame, error)) {
+                    ++injected;
+                }
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+    std::thread commander([&] {
+        while (running) {
+            manager.WriteControlCmd(2, QByteArray(32, 9));
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        }
+    });
+    ASSERT_TRUE(WaitFor([&] { return AllDelivered(sinks, 20) && injected > 20; },
+                        std::chrono::seconds(20)));
+
+    ASSERT_TRUE(KvPCIeSim::SetSurpriseRemoved(kCard, true));
+    // The host learns of it from the next register write.
+    EXPECT_NE(manager.WriteReg(ControlBlock(0) + KvPCIeSim::kCtlExternalFrameRate, 200), 4);
+    const int deliveredAtRemoval = sinks[0]->delivered + sinks[1]->delivered;
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    // At most the frames whose reads were under way can still arrive; none of them is garbage.
+    EXPECT_LE(sinks[0]->delivered + sinks[1]->delivered, deliveredAtRemoval + 2);
+    running = false;
+    feeder.join();
+    commander.join();
+
+    ReturnsWithin("CloseCard of a removed card", [&] { manager.CloseCard(); });
+    for (const auto& sink : sinks) {
+        sink->stopped = true;
+        EXPECT_EQ(sink->badFrames, 0);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    for (const auto& sink : sinks) {
+        EXPECT_EQ(sink->lateFrames, 0);
+    }
+
+    // The reopen restarts the device, which brings the card back.
+    ASSERT_TRUE(manager.OpenCard(path));
+    EXPECT_EQ(manager.ReadReg(KvPCIeSim::kRegIdentity), KvPCIeSim::kIdentityValue);
+    GuardedSink again;
+    ASSERT_TRUE(StartCapture(0, again, 200));
+    EXPECT_TRUE(WaitFor([&] { return again.delivered >= 10; }, std::chrono::seconds(10)));
+    StopCapture(0, again);
+    EXPECT_EQ(again.badFrames, 0);
+    std::vector<char> frame(kFaultFrameBytes, 5);
+    eErrorCode error = ERR_NO_CARD;
+    ASSERT_TRUE(Inject(2, frame, error));
+    EXPECT_TRUE(WaitFor([&] { return Peek(ControlBlock(2) + kCtlInjectPlayed) > 0; }));
+    const std::uint32_t taken = Peek(ControlBlock(2) + kCtlCommandsTaken);
+    EXPECT_TRUE(manager.WriteControlCmd(2, QByteArray(4, 1)));
+    EXPECT_TRUE(WaitFor([&] { return Peek(ControlBlock(2) + kCtlCommandsTaken) > taken; }));
+}
+
+}  // namespace
+}  // namespace kvpcie::testing

@@ -1,0 +1,226 @@
+// Faults on the host's side, through the facade: the recording folder removed, a full disk, an
+// unwritable log folder, and stops, closes and reopens while frames arrive. Capture must go on
+// without an uncounted gap, nothing may hang, and no frame may reach a stopped channel.
+#include "FaultTestSupport.h"
+
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+
+#include <sys/resource.h>
+#include <csignal>
+
+namespace kvpcie::testing {
+namespace {
+
+using KvPCIeSim::kCtlDmaFaults;
+using KvPCIeSim::kCtlFramesDropped;
+
+struct RecordedFile {
+    QString path;
+    qint64 size;
+};
+
+std::vector<RecordedFile> RecordedFiles() {
+    std::vector<RecordedFile> files;
+    QDirIterator it("VideoRecord", QDir::Files, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        files.push_back({path, QFileInfo(path).size()});
+    }
+    return files;
+}
+
+class HostFaults : public FaultTest {
+protected:
+    // Waits for `count` more frames on the sink.
+    bool More(GuardedSink& sink, int count) {
+        const int target = sink.delivered + count;
+        return WaitFor([&] { return sink.delivered >= target; }, std::chrono::seconds(20));
+    }
+    void ExpectNoUncountedLoss(int channel, GuardedSink& sink) {
+        SCOPED_TRACE(channel);
+        EXPECT_EQ(sink.badFrames, 0);
+        const std::vector<std::uint32_t> numbers = sink.Numbers();
+        EXPECT_TRUE(StrictlyIncreasing(numbers));
+        EXPECT_LE(UncountedLosses(numbers, Peek(ControlBlock(channel) + kCtlFramesDropped)), 0);
+        EXPECT_EQ(sink.lateFrames, 0);
+    }
+};
+
+TEST_F(HostFaults, RemovingTheRecordingFolderNeitherStopsCaptureNorTheNextRecording) {
+    GuardedSink sink;
+    ASSERT_TRUE(StartCapture(0, sink, 200));
+    ASSERT_TRUE(manager.StartRecord(0));
+    ASSERT_TRUE(More(sink, 30));
+    ASSERT_TRUE(QDir("VideoRecord").removeRecursively());
+    ASSERT_TRUE(More(sink, 60));
+    ReturnsWithin("StopRecord after the folder went", [&] { manager.StopRecord(0); });
+    EXPECT_TRUE(RecordedFiles().empty());
+
+    // The next recording makes its folder again and holds whole pattern frames.
+    ASSERT_TRUE(manager.StartRecord(0));
+    ASSERT_TRUE(More(sink, 30));
+    ReturnsWithin("StopRecord", [&] { manager.StopRecord(0); });
+    StopCapture(0, sink);
+    ExpectNoUncountedLoss(0, sink);
+    const std::vector<RecordedFile> files = RecordedFiles();
+    ASSERT_EQ(files.size(), 1u);
+    ASSERT_GT(files[0].size, 0);
+    ASSERT_EQ(files[0].size % static_cast<qint64>(kFaultFrameBytes), 0);
+    QFile file(files[0].path);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const QByteArray bytes = file.readAll();
+    std::uint32_t previous = 0;
+    for (int offset = 0; offset < bytes.size(); offset += static_cast<int>(kFaultFrameBytes)) {
+        const char* frame = bytes.constData() + offset;
+        const std::uint32_t number = FrameNumberOf(frame);
+        EXPECT_TRUE(IsPatternFrame(frame, kFaultFrameBytes, 0, number));
+        EXPECT_TRUE(offset == 0 || number > previous);
+        previous = number;
+    }
+}
+
+// Restores the file-size limit and the signal it raises when a test ends.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        getrlimit(RLIMIT_FSIZE, &saved_);
+        previousHandler_ = std::signal(SIGXFSZ, SIG_IGN);  // a write past it fails with EFBIG
+        rlimit limit = saved_;
+        limit.rlim_cur = bytes;
+        applied_ = setrlimit(RLIMIT_FSIZE, &limit) == 0;
+    }
+    ~FileSizeLimit() {
+        setrlimit(RLIMIT_FSIZE, &saved_);
+        std::signal(SIGXFSZ, previousHandler_);
+    }
+    bool Applied() const { return applied_; }
+
+private:
+    rlimit saved_{};
+    void (*previousHandler_)(int) = nullptr;
+    bool applied_ = false;
+};
+
+TEST_F(HostFaults, AFullDiskStopsTheRecordingFileButNeverTheCapture) {
+    constexpr rlim_t kLimit = 10 * kFaultFrameBytes + kFaultFrameBytes / 2;
+    GuardedSink sink;
+    ASSERT_TRUE(StartCapture(0, sink, 200));
+    {
+        FileSizeLimit limit(kLimit);
+        ASSERT_TRUE(limit.Applied());
+        ASSERT_TRUE(manager.StartRecord(0));
+        ASSERT_TRUE(More(sink, 80));
+        ReturnsWithin("StopRecord on a full disk", [&] { manager.StopRecord(0); });
+    }
+    ASSERT_TRUE(More(sink, 10));
+    StopCapture(0, sink);
+    ExpectNoUncountedLoss(0, sink);
+    const std::vector<RecordedFile> files = RecordedFiles();
+    ASSERT_EQ(files.size(), 1u);
+    // Full: the frames that fitted are there, and nothing went past the limit.
+    EXPECT_GE(files[0].size, static_cast<qint64>(10 * kFaultFrameBytes));
+    EXPECT_LE(files[0].size, static_cast<qint64>(kLimit));
+}
+
+TEST_F(HostFaults, AnUnwritableLogFolderLeavesCaptureWhole) {
+    manager.CloseCard();
+    ASSERT_TRUE(QDir("Log").removeRecursively());
+    // A plain file where the folder should be: no log can be made below it, even by root.
+    QFile blocker("Log");
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    ASSERT_TRUE(manager.OpenCard(path));
+    manager.SetSaveLog(true);
+    std::vector<std::unique_ptr<GuardedSink>> sinks;
+    for (int channel = 0; channel < 4; ++channel) {
+        sinks.push_back(std::make_unique<GuardedSink>());
+        ASSERT_TRUE(StartCapture(channel, *sinks.back(), 200));
+        Write(ControlBlock(channel) + kCtlDmaFaults, 2);  // failures that want to be logged
+    }
+    ASSERT_TRUE(WaitFor([&] { return AllDelivered(sinks, 100); }, std::chrono::seconds(20)));
+    for (int channel = 0; channel < 4; ++channel) {
+        StopCapture(channel, *sinks[channel]);
+    }
+    for (int channel = 0; channel < 4; ++channel) {
+        SCOPED_TRACE(channel);
+        EXPECT_EQ(sinks[channel]->badFrames, 0);
+        const std::vector<std::uint32_t> numbers = sinks[channel]->Numbers();
+        EXPECT_TRUE(StrictlyIncreasing(numbers));
+        EXPECT_LE(UncountedLosses(numbers, Peek(ControlBlock(channel) + kCtlFramesDropped), 2), 0);
+    }
+    EXPECT_TRUE(QFileInfo("Log").isFile());
+}
+
+TEST_F(HostFaults, StopsAndClosesWhileFramesArriveOnFourChannelsLeaveNoLateFrame) {
+    for (int round = 0; round < 10; ++round) {
+        SCOPED_TRACE(round);
+        std::vector<std::unique_ptr<GuardedSink>> sinks;
+        for (int channel = 0; channel < 4; ++channel) {
+            sinks.push_back(std::make_unique<GuardedSink>());
+            ASSERT_TRUE(StartCapture(channel, *sinks.back(), 500));
+        }
+        ASSERT_TRUE(WaitFor([&] { return AllDelivered(sinks, 5); }, std::chrono::seconds(20)));
+        if (round % 2 == 0) {
+            for (int channel : {3, 1, 0, 2}) {
+                StopCapture(channel, *sinks[channel]);
+                for (int other = 0; other < 4; ++other) {
+                    ExpectNoUncountedLoss(other, *sinks[other]);
+                }
+            }
+        } else {
+            ReturnsWithin("CloseCard while capturing", [&] { manager.CloseCard(); });
+            for (const auto& sink : sinks) {
+                sink->stopped = true;
+            }
+            ASSERT_TRUE(manager.OpenCard(path));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        for (const auto& sink : sinks) {
+            EXPECT_EQ(sink->lateFrames, 0);
+            EXPECT_EQ(sink->badFrames, 0);
+        }
+        // The frame buffers go now: a late write into one would be caught by ASan.
+    }
+}
+
+TEST_F(HostFaults, OpenCardReplacesRunningEnginesWithoutALateFrame) {
+    auto first = std::make_unique<GuardedSink>();
+    auto second = std::make_unique<GuardedSink>();
+    ASSERT_TRUE(StartCapture(0, *first, 500));
+    ASSERT_TRUE(StartCapture(1, *second, 500));
+    ASSERT_TRUE(manager.StartRecord(0));
+    std::vector<char> frame(kFaultFrameBytes, 1);
+    eErrorCode error = ERR_NO_CARD;
+    for (int k = 0; k < 10; ++k) {
+        Inject(2, frame, error);
+        Inject(3, frame, error);
+    }
+    EXPECT_TRUE(manager.WriteControlCmd(2, QByteArray(8, 2)));
+    ASSERT_TRUE(WaitFor([&] { return first->delivered >= 10 && second->delivered >= 10; }));
+
+    ReturnsWithin("OpenCard over running engines", [&] { ASSERT_TRUE(manager.OpenCard(path)); });
+    first->stopped = true;
+    second->stopped = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(first->lateFrames, 0);
+    EXPECT_EQ(second->lateFrames, 0);
+    first.reset();
+    second.reset();
+
+    // The new engines start from nothing and work.
+    for (int channel = 0; channel < 4; ++channel) {
+        EXPECT_FALSE(manager.IsStartCapture(channel));
+        EXPECT_FALSE(manager.IsStartInject(channel));
+    }
+    GuardedSink again;
+    ASSERT_TRUE(StartCapture(0, again, 200));
+    EXPECT_TRUE(More(again, 10));
+    StopCapture(0, again);
+    EXPECT_EQ(again.badFrames, 0);
+    EXPECT_TRUE(Inject(2, frame, error));
+}
+
+}  // namespace
+}  // namespace kvpcie::testing
