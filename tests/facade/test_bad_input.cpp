@@ -1,0 +1,323 @@
+// Bad input through the public API, one test per row: each gets its clear result (false, 0,
+// null or the error code), and the library still captures, injects and reads registers after it.
+#include "../capture/CaptureTestSupport.h"
+#include "../support/TempDir.h"
+
+#include <QCoreApplication>
+
+#include <climits>
+#include <cstdlib>
+#include <functional>
+#include <string>
+
+namespace kvpcie::testing {
+namespace {
+
+constexpr int kWidth = 64;
+constexpr int kHeight = 32;
+constexpr std::size_t kFrameBytes = kWidth * kHeight * 2;  // Y16
+const auto kNoCallback = static_cast<CaptureFrameCallback>(nullptr);
+const ePixelType kUnknownPixelType = static_cast<ePixelType>(99);
+
+QCoreApplication& Application() {
+    static int argc = 1;
+    static char name[] = "test_bad_input";
+    static char* argv[] = {name, nullptr};
+    static QCoreApplication application(argc, argv);
+    return application;
+}
+
+struct Row {
+    const char* name;
+    std::function<void(PCIeDataManager&)> run;
+};
+
+// StartCapture with a frame buffer of the right size unless told otherwise.
+bool Capture(PCIeDataManager& manager, unsigned channel, int width, int height, ePixelType type,
+             eErrorCode& error, char* buffer) {
+    error = ERR_NONE;
+    return manager.StartCapture(channel, false, width, height, type, error, kNoCallback, nullptr,
+                                buffer);
+}
+
+void ExpectCaptureRefused(PCIeDataManager& manager, unsigned channel, int width, int height,
+                          ePixelType type, bool nullBuffer = false) {
+    static char buffer[kFrameBytes];
+    eErrorCode error = ERR_NONE;
+    EXPECT_FALSE(
+        Capture(manager, channel, width, height, type, error, nullBuffer ? nullptr : buffer));
+    EXPECT_EQ(error, ERR_NO_CARD);
+    for (int c = 0; c < 4; ++c) {
+        EXPECT_FALSE(manager.IsStartCapture(c));
+    }
+}
+
+void ExpectInjectRefused(PCIeDataManager& manager, unsigned channel, int rate, int width,
+                         int height, ePixelType type, bool nullData = false,
+                         eErrorCode expected = ERR_NO_CARD) {
+    static std::vector<char> frame(kFrameBytes);
+    eErrorCode error = ERR_QUEUE_FULL;
+    EXPECT_FALSE(manager.StartInject(channel, rate, width, height, type, 0,
+                                     nullData ? nullptr : frame.data(), error));
+    EXPECT_EQ(error, expected);
+    for (int c = 0; c < 4; ++c) {
+        EXPECT_FALSE(manager.IsStartInject(c));
+    }
+}
+
+const std::vector<Row>& Rows() {
+    static const std::vector<Row> rows = {
+        // --- capture
+        {"CaptureOnChannel4",
+         [](PCIeDataManager& m) { ExpectCaptureRefused(m, 4, kWidth, kHeight, Y16); }},
+        {"CaptureOnChannelUintMax",
+         [](PCIeDataManager& m) { ExpectCaptureRefused(m, UINT_MAX, kWidth, kHeight, Y16); }},
+        {"CaptureIntoNullBuffer",
+         [](PCIeDataManager& m) { ExpectCaptureRefused(m, 0, kWidth, kHeight, Y16, true); }},
+        {"CaptureWidthZero",
+         [](PCIeDataManager& m) { ExpectCaptureRefused(m, 0, 0, kHeight, Y16); }},
+        {"CaptureWidthNegative",
+         [](PCIeDataManager& m) { ExpectCaptureRefused(m, 0, -64, kHeight, Y16); }},
+        {"CaptureWidth65536", [](PCIeDataManager& m) { ExpectCaptureRefused(m, 0, 65536, 1, Y8); }},
+        {"CaptureHeightZero",
+         [](PCIeDataManager& m) { ExpectCaptureRefused(m, 0, kWidth, 0, Y16); }},
+        {"CaptureHeight65536",
+         [](PCIeDataManager& m) { ExpectCaptureRefused(m, 0, 1, 65536, Y8); }},
+        {"CaptureUnknownPixelType",
+         [](PCIeDataManager& m) {
+             ExpectCaptureRefused(m, 0, kWidth, kHeight, kUnknownPixelType);
+         }},
+        {"CaptureNegativePixelType",
+         [](PCIeDataManager& m) {
+             ExpectCaptureRefused(m, 0, kWidth, kHeight, static_cast<ePixelType>(-1));
+         }},
+        {"CaptureFrameOver20MiB",
+         [](PCIeDataManager& m) { ExpectCaptureRefused(m, 0, 4096, 2561, Y16); }},
+        {"CaptureSizeOverflowingInt",
+         [](PCIeDataManager& m) { ExpectCaptureRefused(m, 0, 65535, 65535, PIXEL32); }},
+        {"CaptureWithNullCallbackRecordsOnly",
+         [](PCIeDataManager& m) {
+             // Accepted: a channel may be captured only to be recorded.
+             std::vector<char> buffer(kFrameBytes);
+             eErrorCode error = ERR_NO_CARD;
+             EXPECT_TRUE(Capture(m, 0, kWidth, kHeight, Y16, error, buffer.data()));
+             EXPECT_EQ(error, ERR_NONE);
+             EXPECT_TRUE(KvPCIeSim::ProduceCaptureFrames(0, 0, 3));
+             std::this_thread::sleep_for(std::chrono::milliseconds(20));
+             m.StopCapture(0);
+         }},
+        {"ChannelOutsideOnEveryOtherCaptureCall",
+         [](PCIeDataManager& m) {
+             for (int channel : {-1, 4, INT_MIN, INT_MAX}) {
+                 m.StopCapture(channel);
+                 EXPECT_FALSE(m.IsStartCapture(channel));
+                 EXPECT_FALSE(m.StartRecord(channel));
+                 m.StopRecord(channel);
+                 m.ImgSnapShot(channel);
+                 m.SetSystemStatusCallback(channel, nullptr, nullptr, true);
+                 EXPECT_EQ(m.GetCaptureDelayStatus(channel), nullptr);
+                 m.SetImgDisplayDelayTest(channel, true);
+                 m.SetCaptureFullScreenWgt(channel, nullptr);
+             }
+         }},
+        {"RecordOfAStoppedChannel", [](PCIeDataManager& m) { EXPECT_FALSE(m.StartRecord(2)); }},
+        {"NullStatusCallbackSwitchedOn",
+         [](PCIeDataManager& m) {
+             // Taken as switched off: the card's block waits in its mailbox for a callback.
+             m.SetSystemStatusCallback(1, nullptr, nullptr, true);
+             EXPECT_EQ(m.WriteReg(ControlBlock(1) + kCtlStaging, 0x01020304), 4);
+             EXPECT_EQ(m.WriteReg(ControlBlock(1) + kCtlPostStatus, 4), 4);
+             const auto mailboxEmpty = [] {
+                 QCoreApplication::processEvents();
+                 std::uint32_t control = 1;
+                 KvPCIeSim::PeekRegister(0, CaptureBlock(1) + 0x28, control);
+                 return control == 0;
+             };
+             EXPECT_FALSE(WaitFor(mailboxEmpty, std::chrono::milliseconds(100)));
+             std::vector<QByteArray> blocks;
+             m.SetSystemStatusCallback(
+                 1,
+                 [](int, const QByteArray& data, void* context) {
+                     static_cast<std::vector<QByteArray>*>(context)->push_back(data);
+                 },
+                 &blocks, true);
+             EXPECT_TRUE(WaitFor([&] { return mailboxEmpty() && blocks.size() == 1; }));
+             m.SetSystemStatusCallback(1, nullptr, nullptr, false);
+         }},
+        {"NullWidgetsForFullScreen",
+         [](PCIeDataManager& m) {
+             m.SetCaptureFullScreenWgt(0, nullptr);
+             m.SetInjectFullScreenWgt(0, nullptr);
+         }},
+
+        // --- injection
+        {"InjectOnChannel4",
+         [](PCIeDataManager& m) { ExpectInjectRefused(m, 4, 25, kWidth, kHeight, Y16); }},
+        {"InjectOnChannelUintMax",
+         [](PCIeDataManager& m) { ExpectInjectRefused(m, UINT_MAX, 25, kWidth, kHeight, Y16); }},
+        {"InjectNullFrame",
+         [](PCIeDataManager& m) { ExpectInjectRefused(m, 0, 25, kWidth, kHeight, Y16, true); }},
+        {"InjectFrameRateZero",
+         [](PCIeDataManager& m) { ExpectInjectRefused(m, 0, 0, kWidth, kHeight, Y16); }},
+        {"InjectFrameRateNegative",
+         [](PCIeDataManager& m) { ExpectInjectRefused(m, 0, -25, kWidth, kHeight, Y16); }},
+        {"InjectPixel32",
+         [](PCIeDataManager& m) { ExpectInjectRefused(m, 0, 25, kWidth, kHeight, PIXEL32); }},
+        {"InjectUnknownPixelType",
+         [](PCIeDataManager& m) {
+             ExpectInjectRefused(m, 0, 25, kWidth, kHeight, kUnknownPixelType);
+         }},
+        {"InjectWidthZero",
+         [](PCIeDataManager& m) { ExpectInjectRefused(m, 0, 25, 0, kHeight, Y16); }},
+        {"InjectWidth65536",
+         [](PCIeDataManager& m) { ExpectInjectRefused(m, 0, 25, 65536, 1, Y8); }},
+        {"InjectHeightNegative",
+         [](PCIeDataManager& m) { ExpectInjectRefused(m, 0, 25, kWidth, -1, Y16); }},
+        {"InjectFrameOver20MiB",
+         [](PCIeDataManager& m) { ExpectInjectRefused(m, 0, 25, 4096, 2561, Y16); }},
+        {"InjectFrameOver20MiBOnlyWithItsParameterLine",
+         [](PCIeDataManager& m) {
+             // 4096 x 2560 Y16 is exactly one card buffer; the parameter line makes it one too
+             // many.
+             m.UpdateParamSimulate(0, true, tagThermalImgParams{});
+             ExpectInjectRefused(m, 0, 25, 4096, 2560, Y16, false, ERR_NONE);
+             m.StopInject(0);
+         }},
+        {"ChannelOutsideOnEveryOtherInjectCall",
+         [](PCIeDataManager& m) {
+             for (int channel : {-1, 4, INT_MIN, INT_MAX}) {
+                 m.StopInject(channel);
+                 EXPECT_FALSE(m.IsStartInject(channel));
+                 EXPECT_EQ(m.GetInjectDelayStatus(channel), nullptr);
+                 m.SetInjectFullScreenWgt(channel, nullptr);
+                 m.UpdateParamSimulate(channel, true, tagThermalImgParams{});
+             }
+         }},
+
+        // --- commands
+        {"CommandOnChannel4",
+         [](PCIeDataManager& m) { EXPECT_FALSE(m.WriteControlCmd(4, QByteArray(4, 1))); }},
+        {"CommandOnChannelMinus1",
+         [](PCIeDataManager& m) { EXPECT_FALSE(m.WriteControlCmd(-1, QByteArray(4, 1))); }},
+        {"CommandEmpty",
+         [](PCIeDataManager& m) { EXPECT_FALSE(m.WriteControlCmd(0, QByteArray())); }},
+        {"CommandOf1025Bytes",
+         [](PCIeDataManager& m) {
+             EXPECT_FALSE(m.WriteControlCmd(0, QByteArray(1025, 1)));
+             std::uint32_t taken = 1;
+             EXPECT_TRUE(
+                 KvPCIeSim::PeekRegister(0, ControlBlock(0) + KvPCIeSim::kCtlCommandsTaken, taken));
+             EXPECT_EQ(taken, 0u);
+             EXPECT_TRUE(m.WriteControlCmd(0, QByteArray(1024, 1)));  // the limit itself goes
+         }},
+
+        // --- registers and memory
+        {"ReadDataIntoNull", [](PCIeDataManager& m) { EXPECT_FALSE(m.ReadData(0, 16, nullptr)); }},
+        {"WriteDataFromNull",
+         [](PCIeDataManager& m) { EXPECT_FALSE(m.WriteData(0, 16, nullptr)); }},
+        {"ReadDataAt2GiB",
+         [](PCIeDataManager& m) {
+             unsigned char buffer[16] = {};
+             EXPECT_FALSE(m.ReadData(0x80000000u, sizeof buffer, buffer));
+         }},
+        {"WriteDataPastTheEndOfCardMemory",
+         [](PCIeDataManager& m) {
+             std::vector<unsigned char> buffer(64, 0xAB);
+             EXPECT_FALSE(m.WriteData(0x7FFFFFF0u, 64, buffer.data()));
+         }},
+
+        // --- cards and devices
+        {"ListIntoNullPaths",
+         [](PCIeDataManager& m) { EXPECT_EQ(m.GetDevices(static_cast<char**>(nullptr)), 0); }},
+        {"ListIntoNullRiffaList",
+         [](PCIeDataManager& m) {
+             EXPECT_FALSE(m.GetDevices(static_cast<fpga_info_list*>(nullptr)));
+         }},
+        {"OpenCardWithNullPathOnlyRenewsTheEngines",
+         [](PCIeDataManager& m) {
+             EXPECT_TRUE(m.OpenCard(static_cast<char*>(nullptr)));
+             EXPECT_EQ(m.ReadReg(KvPCIeSim::kRegIdentity), KvPCIeSim::kIdentityValue);
+         }},
+        {"OpenCardOfAPathNotListed",
+         [](PCIeDataManager& m) {
+             char missing[] = "sim:xdma7";
+             EXPECT_FALSE(m.OpenCard(missing));
+             EXPECT_EQ(m.ReadReg(KvPCIeSim::kRegIdentity), 0u);  // the old card was closed
+         }},
+        {"FifthXdmaCardIsNotListed",
+         [](PCIeDataManager& m) {
+             ASSERT_TRUE(KvPCIeSim::Configure("xdma:5"));
+             char* paths[4] = {};
+             EXPECT_EQ(m.GetDevices(paths), 4);
+             EXPECT_STREQ(paths[3], "sim:xdma3");
+             for (char* path : paths) {
+                 std::free(path);
+             }
+         }},
+        {"SixthRiffaDeviceStopsTheListing",
+         [](PCIeDataManager& m) {
+             ASSERT_TRUE(KvPCIeSim::Configure("xdma:1,riffa:6"));
+             fpga_info_list list{};
+             EXPECT_FALSE(m.GetDevices(&list));
+             EXPECT_EQ(list.fpgaCount, 5);
+             EXPECT_STREQ(list.name[4], "KvSimRiffa");
+         }},
+        {"RiffaDeviceIndexNegative", [](PCIeDataManager& m) { EXPECT_FALSE(m.OpenCard(-1)); }},
+        {"RiffaDeviceIndexNotPresent", [](PCIeDataManager& m) { EXPECT_FALSE(m.OpenCard(9)); }},
+        {"CpuCoreOutsideTheTable",
+         [](PCIeDataManager& m) {
+             m.ResetUsedCpuCoreIndex(UINT_MAX);
+             m.ResetUsedCpuCoreIndex(4096);
+         }},
+    };
+    return rows;
+}
+
+class BadInput : public ::testing::TestWithParam<Row> {
+protected:
+    void SetUp() override {
+        Application();
+        ::unsetenv("KVPCIE_SIM");
+        ASSERT_TRUE(KvPCIeSim::Configure("xdma:1,riffa:1"));
+        ASSERT_TRUE(manager.OpenCard(path));
+    }
+    void TearDown() override { manager.CloseCard(); }
+
+    // The library still works: the card opens, its registers answer, a frame is captured and
+    // one is injected.
+    void ExpectStillWorking() {
+        ASSERT_TRUE(KvPCIeSim::Configure("xdma:1,riffa:1"));
+        ASSERT_TRUE(manager.OpenCard(path));
+        EXPECT_EQ(manager.ReadReg(KvPCIeSim::kRegIdentity), KvPCIeSim::kIdentityValue);
+        FrameSink sink(kFrameBytes);
+        eErrorCode error = ERR_NO_CARD;
+        ASSERT_TRUE(manager.WriteReg(ControlBlock(3) + KvPCIeSim::kCtlExternalFrameRate, 0) == 4);
+        ASSERT_TRUE(manager.StartCapture(3, false, kWidth, kHeight, Y16, error, &FrameSink::OnFrame,
+                                         &sink, sink.buffer.data()));
+        ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(0, 3, 1));
+        EXPECT_TRUE(WaitFor([&] { return sink.delivered == 1; }));
+        manager.StopCapture(3);
+        EXPECT_EQ(sink.badFrames, 0);
+        std::vector<char> frame(kFrameBytes, 1);
+        EXPECT_TRUE(manager.StartInject(3, 25, kWidth, kHeight, Y16, 0, frame.data(), error));
+        EXPECT_EQ(error, ERR_NONE);
+        manager.StopInject(3);
+    }
+
+    ScratchDir scratch{true};
+    char path[16] = "sim:xdma0";
+    PCIeDataManager manager;
+};
+
+TEST_P(BadInput, IsRefusedAndLeavesTheLibraryWorking) {
+    GetParam().run(manager);
+    ExpectStillWorking();
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, BadInput, ::testing::ValuesIn(Rows()),
+                         [](const ::testing::TestParamInfo<Row>& info) {
+                             return std::string(info.param.name);
+                         });
+
+}  // namespace
+}  // namespace kvpcie::testing
