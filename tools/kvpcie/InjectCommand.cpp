@@ -136,10 +136,16 @@ int RunInject(const std::vector<std::string>& args) {
             std::fflush(stdout);
         }
     }
+    const double queuedSeconds = std::chrono::duration<double>(Clock::now() - start).count();
+    // The last frames still wait in the queue (15) and the card's buffers (8), and a stop
+    // drops them: give them their periods to play. Ctrl-C stops at once.
+    const auto drained = Clock::now() + std::chrono::milliseconds((15 + 8) * 1000 / rate);
+    while (!interrupted.load() && queued > 0 && Clock::now() < drained) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     manager.StopInject(channel);
     std::printf("ch%d: %llu frames queued in %.1f s\n", channel,
-                static_cast<unsigned long long>(queued),
-                std::chrono::duration<double>(Clock::now() - start).count());
+                static_cast<unsigned long long>(queued), queuedSeconds);
     manager.CloseCard();
     return 0;
 }
