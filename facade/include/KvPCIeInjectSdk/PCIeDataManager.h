@@ -67,7 +67,8 @@ public:
     // Refused with false and ERR_NO_CARD before anything reaches the card: a channel outside 0
     // to 3, a null `frameBuffer`, a pixel type outside UYVY422..PIXEL32, a width or height
     // outside 1 to 65535 (the card's 16-bit geometry fields), and a frame larger than one
-    // 20 MiB card buffer (20,971,520 bytes).
+    // 20 MiB card buffer (20,971,520 bytes). A null `callback` is allowed: the channel's
+    // frames are then only recorded.
     bool StartCapture(unsigned int channel, bool cardTiming, int width, int height,
                       ePixelType pixelType, eErrorCode& error, CaptureFrameCallback callback,
                       void* userContext, char* frameBuffer);
@@ -85,7 +86,8 @@ public:
     void StopRecord(int channel);
     void ImgSnapShot(int channel);
     // Status blocks that the card posts for `channel` are delivered to `callback` on the thread
-    // that opened the card, every 20 ms from its event loop.
+    // that opened the card, every 20 ms from its event loop. A null `callback` counts as
+    // switched off: the card's blocks then wait in its mailbox.
     void SetSystemStatusCallback(int channel, SystemStatusCallback callback, void* userContext,
                                  bool enable);
     // Eight records, one per card buffer of the channel; owned by the library and overwritten
@@ -152,6 +154,7 @@ public:
     // --- CPU cores for pinned worker threads ---
     // The lowest free core, now marked used; 0 (shared) when every core is in use.
     unsigned int GetIdealCpuCoreIndex();
+    // Marks `core` free again; a core outside the table is ignored.
     void ResetUsedCpuCoreIndex(unsigned int core);
 
 private:
