@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdlib>
 #include <functional>
+#include <ostream>
 #include <string>
 
 namespace kvpcie::testing {
@@ -31,6 +32,10 @@ struct Row {
     const char* name;
     std::function<void(PCIeDataManager&)> run;
 };
+
+void PrintTo(const Row& row, std::ostream* out) {
+    *out << row.name;
+}
 
 // StartCapture with a frame buffer of the right size unless told otherwise.
 bool Capture(PCIeDataManager& manager, unsigned channel, int width, int height, ePixelType type,
