@@ -40,6 +40,13 @@ constexpr std::uint32_t kCtlPostStatus = 0x28;
 constexpr std::uint32_t kCtlNoEvents = 0x34;
 constexpr std::uint32_t kCtlStaging = 0x400;
 
+// A register of simulated card `card` as the card itself sees it.
+inline std::uint32_t Peek(std::uint32_t address, int card = 0) {
+    std::uint32_t value = 0;
+    EXPECT_TRUE(KvPCIeSim::PeekRegister(card, address, value));
+    return value;
+}
+
 inline std::uint32_t FrameNumberOf(const char* frame) {
     std::uint32_t number = 0;
     std::memcpy(&number, frame, 4);

@@ -36,11 +36,6 @@ protected:
     void Write(std::uint32_t address, std::uint32_t value) {
         ASSERT_EQ(manager.WriteReg(address, static_cast<int>(value)), 4);
     }
-    std::uint32_t Peek(std::uint32_t address) {
-        std::uint32_t value = 0;
-        EXPECT_TRUE(KvPCIeSim::PeekRegister(kCard, address, value));
-        return value;
-    }
     // Channel started with the external source stopped, so frames come only when a test
     // produces them.
     bool StartQuiet(int channel, FrameSink& sink, bool extended = false) {
@@ -78,7 +73,8 @@ std::vector<CardAccess> ExpectedStart(int channel, bool cardTiming, int frameByt
         {CardAccess::RegisterWrite, b + 0x00C, 0x1400000},
         {CardAccess::RegisterWrite, b + 0x010, static_cast<std::uint32_t>(frameBytes)}};
     for (int i = 0; i < 8; ++i) {
-        writes.push_back({CardAccess::RegisterWrite, b + 0x100 + i * 0x10, BufferAddress(channel, i)});
+        writes.push_back(
+            {CardAccess::RegisterWrite, b + 0x100 + i * 0x10, BufferAddress(channel, i)});
         writes.push_back({CardAccess::RegisterWrite, b + 0x108 + i * 0x10, 0});
     }
     writes.push_back({CardAccess::RegisterWrite, b + 0x020, kWidth + (cardTiming ? 200u : 100u)});
@@ -127,7 +123,7 @@ TEST_F(Capture, TheRingIsReadInOrderAcrossItsWrap) {
         }
     }
     EXPECT_EQ(read, (std::vector<std::uint32_t>{BufferAddress(1, 7), BufferAddress(1, 0),
-                                                 BufferAddress(1, 1)}));
+                                                BufferAddress(1, 1)}));
     EXPECT_EQ(sink.Numbers(), (std::vector<std::uint32_t>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
     EXPECT_EQ(sink.badFrames, 0);
     for (int i = 0; i < 8; ++i) {
@@ -144,7 +140,8 @@ TEST_F(Capture, OnlyStatusTwoIsReadyAndBitFiveIsTheErrorFlag) {
     }
     const std::uint32_t statuses[] = {0x22, 0x12};
     for (int buffer = 0; buffer < 2; ++buffer) {
-        ASSERT_TRUE(KvPCIeSim::PokeMemory(kCard, BufferAddress(0, buffer), frame.data(), frame.size()));
+        ASSERT_TRUE(
+            KvPCIeSim::PokeMemory(kCard, BufferAddress(0, buffer), frame.data(), frame.size()));
         ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, StatusRegister(0, buffer), statuses[buffer]));
         ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, CaptureBlock(0) + 0x14, buffer));
         ASSERT_TRUE(WaitFor([&] { return sink.delivered == buffer + 1; }));

@@ -2,6 +2,7 @@
 // callback from its event loop, whole, and a block that would overflow is dropped.
 #include "CaptureTestSupport.h"
 
+#include "../support/Application.h"
 #include "../support/TempDir.h"
 
 #include <QCoreApplication>
@@ -12,14 +13,6 @@ namespace kvpcie::testing {
 namespace {
 
 constexpr int kCard = 0;
-
-QCoreApplication& Application() {
-    static int argc = 1;
-    static char name[] = "test_capture_status";
-    static char* argv[] = {name, nullptr};
-    static QCoreApplication application(argc, argv);
-    return application;
-}
 
 struct StatusSink {
     std::vector<QByteArray> blocks;
@@ -46,7 +39,9 @@ protected:
             for (int b = 0; b < 4; ++b) {
                 word |= static_cast<std::uint32_t>((k + b + seed) & 0xFF) << (8 * b);
             }
-            ASSERT_EQ(manager.WriteReg(ControlBlock(channel) + kCtlStaging + k, static_cast<int>(word)), 4);
+            ASSERT_EQ(
+                manager.WriteReg(ControlBlock(channel) + kCtlStaging + k, static_cast<int>(word)),
+                4);
         }
         ASSERT_EQ(manager.WriteReg(ControlBlock(channel) + kCtlPostStatus, size), 4);
     }

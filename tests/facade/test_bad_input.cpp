@@ -1,6 +1,7 @@
 // Bad input through the public API, one test per row: each gets its clear result (false, 0,
 // null or the error code), and the library still captures, injects and reads registers after it.
 #include "../capture/CaptureTestSupport.h"
+#include "../support/Application.h"
 #include "../support/TempDir.h"
 
 #include <QCoreApplication>
@@ -19,14 +20,6 @@ constexpr int kHeight = 32;
 constexpr std::size_t kFrameBytes = kWidth * kHeight * 2;  // Y16
 const auto kNoCallback = static_cast<CaptureFrameCallback>(nullptr);
 const ePixelType kUnknownPixelType = static_cast<ePixelType>(99);
-
-QCoreApplication& Application() {
-    static int argc = 1;
-    static char name[] = "test_bad_input";
-    static char* argv[] = {name, nullptr};
-    static QCoreApplication application(argc, argv);
-    return application;
-}
 
 struct Row {
     const char* name;

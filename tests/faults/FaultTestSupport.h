@@ -100,11 +100,6 @@ protected:
     void Write(std::uint32_t address, std::uint32_t value) {
         ASSERT_EQ(manager.WriteReg(address, static_cast<int>(value)), 4);
     }
-    std::uint32_t Peek(std::uint32_t address) {
-        std::uint32_t value = 0;
-        EXPECT_TRUE(KvPCIeSim::PeekRegister(kCard, address, value));
-        return value;
-    }
     // `rate` frames per second from the channel's external source; 0 for none.
     bool StartCapture(int channel, GuardedSink& sink, std::uint32_t rate) {
         Write(ControlBlock(channel) + KvPCIeSim::kCtlExternalFrameRate, rate);

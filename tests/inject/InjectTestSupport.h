@@ -44,11 +44,6 @@ protected:
     }
     void TearDown() override { manager.CloseCard(); }
 
-    std::uint32_t Peek(std::uint32_t address) {
-        std::uint32_t value = 0;
-        EXPECT_TRUE(KvPCIeSim::PeekRegister(kCard, address, value));
-        return value;
-    }
     void Poke(std::uint32_t address, std::uint32_t value) {
         ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, address, value));
     }

@@ -4,6 +4,7 @@
 // right, every frame the card made must be delivered or counted, and threads and heap must come
 // back to where they were. KVPCIE_SOAK_SECONDS sets the length (60).
 #include "../capture/CaptureTestSupport.h"
+#include "../support/Application.h"
 #include "../support/TempDir.h"
 
 #include <QCoreApplication>
@@ -42,14 +43,6 @@ constexpr auto kCommandEvery = std::chrono::milliseconds(100);
 constexpr auto kStatusEvery = std::chrono::milliseconds(50);
 // Heap that may stay behind after a full cycle: caches of Qt and the C library, not frames.
 constexpr long kHeapSlackBytes = 1 << 20;
-
-QCoreApplication& Application() {
-    static int argc = 1;
-    static char name[] = "test_soak";
-    static char* argv[] = {name, nullptr};
-    static QCoreApplication application(argc, argv);
-    return application;
-}
 
 int ThreadCount() {
     int count = 0;
@@ -167,11 +160,6 @@ protected:
 
     void Write(std::uint32_t address, std::uint32_t value) {
         ASSERT_EQ(manager_.WriteReg(address, static_cast<int>(value)), 4);
-    }
-    std::uint32_t Peek(std::uint32_t address) {
-        std::uint32_t value = 0;
-        EXPECT_TRUE(KvPCIeSim::PeekRegister(kCard, address, value));
-        return value;
     }
     void PumpEvents(std::chrono::milliseconds span) {
         const auto until = Clock::now() + span;
