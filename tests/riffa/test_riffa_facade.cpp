@@ -84,6 +84,38 @@ TEST_F(RiffaFacade, ASecondOpenReplacesBothEnginesAndAMissingIndexClosesTheDevic
     manager.StopCapture(9);  // no channel captures in RIFFA mode, in range or not
 }
 
+TEST_F(RiffaFacade, ADeviceThatFailsGivesZeroAndAReopenAfterItsReturnWorks) {
+    ASSERT_TRUE(manager.OpenCard(1));
+    // A device that takes requests but never answers: each read ends with the driver's
+    // time-out and gives 0; writes are taken and not applied.
+    ASSERT_TRUE(KvPCIeSim::SetRiffaNeverAnswers(1, true));
+    EXPECT_EQ(manager.ReadReg(KvPCIeSim::kRegIdentity), 0u);
+    EXPECT_EQ(manager.WriteReg(kScratch, 7), 0);
+    ASSERT_TRUE(KvPCIeSim::SetRiffaNeverAnswers(1, false));
+    EXPECT_EQ(manager.ReadReg(kScratch), 0u);
+    EXPECT_EQ(manager.ReadReg(KvPCIeSim::kRegIdentity), KvPCIeSim::kIdentityValue);
+
+    // Removed while open: every request fails, and the results stay those of no reply.
+    ASSERT_TRUE(KvPCIeSim::RemoveRiffaDevice(1));
+    EXPECT_EQ(manager.ReadReg(KvPCIeSim::kRegIdentity), 0u);
+    EXPECT_EQ(manager.WriteReg(kScratch, 7), 0);
+    fpga_info_list list{};
+    EXPECT_TRUE(manager.GetDevices(&list));
+    EXPECT_EQ(list.fpgaCount, 1);
+
+    // A device that comes back is listed again and opens.
+    const int back = KvPCIeSim::AddRiffaDevice();
+    ASSERT_GE(back, 0);
+    EXPECT_TRUE(manager.GetDevices(&list));
+    ASSERT_EQ(list.fpgaCount, 2);
+    ASSERT_TRUE(manager.OpenCard(1));
+    EXPECT_EQ(manager.ReadReg(KvPCIeSim::kRegIdentity), KvPCIeSim::kIdentityValue);
+    EXPECT_EQ(manager.WriteReg(kScratch, 9), 0);
+    std::uint32_t value = 0;
+    ASSERT_TRUE(KvPCIeSim::PeekRiffaRegister(back, kScratch, value));
+    EXPECT_EQ(value, 9u);
+}
+
 TEST_F(RiffaFacade, CaptureAndInjectionAreRefusedWithoutTouchingTheErrorCode) {
     ASSERT_TRUE(manager.OpenCard(0));
     std::vector<char> frame(64 * 64 * 2);
