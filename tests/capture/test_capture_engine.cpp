@@ -314,46 +314,5 @@ TEST_F(Capture, StoppingTheLastChannelStopsPollingAndARestartWorks) {
     EXPECT_EQ(sink.delivered, 0);
 }
 
-TEST_F(Capture, BadRequestsAreRefusedBeforeTheCardIsTouched) {
-    manager.CloseCard();
-    ::setenv("KVPCIE_SIM", "xdma:1", 1);
-    std::vector<char> frame(kFrameBytes);
-    struct Request {
-        unsigned channel;
-        int width;
-        int height;
-        ePixelType pixelType;
-        char* buffer;
-    };
-    const Request refused[] = {
-        {4, kWidth, kHeight, Y16, frame.data()},
-        {0, kWidth, kHeight, Y16, nullptr},
-        {0, kWidth, kHeight, static_cast<ePixelType>(6), frame.data()},
-        {0, kWidth, kHeight, static_cast<ePixelType>(-1), frame.data()},
-        {0, 0, kHeight, Y16, frame.data()},
-        {0, 65536, 1, Y8, frame.data()},
-        {0, kWidth, -5, Y16, frame.data()},
-        {0, 4096, 2561, Y16, frame.data()},  // one byte row past a 20 MiB card buffer
-    };
-    for (const Request& request : refused) {
-        eErrorCode error = ERR_NONE;
-        EXPECT_FALSE(manager.StartCapture(request.channel, false, request.width, request.height,
-                                          request.pixelType, error, &FrameSink::OnFrame, nullptr,
-                                          request.buffer));
-        EXPECT_EQ(error, ERR_NO_CARD);
-        EXPECT_EQ(manager.ReadReg(0x1F0000), 0u) << "no card was opened for a refused request";
-    }
-    // Channels outside 0 to 3 reach the engine too and are ignored there.
-    ASSERT_TRUE(manager.OpenCard(path));
-    EXPECT_FALSE(manager.StartRecord(-1));
-    manager.StopCapture(7);
-    manager.StopRecord(4);
-    manager.SetSystemStatusCallback(9, nullptr, nullptr, true);
-    manager.SetImgDisplayDelayTest(-2, true);
-    EXPECT_FALSE(manager.IsStartCapture(4));
-    EXPECT_EQ(manager.GetCaptureDelayStatus(-1), nullptr);
-    EXPECT_EQ(Peek(0x100024), 0u);
-}
-
 }  // namespace
 }  // namespace kvpcie::testing

@@ -404,53 +404,5 @@ TEST_F(Inject, TheTimingReadBackUsesSelectors3120AndTheDelayClock) {
     EXPECT_EQ(manager.GetInjectDelayStatus(4), nullptr);
 }
 
-TEST_F(Inject, BadRequestsAreRefusedBeforeTheCardIsTouched) {
-    std::vector<char> frame(64 * 64 * 3, 0x55);
-    struct Case {
-        const char* what;
-        unsigned channel;
-        int rate, width, height;
-        ePixelType type;
-        bool nullData;
-    };
-    const Case cases[] = {
-        {"channel 4", 4, 50, 64, 64, Y8, false},
-        {"null frame", 0, 50, 64, 64, Y8, true},
-        {"frame rate 0", 0, 0, 64, 64, Y8, false},
-        {"negative frame rate", 0, -25, 64, 64, Y8, false},
-        {"PIXEL32", 0, 50, 64, 64, PIXEL32, false},
-        {"unknown pixel type", 0, 50, 64, 64, static_cast<ePixelType>(9), false},
-        {"width 0", 0, 50, 0, 64, Y8, false},
-        {"width 65536", 0, 50, 65536, 1, Y8, false},
-        {"height 65536", 0, 50, 1, 65536, Y8, false},
-        {"over 20 MiB", 0, 50, 4096, 2000, BGR24, false},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        eErrorCode error = ERR_NONE;
-        EXPECT_FALSE(manager.StartInject(c.channel, c.rate, c.width, c.height, c.type, 0,
-                                         c.nullData ? nullptr : frame.data(), error));
-        EXPECT_EQ(error, ERR_NO_CARD);
-        EXPECT_FALSE(manager.IsStartInject(static_cast<int>(c.channel)));
-    }
-    // Exactly one card buffer, until the parameter line makes it one line too long.
-    manager.UpdateParamSimulate(0, true, tagThermalImgParams{});
-    eErrorCode error = ERR_NO_CARD;
-    EXPECT_FALSE(manager.StartInject(0, 50, 4096, 2560, Y16, 0, frame.data(), error));
-    EXPECT_EQ(error, ERR_NONE);
-    EXPECT_TRUE(KvPCIeSim::TakeAccessLog(kCard).empty());
-
-    // Still working afterwards.
-    manager.UpdateParamSimulate(0, false, tagThermalImgParams{});
-    EXPECT_TRUE(manager.StartInject(0, 50, 64, 64, BGR24, 0, frame.data(), error));
-    EXPECT_EQ(error, ERR_NONE);
-
-    // RIFFA mode injects nothing and leaves the error code alone.
-    PCIeDataManager riffa(RIFFA);
-    error = ERR_QUEUE_FULL;
-    EXPECT_FALSE(riffa.StartInject(0, 50, 64, 64, Y8, 0, frame.data(), error));
-    EXPECT_EQ(error, ERR_QUEUE_FULL);
-}
-
 }  // namespace
 }  // namespace kvpcie::testing
