@@ -84,15 +84,9 @@ inline bool StrictlyIncreasing(const std::vector<std::uint32_t>& numbers) {
     return true;
 }
 
-class FaultTest : public ::testing::Test {
+// A facade on a fresh simulated card in a scratch directory, closed under a watchdog.
+class FaultTest : public InjectTest {
 protected:
-    static constexpr int kCard = 0;
-
-    void SetUp() override {
-        ::unsetenv("KVPCIE_SIM");
-        ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
-        ASSERT_TRUE(manager.OpenCard(path));
-    }
     void TearDown() override {
         ReturnsWithin("CloseCard", [this] { manager.CloseCard(); });
     }
@@ -127,10 +121,6 @@ protected:
         }
         return true;
     }
-
-    ScratchDir scratch{true};  // logs and recordings go below the current directory
-    char path[16] = "sim:xdma0";
-    PCIeDataManager manager;
 };
 
 }  // namespace kvpcie::testing

@@ -109,6 +109,14 @@ TEST_F(Command, ABusyCardDelaysTheNewestCommandAndDropsTheOlderOne) {
     std::memcpy(&first, Bytes(12, 3).constData(), 4);
     EXPECT_EQ(writes[0].value, first);
     EXPECT_EQ(writes[3].value, 0x400u | 11u);
+
+    // A command left pending on a card that never takes it does not hold up the close.
+    ASSERT_EQ(manager.WriteReg(ControlBlock(2) + kCtlBusyMicros, static_cast<int>(kNeverTakes)), 4);
+    EXPECT_TRUE(manager.WriteControlCmd(2, Bytes(4, 4)));
+    EXPECT_FALSE(manager.WriteControlCmd(2, Bytes(4, 5)));
+    const auto closing = std::chrono::steady_clock::now();
+    manager.CloseCard();
+    EXPECT_LT(std::chrono::steady_clock::now() - closing, std::chrono::seconds(2));
 }
 
 TEST_F(Command, AnEmptyCommandIsNeverSent) {
