@@ -34,6 +34,9 @@ protected:
         std::uint32_t moved = 0;
         EXPECT_TRUE(user_->Seek(address) && user_->Write(&value, 4, moved));
     }
+    std::uint32_t Ctl(unsigned channel, std::uint32_t offset) {
+        return Read(KvPCIeSim::ControlBlock(channel) + offset);
+    }
     bool ReadCard(std::uint64_t address, void* buffer, std::uint32_t size) {
         std::uint32_t moved = 0;
         return c2h_->Seek(static_cast<std::int64_t>(address)) && c2h_->Read(buffer, size, moved) &&
