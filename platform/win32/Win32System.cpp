@@ -5,7 +5,9 @@
 #include "platform/SystemError.h"
 #include "platform/ThreadAffinity.h"
 
+#if defined(__MINGW32__)
 #include <pthread.h>
+#endif
 
 namespace kvpcie::platform {
 
@@ -64,8 +66,12 @@ bool PinThreadToCore(std::thread& thread, unsigned core) {
         SetLastError(Error::InvalidParameter);
         return false;
     }
-    // std::thread is a winpthreads thread here; its Win32 handle is what the call takes.
+#if defined(__MINGW32__)
+    // mingw's std::thread is a winpthreads thread; the call takes its Win32 handle.
     const HANDLE handle = pthread_gethandle(thread.native_handle());
+#else
+    const HANDLE handle = static_cast<HANDLE>(thread.native_handle());
+#endif
     if (::SetThreadAffinityMask(handle, static_cast<DWORD_PTR>(mask)) == 0) {
         SetLastError(static_cast<int>(::GetLastError()));
         return false;

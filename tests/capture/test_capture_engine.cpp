@@ -1,5 +1,6 @@
 // Capture through the facade on the simulated card: the programming of a channel, the buffer
 // ring, frame delivery, DMA faults, recording, the timing read-back, stop and restart.
+#include "../support/Environment.h"
 #include "CaptureTestSupport.h"
 
 #include "../support/TempDir.h"
@@ -24,7 +25,7 @@ constexpr std::size_t kFrameBytes = kWidth * kHeight * 2;  // Y16
 class Capture : public ::testing::Test {
 protected:
     void SetUp() override {
-        ::unsetenv("KVPCIE_SIM");
+        kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
         // The log opens ./Log/<name>/ in the current directory, which need not be the
         // application's directory where the log creates its folder.

@@ -1,5 +1,6 @@
 // The status data channel through the facade: blocks from the card's mailbox reach the host's
 // callback from its event loop, whole, and a block that would overflow is dropped.
+#include "../support/Environment.h"
 #include "CaptureTestSupport.h"
 
 #include "../support/Application.h"
@@ -26,7 +27,7 @@ class StatusChannel : public ::testing::Test {
 protected:
     void SetUp() override {
         Application();
-        ::unsetenv("KVPCIE_SIM");
+        kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
         ASSERT_TRUE(manager.OpenCard(path));
     }

@@ -1,5 +1,6 @@
 // Bad input through the public API, one test per row: each gets its clear result (false, 0,
 // null or the error code), and the library still captures, injects and reads registers after it.
+#include "../support/Environment.h"
 #include "../capture/CaptureTestSupport.h"
 #include "../support/Application.h"
 #include "../support/TempDir.h"
@@ -276,7 +277,7 @@ class BadInput : public ::testing::TestWithParam<Row> {
 protected:
     void SetUp() override {
         Application();
-        ::unsetenv("KVPCIE_SIM");
+        kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("xdma:1,riffa:1"));
         ASSERT_TRUE(manager.OpenCard(path));
         KvPCIeSim::TakeAccessLog(0);

@@ -1,5 +1,6 @@
 // The facade as a host uses it: no card, the simulated card through KVPCIE_SIM, RIFFA mode, and
 // copies that share one record.
+#include "../support/Environment.h"
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
@@ -29,12 +30,12 @@ class Facade : public ::testing::Test {
 protected:
     void TearDown() override {
         PCIeDataManager().CloseCard();
-        ::unsetenv("KVPCIE_SIM");
+        kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
     }
 };
 
 TEST_F(Facade, WithoutACardNothingOpensAndEveryAccessGivesItsNeutralResult) {
-    ::unsetenv("KVPCIE_SIM");
+    kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
     PCIeDataManager manager;
     EXPECT_TRUE(manager.IsCardOpen());
     PathList list;
@@ -63,7 +64,7 @@ TEST_F(Facade, WithoutACardNothingOpensAndEveryAccessGivesItsNeutralResult) {
 }
 
 TEST_F(Facade, OpensTheSimulatedCardReadsItsRegistersAndRoundTripsCardMemory) {
-    ::setenv("KVPCIE_SIM", "1", 1);
+    kvpcie::testing::SetEnvironment("KVPCIE_SIM", "1");
     PCIeDataManager manager;
     PathList list;
     ASSERT_EQ(manager.GetDevices(list.paths), 1);
@@ -98,7 +99,7 @@ TEST_F(Facade, OpensTheSimulatedCardReadsItsRegistersAndRoundTripsCardMemory) {
 }
 
 TEST_F(Facade, StartCaptureOpensTheFirstCardByItself) {
-    ::setenv("KVPCIE_SIM", "xdma:2", 1);
+    kvpcie::testing::SetEnvironment("KVPCIE_SIM", "xdma:2");
     PCIeDataManager manager;
     KvPCIeSim::TakeAccessLog(0);
     eErrorCode error = ERR_NO_CARD;
@@ -115,7 +116,7 @@ TEST_F(Facade, StartCaptureOpensTheFirstCardByItself) {
 }
 
 TEST_F(Facade, OpenCardWithANullPathLeavesTheCardAsItWas) {
-    ::setenv("KVPCIE_SIM", "1", 1);
+    kvpcie::testing::SetEnvironment("KVPCIE_SIM", "1");
     PCIeDataManager manager;
     EXPECT_TRUE(manager.OpenCard(static_cast<char*>(nullptr)));
     EXPECT_EQ(manager.ReadReg(0x1F0000), 0u);
@@ -129,7 +130,7 @@ TEST_F(Facade, OpenCardWithANullPathLeavesTheCardAsItWas) {
 }
 
 TEST_F(Facade, RiffaModeRefusesStartsWithoutTouchingTheErrorCode) {
-    ::setenv("KVPCIE_SIM", "1", 1);
+    kvpcie::testing::SetEnvironment("KVPCIE_SIM", "1");
     PCIeDataManager manager(RIFFA);
     eErrorCode error = ERR_QUEUE_FULL;
     char frame[16] = {};
@@ -142,7 +143,7 @@ TEST_F(Facade, RiffaModeRefusesStartsWithoutTouchingTheErrorCode) {
 }
 
 TEST_F(Facade, CopiesShareOneRecord) {
-    ::unsetenv("KVPCIE_SIM");
+    kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
     PCIeDataManager first;
     PCIeDataManager second(RIFFA);
     second = first;

@@ -2,13 +2,12 @@
 // unwritable log folder, and stops, closes and reopens while frames arrive. Capture must go on
 // without an uncounted gap, nothing may hang, and no frame may reach a stopped channel.
 #include "FaultTestSupport.h"
+#include "../support/FileSizeLimit.h"
 
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 
-#include <sys/resource.h>
-#include <csignal>
 
 namespace kvpcie::testing {
 namespace {
@@ -81,30 +80,11 @@ TEST_F(HostFaults, RemovingTheRecordingFolderNeitherStopsCaptureNorTheNextRecord
     }
 }
 
-// Restores the file-size limit and the signal it raises when a test ends.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes) {
-        getrlimit(RLIMIT_FSIZE, &saved_);
-        previousHandler_ = std::signal(SIGXFSZ, SIG_IGN);  // a write past it fails with EFBIG
-        rlimit limit = saved_;
-        limit.rlim_cur = bytes;
-        applied_ = setrlimit(RLIMIT_FSIZE, &limit) == 0;
-    }
-    ~FileSizeLimit() {
-        setrlimit(RLIMIT_FSIZE, &saved_);
-        std::signal(SIGXFSZ, previousHandler_);
-    }
-    bool Applied() const { return applied_; }
-
-private:
-    rlimit saved_{};
-    void (*previousHandler_)(int) = nullptr;
-    bool applied_ = false;
-};
-
 TEST_F(HostFaults, AFullDiskStopsTheRecordingFileButNeverTheCapture) {
-    constexpr rlim_t kLimit = 10 * kFaultFrameBytes + kFaultFrameBytes / 2;
+    if (FileSizeLimit::kMissing != nullptr) {
+        GTEST_SKIP() << FileSizeLimit::kMissing;
+    }
+    constexpr std::uint64_t kLimit = 10 * kFaultFrameBytes + kFaultFrameBytes / 2;
     GuardedSink sink;
     ASSERT_TRUE(StartCapture(0, sink, 200));
     {

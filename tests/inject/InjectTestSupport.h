@@ -2,6 +2,7 @@
 // the accesses the host made to it.
 #pragma once
 
+#include "../support/Environment.h"
 #include "../capture/CaptureTestSupport.h"
 #include "../support/TempDir.h"
 
@@ -33,7 +34,7 @@ protected:
     static constexpr int kCard = 0;
 
     void SetUp() override {
-        ::unsetenv("KVPCIE_SIM");
+        kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
         // The logs open ./Log/<name>/ in the current directory.
         for (const char* log : {"Capture_AllChannel", "Inject_AllChannel", "InjectReadFile"}) {

@@ -2,6 +2,7 @@
 // or disks that refuse the data while the producer keeps going.
 #include "record/RecordThread.h"
 
+#include "../support/FileSizeLimit.h"
 #include "../support/TempDir.h"
 
 #include <QDir>
@@ -11,11 +12,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <csignal>
 #include <thread>
 #include <vector>
 
-#include <sys/resource.h>
 
 namespace kvpcie {
 namespace {
@@ -190,13 +189,11 @@ TEST(RecordThread, UnrecordedPixelTypesAndBadFoldersStillDrainTheQueue) {
 
 TEST(RecordThread, AFullDiskNeitherStopsTheDrainNorBlocksTheProducer) {
     testing::ScratchDir scratch;
-    // A file-size limit stands in for a full disk: writes past it fail with EFBIG.
-    const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit previous{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &previous), 0);
-    rlimit limited = previous;
-    limited.rlim_cur = 3 * 1024;
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+    if (testing::FileSizeLimit::kMissing != nullptr) {
+        GTEST_SKIP() << testing::FileSizeLimit::kMissing;
+    }
+    testing::FileSizeLimit limit(3 * 1024);
+    ASSERT_TRUE(limit.Applied());
     {
         const KvFrameFormat format = Format(32, 32, 0, Y8);  // 1 KiB frames
         RecordThread recorder(format);
@@ -210,8 +207,6 @@ TEST(RecordThread, AFullDiskNeitherStopsTheDrainNorBlocksTheProducer) {
         EXPECT_LE(QFileInfo(recorder.TakeDir() + "/0_32x32_ParamLine0_Fps50_Y8.raw").size(),
                   3 * 1024);
     }
-    setrlimit(RLIMIT_FSIZE, &previous);
-    std::signal(SIGXFSZ, previousHandler);
 }
 
 TEST(RecordThread, DestroyingARecordingRecorderStopsItFirst) {

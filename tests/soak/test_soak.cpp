@@ -3,17 +3,16 @@
 // few seconds. Every captured frame must be an injected frame in order with its counter stamp
 // right, every frame the card made must be delivered or counted, and threads and heap must come
 // back to where they were. KVPCIE_SOAK_SECONDS sets the length (60).
+#include "../support/Environment.h"
 #include "../capture/CaptureTestSupport.h"
 #include "../support/Application.h"
+#include "../support/ProcessCounters.h"
 #include "../support/TempDir.h"
 
 #include <QCoreApplication>
 #include <QDirIterator>
 #include <QFileInfo>
 
-#include <malloc.h>
-
-#include <dirent.h>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -43,21 +42,6 @@ constexpr auto kCommandEvery = std::chrono::milliseconds(100);
 constexpr auto kStatusEvery = std::chrono::milliseconds(50);
 // Heap that may stay behind after a full cycle: caches of Qt and the C library, not frames.
 constexpr long kHeapSlackBytes = 1 << 20;
-
-int ThreadCount() {
-    int count = 0;
-    if (DIR* tasks = opendir("/proc/self/task")) {
-        while (const dirent* entry = readdir(tasks)) {
-            count += entry->d_name[0] != '.';
-        }
-        closedir(tasks);
-    }
-    return count;
-}
-
-long HeapInUse() {
-    return static_cast<long>(mallinfo2().uordblks);
-}
 
 // Frame `seq` of run `run` of inject channel `channel`: bytes 0-1 are the library's counter
 // stamp, then the sequence number, the channel, the run and a pattern that moves with the
@@ -151,7 +135,7 @@ class Soak : public ::testing::Test {
 protected:
     void SetUp() override {
         Application();
-        ::unsetenv("KVPCIE_SIM");
+        kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
         if (const char* seconds = std::getenv("KVPCIE_SOAK_SECONDS")) {
             length_ = std::chrono::seconds(std::max(1, std::atoi(seconds)));

@@ -43,8 +43,8 @@ int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     std::vector<std::string> words(argv + 1, argv + argc);
     while (!words.empty() && words.front() == "--sim") {
-        if (std::getenv("KVPCIE_SIM") == nullptr || std::getenv("KVPCIE_SIM")[0] == '\0') {
-            ::setenv("KVPCIE_SIM", "1", 1);
+        if (qEnvironmentVariableIsEmpty("KVPCIE_SIM")) {
+            qputenv("KVPCIE_SIM", "1");
         }
         words.erase(words.begin());
     }
@@ -71,7 +71,9 @@ int main(int argc, char** argv) {
     // --sim may also follow the command.
     for (auto it = args.begin(); it != args.end();) {
         if (*it == "--sim") {
-            ::setenv("KVPCIE_SIM", "1", 0);
+            if (qEnvironmentVariableIsEmpty("KVPCIE_SIM")) {
+                qputenv("KVPCIE_SIM", "1");
+            }
             it = args.erase(it);
         } else {
             ++it;

@@ -36,7 +36,7 @@ int main(int argc, char** argv) {
     }
     const auto& options = parsed.options;
     if (options.simulated) {
-        ::setenv("KVPCIE_SIM", "1", 1);
+        qputenv("KVPCIE_SIM", "1");
     }
 
     // Every argument is the viewer's; Qt gets none of them to reinterpret.

@@ -1,0 +1,50 @@
+# Cross-building the whole SDK for Windows with mingw-w64: Qt for Windows is unpacked into the
+# build tree from an archive (KVPCIE_QT_MINGW_ARCHIVE), and every program and DLL goes into one
+# folder, bin/, with the Qt DLLs, the platform plugins and the compiler's runtime DLLs beside
+# them, so that the programs run under Wine (or on Windows) with no search path set.
+set(KVPCIE_QT_MINGW_ARCHIVE "" CACHE FILEPATH
+    "Qt 5 for x86_64-w64-mingw32 as a .tar.xz, unpacked into the build tree")
+set(KVPCIE_QT_MINGW_DIR ${CMAKE_BINARY_DIR}/kvqt5-mingw)
+
+if(KVPCIE_QT_MINGW_ARCHIVE AND NOT EXISTS ${KVPCIE_QT_MINGW_DIR}/lib/cmake/Qt5)
+    if(NOT EXISTS ${KVPCIE_QT_MINGW_ARCHIVE})
+        message(FATAL_ERROR "KVPCIE_QT_MINGW_ARCHIVE: no such file: ${KVPCIE_QT_MINGW_ARCHIVE}")
+    endif()
+    message(STATUS "Unpacking ${KVPCIE_QT_MINGW_ARCHIVE}")
+    file(ARCHIVE_EXTRACT INPUT ${KVPCIE_QT_MINGW_ARCHIVE} DESTINATION ${CMAKE_BINARY_DIR})
+endif()
+if(EXISTS ${KVPCIE_QT_MINGW_DIR}/lib/cmake/Qt5)
+    list(PREPEND CMAKE_PREFIX_PATH ${KVPCIE_QT_MINGW_DIR})
+endif()
+
+set(KVPCIE_WINDOWS_BIN ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${KVPCIE_WINDOWS_BIN})
+
+# The compiler's runtime, shared with Qt's DLLs: one C++ runtime in the process.
+get_filename_component(kvpcie_compiler_dir ${CMAKE_CXX_COMPILER} DIRECTORY)
+execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libstdc++-6.dll
+                OUTPUT_VARIABLE kvpcie_libstdcxx OUTPUT_STRIP_TRAILING_WHITESPACE)
+execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libgcc_s_seh-1.dll
+                OUTPUT_VARIABLE kvpcie_libgcc OUTPUT_STRIP_TRAILING_WHITESPACE)
+find_file(kvpcie_winpthread libwinpthread-1.dll
+          PATHS /usr/x86_64-w64-mingw32/lib /usr/x86_64-w64-mingw32/bin
+          NO_CMAKE_FIND_ROOT_PATH)
+set(KVPCIE_MINGW_RUNTIME_DLLS)
+foreach(dll ${kvpcie_libstdcxx} ${kvpcie_libgcc} ${kvpcie_winpthread})
+    if(NOT IS_ABSOLUTE "${dll}" OR NOT EXISTS "${dll}")
+        message(FATAL_ERROR "The mingw-w64 runtime DLL ${dll} was not found")
+    endif()
+    list(APPEND KVPCIE_MINGW_RUNTIME_DLLS ${dll})
+endforeach()
+
+function(kvpcie_deploy_windows_runtime)
+    set(qt_bin ${Qt5Core_DIR}/../../../bin)
+    set(qt_plugins ${Qt5Core_DIR}/../../../plugins)
+    set(KVPCIE_QT_DLLS ${qt_bin}/Qt5Core.dll ${qt_bin}/Qt5Gui.dll ${qt_bin}/Qt5Widgets.dll
+        PARENT_SCOPE)
+    file(COPY ${KVPCIE_MINGW_RUNTIME_DLLS} ${qt_bin}/Qt5Core.dll ${qt_bin}/Qt5Gui.dll
+              ${qt_bin}/Qt5Widgets.dll
+         DESTINATION ${KVPCIE_WINDOWS_BIN})
+    file(COPY ${qt_plugins}/platforms DESTINATION ${KVPCIE_WINDOWS_BIN})
+    set(KVPCIE_QT_PLATFORMS_DIR ${qt_plugins}/platforms PARENT_SCOPE)
+endfunction()

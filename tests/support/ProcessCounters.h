@@ -1,0 +1,66 @@
+// Threads and heap bytes of this process, for the suites that check that a cycle gives back
+// what it took.
+#pragma once
+
+#ifdef _WIN32
+#include <windows.h>
+
+#include <tlhelp32.h>
+#else
+#include <dirent.h>
+#include <malloc.h>
+#endif
+
+namespace kvpcie::testing {
+
+inline int ThreadCount() {
+    int count = 0;
+#ifdef _WIN32
+    const HANDLE snapshot = ::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+    if (snapshot == INVALID_HANDLE_VALUE) {
+        return -1;
+    }
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof entry;
+    const DWORD self = ::GetCurrentProcessId();
+    for (BOOL more = ::Thread32First(snapshot, &entry); more;
+         more = ::Thread32Next(snapshot, &entry)) {
+        count += entry.th32OwnerProcessID == self;
+    }
+    ::CloseHandle(snapshot);
+#else
+    if (DIR* tasks = opendir("/proc/self/task")) {
+        while (const dirent* entry = readdir(tasks)) {
+            count += entry->d_name[0] != '.';
+        }
+        closedir(tasks);
+    }
+#endif
+    return count;
+}
+
+inline long HeapInUse() {
+#ifdef _WIN32
+    // The C runtime may allocate from a heap of its own: count the busy blocks of every heap.
+    HANDLE heaps[64];
+    const DWORD heapCount = ::GetProcessHeaps(64, heaps);
+    long used = 0;
+    for (DWORD i = 0; i < heapCount && i < 64; ++i) {
+        if (!::HeapLock(heaps[i])) {
+            continue;
+        }
+        PROCESS_HEAP_ENTRY entry{};
+        while (::HeapWalk(heaps[i], &entry)) {
+            if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0) {
+                used += static_cast<long>(entry.cbData);
+            }
+        }
+        ::HeapUnlock(heaps[i]);
+    }
+    return used;
+#else
+    return static_cast<long>(mallinfo2().uordblks);
+#endif
+}
+
+}  // namespace kvpcie::testing
