@@ -4,6 +4,7 @@
 #include "ApplicationDir.h"
 
 #include "platform/LocalTime.h"
+#include "platform/TextFiles.h"
 
 #include <QDir>
 
@@ -204,7 +205,14 @@ void LogFile::WriteLoop() {
             continue;
         }
         const std::uint32_t length = batch.lengths[next];
-        fileBytes_ += static_cast<long>(std::fwrite(batch.text.data() + offset, 1, length, file_));
+        const char* line = batch.text.data() + offset;
+        const std::size_t written = std::fwrite(line, 1, length, file_);
+        fileBytes_ += static_cast<long>(written);
+        if constexpr (platform::kTextLineFeedBytes > 1) {
+            // The limit is on the file's size on disk, where each line feed became CR LF.
+            fileBytes_ += (platform::kTextLineFeedBytes - 1) *
+                          static_cast<long>(std::count(line, line + written, '\n'));
+        }
         offset += length;
         ++next;
         unflushed = true;

@@ -1,5 +1,7 @@
 # GoogleTest for the suites: the installed package, or, when cross-building (no package for the
 # target), built from Debian's sources (libgtest-dev).
+# GoogleTest's discovery script is a variable of the including directory: include it in each.
+include(GoogleTest)
 if(TARGET GTest::gtest)
     return()
 endif()
@@ -12,4 +14,3 @@ if(CMAKE_CROSSCOMPILING)
 else()
     find_package(GTest REQUIRED)
 endif()
-include(GoogleTest)

@@ -21,7 +21,6 @@ set(KVPCIE_WINDOWS_BIN ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${KVPCIE_WINDOWS_BIN})
 
 # The compiler's runtime, shared with Qt's DLLs: one C++ runtime in the process.
-get_filename_component(kvpcie_compiler_dir ${CMAKE_CXX_COMPILER} DIRECTORY)
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libstdc++-6.dll
                 OUTPUT_VARIABLE kvpcie_libstdcxx OUTPUT_STRIP_TRAILING_WHITESPACE)
 execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libgcc_s_seh-1.dll
@@ -37,14 +36,18 @@ foreach(dll ${kvpcie_libstdcxx} ${kvpcie_libgcc} ${kvpcie_winpthread})
     list(APPEND KVPCIE_MINGW_RUNTIME_DLLS ${dll})
 endforeach()
 
+# After find_package(Qt5): the DLLs that every program needs go beside the programs in the build
+# tree and into the installed bin/, with the platform plugins below platforms/.
 function(kvpcie_deploy_windows_runtime)
-    set(qt_bin ${Qt5Core_DIR}/../../../bin)
-    set(qt_plugins ${Qt5Core_DIR}/../../../plugins)
-    set(KVPCIE_QT_DLLS ${qt_bin}/Qt5Core.dll ${qt_bin}/Qt5Gui.dll ${qt_bin}/Qt5Widgets.dll
-        PARENT_SCOPE)
-    file(COPY ${KVPCIE_MINGW_RUNTIME_DLLS} ${qt_bin}/Qt5Core.dll ${qt_bin}/Qt5Gui.dll
-              ${qt_bin}/Qt5Widgets.dll
-         DESTINATION ${KVPCIE_WINDOWS_BIN})
-    file(COPY ${qt_plugins}/platforms DESTINATION ${KVPCIE_WINDOWS_BIN})
-    set(KVPCIE_QT_PLATFORMS_DIR ${qt_plugins}/platforms PARENT_SCOPE)
+    get_filename_component(qt_root ${Qt5Core_DIR}/../../.. ABSOLUTE)
+    set(dlls ${KVPCIE_MINGW_RUNTIME_DLLS})
+    foreach(module Core Gui Widgets)
+        list(APPEND dlls ${qt_root}/bin/Qt5${module}.dll)
+    endforeach()
+    file(COPY ${dlls} DESTINATION ${KVPCIE_WINDOWS_BIN})
+    file(COPY ${qt_root}/plugins/platforms DESTINATION ${KVPCIE_WINDOWS_BIN})
+    install(FILES ${dlls} DESTINATION ${CMAKE_INSTALL_BINDIR})
+    install(FILES ${qt_root}/plugins/platforms/qwindows.dll
+            DESTINATION ${CMAKE_INSTALL_BINDIR}/platforms)
+    set(KVPCIE_QT_ROOT ${qt_root} PARENT_SCOPE)
 endfunction()

@@ -1,5 +1,7 @@
 # Installs the built library into a scratch prefix, builds each example host against it as a
-# project of its own, and runs it on the simulated card.
+# project of its own, and runs it on the simulated card. For a cross build, TOOLCHAIN and QT_ROOT
+# build the hosts the same way and EMULATOR runs them, with only the prefix's bin/ on the DLL
+# search path, as a user who puts the SDK on PATH.
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 
@@ -20,12 +22,14 @@ run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix} ${config_args})
 # the simulated card from its own folder (where the library's logs go).
 function(build_and_run example)
     run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/${example} -B ${WORK_DIR}/${example}
-        -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
+        -G ${GENERATOR} ${cross_args} -DCMAKE_PREFIX_PATH=${prefix}
+        -DCMAKE_BUILD_TYPE=Release)
     run(${CMAKE_COMMAND} --build ${WORK_DIR}/${example} ${config_args})
-    find_program(program_${example} NAMES ${example}
+    find_program(program_${example} NAMES ${example} ${example}.exe
                  PATHS ${WORK_DIR}/${example} ${WORK_DIR}/${example}/Release
-                 NO_DEFAULT_PATH REQUIRED)
-    execute_process(COMMAND ${CMAKE_COMMAND} -E env KVPCIE_SIM=1 ${program_${example}}
+                 NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH REQUIRED)
+    execute_process(COMMAND ${CMAKE_COMMAND} -E env KVPCIE_SIM=1 ${wine_path}
+                            ${EMULATOR} ${program_${example}}
                     WORKING_DIRECTORY ${WORK_DIR}/${example}
                     RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
     if(NOT result EQUAL 0)
@@ -33,6 +37,14 @@ function(build_and_run example)
     endif()
     set(last_output "${out}" PARENT_SCOPE)
 endfunction()
+
+set(cross_args)
+set(wine_path)
+if(TOOLCHAIN)
+    set(cross_args -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DQt5_DIR=${QT_ROOT}/lib/cmake/Qt5)
+    string(REPLACE "/" "\\" windows_bin "Z:${prefix}/bin")
+    set(wine_path "WINEPATH=${windows_bin}")
+endif()
 
 build_and_run(card_info)
 foreach(expected "0x53494d31" "100000000" "round trip of 16777339 bytes: ok")

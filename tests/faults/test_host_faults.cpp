@@ -48,6 +48,9 @@ protected:
 };
 
 TEST_F(HostFaults, RemovingTheRecordingFolderNeitherStopsCaptureNorTheNextRecording) {
+#ifdef _WIN32
+    GTEST_SKIP() << "Windows does not remove a folder that holds a file open for recording";
+#endif
     GuardedSink sink;
     ASSERT_TRUE(StartCapture(0, sink, 200));
     ASSERT_TRUE(manager.StartRecord(0));

@@ -1,5 +1,5 @@
 # A recording made by "kvpcie capture --record" on the simulated card, read back by "raw info"
-# and turned into a PNG by "raw png". TOOL and WORK_DIR.
+# and turned into a PNG by "raw png". TOOL and WORK_DIR; EMULATOR runs TOOL where needed.
 file(REMOVE_RECURSE ${WORK_DIR})
 foreach(log Capture_AllChannel Inject_AllChannel InjectReadFile)
     file(MAKE_DIRECTORY ${WORK_DIR}/Log/${log})
@@ -17,20 +17,20 @@ function(run)
 endfunction()
 
 file(GLOB_RECURSE before ${recordings}/*.raw)
-run(${TOOL} --sim capture --channels 3 --frames 6 --card-timing --record --type Y8 --width 64
-    --height 32)
+run(${EMULATOR} ${TOOL} --sim capture --channels 3 --frames 6 --card-timing --record --type Y8
+    --width 64 --height 32)
 file(GLOB_RECURSE after ${recordings}/*.raw)
 list(REMOVE_ITEM after ${before} "")
 list(LENGTH after made)
 if(NOT made EQUAL 1)
     message(FATAL_ERROR "expected one new recording below ${recordings}, found: ${after}")
 endif()
-run(${TOOL} raw info ${after})
+run(${EMULATOR} ${TOOL} raw info ${after})
 if(NOT output MATCHES "64 x 32, 0 parameter line\\(s\\), Y8, 25 fps" OR
    NOT output MATCHES "frame\\(s\\) of 2048 bytes")
     message(FATAL_ERROR "raw info:\n${output}")
 endif()
-run(${TOOL} raw png ${after} --frame 0 -o ${WORK_DIR}/frame0.png)
+run(${EMULATOR} ${TOOL} raw png ${after} --frame 0 -o ${WORK_DIR}/frame0.png)
 file(READ ${WORK_DIR}/frame0.png signature LIMIT 8 HEX)
 if(NOT signature STREQUAL "89504e470d0a1a0a")
     message(FATAL_ERROR "frame0.png is not a PNG (${signature})")

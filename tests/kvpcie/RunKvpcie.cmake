@@ -1,6 +1,7 @@
 # Runs kvpcie once in a scratch directory as a user would, and checks its exit code and output.
 # TOOL, WORK_DIR, ARGS ("|"-separated), CODE (expected exit code), REGEX (in stdout + stderr);
-# optional ENV ("|"-separated cmake -E env arguments) and MAKE_FILE ("name:bytes").
+# optional ENV ("|"-separated cmake -E env arguments), MAKE_FILE ("name:bytes") and EMULATOR
+# (what runs TOOL, such as Wine for a Windows build).
 file(REMOVE_RECURSE ${WORK_DIR})
 file(MAKE_DIRECTORY ${WORK_DIR})
 foreach(log Capture_AllChannel Inject_AllChannel InjectReadFile)
@@ -15,7 +16,7 @@ if(MAKE_FILE)
 endif()
 string(REPLACE "|" ";" args "${ARGS}")
 string(REPLACE "|" ";" env "${ENV}")
-execute_process(COMMAND ${CMAKE_COMMAND} -E env ${env} ${TOOL} ${args}
+execute_process(COMMAND ${CMAKE_COMMAND} -E env ${env} ${EMULATOR} ${TOOL} ${args}
                 WORKING_DIRECTORY ${WORK_DIR}
                 RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
 if(NOT code EQUAL CODE)

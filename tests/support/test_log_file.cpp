@@ -1,6 +1,7 @@
 // Log files: stamped and cut lines, lines queued before the start, rotation and its index, and a
 // log whose folder cannot be written.
 #include "Common/LogFile.h"
+#include "platform/TextFiles.h"
 
 #include "TempDir.h"
 
@@ -46,6 +47,9 @@ bool AwaitBytes(const QString& name, qint64 bytes) {
 const QRegularExpression kLineStamp("^\\d{4}_\\d\\d_\\d\\d_\\d\\d_\\d\\d_\\d\\d_\\d{3}:$");
 const QRegularExpression kFileName("^\\d{4}_\\d\\d_\\d\\d_\\d\\d_\\d\\d_\\d{3}_(\\d+)\\.txt$");
 constexpr int kStampBytes = 24;
+// A line feed on disk: CR LF on Windows, where the log is a text-mode stream.
+constexpr qint64 kFeed = platform::kTextLineFeedBytes;
+constexpr qint64 kRotateBytes = 10485760;
 
 TEST(LogFile, LinesQueuedBeforeTheStartReachTheFirstFileStampedAndCut) {
     testing::ScratchDir scratch(/*enter=*/true);
@@ -54,7 +58,7 @@ TEST(LogFile, LinesQueuedBeforeTheStartReachTheFirstFileStampedAndCut) {
     log.WriteLog("%s", std::string(6000, 'a').c_str());
     log.WriteLog("channel %d", 3);
     log.StartLog();
-    const qint64 expected = (kStampBytes + 4999 + 1) + (kStampBytes + 9 + 1);
+    const qint64 expected = (kStampBytes + 4999 + kFeed) + (kStampBytes + 9 + kFeed);
     ASSERT_TRUE(AwaitBytes("Capture_AllChannel", expected));
     log.StopLog();
 
@@ -63,7 +67,9 @@ TEST(LogFile, LinesQueuedBeforeTheStartReachTheFirstFileStampedAndCut) {
     const QRegularExpressionMatch name = kFileName.match(files[0]);
     ASSERT_TRUE(name.hasMatch()) << files[0].toStdString();
     EXPECT_EQ(name.captured(1), "0");
-    const QList<QByteArray> lines = ReadAll("Log/Capture_AllChannel/" + files[0]).split('\n');
+    QByteArray text = ReadAll("Log/Capture_AllChannel/" + files[0]);
+    text.replace("\r\n", "\n");
+    const QList<QByteArray> lines = text.split('\n');
     ASSERT_EQ(lines.size(), 3);
     EXPECT_TRUE(kLineStamp.match(QString(lines[0].left(kStampBytes))).hasMatch());
     EXPECT_EQ(lines[0].mid(kStampBytes), QByteArray(4999, 'a'));
@@ -74,8 +80,10 @@ TEST(LogFile, AFullFileRotatesToTheNextIndexWhichSurvivesAStopAndStart) {
     testing::ScratchDir scratch(/*enter=*/true);
     LogFile log("Inject_AllChannel");
     log.StartLog();
-    // Lines of 24 + 4999 + 1 bytes: 2,088 of them take the first file past 10,485,760 bytes.
-    constexpr qint64 kLine = kStampBytes + 4999 + 1;
+    // Lines of 24 + 4999 + a line feed: the file that reaches 10,485,760 bytes on disk ends with
+    // the line that took it there (2,088 lines, or 2,087 where a line feed is CR LF).
+    constexpr qint64 kLine = kStampBytes + 4999 + kFeed;
+    constexpr qint64 kLinesInFirst = (kRotateBytes + kLine - 1) / kLine;
     const std::string text(4999, 'a');
     for (int i = 0; i < 2090; ++i) {
         log.WriteLog("%s", text.c_str());
@@ -84,7 +92,7 @@ TEST(LogFile, AFullFileRotatesToTheNextIndexWhichSurvivesAStopAndStart) {
     log.StopLog();
     log.WriteLog("while stopped");
     log.StartLog();
-    ASSERT_TRUE(AwaitBytes("Inject_AllChannel", 2090 * kLine + kStampBytes + 14));
+    ASSERT_TRUE(AwaitBytes("Inject_AllChannel", 2090 * kLine + kStampBytes + 13 + kFeed));
     log.StopLog();
 
     qint64 firstFile = 0;
@@ -98,8 +106,10 @@ TEST(LogFile, AFullFileRotatesToTheNextIndexWhichSurvivesAStopAndStart) {
             rotated += ReadAll("Log/Inject_AllChannel/" + file);
         }
     }
-    EXPECT_EQ(firstFile, 2088 * kLine) << "the first file ends with the line that passed the limit";
-    EXPECT_EQ(rotated.count('\n'), 3);
+    EXPECT_EQ(firstFile, kLinesInFirst * kLine)
+        << "the first file ends with the line that passed the limit";
+    EXPECT_EQ(rotated.count('\n'), 2090 - kLinesInFirst + 1);
+    rotated.replace("\r\n", "\n");
     EXPECT_TRUE(rotated.endsWith("while stopped\n")) << "index 1 is kept across stop and start";
 }
 
