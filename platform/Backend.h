@@ -13,7 +13,8 @@ namespace kvpcie::platform {
 // The machine's own drivers (platform/linux or platform/win32).
 namespace native {
 DeviceFilePtr OpenDeviceFile(const std::string& path, unsigned access);
-bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths);
+bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths,
+                          ListingStop& stop);
 void RestartXilinxDevices();
 ControlDevicePtr OpenControlDevice(const std::string& path, bool overlapped);
 }  // namespace native

@@ -30,10 +30,23 @@ constexpr Guid kXdmaInterfaceClass{
 constexpr Guid kRiffaInterfaceClass{
     0x40D49FB9, 0x6085, 0x4E1D, {0x87, 0x53, 0x82, 0x2B, 0xE9, 0x44, 0xD7, 0xBB}};
 
+// Why a listing stopped before its end. The interfaces before the failing one stay listed.
+struct ListingStop {
+    enum class Reason {
+        None,             // every interface was listed
+        InterfaceDetail,  // the OS gave no detail (path) for the next interface
+        OutOfMemory,      // the detail record of the next interface could not be allocated
+    };
+    Reason reason = Reason::None;
+    int error = 0;  // the system code of the failure
+};
+
 // Interface paths of a class, the machine's own devices first and simulated ones after. False
 // (with LastError() set) when the OS cannot give the device set at all; an empty list is not
-// a failure.
-bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths);
+// a failure. A failure on one interface ends the listing there with true: the paths before it
+// are kept, no simulated device follows, and `stop` (where given) says what failed.
+bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths,
+                          ListingStop* stop = nullptr);
 
 // Restarts every Xilinx (PCI vendor 0x10EE) device at the driver level, simulated cards
 // included. Where the OS does not permit it, says so on standard error and goes on.

@@ -10,12 +10,19 @@ DeviceFilePtr OpenDeviceFile(const std::string& path, unsigned access) {
     return native::OpenDeviceFile(path, access);
 }
 
-bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths) {
+bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths,
+                          ListingStop* stop) {
     paths.clear();
-    if (!native::ListDeviceInterfaces(interfaceClass, paths)) {
+    ListingStop nativeStop;
+    if (!native::ListDeviceInterfaces(interfaceClass, paths, nativeStop)) {
         return false;
     }
-    simulated::ListDeviceInterfaces(interfaceClass, paths);
+    if (stop != nullptr) {
+        *stop = nativeStop;
+    }
+    if (nativeStop.reason == ListingStop::Reason::None) {
+        simulated::ListDeviceInterfaces(interfaceClass, paths);
+    }
     return true;
 }
 

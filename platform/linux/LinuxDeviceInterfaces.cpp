@@ -155,7 +155,9 @@ void RestartXilinxDevicesUnder(const std::string& pciBusDir) {
 
 namespace native {
 
-bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths) {
+bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths,
+                          ListingStop& stop) {
+    stop = ListingStop{};  // a directory listing has no per-interface step that can fail
     try {
         if (interfaceClass == kXdmaInterfaceClass) {
             std::vector<std::string> names;

@@ -1,12 +1,13 @@
 // Listing a driver's device interfaces with SetupAPI, and restarting Xilinx devices through
 // the configuration manager.
-#include "platform/win32/Win32Handle.h"
+#include "platform/win32/Win32InterfaceWalk.h"
 
 #include "platform/Backend.h"
 #include "platform/SystemError.h"
 
 #include <cfgmgr32.h>
 
+#include <cstddef>
 #include <cwchar>
 #include <vector>
 
@@ -31,46 +32,120 @@ constexpr DWORD kRestartPauseMs = 20;
 
 }  // namespace
 
-namespace native {
+namespace win32 {
+namespace {
 
-bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths) {
-    const GUID guid = ToWindowsGuid(interfaceClass);
-    const win32::DeviceInfoSet set(
-        ::SetupDiGetClassDevsW(&guid, nullptr, nullptr, kPresentInterfaces));
+void* AllocateFromProcessHeap(std::size_t bytes) {
+    return ::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, bytes);
+}
+
+void ReleaseToProcessHeap(void* block) {
+    ::HeapFree(::GetProcessHeap(), 0, block);
+}
+
+// The device set, released through the same calls that gave it.
+class WalkedSet {
+public:
+    WalkedSet(const SetupApiCalls& api, HDEVINFO set) : api_(api), set_(set) {}
+    ~WalkedSet() {
+        if (Valid()) {
+            api_.destroyInfoList(set_);
+        }
+    }
+    WalkedSet(const WalkedSet&) = delete;
+    WalkedSet& operator=(const WalkedSet&) = delete;
+    bool Valid() const { return set_ != INVALID_HANDLE_VALUE && set_ != nullptr; }
+    HDEVINFO Get() const { return set_; }
+
+private:
+    const SetupApiCalls& api_;
+    HDEVINFO set_;
+};
+
+}  // namespace
+
+const SetupApiCalls& SystemSetupApi() {
+    static const SetupApiCalls calls{
+        &::SetupDiGetClassDevsW,          &::SetupDiEnumDeviceInterfaces,
+        &::SetupDiGetDeviceInterfaceDetailW, &::SetupDiDestroyDeviceInfoList,
+        &AllocateFromProcessHeap,         &ReleaseToProcessHeap};
+    return calls;
+}
+
+const SetupApiCalls*& ListingSetupApi() {
+    static const SetupApiCalls* calls = &SystemSetupApi();
+    return calls;
+}
+
+bool WalkDeviceInterfaces(const SetupApiCalls& api, const GUID& interfaceClass,
+                          std::vector<std::string>& paths, ListingStop& stop) {
+    stop = ListingStop{};
+    const WalkedSet set(api, api.getClassDevs(&interfaceClass, nullptr, nullptr,
+                                              kPresentInterfaces));
     if (!set.Valid()) {
         SetLastError(static_cast<int>(::GetLastError()));
         return false;
     }
-    try {
-        for (DWORD member = 0;; ++member) {
-            SP_DEVICE_INTERFACE_DATA interfaceData{};
-            interfaceData.cbSize = sizeof interfaceData;
-            if (!::SetupDiEnumDeviceInterfaces(set.Get(), nullptr, &guid, member, &interfaceData)) {
-                return true;  // ERROR_NO_MORE_ITEMS ends the list; any other error too
-            }
-            DWORD required = 0;
-            ::SetupDiGetDeviceInterfaceDetailW(set.Get(), &interfaceData, nullptr, 0, &required,
-                                               nullptr);
-            if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER || required == 0) {
-                SetLastError(static_cast<int>(::GetLastError()));
-                return false;
-            }
-            std::vector<unsigned char> storage(required);
-            auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(storage.data());
-            detail->cbSize = sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W);
-            SP_DEVINFO_DATA info{};
-            info.cbSize = sizeof info;
-            if (!::SetupDiGetDeviceInterfaceDetailW(set.Get(), &interfaceData, detail, required,
-                                                    nullptr, &info)) {
-                SetLastError(static_cast<int>(::GetLastError()));
-                return false;
-            }
-            paths.push_back(win32::Narrow(detail->DevicePath));
+    const auto stopHere = [&stop](ListingStop::Reason reason, int error) {
+        stop.reason = reason;
+        stop.error = error;
+        return true;
+    };
+    for (DWORD member = 0;; ++member) {
+        SP_DEVICE_INTERFACE_DATA interfaceData{};
+        interfaceData.cbSize = sizeof interfaceData;
+        if (!api.enumInterfaces(set.Get(), nullptr, &interfaceClass, member, &interfaceData)) {
+            return true;  // ERROR_NO_MORE_ITEMS ends the list; any other error too
         }
-    } catch (...) {
-        SetLastError(Error::NotEnoughMemory);
-        return false;
+        DWORD required = 0;
+        api.getInterfaceDetail(set.Get(), &interfaceData, nullptr, 0, &required, nullptr);
+        const DWORD sizeError = ::GetLastError();
+        // A record too small for its own header is refused as invalid data.
+        if (sizeError != ERROR_INSUFFICIENT_BUFFER ||
+            required < sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W)) {
+            return stopHere(ListingStop::Reason::InterfaceDetail,
+                            static_cast<int>(sizeError == ERROR_INSUFFICIENT_BUFFER
+                                                 ? ERROR_INVALID_DATA
+                                                 : sizeError));
+        }
+        void* storage = api.allocateZeroed(required);
+        if (storage == nullptr) {
+            return stopHere(ListingStop::Reason::OutOfMemory, ERROR_NOT_ENOUGH_MEMORY);
+        }
+        auto* detail = static_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(storage);
+        detail->cbSize = sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W);
+        SP_DEVINFO_DATA info{};
+        info.cbSize = sizeof info;
+        if (!api.getInterfaceDetail(set.Get(), &interfaceData, detail, required, nullptr,
+                                    &info)) {
+            const int error = static_cast<int>(::GetLastError());
+            api.release(storage);
+            return stopHere(ListingStop::Reason::InterfaceDetail, error);
+        }
+        // The path ends within the record, even if the OS did not end it.
+        const std::size_t pathChars =
+            (required - offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath)) /
+            sizeof(wchar_t);
+        try {
+            paths.push_back(Narrow(
+                std::wstring(detail->DevicePath, ::wcsnlen(detail->DevicePath, pathChars))
+                    .c_str()));
+        } catch (...) {
+            api.release(storage);
+            return stopHere(ListingStop::Reason::OutOfMemory, ERROR_NOT_ENOUGH_MEMORY);
+        }
+        api.release(storage);
     }
+}
+
+}  // namespace win32
+
+namespace native {
+
+bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths,
+                          ListingStop& stop) {
+    return win32::WalkDeviceInterfaces(*win32::ListingSetupApi(), ToWindowsGuid(interfaceClass),
+                                       paths, stop);
 }
 
 void RestartXilinxDevices() {

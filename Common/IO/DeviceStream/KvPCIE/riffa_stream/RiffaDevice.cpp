@@ -36,6 +36,21 @@ void FillRegisterRequest(std::uint8_t* request, std::uint32_t data, std::uint32_
     std::memset(request + 8, fill, kRequestBytes - 8);
 }
 
+// Prints what stopped a listing on one interface and returns its code (0 for none).
+int PrintListingStop(const platform::ListingStop& stop) {
+    switch (stop.reason) {
+        case platform::ListingStop::Reason::None:
+            return 0;
+        case platform::ListingStop::Reason::InterfaceDetail:
+            std::printf("SetupDiGetDeviceInterfaceDetail failed, Error: %d\n", stop.error);
+            return stop.error;
+        case platform::ListingStop::Reason::OutOfMemory:
+            std::printf("Insufficient memory.\n");
+            return platform::SystemCode(platform::Error::NotEnoughMemory);
+    }
+    return 0;
+}
+
 }  // namespace
 
 RiffaDevice::RiffaDevice() = default;
@@ -46,8 +61,16 @@ RiffaDevice::~RiffaDevice() {
 
 platform::ControlDevicePtr RiffaDevice::OpenDeviceHandle(int index, bool overlapped) {
     std::vector<std::string> paths;
-    if (!platform::ListDeviceInterfaces(platform::kRiffaInterfaceClass, paths)) {
+    platform::ListingStop stop;
+    if (!platform::ListDeviceInterfaces(platform::kRiffaInterfaceClass, paths, &stop)) {
         std::printf("SetupDiGetClassDevs failed, Error: %d\n", platform::LastError());
+        return nullptr;
+    }
+    // The OS layer walks the interfaces in order, so an interface at or before `index` that
+    // failed is reported as the failure of this lookup.
+    if (index >= 0 && static_cast<std::size_t>(index) >= paths.size() &&
+        stop.reason != platform::ListingStop::Reason::None) {
+        PrintListingStop(stop);
         return nullptr;
     }
     if (index < 0 || static_cast<std::size_t>(index) >= paths.size()) {
@@ -69,7 +92,8 @@ int RiffaDevice::List(fpga_info_list* list) {
     }
     list->fpgaCount = 0;
     std::vector<std::string> paths;
-    if (!platform::ListDeviceInterfaces(platform::kRiffaInterfaceClass, paths)) {
+    platform::ListingStop stop;
+    if (!platform::ListDeviceInterfaces(platform::kRiffaInterfaceClass, paths, &stop)) {
         std::printf("SetupDiGetClassDevs failed, Error: %d\n", platform::LastError());
         return platform::LastError();
     }
@@ -96,7 +120,8 @@ int RiffaDevice::List(fpga_info_list* list) {
         }
         ++list->fpgaCount;
     }
-    return 0;
+    // The devices before an interface that failed are listed; the failure ends the listing.
+    return PrintListingStop(stop);
 }
 
 fpga_t* RiffaDevice::Open(int index) {
