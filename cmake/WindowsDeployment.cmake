@@ -1,7 +1,8 @@
-# Cross-building the whole SDK for Windows with mingw-w64: Qt for Windows is unpacked into the
-# build tree from an archive (KVPCIE_QT_MINGW_ARCHIVE), and every program and DLL goes into one
-# folder, bin/, with the Qt DLLs, the platform plugins and the compiler's runtime DLLs beside
-# them, so that the programs run under Wine (or on Windows) with no search path set.
+# Windows builds: every program and DLL goes into one folder, bin/, with the Qt DLLs, the platform
+# plugins and (for mingw-w64) the compiler's runtime DLLs beside them, so that the programs run
+# on Windows or under Wine with no search path set; the install puts the same DLLs in bin/. A
+# cross build may take Qt for Windows from an archive (KVPCIE_QT_MINGW_ARCHIVE), unpacked into
+# the build tree.
 set(KVPCIE_QT_MINGW_ARCHIVE "" CACHE FILEPATH
     "Qt 5 for x86_64-w64-mingw32 as a .tar.xz, unpacked into the build tree")
 set(KVPCIE_QT_MINGW_DIR ${CMAKE_BINARY_DIR}/kvqt5-mingw)
@@ -20,21 +21,26 @@ endif()
 set(KVPCIE_WINDOWS_BIN ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${KVPCIE_WINDOWS_BIN})
 
-# The compiler's runtime, shared with Qt's DLLs: one C++ runtime in the process.
-execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libstdc++-6.dll
-                OUTPUT_VARIABLE kvpcie_libstdcxx OUTPUT_STRIP_TRAILING_WHITESPACE)
-execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libgcc_s_seh-1.dll
-                OUTPUT_VARIABLE kvpcie_libgcc OUTPUT_STRIP_TRAILING_WHITESPACE)
-find_file(kvpcie_winpthread libwinpthread-1.dll
-          PATHS /usr/x86_64-w64-mingw32/lib /usr/x86_64-w64-mingw32/bin
-          NO_CMAKE_FIND_ROOT_PATH)
+# The compiler's runtime, shared with Qt's DLLs: one C++ runtime in the process. (MSVC's runtime
+# is the system's own.)
 set(KVPCIE_MINGW_RUNTIME_DLLS)
-foreach(dll ${kvpcie_libstdcxx} ${kvpcie_libgcc} ${kvpcie_winpthread})
-    if(NOT IS_ABSOLUTE "${dll}" OR NOT EXISTS "${dll}")
-        message(FATAL_ERROR "The mingw-w64 runtime DLL ${dll} was not found")
-    endif()
-    list(APPEND KVPCIE_MINGW_RUNTIME_DLLS ${dll})
-endforeach()
+if(MINGW)
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libstdc++-6.dll
+                    OUTPUT_VARIABLE kvpcie_libstdcxx OUTPUT_STRIP_TRAILING_WHITESPACE)
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libgcc_s_seh-1.dll
+                    OUTPUT_VARIABLE kvpcie_libgcc OUTPUT_STRIP_TRAILING_WHITESPACE)
+    # Debian's mingw-w64 keeps it in the sysroot, a native MinGW beside the compiler.
+    get_filename_component(kvpcie_compiler_dir ${CMAKE_CXX_COMPILER} DIRECTORY)
+    find_file(kvpcie_winpthread libwinpthread-1.dll
+              PATHS /usr/x86_64-w64-mingw32/lib /usr/x86_64-w64-mingw32/bin ${kvpcie_compiler_dir}
+              NO_CMAKE_FIND_ROOT_PATH)
+    foreach(dll ${kvpcie_libstdcxx} ${kvpcie_libgcc} ${kvpcie_winpthread})
+        if(NOT IS_ABSOLUTE "${dll}" OR NOT EXISTS "${dll}")
+            message(FATAL_ERROR "The mingw-w64 runtime DLL ${dll} was not found")
+        endif()
+        list(APPEND KVPCIE_MINGW_RUNTIME_DLLS ${dll})
+    endforeach()
+endif()
 
 # After find_package(Qt5): the DLLs that every program needs go beside the programs in the build
 # tree and into the installed bin/, with the platform plugins below platforms/.
