@@ -11,8 +11,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 # Qt for Windows and the SDK's own installed package live outside the mingw sysroot.
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
-# Tests and programs run through Wine.
+# Tests and programs run through Wine, in a session of their own (see wine-run.sh).
 find_program(KVPCIE_WINE NAMES wine64 wine PATHS /usr/lib/wine)
 if(KVPCIE_WINE)
-    set(CMAKE_CROSSCOMPILING_EMULATOR ${KVPCIE_WINE})
+    set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/wine-run.sh)
 endif()
