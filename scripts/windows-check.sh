@@ -49,7 +49,8 @@ stage "suite under Wine" $((SECONDS - start))
 start=$SECONDS
 run_dir=build-mingw/loopback-run
 rm -rf "$run_dir" && mkdir -p "$run_dir"
-(cd "$run_dir" && env -u WINEPATH "$wine" "$root/build-mingw/bin/kvpcie.exe" --sim loopback) |
+(cd "$run_dir" &&
+    env -u WINEPATH "$root/cmake/toolchains/wine-run.sh" "$root/build-mingw/bin/kvpcie.exe" --sim loopback) |
     tee build-mingw/loopback.txt
 tr -d '\r' < build-mingw/loopback.txt | tail -n 1 | grep -qx PASS
 stage "kvpcie.exe --sim loopback" $((SECONDS - start))

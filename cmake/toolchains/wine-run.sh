@@ -9,8 +9,9 @@ prefix=${WINEPREFIX:-$HOME/.wine}
 mkdir -p "$prefix"
 (
     flock 9
-    if "$wineserver" -p60 </dev/null >/dev/null 2>&1; then
-        "$wine" cmd /c exit </dev/null >/dev/null 2>&1
+    # The lock is not handed down: the session's processes outlive this one.
+    if "$wineserver" -p60 </dev/null >/dev/null 2>&1 9>&-; then
+        "$wine" cmd /c exit </dev/null >/dev/null 2>&1 9>&-
     fi
 ) 9>"$prefix/.kvpcie-session.lock"
 exec "$wine" "$@"
