@@ -1,8 +1,10 @@
 #!/bin/sh
 # Runs a Windows program under Wine for CTest. The first Wine program of a session starts the
-# wineserver and Wine's service processes, and they inherit its standard error: a test that did
-# so would look unfinished to CTest until the session ended. So the session is started here
-# first, detached from every test's output, and kept for a minute after its last program.
+# wineserver and Wine's service processes (the desktop among them), and they inherit its
+# standard error: a test that did so would look unfinished to CTest until the session ended. So
+# the session is started here first, detached from every test's output, and kept for a minute
+# after its last program. The desktop keeps the X display it started with, so a session started
+# on another display (or on none, as during the build) is ended first.
 wine=${KVPCIE_WINE:-/usr/lib/wine/wine64}
 wineserver=${KVPCIE_WINESERVER:-$(dirname "$wine")/wineserver}
 prefix=${WINEPREFIX:-$HOME/.wine}
@@ -10,8 +12,14 @@ mkdir -p "$prefix"
 (
     flock 9
     # The lock is not handed down: the session's processes outlive this one.
-    if "$wineserver" -p60 </dev/null >/dev/null 2>&1 9>&-; then
-        "$wine" cmd /c exit </dev/null >/dev/null 2>&1 9>&-
+    marker=$prefix/.kvpcie-session-display
+    if ! "$wineserver" -p60 </dev/null >/dev/null 2>&1 9>&-; then
+        [ "$(cat "$marker" 2>/dev/null)" = "display=${DISPLAY:-}" ] && exit 0
+        "$wineserver" -k 9>&-
+        "$wineserver" -w 9>&-
+        "$wineserver" -p60 </dev/null >/dev/null 2>&1 9>&-
     fi
+    echo "display=${DISPLAY:-}" > "$marker"
+    "$wine" cmd /c exit </dev/null >/dev/null 2>&1 9>&-
 ) 9>"$prefix/.kvpcie-session.lock"
 exec "$wine" "$@"
