@@ -65,10 +65,12 @@ private:
 }  // namespace
 
 const SetupApiCalls& SystemSetupApi() {
-    static const SetupApiCalls calls{
-        &::SetupDiGetClassDevsW,          &::SetupDiEnumDeviceInterfaces,
-        &::SetupDiGetDeviceInterfaceDetailW, &::SetupDiDestroyDeviceInfoList,
-        &AllocateFromProcessHeap,         &ReleaseToProcessHeap};
+    static const SetupApiCalls calls{&::SetupDiGetClassDevsW,
+                                     &::SetupDiEnumDeviceInterfaces,
+                                     &::SetupDiGetDeviceInterfaceDetailW,
+                                     &::SetupDiDestroyDeviceInfoList,
+                                     &AllocateFromProcessHeap,
+                                     &ReleaseToProcessHeap};
     return calls;
 }
 
@@ -80,8 +82,8 @@ const SetupApiCalls*& ListingSetupApi() {
 bool WalkDeviceInterfaces(const SetupApiCalls& api, const GUID& interfaceClass,
                           std::vector<std::string>& paths, ListingStop& stop) {
     stop = ListingStop{};
-    const WalkedSet set(api, api.getClassDevs(&interfaceClass, nullptr, nullptr,
-                                              kPresentInterfaces));
+    const WalkedSet set(api,
+                        api.getClassDevs(&interfaceClass, nullptr, nullptr, kPresentInterfaces));
     if (!set.Valid()) {
         SetLastError(static_cast<int>(::GetLastError()));
         return false;
@@ -103,10 +105,10 @@ bool WalkDeviceInterfaces(const SetupApiCalls& api, const GUID& interfaceClass,
         // A record too small for its own header is refused as invalid data.
         if (sizeError != ERROR_INSUFFICIENT_BUFFER ||
             required < sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W)) {
-            return stopHere(ListingStop::Reason::InterfaceDetail,
-                            static_cast<int>(sizeError == ERROR_INSUFFICIENT_BUFFER
-                                                 ? ERROR_INVALID_DATA
-                                                 : sizeError));
+            return stopHere(
+                ListingStop::Reason::InterfaceDetail,
+                static_cast<int>(sizeError == ERROR_INSUFFICIENT_BUFFER ? ERROR_INVALID_DATA
+                                                                        : sizeError));
         }
         void* storage = api.allocateZeroed(required);
         if (storage == nullptr) {
@@ -116,20 +118,18 @@ bool WalkDeviceInterfaces(const SetupApiCalls& api, const GUID& interfaceClass,
         detail->cbSize = sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W);
         SP_DEVINFO_DATA info{};
         info.cbSize = sizeof info;
-        if (!api.getInterfaceDetail(set.Get(), &interfaceData, detail, required, nullptr,
-                                    &info)) {
+        if (!api.getInterfaceDetail(set.Get(), &interfaceData, detail, required, nullptr, &info)) {
             const int error = static_cast<int>(::GetLastError());
             api.release(storage);
             return stopHere(ListingStop::Reason::InterfaceDetail, error);
         }
         // The path ends within the record, even if the OS did not end it.
         const std::size_t pathChars =
-            (required - offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath)) /
-            sizeof(wchar_t);
+            (required - offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath)) / sizeof(wchar_t);
         try {
-            paths.push_back(Narrow(
-                std::wstring(detail->DevicePath, ::wcsnlen(detail->DevicePath, pathChars))
-                    .c_str()));
+            paths.push_back(
+                Narrow(std::wstring(detail->DevicePath, ::wcsnlen(detail->DevicePath, pathChars))
+                           .c_str()));
         } catch (...) {
             api.release(storage);
             return stopHere(ListingStop::Reason::OutOfMemory, ERROR_NOT_ENOUGH_MEMORY);

@@ -1,8 +1,8 @@
 // Bad input through the public API, one test per row: each gets its clear result (false, 0,
 // null or the error code), and the library still captures, injects and reads registers after it.
-#include "../support/Environment.h"
 #include "../capture/CaptureTestSupport.h"
 #include "../support/Application.h"
+#include "../support/Environment.h"
 #include "../support/TempDir.h"
 
 #include <QCoreApplication>

@@ -1,6 +1,7 @@
 // The facade as a host uses it: no card, the simulated card through KVPCIE_SIM, RIFFA mode, and
 // copies that share one record.
 #include "../support/Environment.h"
+
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 

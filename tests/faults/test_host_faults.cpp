@@ -1,13 +1,12 @@
 // Faults on the host's side, through the facade: the recording folder removed, a full disk, an
 // unwritable log folder, and stops, closes and reopens while frames arrive. Capture must go on
 // without an uncounted gap, nothing may hang, and no frame may reach a stopped channel.
-#include "FaultTestSupport.h"
 #include "../support/FileSizeLimit.h"
+#include "FaultTestSupport.h"
 
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
-
 
 namespace kvpcie::testing {
 namespace {

@@ -2,8 +2,8 @@
 // the accesses the host made to it.
 #pragma once
 
-#include "../support/Environment.h"
 #include "../capture/CaptureTestSupport.h"
+#include "../support/Environment.h"
 #include "../support/TempDir.h"
 
 #include <QDir>

@@ -66,8 +66,9 @@ BOOL WINAPI FakeGetDetail(HDEVINFO, PSP_DEVICE_INTERFACE_DATA data,
                           PSP_DEVINFO_DATA) {
     const DWORD member = static_cast<DWORD>(data->Reserved);
     const std::wstring path = FakePath(member);
-    const DWORD needed = static_cast<DWORD>(offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath) +
-                                            (path.size() + 1) * sizeof(wchar_t));
+    const DWORD needed =
+        static_cast<DWORD>(offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath) +
+                           (path.size() + 1) * sizeof(wchar_t));
     if (detail == nullptr) {
         if (required != nullptr) {
             *required = needed;

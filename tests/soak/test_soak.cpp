@@ -3,9 +3,9 @@
 // few seconds. Every captured frame must be an injected frame in order with its counter stamp
 // right, every frame the card made must be delivered or counted, and threads and heap must come
 // back to where they were. KVPCIE_SOAK_SECONDS sets the length (60).
-#include "../support/Environment.h"
 #include "../capture/CaptureTestSupport.h"
 #include "../support/Application.h"
+#include "../support/Environment.h"
 #include "../support/ProcessCounters.h"
 #include "../support/TempDir.h"
 
