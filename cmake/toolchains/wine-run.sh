@@ -22,4 +22,13 @@ mkdir -p "$prefix"
     echo "display=${DISPLAY:-}" > "$marker"
     "$wine" cmd /c exit </dev/null >/dev/null 2>&1 9>&-
 ) 9>"$prefix/.kvpcie-session.lock"
-exec "$wine" "$@"
+# The program's output goes through files: a Wine process that the program starts, or that
+# Wine starts for it when its session had just ended after all, would otherwise hold the
+# test's pipes open long after the program has exited.
+out=$(mktemp) && err=$(mktemp) || exit 1
+trap 'rm -f "$out" "$err"' EXIT
+"$wine" "$@" >"$out" 2>"$err"
+status=$?
+cat "$out"
+cat "$err" >&2
+exit $status
