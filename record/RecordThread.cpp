@@ -28,10 +28,8 @@ const char* SuffixOf(ePixelType pixelType) {
     }
 }
 
-void MakeDir(const QString& dir) {
-    if (!QDir(dir).exists()) {
-        QDir().mkpath(dir);
-    }
+bool MakeDir(const QString& dir) {
+    return QDir(dir).exists() || QDir().mkpath(dir);
 }
 
 }  // namespace
@@ -81,11 +79,13 @@ void RecordThread::OpenFile() {
         return;
     }
     file_ = std::make_unique<QFile>(takeDir_ + "/" + name);
-    // Not checked further: a file that does not open records nothing, and the thread still
-    // drains the queue so that the capture side never waits.
+    // A file that does not open records nothing, and the thread still drains the queue so that
+    // the capture side never waits; its frames are counted as lost.
     // Unbuffered: a frame goes to the OS in one write without a copy into Qt's buffer, and a
     // full disk cannot make that buffer grow.
-    file_->open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered);
+    if (!file_->open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered)) {
+        takeFailed_ = true;
+    }
 }
 
 void RecordThread::StartRecord() {
@@ -93,24 +93,45 @@ void RecordThread::StartRecord() {
         StopRecord();
     }
     fileIndex_ = 0;
+    takeFailed_ = false;
     frames_.Reset();
-    takeDir_ = recordDir_ + "/" + QDateTime::currentDateTime().toString("yyyyMMdd_hhmmss");
-    MakeDir(takeDir_);
+    const QString stamp =
+        recordDir_ + "/" + QDateTime::currentDateTime().toString("yyyyMMdd_hhmmss");
+    takeDir_ = stamp;
+    for (int take = 2; QDir(takeDir_).exists(); ++take) {
+        takeDir_ = stamp + "_" + QString::number(take);
+    }
+    if (!MakeDir(takeDir_) && !FileName(format_, 0).isEmpty()) {
+        takeFailed_ = true;
+    }
     OpenFile();
     bytesCounted_ = 0;
     recording_.store(true, std::memory_order_release);
     start(QThread::InheritPriority);
 }
 
-void RecordThread::StopRecord() {
+void RecordThread::StopRecord(KvCycleQueue* upstream) {
+    const bool wasRunning = isRunning();
     recording_.store(false, std::memory_order_release);
     wait();
+    if (wasRunning) {
+        while (const char* frame = frames_.PopPtr()) {
+            WriteFrame(frame);
+        }
+        while (const char* frame = upstream != nullptr ? upstream->PopPtr() : nullptr) {
+            WriteFrame(frame);
+        }
+    }
     file_.reset();  // closes it
 }
 
 bool RecordThread::PushFrame(const char* frame) {
     int full = 0;
-    return frames_.Push(frame, frameSize_, full);
+    if (frames_.Push(frame, frameSize_, full)) {
+        return true;
+    }
+    framesLost_.fetch_add(1, std::memory_order_relaxed);
+    return false;
 }
 
 void RecordThread::run() {
@@ -120,18 +141,27 @@ void RecordThread::run() {
             QThread::msleep(1);
             continue;
         }
-        // The size test comes before the write: the frame that passes the limit opens the next
-        // file and is the first one written there.
-        bytesCounted_ += frameSize_;
-        if (bytesCounted_ > sizeLimit_) {
-            ++fileIndex_;
-            OpenFile();
-            bytesCounted_ = 0;
-        }
-        if (file_ != nullptr && file_->isOpen()) {
-            file_->write(frame, frameSize_);  // errors (a full disk) are not fatal: keep draining
-            file_->flush();
-        }
+        WriteFrame(frame);
+    }
+}
+
+void RecordThread::WriteFrame(const char* frame) {
+    // The size test comes before the write: the frame that passes the limit opens the next
+    // file and is the first one written there.
+    bytesCounted_ += frameSize_;
+    if (bytesCounted_ > sizeLimit_) {
+        ++fileIndex_;
+        OpenFile();
+        bytesCounted_ = 0;
+    }
+    // Errors (a full disk) are not fatal: keep draining, and count the frame as lost.
+    const bool written =
+        file_ != nullptr && file_->isOpen() && file_->write(frame, frameSize_) == frameSize_;
+    if (written) {
+        framesWritten_.fetch_add(1, std::memory_order_relaxed);
+        bytesWritten_.fetch_add(static_cast<std::uint64_t>(frameSize_), std::memory_order_relaxed);
+    } else {
+        framesLost_.fetch_add(1, std::memory_order_relaxed);
     }
 }
 

@@ -36,16 +36,21 @@ public:
     // The folder of the takes; created if missing. Applies from the next StartRecord.
     void SetRecordDir(const QString& dir);
 
-    // Opens a new take "<record dir>/<yyyyMMdd_hhmmss>" with file 0 and starts writing. A take
-    // that is running is stopped first. With a pixel type that has no file suffix no file is
-    // created and frames are taken and dropped.
+    // Opens a new take "<record dir>/<yyyyMMdd_hhmmss>" with file 0 and starts writing; a second
+    // take in the same second gets "<yyyyMMdd_hhmmss>_2" and so on, never the first one's file.
+    // A take that is running is stopped first. With a pixel type that has no file suffix no
+    // file is created and frames are taken and dropped.
     void StartRecord();
-    // Ends the writing after the frame in hand, joins the thread and closes the file. Frames
-    // still queued are dropped by the next StartRecord.
-    void StopRecord();
+    // Ends the intake, joins the thread, writes the frames still queued (then those that
+    // `upstream`, a queue that fed this recorder, still holds) and closes the file, so that no
+    // frame of this take goes into the next one.
+    void StopRecord(KvCycleQueue* upstream = nullptr);
+    // True when the last StartRecord could not create its folder or open its file (for a pixel
+    // type that is recorded at all): the take writes nothing.
+    bool TakeFailed() const { return takeFailed_; }
 
-    // Feeding thread: copies one frame in. False (frame lost) when the queue is full or no frame
-    // size is set.
+    // Feeding thread: copies one frame in. False (frame lost, and counted) when the queue is
+    // full or no frame size is set.
     bool PushFrame(const char* frame);
     bool IsRecording() const { return recording_.load(std::memory_order_acquire); }
 
@@ -55,6 +60,12 @@ public:
     // The folder of the current (or last) take.
     QString TakeDir() const { return takeDir_; }
 
+    // Counts over the recorder's life, from any thread: frames and bytes written, and frames
+    // pushed that are in no file (no room in the queue, or a failed write).
+    std::uint64_t FramesWritten() const { return framesWritten_.load(std::memory_order_relaxed); }
+    std::uint64_t BytesWritten() const { return bytesWritten_.load(std::memory_order_relaxed); }
+    std::uint64_t FramesLost() const { return framesLost_.load(std::memory_order_relaxed); }
+
 signals:
     void sendQueueFull(int res);
 
@@ -63,14 +74,19 @@ protected:
 
 private:
     void OpenFile();
+    void WriteFrame(const char* frame);
 
     KvCycleQueue frames_;
     QString recordDir_;
     QString takeDir_;
     std::unique_ptr<QFile> file_;
     int fileIndex_ = 0;
+    bool takeFailed_ = false;
     std::int64_t bytesCounted_ = 0;
     std::atomic<bool> recording_{false};
+    std::atomic<std::uint64_t> framesWritten_{0};
+    std::atomic<std::uint64_t> bytesWritten_{0};
+    std::atomic<std::uint64_t> framesLost_{0};
     int frameSize_ = 0;
     const std::int64_t sizeLimit_;
     const KvFrameFormat format_;
