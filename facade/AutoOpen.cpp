@@ -1,6 +1,8 @@
 // Opening the first XDMA card on demand.
 #include "AutoOpen.h"
 
+#include "ErrorText.h"
+
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
 
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
@@ -14,7 +16,12 @@ bool OpenFirstXdmaCardIfNone(PCIeDataManager& manager) {
     }
     char* paths[xdma::kPathSlots] = {};
     const int found = xdma::XdmaGetDevices(platform::kXdmaInterfaceClass, paths);
-    const bool opened = found > 0 && manager.OpenCard(paths[0]);
+    bool opened = false;
+    if (found <= 0) {
+        SetErrorText("no XDMA card is listed");
+    } else if (!(opened = manager.OpenCard(paths[0]))) {
+        SetErrorText("the first XDMA card, \"%s\", did not open", paths[0]);
+    }
     for (char* path : paths) {
         std::free(path);
     }

@@ -4,5 +4,5 @@
 class PCIeDataManager;
 
 // True when a card is open afterwards: already, or the first listed card opened through
-// `manager.OpenCard`, which creates the engines.
+// `manager.OpenCard`, which creates the engines. False with the reason as the error text.
 bool OpenFirstXdmaCardIfNone(PCIeDataManager& manager);

@@ -1,6 +1,7 @@
 // Turning the arguments of StartCapture into a channel's complete frame format.
 #include "AutoOpen.h"
 #include "CaptureRequest.h"
+#include "ErrorText.h"
 
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaChannelRegisters.h"
 
@@ -19,22 +20,42 @@ constexpr int kMaxGeometryField = 0xFFFF;
 
 bool IsCaptureRequestAcceptable(unsigned channel, int width, int height, ePixelType pixelType,
                                 const char* frameBuffer) {
-    if (channel >= static_cast<unsigned>(kvpcie::xdma::kChannelCount) || frameBuffer == nullptr) {
+    using kvpcie::SetErrorText;
+    if (channel >= static_cast<unsigned>(kvpcie::xdma::kChannelCount)) {
+        SetErrorText("channel %u is outside 0 to 3", channel);
+        return false;
+    }
+    if (frameBuffer == nullptr) {
+        SetErrorText("frameBuffer is null");
         return false;
     }
     if (pixelType < UYVY422 || pixelType > PIXEL32) {
+        SetErrorText("pixel type %d is outside UYVY422 (0) to PIXEL32 (5)",
+                     static_cast<int>(pixelType));
         return false;
     }
-    if (width <= 0 || width > kMaxGeometryField || height <= 0 || height > kMaxGeometryField) {
-        return false;  // the card would get a wrapped geometry word
+    // The card would get a wrapped geometry word.
+    if (width <= 0 || width > kMaxGeometryField) {
+        SetErrorText("width %d is outside 1 to 65535", width);
+        return false;
     }
-    return KvFrameSizeBytes(pixelType, width, height) <= kvpcie::xdma::kCardBufferBytes;
+    if (height <= 0 || height > kMaxGeometryField) {
+        SetErrorText("height %d is outside 1 to 65535", height);
+        return false;
+    }
+    const std::uint64_t bytes = KvFrameSizeBytes(pixelType, width, height);
+    if (bytes > kvpcie::xdma::kCardBufferBytes) {
+        SetErrorText("frame of %s bytes exceeds the 20 MiB card buffer",
+                     kvpcie::GroupedDigits(bytes).c_str());
+        return false;
+    }
+    return true;
 }
 
 bool PCIeDataManager::PreProcCapture(KvFrameFormat& format, unsigned int channel, bool cardTiming,
                                      int width, int height, ePixelType pixelType) {
     if (!OpenFirstXdmaCardIfNone(*this)) {
-        return false;
+        return false;  // the error text is set
     }
     format.channel = channel;
     format.width = width;

@@ -1,8 +1,11 @@
 // The exported facade: card handling, register and memory access, and forwarding to engines.
 #include "AutoOpen.h"
 #include "CaptureRequest.h"
+#include "ErrorText.h"
+#include "InjectRequest.h"
 #include "PCIeDataManagerPrivate.h"
 
+#include "Common/ApplicationDir.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/InjectFormat.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
 
@@ -35,14 +38,51 @@ namespace {
 // The path that an engine-only OpenCard gives the capture engine; no such interface exists, so
 // its event files do not open.
 constexpr const char* kNoCardPath = "7028";
+
+bool ChannelInRange(int channel) {
+    if (channel >= 0 && channel < xdma::kChannelCount) {
+        return true;
+    }
+    SetErrorText("channel %d is outside 0 to 3", channel);
+    return false;
+}
+
+// False, with the reason, when the manager drives RIFFA: the operation is XDMA's.
+bool IsXdma(const PCIeDataManagerPrivate* d, const char* operation) {
+    if (d->framework == XDMA_MM) {
+        return true;
+    }
+    SetErrorText("%s needs the XDMA framework; this manager drives RIFFA", operation);
+    return false;
+}
+
+template <typename Engine>
+bool HasEngine(const std::unique_ptr<Engine>& engine, const char* kind) {
+    if (engine != nullptr) {
+        return true;
+    }
+    SetErrorText("no %s engine: no XDMA card has been opened, or CloseCard closed it", kind);
+    return false;
+}
+
 }  // namespace
+
+const char* PCIeDataManager::LastErrorText() {
+    return ErrorText();
+}
 
 bool PCIeDataManager::OpenCard(char* devicePath) {
     bool opened = true;
     if (devicePath != nullptr) {
         CloseCard();
         opened = xdma::XdmaOpen(devicePath);
+        ClearErrorText();
+        if (!opened) {
+            SetErrorText("the XDMA card \"%s\" did not open; its engines were created anyway",
+                         devicePath);
+        }
     } else {
+        ClearErrorText();
         // Engines that exist are replaced here too, not leaked: their threads must stop.
         d->xdmaInject.reset();
         d->xdmaCapture.reset();
@@ -54,7 +94,13 @@ bool PCIeDataManager::OpenCard(char* devicePath) {
 }
 
 bool PCIeDataManager::OpenCard(int deviceIndex) {
+    ClearErrorText();
     if (d->riffaDevice->Open(deviceIndex) == nullptr) {
+        if (deviceIndex < 0) {
+            SetErrorText("RIFFA device index %d is negative", deviceIndex);
+        } else {
+            SetErrorText("RIFFA device %d is not listed or did not open", deviceIndex);
+        }
         return false;
     }
     // Each engine goes, its logs stopped, before its successor opens them again.
@@ -66,21 +112,42 @@ bool PCIeDataManager::OpenCard(int deviceIndex) {
 }
 
 void PCIeDataManager::CloseCard() {
+    ClearErrorText();
     xdma::XdmaClose();
     d->xdmaCapture.reset();
     d->xdmaInject.reset();
 }
 
 bool PCIeDataManager::IsCardOpen() {
+    ClearErrorText();
     return true;
 }
 
 int PCIeDataManager::GetDevices(char** paths) {
-    return xdma::XdmaGetDevices(platform::kXdmaInterfaceClass, paths);
+    ClearErrorText();
+    if (paths == nullptr) {
+        SetErrorText("paths is null");
+        return 0;
+    }
+    const int found = xdma::XdmaGetDevices(platform::kXdmaInterfaceClass, paths);
+    if (found == 0) {
+        SetErrorText("no XDMA card is listed");
+    }
+    return found;
 }
 
 bool PCIeDataManager::GetDevices(fpga_info_list* list) {
-    return list != nullptr && d->riffaDevice->List(list) == 0;
+    ClearErrorText();
+    if (list == nullptr) {
+        SetErrorText("list is null");
+        return false;
+    }
+    const int result = d->riffaDevice->List(list);
+    if (result != 0) {
+        SetErrorText("listing the RIFFA devices failed with system error %d%s", result,
+                     list->fpgaCount >= 5 ? ": more than five devices are present" : "");
+    }
+    return result == 0;
 }
 
 // ---------------------------------------------------------------- capture
@@ -91,7 +158,8 @@ template <typename Callback, typename Prepare>
 bool StartCaptureWith(PCIeDataManagerPrivate* d, Prepare prepare, unsigned channel, int width,
                       int height, ePixelType pixelType, eErrorCode& error, Callback callback,
                       void* userContext, char* frameBuffer) {
-    if (d->framework != XDMA_MM) {
+    ClearErrorText();
+    if (!IsXdma(d, "StartCapture")) {
         return false;
     }
     KvFrameFormat format;
@@ -101,7 +169,7 @@ bool StartCaptureWith(PCIeDataManagerPrivate* d, Prepare prepare, unsigned chann
         return false;
     }
     error = ERR_NONE;
-    return d->xdmaCapture != nullptr &&
+    return HasEngine(d->xdmaCapture, "capture") &&
            d->xdmaCapture->StartCapture(format, error, callback, userContext, frameBuffer);
 }
 
@@ -130,6 +198,10 @@ bool PCIeDataManager::StartCapture(unsigned int channel, bool cardTiming, int wi
 }
 
 void PCIeDataManager::StopCapture(int channel) {
+    ClearErrorText();
+    if (!ChannelInRange(channel)) {
+        return;
+    }
     if (d->framework == XDMA_MM && d->xdmaCapture != nullptr) {
         d->xdmaCapture->StopCapture(channel);
     } else if (d->framework == RIFFA && d->riffaCapture != nullptr) {
@@ -138,46 +210,82 @@ void PCIeDataManager::StopCapture(int channel) {
 }
 
 bool PCIeDataManager::IsStartCapture(int channel) {
-    return d->xdmaCapture != nullptr && d->xdmaCapture->IsStartCapture(channel);
+    ClearErrorText();
+    if (!ChannelInRange(channel) || !HasEngine(d->xdmaCapture, "capture")) {
+        return false;
+    }
+    const bool started = d->xdmaCapture->IsStartCapture(channel);
+    if (!started) {
+        SetErrorText("channel %d is not capturing", channel);
+    }
+    return started;
 }
 
 bool PCIeDataManager::StartRecord(int channel) {
-    return d->xdmaCapture != nullptr && d->xdmaCapture->StartRecord(channel);
+    ClearErrorText();
+    if (!ChannelInRange(channel) || !HasEngine(d->xdmaCapture, "capture")) {
+        return false;
+    }
+    const bool started = d->xdmaCapture->StartRecord(channel);
+    if (!started && !d->xdmaCapture->IsStartCapture(channel)) {
+        SetErrorText("channel %d is not capturing: start it before recording it", channel);
+    } else if (!started) {
+        SetErrorText(
+            "channel %d's recording folder or file below \"%s/VideoRecord\" could not "
+            "be created",
+            channel, qPrintable(ApplicationDir()));
+    }
+    return started;
 }
 
 void PCIeDataManager::StopRecord(int channel) {
-    if (d->xdmaCapture != nullptr) {
+    ClearErrorText();
+    if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
         d->xdmaCapture->StopRecord(channel);
     }
 }
 
 void PCIeDataManager::ImgSnapShot(int channel) {
-    if (d->xdmaCapture != nullptr) {
+    ClearErrorText();
+    if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
         d->xdmaCapture->ImgSnapShot(channel);
     }
 }
 
 void PCIeDataManager::SetSystemStatusCallback(int channel, SystemStatusCallback callback,
                                               void* userContext, bool enable) {
-    if (d->xdmaCapture != nullptr) {
+    ClearErrorText();
+    if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
         d->xdmaCapture->SetSystemStatusCallback(channel, callback, userContext, enable);
     }
 }
 
 tagCaptureDelayStatusInfo* PCIeDataManager::GetCaptureDelayStatus(int channel) {
-    return d->xdmaCapture != nullptr ? d->xdmaCapture->GetCaptureDelayStatus(channel) : nullptr;
+    ClearErrorText();
+    if (!ChannelInRange(channel) || !HasEngine(d->xdmaCapture, "capture")) {
+        return nullptr;
+    }
+    return d->xdmaCapture->GetCaptureDelayStatus(channel);
 }
 
 void PCIeDataManager::SetImgDisplayDelayTest(int channel, bool enable) {
-    if (d->xdmaCapture != nullptr) {
+    ClearErrorText();
+    if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
         d->xdmaCapture->SetImgDisplayDelayTest(channel, enable);
     }
 }
 
 void PCIeDataManager::SetCaptureFullScreenWgt(int channel, void* widget) {
-    if (d->xdmaCapture != nullptr) {
+    ClearErrorText();
+    if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
         d->xdmaCapture->SetCaptureFullScreenWgt(channel, widget);
     }
+}
+
+bool PCIeDataManager::GetCaptureStatistics(int channel, KvCaptureStatistics& out) {
+    ClearErrorText();
+    return ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture") &&
+           d->xdmaCapture->GetCaptureStatistics(channel, out);
 }
 
 // ---------------------------------------------------------------- injection
@@ -185,7 +293,8 @@ void PCIeDataManager::SetCaptureFullScreenWgt(int channel, void* widget) {
 bool PCIeDataManager::StartInject(unsigned int channel, int frameRate, int width, int height,
                                   ePixelType pixelType, int linePeriod, char* frameData,
                                   eErrorCode& error) {
-    if (d->framework != XDMA_MM) {
+    ClearErrorText();
+    if (!IsXdma(d, "StartInject")) {
         return false;
     }
     KvFrameFormat format;
@@ -200,53 +309,127 @@ bool PCIeDataManager::StartInject(unsigned int channel, int frameRate, int width
     format.injectSyncMode = 0;
     // Refused before any card is opened or touched; a parameter line switched on for the
     // channel is checked by the engine when it starts the channel.
-    if (frameData == nullptr || !xdma::IsInjectFormatAcceptable(format, false) ||
-        !OpenFirstXdmaCardIfNone(*this)) {
+    if (!IsInjectRequestAcceptable(format, frameData) || !OpenFirstXdmaCardIfNone(*this)) {
         error = ERR_NO_CARD;
         return false;
     }
-    if (d->xdmaInject == nullptr) {
+    if (!HasEngine(d->xdmaInject, "inject")) {
         return false;
     }
     error = ERR_NONE;
-    return d->xdmaInject->StartInject(format, frameData, error);
+    if (d->xdmaInject->StartInject(format, frameData, error)) {
+        return true;
+    }
+    if (error == ERR_QUEUE_FULL) {
+        SetErrorText("channel %u's queue holds 15 frames: offer the frame again later", channel);
+    } else {
+        SetErrorText(
+            "channel %u cannot start: the frame with its parameter line exceeds the "
+            "card's limits, or the queue's memory could not be had",
+            channel);
+    }
+    return false;
 }
 
 void PCIeDataManager::StopInject(int channel) {
-    if (d->xdmaInject != nullptr) {
+    ClearErrorText();
+    if (ChannelInRange(channel) && HasEngine(d->xdmaInject, "inject")) {
         d->xdmaInject->StopInject(channel);
     }
 }
 
 bool PCIeDataManager::IsStartInject(int channel) {
-    return d->xdmaInject != nullptr && d->xdmaInject->IsStartInject(channel);
+    ClearErrorText();
+    if (!ChannelInRange(channel) || !HasEngine(d->xdmaInject, "inject")) {
+        return false;
+    }
+    const bool started = d->xdmaInject->IsStartInject(channel);
+    if (!started) {
+        SetErrorText("channel %d is not injecting", channel);
+    }
+    return started;
 }
 
 tagInjectDelayStatusInfo* PCIeDataManager::GetInjectDelayStatus(int channel) {
-    return d->xdmaInject != nullptr ? d->xdmaInject->GetInjectDelayStatus(channel) : nullptr;
+    ClearErrorText();
+    if (!ChannelInRange(channel) || !HasEngine(d->xdmaInject, "inject")) {
+        return nullptr;
+    }
+    return d->xdmaInject->GetInjectDelayStatus(channel);
 }
 
 void PCIeDataManager::SetInjectFullScreenWgt(int channel, void* widget) {
-    if (d->xdmaInject != nullptr) {
+    ClearErrorText();
+    if (ChannelInRange(channel) && HasEngine(d->xdmaInject, "inject")) {
         d->xdmaInject->SetInjectFullScreenWgt(channel, widget);
     }
 }
 
 void PCIeDataManager::UpdateParamSimulate(int channel, bool enable, tagThermalImgParams params) {
-    if (d->xdmaInject != nullptr) {
+    ClearErrorText();
+    if (ChannelInRange(channel) && HasEngine(d->xdmaInject, "inject")) {
         d->xdmaInject->UpdateParamSimulate(channel, enable, params);
     }
 }
 
 bool PCIeDataManager::WriteControlCmd(int channel, QByteArray command) {
-    return d->xdmaInject != nullptr && d->xdmaInject->WriteControlCmd(channel, std::move(command));
+    ClearErrorText();
+    if (!ChannelInRange(channel) || !HasEngine(d->xdmaInject, "inject")) {
+        return false;
+    }
+    const int size = command.size();
+    if (size > xdma::kCommandMaxBytes) {
+        SetErrorText("command of %s bytes exceeds 1,024 bytes",
+                     GroupedDigits(static_cast<std::uint64_t>(size)).c_str());
+        return false;
+    }
+    if (d->xdmaInject->WriteControlCmd(channel, std::move(command))) {
+        return true;
+    }
+    if (size == 0) {
+        SetErrorText("the command is empty: an empty command is never sent");
+    } else {
+        SetErrorText(
+            "the command did not reach channel %d's mailbox within 40 ms; it stays "
+            "pending until the card is free or a newer command replaces it",
+            channel);
+    }
+    return false;
+}
+
+bool PCIeDataManager::GetInjectStatistics(int channel, KvInjectStatistics& out) {
+    ClearErrorText();
+    return ChannelInRange(channel) && HasEngine(d->xdmaInject, "inject") &&
+           d->xdmaInject->GetInjectStatistics(channel, out);
 }
 
 // ---------------------------------------------------------------- registers and memory
 
+namespace {
+
+bool XdmaCardOpen() {
+    if (xdma::XdmaIsOpen()) {
+        return true;
+    }
+    SetErrorText("no XDMA card is open");
+    return false;
+}
+
+bool TransferDone(bool done, const char* direction, unsigned address, unsigned size) {
+    if (!done) {
+        SetErrorText("%s %s bytes at card address 0x%08X failed%s", direction,
+                     GroupedDigits(size).c_str(), address,
+                     address >= 0x80000000u ? ": the address is at or past 2 GiB" : "");
+    }
+    return done;
+}
+
+}  // namespace
+
 unsigned int PCIeDataManager::ReadReg(unsigned int address) {
+    ClearErrorText();
     if (d->framework == XDMA_MM) {
-        return xdma::XdmaIsOpen() ? xdma::XdmaReadReg(address) : 0;
+        return XdmaCardOpen() ? xdma::XdmaReadReg(address) : 0;
     }
     if (d->framework == RIFFA) {
         return d->riffaDevice->ReadReg(address);
@@ -255,12 +438,17 @@ unsigned int PCIeDataManager::ReadReg(unsigned int address) {
 }
 
 int PCIeDataManager::WriteReg(unsigned int address, int value) {
+    ClearErrorText();
     if (d->framework == XDMA_MM) {
-        if (!xdma::XdmaIsOpen()) {
+        if (!XdmaCardOpen()) {
             return 0;
         }
         const auto word = static_cast<unsigned>(value);
-        return xdma::XdmaWriteReg(address, &word);
+        const int result = xdma::XdmaWriteReg(address, &word);
+        if (result != 4) {
+            SetErrorText("writing register 0x%08X failed (%d)", address, result);
+        }
+        return result;
     }
     if (d->framework == RIFFA) {
         d->riffaDevice->WriteReg(static_cast<unsigned>(value), address);
@@ -269,17 +457,30 @@ int PCIeDataManager::WriteReg(unsigned int address, int value) {
 }
 
 bool PCIeDataManager::ReadData(unsigned int address, unsigned int size, unsigned char* buffer) {
-    return buffer != nullptr && xdma::XdmaIsOpen() && xdma::XdmaReadData(address, size, buffer);
+    ClearErrorText();
+    if (buffer == nullptr) {
+        SetErrorText("buffer is null");
+        return false;
+    }
+    return XdmaCardOpen() &&
+           TransferDone(xdma::XdmaReadData(address, size, buffer), "reading", address, size);
 }
 
 bool PCIeDataManager::WriteData(unsigned int address, unsigned int size, unsigned char* buffer) {
-    return buffer != nullptr && xdma::XdmaIsOpen() && xdma::XdmaWriteData(address, size, buffer);
+    ClearErrorText();
+    if (buffer == nullptr) {
+        SetErrorText("buffer is null");
+        return false;
+    }
+    return XdmaCardOpen() &&
+           TransferDone(xdma::XdmaWriteData(address, size, buffer), "writing", address, size);
 }
 
 // ---------------------------------------------------------------- settings
 // Kept by the engines; with none present there is nothing to set.
 
 void PCIeDataManager::SetSaveLog(bool on) {
+    ClearErrorText();
     if (d->xdmaCapture != nullptr) {
         d->xdmaCapture->SetSaveLog(on);
     }
@@ -289,6 +490,7 @@ void PCIeDataManager::SetSaveLog(bool on) {
 }
 
 void PCIeDataManager::SetOsdHidden(bool on) {
+    ClearErrorText();
     if (d->xdmaCapture != nullptr) {
         d->xdmaCapture->SetOsdHidden(on);
     }
@@ -298,6 +500,7 @@ void PCIeDataManager::SetOsdHidden(bool on) {
 }
 
 void PCIeDataManager::SetShowErrorFrame(bool on) {
+    ClearErrorText();
     if (d->xdmaCapture != nullptr) {
         d->xdmaCapture->SetShowErrorFrame(on);
     }

@@ -38,39 +38,53 @@ struct FrameRequest {
     int height;
     ePixelType type;
     bool nullData;
+    const char* reason;  // what LastErrorText says
 };
 
 constexpr FrameRequest kRefusedCaptures[] = {
-    {"CaptureOnChannel4", 4, 0, kWidth, kHeight, Y16, false},
-    {"CaptureOnChannelUintMax", UINT_MAX, 0, kWidth, kHeight, Y16, false},
-    {"CaptureIntoNullBuffer", 0, 0, kWidth, kHeight, Y16, true},
-    {"CaptureWidthZero", 0, 0, 0, kHeight, Y16, false},
-    {"CaptureWidth65536", 0, 0, 65536, 1, Y8, false},
-    {"CaptureHeightNegative", 0, 0, kWidth, -5, Y16, false},
-    {"CaptureHeight65536", 0, 0, 1, 65536, Y8, false},
-    {"CaptureUnknownPixelType", 0, 0, kWidth, kHeight, static_cast<ePixelType>(99), false},
-    {"CaptureNegativePixelType", 0, 0, kWidth, kHeight, static_cast<ePixelType>(-1), false},
-    {"CaptureFrameOver20MiB", 0, 0, 4096, 2561, Y16, false},
-    {"CaptureSizeOverflowingInt", 0, 0, 65535, 65535, PIXEL32, false},
+    {"CaptureOnChannel4", 4, 0, kWidth, kHeight, Y16, false, "channel 4 is outside 0 to 3"},
+    {"CaptureOnChannelUintMax", UINT_MAX, 0, kWidth, kHeight, Y16, false,
+     "channel 4294967295 is outside 0 to 3"},
+    {"CaptureIntoNullBuffer", 0, 0, kWidth, kHeight, Y16, true, "frameBuffer is null"},
+    {"CaptureWidthZero", 0, 0, 0, kHeight, Y16, false, "width 0 is outside 1 to 65535"},
+    {"CaptureWidth65536", 0, 0, 65536, 1, Y8, false, "width 65536 is outside 1 to 65535"},
+    {"CaptureHeightNegative", 0, 0, kWidth, -5, Y16, false, "height -5 is outside 1 to 65535"},
+    {"CaptureHeight65536", 0, 0, 1, 65536, Y8, false, "height 65536 is outside 1 to 65535"},
+    {"CaptureUnknownPixelType", 0, 0, kWidth, kHeight, static_cast<ePixelType>(99), false,
+     "pixel type 99 is outside UYVY422 (0) to PIXEL32 (5)"},
+    {"CaptureNegativePixelType", 0, 0, kWidth, kHeight, static_cast<ePixelType>(-1), false,
+     "pixel type -1 is outside"},
+    {"CaptureFrameOver20MiB", 0, 0, 4096, 2561, Y16, false,
+     "frame of 20,979,712 bytes exceeds the 20 MiB card buffer"},
+    {"CaptureSizeOverflowingInt", 0, 0, 65535, 65535, PIXEL32, false,
+     "frame of 17,179,344,900 bytes exceeds the 20 MiB card buffer"},
 };
 
 constexpr FrameRequest kRefusedInjects[] = {
-    {"InjectOnChannel4", 4, 25, kWidth, kHeight, Y16, false},
-    {"InjectOnChannelUintMax", UINT_MAX, 25, kWidth, kHeight, Y16, false},
-    {"InjectNullFrame", 0, 25, kWidth, kHeight, Y16, true},
-    {"InjectFrameRateZero", 0, 0, kWidth, kHeight, Y16, false},
-    {"InjectFrameRateNegative", 0, -25, kWidth, kHeight, Y16, false},
-    {"InjectPixel32", 0, 25, kWidth, kHeight, PIXEL32, false},
-    {"InjectUnknownPixelType", 0, 25, kWidth, kHeight, static_cast<ePixelType>(99), false},
-    {"InjectWidthZero", 0, 25, 0, kHeight, Y16, false},
-    {"InjectWidth65536", 0, 25, 65536, 1, Y8, false},
-    {"InjectHeight65536", 0, 25, 1, 65536, Y8, false},
-    {"InjectFrameOver20MiB", 0, 25, 4096, 2561, Y16, false},
+    {"InjectOnChannel4", 4, 25, kWidth, kHeight, Y16, false, "channel 4 is outside 0 to 3"},
+    {"InjectOnChannelUintMax", UINT_MAX, 25, kWidth, kHeight, Y16, false,
+     "channel 4294967295 is outside 0 to 3"},
+    {"InjectNullFrame", 0, 25, kWidth, kHeight, Y16, true, "frameData is null"},
+    {"InjectFrameRateZero", 0, 0, kWidth, kHeight, Y16, false, "frame rate 0 is below 1"},
+    {"InjectFrameRateNegative", 0, -25, kWidth, kHeight, Y16, false, "frame rate -25 is below 1"},
+    {"InjectPixel32", 0, 25, kWidth, kHeight, PIXEL32, false, "pixel type 5 cannot be injected"},
+    {"InjectUnknownPixelType", 0, 25, kWidth, kHeight, static_cast<ePixelType>(99), false,
+     "pixel type 99 cannot be injected"},
+    {"InjectWidthZero", 0, 25, 0, kHeight, Y16, false, "width 0 is outside 1 to 65535"},
+    {"InjectWidth65536", 0, 25, 65536, 1, Y8, false, "width 65536 is outside 1 to 65535"},
+    {"InjectHeight65536", 0, 25, 1, 65536, Y8, false, "height 65536 is outside 1 to 65535"},
+    {"InjectFrameOver20MiB", 0, 25, 4096, 2561, Y16, false,
+     "frame of 20,979,712 bytes exceeds the 20 MiB card buffer"},
 };
 
 char* DataFor(const FrameRequest& request) {
     static std::vector<char> frame(kFrameBytes);
     return request.nullData ? nullptr : frame.data();
+}
+
+void ExpectReason(PCIeDataManager& manager, const char* reason) {
+    const std::string text = manager.LastErrorText();
+    EXPECT_EQ(text.rfind(reason, 0), 0u) << "error text: " << text;
 }
 
 // Nothing of a refused request reaches the card, and no channel starts.
@@ -89,6 +103,7 @@ Row CaptureRefused(const FrameRequest& request) {
                                             request.type, error, &FrameSink::OnFrame, nullptr,
                                             DataFor(request)));
                 EXPECT_EQ(error, ERR_NO_CARD);
+                ExpectReason(m, request.reason);
                 ExpectCardUntouched(m);
             }};
 }
@@ -100,6 +115,7 @@ Row InjectRefused(const FrameRequest& request) {
             EXPECT_FALSE(m.StartInject(request.channel, request.rate, request.width, request.height,
                                        request.type, 0, DataFor(request), error));
             EXPECT_EQ(error, ERR_NO_CARD);
+            ExpectReason(m, request.reason);
             ExpectCardUntouched(m);
         }};
 }
@@ -130,6 +146,7 @@ std::vector<Row> MakeRows() {
          [](PCIeDataManager& m) {
              for (int channel : {-1, 4, INT_MIN, INT_MAX}) {
                  m.StopCapture(channel);
+                 ExpectReason(m, ("channel " + std::to_string(channel) + " is outside").c_str());
                  EXPECT_FALSE(m.IsStartCapture(channel));
                  EXPECT_FALSE(m.StartRecord(channel));
                  m.StopRecord(channel);
@@ -140,7 +157,11 @@ std::vector<Row> MakeRows() {
                  m.SetCaptureFullScreenWgt(channel, nullptr);
              }
          }},
-        {"RecordOfAStoppedChannel", [](PCIeDataManager& m) { EXPECT_FALSE(m.StartRecord(2)); }},
+        {"RecordOfAStoppedChannel",
+         [](PCIeDataManager& m) {
+             EXPECT_FALSE(m.StartRecord(2));
+             ExpectReason(m, "channel 2 is not capturing");
+         }},
         {"NullStatusCallbackSwitchedOn",
          [](PCIeDataManager& m) {
              // Taken as switched off: the card's block waits in its mailbox for a callback.
@@ -179,6 +200,7 @@ std::vector<Row> MakeRows() {
              std::vector<char> frame(4096 * 2561 * 2);
              EXPECT_FALSE(m.StartInject(0, 25, 4096, 2560, Y16, 0, frame.data(), error));
              EXPECT_EQ(error, ERR_NONE);
+             ExpectReason(m, "channel 0 cannot start: the frame with its parameter line");
              ExpectCardUntouched(m);
              m.StopInject(0);
          }},
@@ -186,6 +208,7 @@ std::vector<Row> MakeRows() {
          [](PCIeDataManager& m) {
              for (int channel : {-1, 4, INT_MIN, INT_MAX}) {
                  m.StopInject(channel);
+                 ExpectReason(m, ("channel " + std::to_string(channel) + " is outside").c_str());
                  EXPECT_FALSE(m.IsStartInject(channel));
                  EXPECT_EQ(m.GetInjectDelayStatus(channel), nullptr);
                  m.SetInjectFullScreenWgt(channel, nullptr);
@@ -195,29 +218,44 @@ std::vector<Row> MakeRows() {
 
         // --- commands
         {"CommandOnChannel4",
-         [](PCIeDataManager& m) { EXPECT_FALSE(m.WriteControlCmd(4, QByteArray(4, 1))); }},
+         [](PCIeDataManager& m) {
+             EXPECT_FALSE(m.WriteControlCmd(4, QByteArray(4, 1)));
+             ExpectReason(m, "channel 4 is outside 0 to 3");
+         }},
         {"CommandOnChannelMinus1",
          [](PCIeDataManager& m) { EXPECT_FALSE(m.WriteControlCmd(-1, QByteArray(4, 1))); }},
         {"CommandEmpty",
-         [](PCIeDataManager& m) { EXPECT_FALSE(m.WriteControlCmd(0, QByteArray())); }},
+         [](PCIeDataManager& m) {
+             EXPECT_FALSE(m.WriteControlCmd(0, QByteArray()));
+             ExpectReason(m, "the command is empty");
+         }},
         {"CommandOf1025Bytes",
          [](PCIeDataManager& m) {
              EXPECT_FALSE(m.WriteControlCmd(0, QByteArray(1025, 1)));
+             ExpectReason(m, "command of 1,025 bytes exceeds 1,024 bytes");
              std::uint32_t taken = 1;
              EXPECT_TRUE(
                  KvPCIeSim::PeekRegister(0, ControlBlock(0) + KvPCIeSim::kCtlCommandsTaken, taken));
              EXPECT_EQ(taken, 0u);
              EXPECT_TRUE(m.WriteControlCmd(0, QByteArray(1024, 1)));  // the limit itself goes
+             EXPECT_STREQ(m.LastErrorText(), "");
          }},
 
         // --- registers and memory
-        {"ReadDataIntoNull", [](PCIeDataManager& m) { EXPECT_FALSE(m.ReadData(0, 16, nullptr)); }},
+        {"ReadDataIntoNull",
+         [](PCIeDataManager& m) {
+             EXPECT_FALSE(m.ReadData(0, 16, nullptr));
+             ExpectReason(m, "buffer is null");
+         }},
         {"WriteDataFromNull",
          [](PCIeDataManager& m) { EXPECT_FALSE(m.WriteData(0, 16, nullptr)); }},
         {"ReadDataAt2GiB",
          [](PCIeDataManager& m) {
              unsigned char buffer[16] = {};
              EXPECT_FALSE(m.ReadData(0x80000000u, sizeof buffer, buffer));
+             ExpectReason(m,
+                          "reading 16 bytes at card address 0x80000000 failed: the address is "
+                          "at or past 2 GiB");
          }},
         {"WriteDataPastTheEndOfCardMemory",
          [](PCIeDataManager& m) {
@@ -241,7 +279,9 @@ std::vector<Row> MakeRows() {
          [](PCIeDataManager& m) {
              char missing[] = "sim:xdma7";
              EXPECT_FALSE(m.OpenCard(missing));
+             ExpectReason(m, "the XDMA card \"sim:xdma7\" did not open");
              EXPECT_EQ(m.ReadReg(KvPCIeSim::kRegIdentity), 0u);  // the old card was closed
+             ExpectReason(m, "no XDMA card is open");
          }},
         {"FifthXdmaCardIsNotListed",
          [](PCIeDataManager& m) {
@@ -261,12 +301,17 @@ std::vector<Row> MakeRows() {
              EXPECT_EQ(list.fpgaCount, 5);
              EXPECT_STREQ(list.name[4], "KvSimRiffa");
          }},
-        {"RiffaDeviceIndexNegative", [](PCIeDataManager& m) { EXPECT_FALSE(m.OpenCard(-1)); }},
+        {"RiffaDeviceIndexNegative",
+         [](PCIeDataManager& m) {
+             EXPECT_FALSE(m.OpenCard(-1));
+             ExpectReason(m, "RIFFA device index -1 is negative");
+         }},
         {"RiffaDeviceIndexNotPresent", [](PCIeDataManager& m) { EXPECT_FALSE(m.OpenCard(9)); }},
         {"CpuCoreOutsideTheTable",
          [](PCIeDataManager& m) {
              m.ResetUsedCpuCoreIndex(UINT_MAX);
              m.ResetUsedCpuCoreIndex(4096);
+             ExpectReason(m, "core 4096 is outside the table");
          }},
     };
     rows.insert(rows.end(), others.begin(), others.end());

@@ -104,6 +104,12 @@ TEST_F(HostFaults, AFullDiskStopsTheRecordingFileButNeverTheCapture) {
     // Full: the frames that fitted are there, and nothing went past the limit.
     EXPECT_GE(files[0].size, static_cast<qint64>(10 * kFaultFrameBytes));
     EXPECT_LE(files[0].size, static_cast<qint64>(kLimit));
+    // The statistics count the whole frames written and every frame that did not fit.
+    KvCaptureStatistics stats;
+    ASSERT_TRUE(manager.GetCaptureStatistics(0, stats));
+    EXPECT_EQ(stats.framesRecorded, 10u);
+    EXPECT_EQ(stats.bytesRecorded, 10 * kFaultFrameBytes);
+    EXPECT_GE(stats.framesNotRecorded, 70u);  // at least 80 came while it recorded
 }
 
 TEST_F(HostFaults, AnUnwritableLogFolderLeavesCaptureWhole) {

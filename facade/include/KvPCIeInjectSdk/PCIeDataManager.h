@@ -10,13 +10,15 @@
 // CloseCard before you drop the last copy to stop the engines' threads.
 //
 // Results. Nothing throws. Operations that forward to a capture or inject engine do nothing and
-// return false, 0 or null while no engine exists (before OpenCard, after CloseCard).
+// return false, 0 or null while no engine exists (before OpenCard, after CloseCard). After a
+// call that failed, LastErrorText says why in one line.
 //
 // Simulated card. With KVPCIE_SIM=1 in the environment (or through KvPCIeSimulation.h) a
 // simulated card is listed after the real ones as "sim:xdma0" and behaves like a card.
 #pragma once
 
 #include <KvPCIeInjectSdk/KvPCIeInjectSdkGlobal.h>
+#include <KvPCIeInjectSdk/KvPCIeStatistics.h>
 #include <KvPCIeInjectSdk/KvPCIeTypes.h>
 
 #include <QByteArray>
@@ -150,6 +152,18 @@ public:
     void SetSaveLog(bool on);
     void SetOsdHidden(bool on);
     void SetShowErrorFrame(bool on);
+
+    // --- statistics and error texts ---
+    // The channel's stream counts (KvPCIeStatistics.h says what each counts and since when).
+    // False for a channel outside 0 to 3 and while no engine exists. From any thread; the
+    // frame paths count without a lock, so reading costs them nothing.
+    bool GetCaptureStatistics(int channel, KvCaptureStatistics& out);
+    bool GetInjectStatistics(int channel, KvInjectStatistics& out);
+    // Why the calling thread's last call on a PCIeDataManager failed, in one English line
+    // ("channel 7 is outside 0 to 3"); "" after a call that succeeded. Kept per thread, as
+    // errno is; valid until the thread's next call. The error codes and messages of the other
+    // operations are unchanged by it.
+    const char* LastErrorText();
 
     // --- CPU cores for pinned worker threads ---
     // The lowest free core, now marked used; 0 (shared) when every core is in use.

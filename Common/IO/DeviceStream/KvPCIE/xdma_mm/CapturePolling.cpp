@@ -41,6 +41,7 @@ void DataCapture4XdmaMM::PollingLoop() {
             std::lock_guard<std::mutex> turn(state.turnLock);
             if (state.started.load(std::memory_order_acquire)) {
                 PollChannel(c);
+                state.counters.UpdateRate(CaptureCounters::Clock::now());
             }
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -110,19 +111,30 @@ void DataCapture4XdmaMM::HandleBuffer(int c, Channel& state, unsigned buffer,
             kPortPrefix, c, buffer, statusAddress);
         log_->WriteLog(line);
     }
+    CaptureCounters& counts = state.counters;
     if (!ok) {
+        counts.failed.Add();
         log_->WriteLog(kCaptureFailed);
         return;
     }
+    const bool errorFrame = (status & kStatusErrorFrame) != 0;
+    const auto callbackStart = CaptureCounters::Clock::now();
     if (state.frameCallback != nullptr) {
         state.frameCallback(c, state.frameBuffer, state.frameContext);
     } else if (state.frameCallbackEx != nullptr) {
-        state.frameCallbackEx(c, state.frameBuffer, state.frameContext,
-                              (status & kStatusErrorFrame) != 0);
+        state.frameCallbackEx(c, state.frameBuffer, state.frameContext, errorFrame);
     }
+    const auto callbackTime = CaptureCounters::Clock::now() - callbackStart;
+    counts.callbackMicrosMax.Raise(static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(callbackTime).count()));
+    counts.delivered.Add();
+    counts.errorFrames.Add(errorFrame ? 1 : 0);
+    counts.lastCardBuffer.store(static_cast<std::int32_t>(buffer), std::memory_order_relaxed);
     if (state.recorder != nullptr && state.recorder->IsRecording()) {
         int full = 0;
-        state.recordQueue->Push(state.frameBuffer, state.frameSize, full);
+        if (!state.recordQueue->Push(state.frameBuffer, state.frameSize, full)) {
+            counts.notQueuedForRecording.Add();
+        }
     }
 }
 

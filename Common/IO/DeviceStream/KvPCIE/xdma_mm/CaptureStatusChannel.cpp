@@ -74,7 +74,10 @@ void DataCapture4XdmaMM::ReadStatusBlock(int c, StatusDataBuffer& buffer) {
     for (int k = 0; k < words; ++k) {
         XdmaReadUser(block + kCapStatusData + 4 * static_cast<std::uint32_t>(k), bytes + 4 * k, 4);
     }
-    buffer.Append(bytes, length);  // a block that would overflow the buffer is dropped whole
+    // A block that would overflow the buffer is dropped whole.
+    if (!buffer.Append(bytes, length)) {
+        channels_[c].counters.statusBytesDropped.Add(static_cast<std::uint64_t>(length));
+    }
     const unsigned taken = 0;
     XdmaWriteReg(block + kCapStatusControl, &taken);
 }
@@ -95,6 +98,7 @@ void DataCapture4XdmaMM::OnSlotCaptureCmdDataTimeOut() {
         }
         const QByteArray data = buffer->Take();
         if (callback != nullptr) {
+            channels_[c].counters.statusBytesDelivered.Add(static_cast<std::uint64_t>(data.size()));
             callback(c, data, context);
         }
     }

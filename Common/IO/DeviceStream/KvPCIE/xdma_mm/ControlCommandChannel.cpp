@@ -39,9 +39,13 @@ bool DataInject4XdmaMM::WriteControlCmd(int channel, QByteArray command) {
         return false;
     }
     const auto c = static_cast<unsigned>(channel);
+    // Printed outside every lock: a stalled stderr must not hold up the other callers.
+    EmitCommandMessage("1.Call WriteControlCmd: ");
     {
         std::lock_guard<std::mutex> lock(cmdLock_);
-        EmitCommandMessage("1.Call WriteControlCmd: ");
+        if (!cmdSent_[c].load(std::memory_order_acquire) && !cmdData_[c].isEmpty()) {
+            cmdCounters_[c].replaced.Add();
+        }
         cmdData_[c] = std::move(command);
         ++cmdGeneration_[c];
         cmdSent_[c].store(false, std::memory_order_release);
@@ -51,9 +55,15 @@ bool DataInject4XdmaMM::WriteControlCmd(int channel, QByteArray command) {
         }
         cmdWakeUp_.notify_one();
     }
-    std::unique_lock<std::mutex> done(cmdDoneLock_);
-    const bool sent = cmdDone_.wait_for(
-        done, kCommandWait, [&] { return cmdSent_[c].load(std::memory_order_acquire); });
+    bool sent = false;
+    {
+        std::unique_lock<std::mutex> done(cmdDoneLock_);
+        sent = cmdDone_.wait_for(done, kCommandWait,
+                                 [&] { return cmdSent_[c].load(std::memory_order_acquire); });
+    }
+    if (!sent) {
+        cmdCounters_[c].notSentInTime.Add();
+    }
     EmitCommandMessage("4.WriteControlCmd Function return true: ", "\n\n");
     return sent;
 }
@@ -112,6 +122,7 @@ bool DataInject4XdmaMM::SendPendingCommand(unsigned c) {
     }
     const unsigned control = static_cast<unsigned>(length - 1) | kCommandBusy;
     XdmaWriteReg(block + kInjCommandControl, &control);
+    cmdCounters_[c].sent.Add();
     {
         // A command handed in while this one went out stays pending: its caller must not be
         // told that the older one was its own.

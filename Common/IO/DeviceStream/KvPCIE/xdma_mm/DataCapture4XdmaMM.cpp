@@ -98,7 +98,10 @@ bool DataCapture4XdmaMM::StartChannel(const KvFrameFormat& format, CaptureFrameC
     const int frameSize = static_cast<int>(
         KvFrameSizeBytes(format.pixelType, format.width, format.height, format.paramLines));
     // A restart of a recording channel stops its recorder before the recorder is replaced.
-    StopRecorder(state);
+    {
+        std::lock_guard<std::mutex> record(state.recordLock);
+        StopRecorder(state);
+    }
     {
         std::lock_guard<std::mutex> turn(state.turnLock);
         std::lock_guard<std::mutex> record(state.recordLock);
@@ -112,6 +115,7 @@ bool DataCapture4XdmaMM::StartChannel(const KvFrameFormat& format, CaptureFrameC
             state.frameBuffer = frameBuffer;
         }
         state.lastHandledBuffer = -1;
+        state.counters.ResetFrames(CaptureCounters::Clock::now());
         state.format = format;
         state.frameSize = frameSize;
         state.recorder = std::make_unique<RecordThread>(format);
@@ -164,6 +168,7 @@ void DataCapture4XdmaMM::StopCapture(int c) {
     {
         std::lock_guard<std::mutex> turn(state.turnLock);
         state.started.store(false, std::memory_order_release);
+        state.counters.framesPerSecond.store(0.0, std::memory_order_relaxed);
         state.frameSize = 0;
         state.delayTest = false;
         state.delayTestCount = 0;
@@ -222,16 +227,29 @@ bool DataCapture4XdmaMM::StartRecord(int c) {
     if (!ValidChannel(c)) {
         return false;
     }
+    Channel& state = channels_[c];
+    // Refused before anything starts: no recording thread for a channel that is not capturing.
+    if (!state.started.load(std::memory_order_acquire) || state.recorder == nullptr) {
+        return false;
+    }
     if (!recordingThread_.IsRunning()) {
         recordingThread_.Start(cores_, [this] { RecordingLoop(); });
     }
-    Channel& state = channels_[c];
-    if (!state.started.load(std::memory_order_acquire) || state.recorder == nullptr) {
-        return false;
+    {
+        // Frames that came after an earlier take ended belong to no take.
+        std::lock_guard<std::mutex> record(state.recordLock);
+        StopRecorder(state);
+        state.counters.notQueuedForRecording.Add(
+            static_cast<std::uint64_t>(state.recordQueue->Size()));
+        state.recordQueue->Reset();
     }
     state.recorder->SetRecordDir(ApplicationDir() + "/VideoRecord/Capture" +
                                  QString::number(c + 1));
     state.recorder->StartRecord();
+    if (state.recorder->TakeFailed()) {
+        StopRecord(c);
+        return false;
+    }
     return true;
 }
 
@@ -239,8 +257,9 @@ void DataCapture4XdmaMM::StopRecord(int c) {
     if (!ValidChannel(c)) {
         return;
     }
-    if (channels_[c].recorder != nullptr) {
-        channels_[c].recorder->StopRecord();
+    {
+        std::lock_guard<std::mutex> record(channels_[c].recordLock);
+        StopRecorder(channels_[c]);
     }
     if (!AnyRecorderRecording()) {
         recordingThread_.Stop();
@@ -248,9 +267,11 @@ void DataCapture4XdmaMM::StopRecord(int c) {
 }
 
 void DataCapture4XdmaMM::StopRecorder(Channel& state) {
+    // The frames still on their way (in the engine's queue and the recorder's) are written
+    // before it returns.
     if (state.recorder != nullptr &&
         (state.recorder->IsRecording() || state.recorder->isRunning())) {
-        state.recorder->StopRecord();
+        state.recorder->StopRecord(state.recordQueue.get());
     }
 }
 
@@ -293,6 +314,31 @@ void DataCapture4XdmaMM::FeedRecorder(Channel& state) {
 }
 
 // ---------------------------------------------------------------- settings and read-back
+
+bool DataCapture4XdmaMM::GetCaptureStatistics(int c, KvCaptureStatistics& out) {
+    if (!ValidChannel(c)) {
+        return false;
+    }
+    const Channel& state = channels_[c];
+    const CaptureCounters& counts = state.counters;
+    out = KvCaptureStatistics{};
+    out.framesDelivered = counts.delivered.Get();
+    out.framesFailed = counts.failed.Get();
+    out.errorFrames = counts.errorFrames.Get();
+    out.framesNotRecorded = counts.notQueuedForRecording.Get();
+    // Only this thread replaces the recorder, so it stays put while it is read.
+    if (state.recorder != nullptr) {
+        out.framesRecorded = state.recorder->FramesWritten();
+        out.bytesRecorded = state.recorder->BytesWritten();
+        out.framesNotRecorded += state.recorder->FramesLost();
+    }
+    out.framesPerSecond = counts.framesPerSecond.load(std::memory_order_relaxed);
+    out.callbackMicrosMax = counts.callbackMicrosMax.Get();
+    out.lastCardBuffer = counts.lastCardBuffer.load(std::memory_order_relaxed);
+    out.statusBytesDelivered = counts.statusBytesDelivered.Get();
+    out.statusBytesDropped = counts.statusBytesDropped.Get();
+    return true;
+}
 
 tagCaptureDelayStatusInfo* DataCapture4XdmaMM::GetCaptureDelayStatus(int c) {
     if (!ValidChannel(c)) {

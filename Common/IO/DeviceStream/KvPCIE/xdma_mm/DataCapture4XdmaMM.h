@@ -4,6 +4,7 @@
 #pragma once
 
 #include "StatusDataBuffer.h"
+#include "StreamCounters.h"
 #include "XdmaChannelRegisters.h"
 
 #include "Common/AutoResetEvent.h"
@@ -14,6 +15,7 @@
 #include "EventFile.h"
 #include "record/RecordThread.h"
 
+#include <KvPCIeInjectSdk/KvPCIeStatistics.h>
 #include <KvPCIeInjectSdk/KvPCIeTypes.h>
 
 #include <QObject>
@@ -41,8 +43,8 @@ public:
     ~DataCapture4XdmaMM() override;
 
     // Always true for a channel 0 to 3: the facade has refused bad input before.
-    bool StartCapture(const KvFrameFormat& format, eErrorCode& error,
-                      CaptureFrameCallback callback, void* userContext, char* frameBuffer);
+    bool StartCapture(const KvFrameFormat& format, eErrorCode& error, CaptureFrameCallback callback,
+                      void* userContext, char* frameBuffer);
     bool StartCapture(const KvFrameFormat& format, eErrorCode& error,
                       CaptureFrameCallbackEx callback, void* userContext, char* frameBuffer);
     // When it returns, the channel's buffer and callbacks are no longer used. Not from a frame
@@ -61,6 +63,9 @@ public:
 
     void SetSystemStatusCallback(int channel, SystemStatusCallback callback, void* userContext,
                                  bool enable);
+
+    // The channel's counts since its last start; false for a channel outside 0 to 3.
+    bool GetCaptureStatistics(int channel, KvCaptureStatistics& out);
 
     void SetSaveLog(bool on) { saveLog_.store(on, std::memory_order_relaxed); }
     void SetOsdHidden(bool on) { osdHidden_ = on; }
@@ -90,6 +95,7 @@ private:
         std::unique_ptr<EventFile> eventFile;
         PinnedWorker eventThread;
         AutoResetEvent eventObject;
+        CaptureCounters counters;
         bool snapshotRequest = false;
         bool delayTest = false;
         int delayTestCount = 0;

@@ -77,6 +77,7 @@ bool DataInject4XdmaMM::StartInject(const KvFrameFormat& format, const char* fra
         std::this_thread::sleep_for(kChannelSettleTime);
         {
             std::lock_guard<std::mutex> turn(state.turnLock);
+            state.counters.ResetFrames();
             state.lastBufferIndex = -1;
             state.injecting.store(true, std::memory_order_release);
         }
@@ -91,11 +92,16 @@ bool DataInject4XdmaMM::StartInject(const KvFrameFormat& format, const char* fra
     // Only this thread creates or drops the queue, so it stays put while we use it.
     KvCycleQueue& queue = *state.queue;
     if (queue.Size() >= kInjectQueueLimit) {
+        state.counters.refused.Add();
         error = ERR_QUEUE_FULL;
         return false;
     }
     int full = 0;
-    return queue.Push(frameData, state.frameSize, full);
+    if (!queue.Push(frameData, state.frameSize, full)) {
+        return false;
+    }
+    state.counters.queued.Add();
+    return true;
 }
 
 bool DataInject4XdmaMM::InitInjectChannel(const KvFrameFormat& format) {
@@ -160,6 +166,9 @@ void DataInject4XdmaMM::StopInject(int channel) {
         state.frameSize = 0;
         state.transferSize = 0;
         state.frameCounter = 0;
+        if (state.queue != nullptr) {
+            state.counters.droppedAtStop.Add(static_cast<std::uint64_t>(state.queue->Size()));
+        }
         state.queue.reset();
     }
     std::this_thread::sleep_for(kChannelSettleTime);
@@ -208,6 +217,32 @@ tagInjectDelayStatusInfo* DataInject4XdmaMM::GetInjectDelayStatus(int channel) {
         }
     }
     return delayStatus_.data();
+}
+
+bool DataInject4XdmaMM::GetInjectStatistics(int channel, KvInjectStatistics& out) {
+    if (!ValidChannel(channel)) {
+        return false;
+    }
+    Channel& state = channels_[channel];
+    const InjectCounters& counts = state.counters;
+    out = KvInjectStatistics{};
+    out.framesQueued = counts.queued.Get();
+    out.framesRefused = counts.refused.Get();
+    out.framesToCard = counts.toCard.Get();
+    out.transfersFailed = counts.transfersFailed.Get();
+    out.framesDroppedAtStop = counts.droppedAtStop.Get();
+    out.periodsWithoutFrame = counts.periodsWithoutFrame.Get();
+    {
+        // The queue is replaced only under the turn lock.
+        std::lock_guard<std::mutex> turn(state.turnLock);
+        out.framesWaiting =
+            state.queue != nullptr ? static_cast<std::uint32_t>(state.queue->Size()) : 0;
+    }
+    const CommandCounters& commands = cmdCounters_[static_cast<std::size_t>(channel)];
+    out.commandsSent = commands.sent.Get();
+    out.commandsNotSentInTime = commands.notSentInTime.Get();
+    out.commandsReplaced = commands.replaced.Get();
+    return true;
 }
 
 void DataInject4XdmaMM::SetInjectFullScreenWgt(int channel, void* widget) {

@@ -3,6 +3,7 @@
 // command channel.
 #pragma once
 
+#include "StreamCounters.h"
 #include "XdmaChannelRegisters.h"
 
 #include "Common/CpuCoreSource.h"
@@ -10,6 +11,7 @@
 #include "Common/LogFile.h"
 #include "Common/PinnedWorker.h"
 
+#include <KvPCIeInjectSdk/KvPCIeStatistics.h>
 #include <KvPCIeInjectSdk/KvPCIeTypes.h>
 
 #include <QByteArray>
@@ -59,6 +61,10 @@ public:
     // more than 1,024 bytes are refused at once; an empty one is never sent.
     bool WriteControlCmd(int channel, QByteArray command);
 
+    // The channel's frame counts since its last start and command counts since the engine was
+    // made; false for a channel outside 0 to 3. From any thread.
+    bool GetInjectStatistics(int channel, KvInjectStatistics& out);
+
     void SetSaveLog(bool on) { saveLog_ = on; }
     void SetOsdHidden(bool on) { osdHidden_ = on; }
 
@@ -79,6 +85,7 @@ private:
         int transferSize = 0;
         std::unique_ptr<KvCycleQueue> queue;
         std::uint32_t frameCounter = 0;
+        InjectCounters counters;
     };
 
     bool InitInjectChannel(const KvFrameFormat& format);
@@ -114,6 +121,7 @@ private:
     // Counts the commands handed in per channel, so that a command replaced while the worker
     // sent it is not reported as sent.
     std::array<std::uint64_t, kChannelCount> cmdGeneration_{};
+    std::array<CommandCounters, kChannelCount> cmdCounters_;
     std::mutex cmdLock_;
     std::condition_variable cmdWakeUp_;
     std::mutex cmdDoneLock_;

@@ -57,9 +57,15 @@ bool DataInject4XdmaMM::ServeChannel(unsigned c) {
     }
     XdmaWriteRegValue(status, kStatusHostWriting);
     if (frame != nullptr) {
-        // A failed transfer is not reported: the card would replay the buffer's old contents,
-        // which is what it does on an empty queue too.
-        XdmaWriteData(InjectBufferAddress(c, b), static_cast<unsigned>(state.frameSize), frame);
+        // A failed transfer is only counted: the card replays the buffer's old contents, which
+        // is what it does on an empty queue too.
+        state.counters.toCard.Add();
+        if (!XdmaWriteData(InjectBufferAddress(c, b), static_cast<unsigned>(state.frameSize),
+                           frame)) {
+            state.counters.transfersFailed.Add();
+        }
+    } else {
+        state.counters.periodsWithoutFrame.Add();
     }
     XdmaWriteRegValue(status, kStatusInjectReady);
     XdmaWriteRegValue(block + InjBufferLength(b), static_cast<std::uint32_t>(state.transferSize));

@@ -1,0 +1,329 @@
+// Stream statistics through the facade, each count checked against what the simulated card
+// itself counted, and the error texts of calls that succeed.
+#include "../inject/InjectTestSupport.h"
+#include "../support/Application.h"
+
+#include <QCoreApplication>
+#include <QDirIterator>
+#include <QFile>
+
+#include <algorithm>
+
+namespace kvpcie::testing {
+namespace {
+
+using KvPCIeSim::kCtlCommandBusyMicros;
+using KvPCIeSim::kCtlCommandsTaken;
+using KvPCIeSim::kCtlErrorFrameEvery;
+using KvPCIeSim::kCtlFramesProduced;
+using KvPCIeSim::kCtlInjectPlayed;
+
+constexpr int kWidth = 64;
+constexpr int kHeight = 48;
+constexpr std::size_t kFrameBytes = kWidth * kHeight * 2;  // Y16
+
+// Without an application object: recordings then go below the scratch directory.
+class Statistics : public InjectTest {
+protected:
+    // Through the host's path: the card acts on writes to its control block.
+    void Write(std::uint32_t address, std::uint32_t value) {
+        ASSERT_EQ(manager.WriteReg(address, static_cast<int>(value)), 4);
+    }
+    bool StartQuiet(int channel, FrameSink& sink) {
+        Write(ControlBlock(channel) + kCtlExternalRate, 0);
+        eErrorCode error = ERR_NO_CARD;
+        return manager.StartCapture(channel, false, kWidth, kHeight, Y16, error,
+                                    &FrameSink::OnFrameEx, &sink, sink.buffer.data());
+    }
+    KvCaptureStatistics CaptureStats(int channel) {
+        KvCaptureStatistics stats;
+        EXPECT_TRUE(manager.GetCaptureStatistics(channel, stats));
+        return stats;
+    }
+    KvInjectStatistics InjectStats(int channel) {
+        KvInjectStatistics stats;
+        EXPECT_TRUE(manager.GetInjectStatistics(channel, stats));
+        return stats;
+    }
+};
+
+TEST_F(Statistics, CaptureCountsMatchTheCardsAndStartAgainWithEachStart) {
+    FrameSink sink(kFrameBytes);
+    ASSERT_TRUE(StartQuiet(2, sink));
+    EXPECT_STREQ(manager.LastErrorText(), "");
+    KvCaptureStatistics stats = CaptureStats(2);
+    EXPECT_EQ(stats.framesDelivered, 0u);
+    EXPECT_EQ(stats.lastCardBuffer, -1);
+
+    Write(ControlBlock(2) + kCtlErrorFrameEvery, 3);
+    Write(ControlBlock(2) + kCtlDmaFaults, 2);
+    ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 2, 8));
+    ASSERT_TRUE(WaitFor([&] { return CaptureStats(2).framesDelivered == 6; }));
+    ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 2, 3));
+    ASSERT_TRUE(WaitFor([&] { return CaptureStats(2).framesDelivered == 9; }));
+    stats = CaptureStats(2);
+    EXPECT_EQ(Peek(ControlBlock(2) + kCtlFramesProduced), 11u);
+    EXPECT_EQ(Peek(ControlBlock(2) + kCtlFramesDropped), 0u);
+    EXPECT_EQ(stats.framesDelivered, static_cast<std::uint64_t>(sink.delivered.load()));
+    EXPECT_EQ(stats.framesFailed, 2u);
+    // Frames 2, 5 and 8 are flagged; the two that failed (0 and 1) were not.
+    std::uint64_t flagged = 0;
+    {
+        std::lock_guard<std::mutex> lock(sink.mutex);
+        for (bool flag : sink.flags) {
+            flagged += flag ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(flagged, 3u);
+    EXPECT_EQ(stats.errorFrames, flagged);
+    EXPECT_EQ(stats.lastCardBuffer, 10 % 8);
+    EXPECT_EQ(stats.framesRecorded + stats.framesNotRecorded, 0u);
+
+    // A start begins every frame count again; the card's own counts too.
+    manager.StopCapture(2);
+    EXPECT_EQ(CaptureStats(2).framesDelivered, 9u) << "kept after the stop";
+    EXPECT_EQ(CaptureStats(2).framesPerSecond, 0.0);
+    FrameSink again(kFrameBytes);
+    ASSERT_TRUE(StartQuiet(2, again));
+    stats = CaptureStats(2);
+    EXPECT_EQ(stats.framesDelivered + stats.framesFailed + stats.errorFrames, 0u);
+    EXPECT_EQ(stats.lastCardBuffer, -1);
+    manager.StopCapture(2);
+}
+
+TEST_F(Statistics, TheLongestCallbackAndTheRateAreMeasured) {
+    struct SlowSink : FrameSink {
+        using FrameSink::FrameSink;
+        static void OnFrame(int channel, const char* frame, void* context) {
+            auto* sink = static_cast<SlowSink*>(context);
+            if (sink->delivered == 3) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(15));
+            }
+            sink->Take(channel, frame, false);
+        }
+    } sink(kFrameBytes);
+    Write(ControlBlock(1) + kCtlExternalRate, 50);
+    eErrorCode error = ERR_NO_CARD;
+    ASSERT_TRUE(manager.StartCapture(1, false, kWidth, kHeight, Y16, error, &SlowSink::OnFrame,
+                                     &sink, sink.buffer.data()));
+    ASSERT_TRUE(
+        WaitFor([&] { return CaptureStats(1).framesPerSecond > 0.0; }, std::chrono::seconds(5)));
+    const KvCaptureStatistics stats = CaptureStats(1);
+    manager.StopCapture(1);
+    EXPECT_GE(stats.callbackMicrosMax, 15000u);
+    EXPECT_LT(stats.callbackMicrosMax, 5000000u);
+    // Counted over a whole second of a 50 fps source, whatever the machine's load: the card
+    // drops what the host does not take, so the rate cannot exceed the source's.
+    EXPECT_GT(stats.framesPerSecond, 5.0);
+    EXPECT_LE(stats.framesPerSecond, 60.0);
+}
+
+// Status blocks are delivered from the event loop of the thread that opened the card.
+class StatusStatistics : public Statistics {
+protected:
+    void SetUp() override {
+        Application();
+        Statistics::SetUp();
+    }
+};
+
+TEST_F(StatusStatistics, StatusBytesDroppedForWantOfRoomAreCounted) {
+    std::vector<QByteArray> blocks;
+    manager.SetSystemStatusCallback(
+        0,
+        [](int, const QByteArray& data, void* context) {
+            static_cast<std::vector<QByteArray>*>(context)->push_back(data);
+        },
+        &blocks, true);
+    // Two 1,024-byte blocks before the event loop runs: the second does not fit the 1,536-byte
+    // host buffer beside the first.
+    for (int block = 0; block < 2; ++block) {
+        Write(ControlBlock(0) + KvPCIeSim::kCtlPostStatus, 1024);
+    }
+    ASSERT_TRUE(WaitFor([&] { return CaptureStats(0).statusBytesDropped == 1024; }));
+    ASSERT_TRUE(WaitFor([&] {
+        QCoreApplication::processEvents();
+        return !blocks.empty();
+    }));
+    const KvCaptureStatistics stats = CaptureStats(0);
+    EXPECT_EQ(stats.statusBytesDelivered, 1024u);
+    EXPECT_EQ(stats.statusBytesDropped, 1024u);
+    ASSERT_EQ(blocks.size(), 1u);
+    EXPECT_EQ(blocks[0].size(), 1024);
+    manager.SetSystemStatusCallback(0, nullptr, nullptr, false);
+}
+
+std::vector<QString> TakeFiles(int channel) {
+    std::vector<QString> files;
+    QDirIterator it(QString("VideoRecord/Capture%1").arg(channel + 1), QDir::Files,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        files.push_back(it.next());
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+TEST_F(Statistics, FramesOnTheirWayAtStopRecordAreWrittenAndEachTakeHasItsOwnFile) {
+    FrameSink sink(kFrameBytes);
+    ASSERT_TRUE(StartQuiet(0, sink));
+    // Two takes, most likely within one second; each stopped the moment its last frame was
+    // delivered, while it may still wait in the queues.
+    for (int take = 0; take < 2; ++take) {
+        ASSERT_TRUE(manager.StartRecord(0));
+        ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 0, 8));
+        ASSERT_TRUE(WaitFor([&] { return sink.delivered == 8 * (take + 1); }));
+        manager.StopRecord(0);
+    }
+    const KvCaptureStatistics stats = CaptureStats(0);
+    EXPECT_EQ(stats.framesRecorded, 16u);
+    EXPECT_EQ(stats.bytesRecorded, 16 * kFrameBytes);
+    EXPECT_EQ(stats.framesNotRecorded, 0u);
+    const std::vector<QString> files = TakeFiles(0);
+    ASSERT_EQ(files.size(), 2u);
+    for (int take = 0; take < 2; ++take) {
+        QFile file(files[static_cast<std::size_t>(take)]);
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+        const QByteArray bytes = file.readAll();
+        ASSERT_EQ(bytes.size(), static_cast<int>(8 * kFrameBytes)) << file.fileName().toStdString();
+        for (int k = 0; k < 8; ++k) {
+            EXPECT_TRUE(IsPatternFrame(bytes.constData() + k * kFrameBytes, kFrameBytes, 0,
+                                       static_cast<std::uint32_t>(8 * take + k)));
+        }
+    }
+    manager.StopCapture(0);
+}
+
+TEST_F(Statistics, ARecordingFolderThatCannotBeMadeRefusesStartRecord) {
+    FrameSink sink(kFrameBytes);
+    ASSERT_TRUE(StartQuiet(1, sink));
+    QDir("VideoRecord").removeRecursively();
+    QFile blocker("VideoRecord");  // a plain file where the folder should be
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    EXPECT_FALSE(manager.StartRecord(1));
+    EXPECT_NE(std::string(manager.LastErrorText()).find("could not be created"), std::string::npos)
+        << manager.LastErrorText();
+    ASSERT_TRUE(QFile::remove("VideoRecord"));
+    EXPECT_TRUE(manager.StartRecord(1));
+    EXPECT_STREQ(manager.LastErrorText(), "");
+    manager.StopRecord(1);
+    manager.StopCapture(1);
+}
+
+TEST_F(Statistics, InjectCountsMatchTheCardsPlayout) {
+    std::vector<char> frame(kFrameBytes, 7);
+    eErrorCode error = ERR_NO_CARD;
+    int accepted = 0;
+    int refused = 0;
+    // Offered faster than the card plays at 100 fps: the queue fills and refuses.
+    while (accepted < 40) {
+        if (manager.StartInject(1, 100, kWidth, kHeight, Y16, 0, frame.data(), error)) {
+            ++accepted;
+        } else {
+            ASSERT_EQ(error, ERR_QUEUE_FULL);
+            EXPECT_NE(std::string(manager.LastErrorText()).find("holds 15 frames"),
+                      std::string::npos);
+            ++refused;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    }
+    KvInjectStatistics stats = InjectStats(1);
+    EXPECT_EQ(stats.framesQueued, static_cast<std::uint64_t>(accepted));
+    EXPECT_EQ(stats.framesRefused, static_cast<std::uint64_t>(refused));
+    EXPECT_GT(refused, 0);
+    // Let the queue run dry, so periods without a frame come.
+    ASSERT_TRUE(WaitFor([&] { return InjectStats(1).framesToCard == 40; }));
+    const std::uint64_t emptyBefore = InjectStats(1).periodsWithoutFrame;
+    ASSERT_TRUE(WaitFor([&] { return InjectStats(1).periodsWithoutFrame > emptyBefore + 2; }));
+    manager.StopInject(1);
+    stats = InjectStats(1);
+    const std::uint32_t played = Peek(ControlBlock(1) + kCtlInjectPlayed);
+    const std::uint64_t handedOver = stats.framesToCard + stats.periodsWithoutFrame;
+    // Every buffer the card played was handed over by the host; at most the ring of eight was
+    // handed over and not yet played when the card stopped.
+    EXPECT_LE(played, handedOver);
+    EXPECT_LE(handedOver, played + 8u);
+    EXPECT_EQ(stats.framesToCard + stats.framesDroppedAtStop, stats.framesQueued);
+    EXPECT_EQ(stats.framesToCard, 40u);
+    EXPECT_EQ(stats.transfersFailed, 0u);
+    EXPECT_EQ(stats.framesWaiting, 0u);
+}
+
+TEST_F(Statistics, FramesStillQueuedAtTheStopAreCountedAsDropped) {
+    std::vector<char> frame(kFrameBytes, 3);
+    eErrorCode error = ERR_NO_CARD;
+    // One frame a second: the ring takes eight at once, the queue fifteen more.
+    int accepted = 0;
+    while (manager.StartInject(0, 1, kWidth, kHeight, Y16, 0, frame.data(), error)) {
+        ++accepted;
+    }
+    EXPECT_GT(InjectStats(0).framesWaiting, 0u);
+    manager.StopInject(0);
+    const KvInjectStatistics stats = InjectStats(0);
+    EXPECT_EQ(stats.framesQueued, static_cast<std::uint64_t>(accepted));
+    EXPECT_GT(stats.framesDroppedAtStop, 0u);
+    EXPECT_EQ(stats.framesToCard + stats.framesDroppedAtStop, stats.framesQueued);
+    // A new start begins the frame counts again.
+    ASSERT_TRUE(manager.StartInject(0, 25, kWidth, kHeight, Y16, 0, frame.data(), error));
+    EXPECT_EQ(InjectStats(0).framesQueued, 1u);
+    EXPECT_EQ(InjectStats(0).framesDroppedAtStop, 0u);
+    manager.StopInject(0);
+}
+
+TEST_F(Statistics, CommandsSentLateAndReplacedAreCounted) {
+    const std::uint32_t takenBefore = Peek(ControlBlock(2) + kCtlCommandsTaken);
+    for (int k = 0; k < 3; ++k) {
+        ASSERT_TRUE(manager.WriteControlCmd(2, QByteArray(8, static_cast<char>(k))));
+        EXPECT_STREQ(manager.LastErrorText(), "");
+    }
+    ASSERT_TRUE(
+        WaitFor([&] { return Peek(ControlBlock(2) + kCtlCommandsTaken) == takenBefore + 3; }));
+    KvInjectStatistics stats = InjectStats(2);
+    EXPECT_EQ(stats.commandsSent, 3u);
+    EXPECT_EQ(stats.commandsNotSentInTime + stats.commandsReplaced, 0u);
+
+    // A card that takes no command: the first waits its 40 ms in vain, the second replaces it.
+    ASSERT_TRUE(WaitFor([&] {
+        return (Peek(InjectBlock(2) + 0x28) & (1u << 10)) == 0;  // the last one was taken
+    }));
+    Write(ControlBlock(2) + kCtlCommandBusyMicros, 0xFFFFFFFF);
+    // Written into the mailbox, which the card now never empties.
+    EXPECT_TRUE(manager.WriteControlCmd(2, QByteArray(4, 'a')));
+    EXPECT_FALSE(manager.WriteControlCmd(2, QByteArray(4, 'b')));
+    EXPECT_NE(std::string(manager.LastErrorText()).find("within 40 ms"), std::string::npos);
+    EXPECT_FALSE(manager.WriteControlCmd(2, QByteArray(4, 'c')));
+    stats = InjectStats(2);
+    EXPECT_EQ(stats.commandsSent, 4u);
+    EXPECT_EQ(stats.commandsNotSentInTime, 2u);
+    EXPECT_EQ(stats.commandsReplaced, 1u);
+    EXPECT_EQ(Peek(ControlBlock(2) + kCtlCommandsTaken), takenBefore + 3);
+}
+
+TEST_F(Statistics, ChannelsOutsideTheRangeAndMissingEnginesAreRefusedWithAReason) {
+    KvCaptureStatistics capture;
+    KvInjectStatistics inject;
+    EXPECT_FALSE(manager.GetCaptureStatistics(4, capture));
+    EXPECT_STREQ(manager.LastErrorText(), "channel 4 is outside 0 to 3");
+    EXPECT_FALSE(manager.GetInjectStatistics(-1, inject));
+    EXPECT_STREQ(manager.LastErrorText(), "channel -1 is outside 0 to 3");
+    manager.CloseCard();
+    EXPECT_FALSE(manager.GetCaptureStatistics(0, capture));
+    EXPECT_NE(std::string(manager.LastErrorText()).find("no capture engine"), std::string::npos);
+    EXPECT_FALSE(manager.GetInjectStatistics(0, inject));
+    EXPECT_NE(std::string(manager.LastErrorText()).find("no inject engine"), std::string::npos);
+    // Kept per thread: another thread's failure leaves this thread's reason alone.
+    std::thread([&] { EXPECT_FALSE(manager.WriteControlCmd(9, QByteArray(1, 1))); }).join();
+    EXPECT_NE(std::string(manager.LastErrorText()).find("no inject engine"), std::string::npos);
+    ASSERT_TRUE(KvPCIeSim::Configure("xdma:0"));
+    eErrorCode error = ERR_NONE;
+    std::vector<char> buffer(kFrameBytes);
+    EXPECT_FALSE(manager.StartCapture(0, false, kWidth, kHeight, Y16, error, &FrameSink::OnFrame,
+                                      nullptr, buffer.data()));
+    EXPECT_STREQ(manager.LastErrorText(), "no XDMA card is listed");
+    EXPECT_TRUE(manager.IsCardOpen());
+    EXPECT_STREQ(manager.LastErrorText(), "");
+}
+
+}  // namespace
+}  // namespace kvpcie::testing
