@@ -11,6 +11,9 @@
 
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
+#include <algorithm>
+#include <shared_mutex>
+
 using namespace kvpcie;
 
 const char* KvPCIeInjectSdkVersionString() {
@@ -84,12 +87,15 @@ bool PCIeDataManager::OpenCard(char* devicePath) {
     } else {
         ClearErrorText();
         // Engines that exist are replaced here too, not leaked: their threads must stop.
-        d->xdmaInject.reset();
-        d->xdmaCapture.reset();
+        PCIeDataManagerPrivate::XdmaEngines old = d->TakeXdmaEngines();
+        old.inject.reset();
+        old.capture.reset();
     }
-    d->xdmaCapture = std::make_unique<xdma::DataCapture4XdmaMM>(
+    PCIeDataManagerPrivate::XdmaEngines engines;
+    engines.capture = std::make_unique<xdma::DataCapture4XdmaMM>(
         d, devicePath != nullptr ? devicePath : kNoCardPath);
-    d->xdmaInject = std::make_unique<xdma::DataInject4XdmaMM>(d);
+    engines.inject = std::make_unique<xdma::DataInject4XdmaMM>(d);
+    d->InstallXdmaEngines(std::move(engines));
     return opened;
 }
 
@@ -114,8 +120,9 @@ bool PCIeDataManager::OpenCard(int deviceIndex) {
 void PCIeDataManager::CloseCard() {
     ClearErrorText();
     xdma::XdmaClose();
-    d->xdmaCapture.reset();
-    d->xdmaInject.reset();
+    PCIeDataManagerPrivate::XdmaEngines old = d->TakeXdmaEngines();
+    old.capture.reset();
+    old.inject.reset();
 }
 
 bool PCIeDataManager::IsCardOpen() {
@@ -265,7 +272,9 @@ tagCaptureDelayStatusInfo* PCIeDataManager::GetCaptureDelayStatus(int channel) {
     if (!ChannelInRange(channel) || !HasEngine(d->xdmaCapture, "capture")) {
         return nullptr;
     }
-    return d->xdmaCapture->GetCaptureDelayStatus(channel);
+    const tagCaptureDelayStatusInfo* records = d->xdmaCapture->GetCaptureDelayStatus(channel);
+    std::copy(records, records + d->captureDelay.size(), d->captureDelay.begin());
+    return d->captureDelay.data();
 }
 
 void PCIeDataManager::SetImgDisplayDelayTest(int channel, bool enable) {
@@ -284,6 +293,7 @@ void PCIeDataManager::SetCaptureFullScreenWgt(int channel, void* widget) {
 
 bool PCIeDataManager::GetCaptureStatistics(int channel, KvCaptureStatistics& out) {
     ClearErrorText();
+    std::shared_lock<WriterFirstSharedMutex> engines(d->xdmaEngineLock);
     return ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture") &&
            d->xdmaCapture->GetCaptureStatistics(channel, out);
 }
@@ -355,7 +365,9 @@ tagInjectDelayStatusInfo* PCIeDataManager::GetInjectDelayStatus(int channel) {
     if (!ChannelInRange(channel) || !HasEngine(d->xdmaInject, "inject")) {
         return nullptr;
     }
-    return d->xdmaInject->GetInjectDelayStatus(channel);
+    const tagInjectDelayStatusInfo* records = d->xdmaInject->GetInjectDelayStatus(channel);
+    std::copy(records, records + d->injectDelay.size(), d->injectDelay.begin());
+    return d->injectDelay.data();
 }
 
 void PCIeDataManager::SetInjectFullScreenWgt(int channel, void* widget) {
@@ -374,6 +386,8 @@ void PCIeDataManager::UpdateParamSimulate(int channel, bool enable, tagThermalIm
 
 bool PCIeDataManager::WriteControlCmd(int channel, QByteArray command) {
     ClearErrorText();
+    // From any thread: the engine stays while this call uses it.
+    std::shared_lock<WriterFirstSharedMutex> engines(d->xdmaEngineLock);
     if (!ChannelInRange(channel) || !HasEngine(d->xdmaInject, "inject")) {
         return false;
     }
@@ -399,6 +413,7 @@ bool PCIeDataManager::WriteControlCmd(int channel, QByteArray command) {
 
 bool PCIeDataManager::GetInjectStatistics(int channel, KvInjectStatistics& out) {
     ClearErrorText();
+    std::shared_lock<WriterFirstSharedMutex> engines(d->xdmaEngineLock);
     return ChannelInRange(channel) && HasEngine(d->xdmaInject, "inject") &&
            d->xdmaInject->GetInjectStatistics(channel, out);
 }

@@ -17,6 +17,17 @@ PCIeDataManagerPrivate::PCIeDataManagerPrivate(ePCIeFrameworkType type)
     }
 }
 
+PCIeDataManagerPrivate::XdmaEngines PCIeDataManagerPrivate::TakeXdmaEngines() {
+    std::unique_lock<kvpcie::WriterFirstSharedMutex> lock(xdmaEngineLock);
+    return XdmaEngines{std::move(xdmaCapture), std::move(xdmaInject)};
+}
+
+void PCIeDataManagerPrivate::InstallXdmaEngines(XdmaEngines engines) {
+    std::unique_lock<kvpcie::WriterFirstSharedMutex> lock(xdmaEngineLock);
+    xdmaCapture = std::move(engines.capture);
+    xdmaInject = std::move(engines.inject);
+}
+
 PCIeDataManagerPrivate* CreatePCIeDataManagerPrivate(ePCIeFrameworkType type) {
     // Kept reachable on purpose: the records are meant to outlive every facade, and a leak
     // checker should see them as held, not lost.

@@ -8,6 +8,8 @@
 #include <QFile>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
 namespace kvpcie::testing {
 namespace {
@@ -298,6 +300,34 @@ TEST_F(Statistics, CommandsSentLateAndReplacedAreCounted) {
     EXPECT_EQ(stats.commandsNotSentInTime, 2u);
     EXPECT_EQ(stats.commandsReplaced, 1u);
     EXPECT_EQ(Peek(ControlBlock(2) + kCtlCommandsTaken), takenBefore + 3);
+}
+
+TEST_F(Statistics, CommandsAndStatisticsFromOtherThreadsSurviveOpenAndCloseOfTheCard) {
+    std::atomic<bool> run{true};
+    std::atomic<int> calls{0};
+    std::vector<std::thread> callers;
+    for (int t = 0; t < 2; ++t) {
+        callers.emplace_back([&, t] {
+            KvInjectStatistics inject;
+            KvCaptureStatistics capture;
+            while (run) {
+                manager.WriteControlCmd(t, QByteArray(4, static_cast<char>(t)));
+                manager.GetInjectStatistics(t, inject);
+                manager.GetCaptureStatistics(t, capture);
+                ++calls;
+            }
+        });
+    }
+    for (int round = 0; round < 20; ++round) {
+        manager.CloseCard();
+        ASSERT_TRUE(manager.OpenCard(path));
+    }
+    run = false;
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
+    EXPECT_GT(calls.load(), 0);
+    EXPECT_TRUE(manager.WriteControlCmd(0, QByteArray(4, 9)));
 }
 
 TEST_F(Statistics, ChannelsOutsideTheRangeAndMissingEnginesAreRefusedWithAReason) {

@@ -1,9 +1,11 @@
 // PCIeDataManager: the one class through which a Qt host application drives FPGA PCI Express
 // frame cards. Including this header brings the public records and callbacks with it.
 //
-// Threads. Call every operation from one thread, the host's control thread; the class has no
-// lock of its own. Run a Qt event loop on the thread that opens the card: the status timer of
-// the capture engine fires there. Frame callbacks run on the capture engine's polling thread.
+// Threads. Call every operation from one thread, the host's control thread, except
+// WriteControlCmd, GetCaptureStatistics, GetInjectStatistics and LastErrorText, which any thread
+// may call at any time, also while the control thread opens or closes the card. Run a Qt event loop
+// on the thread that opens the card: the status timer of the capture engine fires there. Frame
+// callbacks run on the capture engine's polling thread.
 //
 // Lifetime. The object holds one pointer to a private record. Copy and move share that record,
 // so copies drive the same card and engines. The record lives until the process ends; call
@@ -92,8 +94,9 @@ public:
     // switched off: the card's blocks then wait in its mailbox.
     void SetSystemStatusCallback(int channel, SystemStatusCallback callback, void* userContext,
                                  bool enable);
-    // Eight records, one per card buffer of the channel; owned by the library and overwritten
-    // by the next call. Null without a capture engine.
+    // Eight records, one per card buffer of the channel; owned by the library, overwritten by
+    // the next call and valid as long as the manager (CloseCard does not free them). Null
+    // without a capture engine.
     tagCaptureDelayStatusInfo* GetCaptureDelayStatus(int channel);
     void SetImgDisplayDelayTest(int channel, bool enable);
     void SetCaptureFullScreenWgt(int channel, void* widget);
@@ -119,8 +122,9 @@ public:
     // stops playing the channel. Blocks 50 ms.
     void StopInject(int channel);
     bool IsStartInject(int channel);
-    // Eight records, one per card buffer of the channel, in seconds; owned by the library and
-    // overwritten by the next call. Null without an inject engine.
+    // Eight records, one per card buffer of the channel, in seconds; owned by the library,
+    // overwritten by the next call and valid as long as the manager (CloseCard does not free
+    // them). Null without an inject engine.
     tagInjectDelayStatusInfo* GetInjectDelayStatus(int channel);
     // `widget` is a GLWidget (KvPCIeInjectSdk/GLWidget.h): it is sized to the channel's frames.
     // The library keeps no reference to it and pushes no pictures to it.

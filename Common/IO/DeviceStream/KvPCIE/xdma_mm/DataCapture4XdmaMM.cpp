@@ -319,14 +319,15 @@ bool DataCapture4XdmaMM::GetCaptureStatistics(int c, KvCaptureStatistics& out) {
     if (!ValidChannel(c)) {
         return false;
     }
-    const Channel& state = channels_[c];
+    Channel& state = channels_[c];
     const CaptureCounters& counts = state.counters;
     out = KvCaptureStatistics{};
     out.framesDelivered = counts.delivered.Get();
     out.framesFailed = counts.failed.Get();
     out.errorFrames = counts.errorFrames.Get();
     out.framesNotRecorded = counts.notQueuedForRecording.Get();
-    // Only this thread replaces the recorder, so it stays put while it is read.
+    // The recorder is replaced under this lock (a restart), and this may be any thread.
+    std::lock_guard<std::mutex> record(state.recordLock);
     if (state.recorder != nullptr) {
         out.framesRecorded = state.recorder->FramesWritten();
         out.bytesRecorded = state.recorder->BytesWritten();
