@@ -288,6 +288,14 @@ TEST_F(Capture, TimingReadBackUsesTheSelectorsInOrderAndTheDelayClock) {
         EXPECT_EQ(record.delayTestCount, 0);
     }
     EXPECT_EQ(manager.GetCaptureDelayStatus(4), nullptr);
+    // The records belong to the manager: a host that kept the pointer still reads them after
+    // CloseCard has freed the engine (a sanitizer build would see any read of freed memory).
+    tagCaptureDelayStatusInfo before;
+    std::memcpy(&before, &records[0], sizeof before);
+    manager.CloseCard();
+    tagCaptureDelayStatusInfo after;
+    std::memcpy(&after, &records[0], sizeof after);
+    EXPECT_DOUBLE_EQ(after.delaySel2, before.delaySel2);
 }
 
 TEST_F(Capture, StoppingTheLastChannelStopsPollingAndARestartWorks) {
