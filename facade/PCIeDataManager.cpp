@@ -59,6 +59,27 @@ bool IsXdma(const PCIeDataManagerPrivate* d, const char* operation) {
     return false;
 }
 
+// Held while an operation uses an engine: a frame callback may call in while the control
+// thread replaces the engines.
+std::shared_lock<WriterFirstSharedMutex> SharedEngines(PCIeDataManagerPrivate* d) {
+    return std::shared_lock<WriterFirstSharedMutex>(d->xdmaEngineLock);
+}
+
+// True, with the reason, when the caller is inside one of the engines' callbacks, where the
+// engines must not be destroyed.
+bool InsideCallback(PCIeDataManagerPrivate* d, const char* operation) {
+    const auto engines = SharedEngines(d);
+    const auto* capture = d->xdmaCapture.get();
+    if (capture == nullptr || (!capture->OnPollingThread() && !capture->InStatusDelivery())) {
+        return false;
+    }
+    SetErrorText(
+        "%s is refused inside a frame or status callback: it would destroy the engine "
+        "that runs the callback; call it from the control thread",
+        operation);
+    return true;
+}
+
 template <typename Engine>
 bool HasEngine(const std::unique_ptr<Engine>& engine, const char* kind) {
     if (engine != nullptr) {
@@ -75,6 +96,10 @@ const char* PCIeDataManager::LastErrorText() {
 }
 
 bool PCIeDataManager::OpenCard(char* devicePath) {
+    ClearErrorText();
+    if (InsideCallback(d, "OpenCard")) {
+        return false;
+    }
     bool opened = true;
     if (devicePath != nullptr) {
         CloseCard();
@@ -119,6 +144,9 @@ bool PCIeDataManager::OpenCard(int deviceIndex) {
 
 void PCIeDataManager::CloseCard() {
     ClearErrorText();
+    if (InsideCallback(d, "CloseCard")) {
+        return;
+    }
     xdma::XdmaClose();
     PCIeDataManagerPrivate::XdmaEngines old = d->TakeXdmaEngines();
     old.capture.reset();
@@ -176,6 +204,7 @@ bool StartCaptureWith(PCIeDataManagerPrivate* d, Prepare prepare, unsigned chann
         return false;
     }
     error = ERR_NONE;
+    const auto engines = SharedEngines(d);  // not before: the start may have opened the card
     return HasEngine(d->xdmaCapture, "capture") &&
            d->xdmaCapture->StartCapture(format, error, callback, userContext, frameBuffer);
 }
@@ -206,6 +235,7 @@ bool PCIeDataManager::StartCapture(unsigned int channel, bool cardTiming, int wi
 
 void PCIeDataManager::StopCapture(int channel) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (!ChannelInRange(channel)) {
         return;
     }
@@ -218,6 +248,7 @@ void PCIeDataManager::StopCapture(int channel) {
 
 bool PCIeDataManager::IsStartCapture(int channel) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (!ChannelInRange(channel) || !HasEngine(d->xdmaCapture, "capture")) {
         return false;
     }
@@ -230,6 +261,7 @@ bool PCIeDataManager::IsStartCapture(int channel) {
 
 bool PCIeDataManager::StartRecord(int channel) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (!ChannelInRange(channel) || !HasEngine(d->xdmaCapture, "capture")) {
         return false;
     }
@@ -247,6 +279,7 @@ bool PCIeDataManager::StartRecord(int channel) {
 
 void PCIeDataManager::StopRecord(int channel) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
         d->xdmaCapture->StopRecord(channel);
     }
@@ -254,6 +287,7 @@ void PCIeDataManager::StopRecord(int channel) {
 
 void PCIeDataManager::ImgSnapShot(int channel) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
         d->xdmaCapture->ImgSnapShot(channel);
     }
@@ -262,6 +296,7 @@ void PCIeDataManager::ImgSnapShot(int channel) {
 void PCIeDataManager::SetSystemStatusCallback(int channel, SystemStatusCallback callback,
                                               void* userContext, bool enable) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
         d->xdmaCapture->SetSystemStatusCallback(channel, callback, userContext, enable);
     }
@@ -269,6 +304,7 @@ void PCIeDataManager::SetSystemStatusCallback(int channel, SystemStatusCallback 
 
 tagCaptureDelayStatusInfo* PCIeDataManager::GetCaptureDelayStatus(int channel) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (!ChannelInRange(channel) || !HasEngine(d->xdmaCapture, "capture")) {
         return nullptr;
     }
@@ -279,6 +315,7 @@ tagCaptureDelayStatusInfo* PCIeDataManager::GetCaptureDelayStatus(int channel) {
 
 void PCIeDataManager::SetImgDisplayDelayTest(int channel, bool enable) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
         d->xdmaCapture->SetImgDisplayDelayTest(channel, enable);
     }
@@ -286,6 +323,7 @@ void PCIeDataManager::SetImgDisplayDelayTest(int channel, bool enable) {
 
 void PCIeDataManager::SetCaptureFullScreenWgt(int channel, void* widget) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
         d->xdmaCapture->SetCaptureFullScreenWgt(channel, widget);
     }
@@ -293,7 +331,7 @@ void PCIeDataManager::SetCaptureFullScreenWgt(int channel, void* widget) {
 
 bool PCIeDataManager::GetCaptureStatistics(int channel, KvCaptureStatistics& out) {
     ClearErrorText();
-    std::shared_lock<WriterFirstSharedMutex> engines(d->xdmaEngineLock);
+    const auto engines = SharedEngines(d);
     return ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture") &&
            d->xdmaCapture->GetCaptureStatistics(channel, out);
 }
@@ -323,6 +361,7 @@ bool PCIeDataManager::StartInject(unsigned int channel, int frameRate, int width
         error = ERR_NO_CARD;
         return false;
     }
+    const auto engines = SharedEngines(d);  // not before: the start may have opened the card
     if (!HasEngine(d->xdmaInject, "inject")) {
         return false;
     }
@@ -343,6 +382,7 @@ bool PCIeDataManager::StartInject(unsigned int channel, int frameRate, int width
 
 void PCIeDataManager::StopInject(int channel) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (ChannelInRange(channel) && HasEngine(d->xdmaInject, "inject")) {
         d->xdmaInject->StopInject(channel);
     }
@@ -350,6 +390,7 @@ void PCIeDataManager::StopInject(int channel) {
 
 bool PCIeDataManager::IsStartInject(int channel) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (!ChannelInRange(channel) || !HasEngine(d->xdmaInject, "inject")) {
         return false;
     }
@@ -362,6 +403,7 @@ bool PCIeDataManager::IsStartInject(int channel) {
 
 tagInjectDelayStatusInfo* PCIeDataManager::GetInjectDelayStatus(int channel) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (!ChannelInRange(channel) || !HasEngine(d->xdmaInject, "inject")) {
         return nullptr;
     }
@@ -372,6 +414,7 @@ tagInjectDelayStatusInfo* PCIeDataManager::GetInjectDelayStatus(int channel) {
 
 void PCIeDataManager::SetInjectFullScreenWgt(int channel, void* widget) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (ChannelInRange(channel) && HasEngine(d->xdmaInject, "inject")) {
         d->xdmaInject->SetInjectFullScreenWgt(channel, widget);
     }
@@ -379,6 +422,7 @@ void PCIeDataManager::SetInjectFullScreenWgt(int channel, void* widget) {
 
 void PCIeDataManager::UpdateParamSimulate(int channel, bool enable, tagThermalImgParams params) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (ChannelInRange(channel) && HasEngine(d->xdmaInject, "inject")) {
         d->xdmaInject->UpdateParamSimulate(channel, enable, params);
     }
@@ -387,7 +431,7 @@ void PCIeDataManager::UpdateParamSimulate(int channel, bool enable, tagThermalIm
 bool PCIeDataManager::WriteControlCmd(int channel, QByteArray command) {
     ClearErrorText();
     // From any thread: the engine stays while this call uses it.
-    std::shared_lock<WriterFirstSharedMutex> engines(d->xdmaEngineLock);
+    const auto engines = SharedEngines(d);
     if (!ChannelInRange(channel) || !HasEngine(d->xdmaInject, "inject")) {
         return false;
     }
@@ -413,7 +457,7 @@ bool PCIeDataManager::WriteControlCmd(int channel, QByteArray command) {
 
 bool PCIeDataManager::GetInjectStatistics(int channel, KvInjectStatistics& out) {
     ClearErrorText();
-    std::shared_lock<WriterFirstSharedMutex> engines(d->xdmaEngineLock);
+    const auto engines = SharedEngines(d);
     return ChannelInRange(channel) && HasEngine(d->xdmaInject, "inject") &&
            d->xdmaInject->GetInjectStatistics(channel, out);
 }
@@ -496,6 +540,7 @@ bool PCIeDataManager::WriteData(unsigned int address, unsigned int size, unsigne
 
 void PCIeDataManager::SetSaveLog(bool on) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (d->xdmaCapture != nullptr) {
         d->xdmaCapture->SetSaveLog(on);
     }
@@ -506,6 +551,7 @@ void PCIeDataManager::SetSaveLog(bool on) {
 
 void PCIeDataManager::SetOsdHidden(bool on) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (d->xdmaCapture != nullptr) {
         d->xdmaCapture->SetOsdHidden(on);
     }
@@ -516,6 +562,7 @@ void PCIeDataManager::SetOsdHidden(bool on) {
 
 void PCIeDataManager::SetShowErrorFrame(bool on) {
     ClearErrorText();
+    const auto engines = SharedEngines(d);
     if (d->xdmaCapture != nullptr) {
         d->xdmaCapture->SetShowErrorFrame(on);
     }

@@ -3,9 +3,20 @@
 //
 // Threads. Call every operation from one thread, the host's control thread, except
 // WriteControlCmd, GetCaptureStatistics, GetInjectStatistics and LastErrorText, which any thread
-// may call at any time, also while the control thread opens or closes the card. Run a Qt event loop
-// on the thread that opens the card: the status timer of the capture engine fires there. Frame
-// callbacks run on the capture engine's polling thread.
+// may call at any time, also while the control thread opens or closes the card. Run a Qt event
+// loop on the thread that opens the card: the status timer of the capture engine fires there.
+// Frame callbacks run on the capture engine's polling thread.
+//
+// Calling back in. A frame callback or a status callback may call StartCapture, StopCapture,
+// StartRecord, StopRecord and ImgSnapShot on its own channel or another one, and StartInject,
+// WriteControlCmd and the statistics, without a deadlock. A frame callback that stops or
+// restarts its own channel gets no further frame of the old run: the stop takes effect when the
+// callback returns (its buffer is not used after that). StopRecord there writes the frames on
+// their way first, which holds up the polling of every channel for as long. CloseCard and
+// OpenCard inside a callback return at once with no effect (false) and an error text: they
+// would destroy the engine that runs the callback. What cannot be helped: a callback that waits
+// for another thread while that thread is inside StopCapture, StopRecord or CloseCard waits
+// forever, since those wait for the callback to return.
 //
 // Lifetime. The object holds one pointer to a private record. Copy and move share that record,
 // so copies drive the same card and engines. The record lives until the process ends; call
@@ -79,9 +90,9 @@ public:
     bool StartCapture(unsigned int channel, bool cardTiming, int width, int height,
                       ePixelType pixelType, eErrorCode& error, CaptureFrameCallbackEx callback,
                       void* userContext, char* frameBuffer);
-    // When it returns, the channel's frame buffer and callback are no longer used. Never call
-    // it (or CloseCard) from inside a frame callback. Channels outside 0 to 3 are ignored here
-    // and in every other operation that takes a channel (false or null results).
+    // When it returns, the channel's frame buffer and callback are no longer used (called from
+    // the channel's own callback: once that callback returns). Channels outside 0 to 3 are
+    // ignored here and in every other operation that takes a channel (false or null results).
     void StopCapture(int channel);
     bool IsStartCapture(int channel);
     // Records the channel's frames to raw files below the application directory's

@@ -29,9 +29,26 @@ void FormatBinary(std::uint32_t value, char* out) {
     out[length] = '\0';
 }
 
+// Which engine's polling thread this is, and whose turn it holds: a frame callback that calls
+// back in must not wait for its own turn lock or join its own thread.
+thread_local const DataCapture4XdmaMM* pollingEngine = nullptr;
+thread_local int channelInTurn = -1;
+
 }  // namespace
 
+bool DataCapture4XdmaMM::OnPollingThread() const {
+    return pollingEngine == this;
+}
+
+std::unique_lock<std::mutex> DataCapture4XdmaMM::LockTurn(int c) {
+    if (pollingEngine == this && channelInTurn == c) {
+        return std::unique_lock<std::mutex>();
+    }
+    return std::unique_lock<std::mutex>(channels_[c].turnLock);
+}
+
 void DataCapture4XdmaMM::PollingLoop() {
+    pollingEngine = this;
     while (pollingThread_.IsRunning()) {
         for (int c = 0; c < kChannelCount; ++c) {
             Channel& state = channels_[c];
@@ -40,12 +57,15 @@ void DataCapture4XdmaMM::PollingLoop() {
             }
             std::lock_guard<std::mutex> turn(state.turnLock);
             if (state.started.load(std::memory_order_acquire)) {
+                channelInTurn = c;
                 PollChannel(c);
+                channelInTurn = -1;
                 state.counters.UpdateRate(CaptureCounters::Clock::now());
             }
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    pollingEngine = nullptr;
 }
 
 void DataCapture4XdmaMM::PollChannel(int c) {
@@ -78,14 +98,14 @@ void DataCapture4XdmaMM::PollChannel(int c) {
                           kPortPrefix, c, buffer, digits);
             log_->WriteLog(line);
         }
-        if ((status & kStatusStateMask) != kStatusCaptureReady) {
+        if ((status & kStatusStateMask) != kStatusCaptureReady ||
+            !HandleBuffer(c, state, buffer, status)) {
             break;
         }
-        HandleBuffer(c, state, buffer, status);
     }
 }
 
-void DataCapture4XdmaMM::HandleBuffer(int c, Channel& state, unsigned buffer,
+bool DataCapture4XdmaMM::HandleBuffer(int c, Channel& state, unsigned buffer,
                                       std::uint32_t status) {
     const std::uint32_t statusAddress =
         CaptureBlock(static_cast<unsigned>(c)) + CapBufferStatus(buffer);
@@ -115,14 +135,18 @@ void DataCapture4XdmaMM::HandleBuffer(int c, Channel& state, unsigned buffer,
     if (!ok) {
         counts.failed.Add();
         log_->WriteLog(kCaptureFailed);
-        return;
+        return true;
     }
     const bool errorFrame = (status & kStatusErrorFrame) != 0;
+    const std::uint32_t generation = state.generation;
     const auto callbackStart = CaptureCounters::Clock::now();
     if (state.frameCallback != nullptr) {
         state.frameCallback(c, state.frameBuffer, state.frameContext);
     } else if (state.frameCallbackEx != nullptr) {
         state.frameCallbackEx(c, state.frameBuffer, state.frameContext, errorFrame);
+    }
+    if (state.generation != generation) {
+        return false;  // the callback stopped or restarted its own channel: this run is over
     }
     const auto callbackTime = CaptureCounters::Clock::now() - callbackStart;
     counts.callbackMicrosMax.Raise(static_cast<std::uint64_t>(
@@ -136,6 +160,7 @@ void DataCapture4XdmaMM::HandleBuffer(int c, Channel& state, unsigned buffer,
             counts.notQueuedForRecording.Add();
         }
     }
+    return true;
 }
 
 }  // namespace kvpcie::xdma

@@ -83,6 +83,9 @@ void DataCapture4XdmaMM::ReadStatusBlock(int c, StatusDataBuffer& buffer) {
 }
 
 void DataCapture4XdmaMM::OnSlotCaptureCmdDataTimeOut() {
+    // The facade refuses to destroy the engine while this is set: a status callback that
+    // closes the card would otherwise pull the engine from under this loop.
+    deliveringStatus_.store(true, std::memory_order_release);
     for (int c = 0; c < kChannelCount; ++c) {
         SystemStatusCallback callback = nullptr;
         void* context = nullptr;
@@ -102,6 +105,7 @@ void DataCapture4XdmaMM::OnSlotCaptureCmdDataTimeOut() {
             callback(c, data, context);
         }
     }
+    deliveringStatus_.store(false, std::memory_order_release);
 }
 
 }  // namespace kvpcie::xdma

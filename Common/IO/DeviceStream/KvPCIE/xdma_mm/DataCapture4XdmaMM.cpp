@@ -84,7 +84,7 @@ bool DataCapture4XdmaMM::StartChannel(const KvFrameFormat& format, CaptureFrameC
     Channel& state = channels_[c];
     {
         // Each form keeps the other form's callback: with both set, the plain one is called.
-        std::lock_guard<std::mutex> turn(state.turnLock);
+        const auto turn = LockTurn(static_cast<int>(c));
         if (callback != nullptr) {
             state.frameCallback = callback;
         }
@@ -103,11 +103,12 @@ bool DataCapture4XdmaMM::StartChannel(const KvFrameFormat& format, CaptureFrameC
         StopRecorder(state);
     }
     {
-        std::lock_guard<std::mutex> turn(state.turnLock);
+        const auto turn = LockTurn(static_cast<int>(c));
         std::lock_guard<std::mutex> record(state.recordLock);
         // Unpolled until the card has been programmed (below): statuses from an earlier run are
         // cleared by then and never delivered as new frames.
         state.started.store(false, std::memory_order_release);
+        ++state.generation;
         if (userContext != nullptr) {
             state.frameContext = userContext;
         }
@@ -126,9 +127,18 @@ bool DataCapture4XdmaMM::StartChannel(const KvFrameFormat& format, CaptureFrameC
     StartEventThread(static_cast<int>(c));
     ProgramChannel(c, format, frameSize);
     state.started.store(true, std::memory_order_release);
-    enableMask_ |= 1u << c;
-    XdmaWriteRegValue(kRegCaptureEnableMask, enableMask_);
+    WriteEnableMask(static_cast<int>(c), true);
     return true;
+}
+
+void DataCapture4XdmaMM::WriteEnableMask(int c, bool on) {
+    std::lock_guard<std::mutex> lock(enableMaskLock_);
+    if (on) {
+        enableMask_ |= 1u << c;
+    } else {
+        enableMask_ &= ~(1u << c);
+    }
+    XdmaWriteRegValue(kRegCaptureEnableMask, enableMask_);
 }
 
 void DataCapture4XdmaMM::ProgramChannel(unsigned c, const KvFrameFormat& format, int frameSize) {
@@ -166,8 +176,9 @@ void DataCapture4XdmaMM::StopCapture(int c) {
         StopRecord(c);
     }
     {
-        std::lock_guard<std::mutex> turn(state.turnLock);
+        const auto turn = LockTurn(c);
         state.started.store(false, std::memory_order_release);
+        ++state.generation;
         state.counters.framesPerSecond.store(0.0, std::memory_order_relaxed);
         state.frameSize = 0;
         state.delayTest = false;
@@ -178,12 +189,11 @@ void DataCapture4XdmaMM::StopCapture(int c) {
     for (const Channel& other : channels_) {
         anyStarted = anyStarted || other.started.load(std::memory_order_acquire);
     }
-    if (!anyStarted) {
+    if (!anyStarted && !OnPollingThread()) {
         pollingThread_.Stop();
     }
-    enableMask_ &= ~(1u << c);
-    XdmaWriteRegValue(kRegCaptureEnableMask, enableMask_);
-    std::lock_guard<std::mutex> turn(state.turnLock);
+    WriteEnableMask(c, false);
+    const auto turn = LockTurn(c);
     state.frameCallback = nullptr;
     state.frameCallbackEx = nullptr;
 }
@@ -232,8 +242,11 @@ bool DataCapture4XdmaMM::StartRecord(int c) {
     if (!state.started.load(std::memory_order_acquire) || state.recorder == nullptr) {
         return false;
     }
-    if (!recordingThread_.IsRunning()) {
-        recordingThread_.Start(cores_, [this] { RecordingLoop(); });
+    {
+        std::lock_guard<std::mutex> lock(recordingThreadLock_);
+        if (!recordingThread_.IsRunning()) {
+            recordingThread_.Start(cores_, [this] { RecordingLoop(); });
+        }
     }
     {
         // Frames that came after an earlier take ended belong to no take.
@@ -261,6 +274,7 @@ void DataCapture4XdmaMM::StopRecord(int c) {
         std::lock_guard<std::mutex> record(channels_[c].recordLock);
         StopRecorder(channels_[c]);
     }
+    std::lock_guard<std::mutex> lock(recordingThreadLock_);
     if (!AnyRecorderRecording()) {
         recordingThread_.Stop();
     }

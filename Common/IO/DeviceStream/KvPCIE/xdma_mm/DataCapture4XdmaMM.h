@@ -31,7 +31,10 @@ namespace kvpcie::xdma {
 
 // Created and destroyed by the facade on the host's control thread, which calls every public
 // operation; its status timer runs in that thread's event loop. Frame callbacks run on the
-// polling thread. Channel numbers outside 0 to 3 are ignored (false or null results).
+// polling thread, and may call StartCapture, StopCapture, StartRecord, StopRecord and
+// ImgSnapShot for any channel: a channel that its own callback stops or restarts delivers
+// nothing more of the frame in hand once the callback returns. Channel numbers outside 0 to 3
+// are ignored (false or null results).
 class DataCapture4XdmaMM : public QObject {
     Q_OBJECT
 
@@ -47,8 +50,9 @@ public:
                       void* userContext, char* frameBuffer);
     bool StartCapture(const KvFrameFormat& format, eErrorCode& error,
                       CaptureFrameCallbackEx callback, void* userContext, char* frameBuffer);
-    // When it returns, the channel's buffer and callbacks are no longer used. Not from a frame
-    // callback.
+    // When it returns (from inside the channel's own callback: when that callback returns), the
+    // channel's buffer and callbacks are no longer used. A stop from a callback leaves the
+    // polling thread idle, rather than joining itself, until the next start or the engine's end.
     void StopCapture(int channel);
     bool IsStartCapture(int channel) const;
 
@@ -67,6 +71,11 @@ public:
     // The channel's counts since its last start; false for a channel outside 0 to 3.
     bool GetCaptureStatistics(int channel, KvCaptureStatistics& out);
 
+    // True on this engine's polling thread (inside a frame callback), and on the control thread
+    // while it hands status blocks to their callbacks: the engine must not be destroyed then.
+    bool OnPollingThread() const;
+    bool InStatusDelivery() const { return deliveringStatus_.load(std::memory_order_acquire); }
+
     void SetSaveLog(bool on) { saveLog_.store(on, std::memory_order_relaxed); }
     void SetOsdHidden(bool on) { osdHidden_ = on; }
     void SetShowErrorFrame(bool on) { showErrorFrame_ = on; }
@@ -83,6 +92,9 @@ private:
         // replaces the recorder or its queue.
         std::mutex recordLock;
         std::atomic<bool> started{false};
+        // Counts starts and stops (under the turn lock), so that the polling thread notices a
+        // callback that stopped or restarted its own channel.
+        std::uint32_t generation = 0;
         int lastHandledBuffer = -1;
         KvFrameFormat format;
         int frameSize = 0;
@@ -106,6 +118,10 @@ private:
         std::shared_ptr<StatusDataBuffer> statusBuffer;
     };
 
+    // The channel's turn lock, or nothing when this thread holds it already: a frame callback
+    // calling in about its own channel.
+    std::unique_lock<std::mutex> LockTurn(int channel);
+    void WriteEnableMask(int channel, bool on);
     bool StartChannel(const KvFrameFormat& format, CaptureFrameCallback callback,
                       CaptureFrameCallbackEx callbackEx, void* userContext, char* frameBuffer);
     void ProgramChannel(unsigned channel, const KvFrameFormat& format, int frameSize);
@@ -116,7 +132,8 @@ private:
 
     void PollingLoop();
     void PollChannel(int channel);
-    void HandleBuffer(int channel, Channel& state, unsigned buffer, std::uint32_t status);
+    // False when the callback stopped or restarted the channel: its turn ends there.
+    bool HandleBuffer(int channel, Channel& state, unsigned buffer, std::uint32_t status);
     void RecordingLoop();
     void FeedRecorder(Channel& state);
     void EventLoop(int channel);
@@ -134,7 +151,11 @@ private:
     PinnedWorker statusThread_;
     QTimer statusTimer_;
     std::mutex statusLock_;
+    // The polling thread (a callback) and the control thread may both start and stop channels.
+    std::mutex enableMaskLock_;
     std::uint32_t enableMask_ = 0;
+    std::mutex recordingThreadLock_;
+    std::atomic<bool> deliveringStatus_{false};
     std::uint32_t delayClockHz_ = 0;
     std::array<tagCaptureDelayStatusInfo, kCardBufferCount> delayStatus_{};
     std::atomic<bool> saveLog_{false};
