@@ -61,4 +61,16 @@ build_and_run(inject_host)
 if(NOT last_output MATCHES "[1-9][0-9]* frames queued")
     message(FATAL_ERROR "inject_host:\n${last_output}")
 endif()
+# The installed tool starts from the prefix with nothing set: no library path, no WINEPATH.
+find_program(installed_kvpcie NAMES kvpcie kvpcie.exe PATHS ${prefix}/bin
+             NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
+if(installed_kvpcie)
+    execute_process(COMMAND ${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH --unset=WINEPATH
+                            ${EMULATOR} ${installed_kvpcie} --sim list
+                    WORKING_DIRECTORY ${WORK_DIR}
+                    RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
+    if(NOT result EQUAL 0 OR NOT out MATCHES "sim:xdma0")
+        message(FATAL_ERROR "installed kvpcie --sim list failed (${result}):\n${out}\n${err}")
+    endif()
+endif()
 message(STATUS "installed package works")

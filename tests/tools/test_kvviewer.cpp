@@ -147,6 +147,7 @@ TEST_F(Kvviewer, RefusesBadCommandLinesAndUnsavableScreenshots) {
         {{"--channels", "0,,1"}, "--channels takes channels 0 to 3"},
         {{"--quit-after", "soon"}, "--quit-after takes milliseconds"},
         {{"--sim=1"}, "--sim takes no value"},
+        {{"--card", "4"}, "--card takes a card number from 0 to 3"},
         {{"--width", "65535", "--height", "65535"}, "larger than the card's 20 MiB buffer"},
     };
     for (const auto& [args, message] : cases) {

@@ -2,6 +2,7 @@
 #include "Commands.h"
 #include "FrameOptions.h"
 
+#include <QCoreApplication>
 #include <QDir>
 
 #include <array>
@@ -65,7 +66,7 @@ int RunCapture(const std::vector<std::string>& args) {
 
     CatchInterrupts();
     PCIeDataManager manager;
-    OpenFirstCard(manager);
+    OpenChosenCard(manager);
     const bool simulated = IsSimulatedCard(manager);
     std::array<ChannelSink, 4> sinks;
     for (int c : channels) {
@@ -75,12 +76,15 @@ int RunCapture(const std::vector<std::string>& args) {
         if (!manager.StartCapture(c, arguments.Has("--card-timing"), geometry.width,
                                   geometry.height, geometry.type, error, &OnFrame, &sinks[c],
                                   sinks[c].buffer.data())) {
+            const std::string reason = manager.LastErrorText();
             manager.CloseCard();
-            throw RuntimeError{"channel " + std::to_string(c) + " did not start"};
+            throw RuntimeError{"channel " + std::to_string(c) + " did not start: " + reason};
         }
         if (arguments.Has("--record") && !manager.StartRecord(c)) {
+            const std::string reason = manager.LastErrorText();
             manager.CloseCard();
-            throw RuntimeError{"channel " + std::to_string(c) + " did not start recording"};
+            throw RuntimeError{"channel " + std::to_string(c) +
+                               " did not start recording: " + reason};
         }
     }
 
@@ -124,15 +128,24 @@ int RunCapture(const std::vector<std::string>& args) {
         std::printf("\n");
         std::fflush(stdout);
     }
+    std::array<KvCaptureStatistics, 4> stats{};
     for (int c : channels) {
         manager.StopRecord(c);
         manager.StopCapture(c);
+        manager.GetCaptureStatistics(c, stats[c]);
     }
     const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
     for (int c : channels) {
         const std::uint64_t frames = sinks[c].frames.load();
         std::printf("ch%d: %llu frames in %.1f s (%.1f fps)\n", c,
                     static_cast<unsigned long long>(frames), elapsed, frames / elapsed);
+        if (arguments.Has("--record")) {
+            std::printf(
+                "ch%d: %llu frames recorded, %llu not recorded, in %s/VideoRecord/Capture%d/\n", c,
+                static_cast<unsigned long long>(stats[c].framesRecorded),
+                static_cast<unsigned long long>(stats[c].framesNotRecorded),
+                qPrintable(QCoreApplication::applicationDirPath()), c + 1);
+        }
         if (snapshotDir && !sinks[c].snapshot.empty()) {
             const std::string path = *snapshotDir + "/channel" + std::to_string(c) + ".png";
             if (!SaveFramePng(path, geometry, sinks[c].snapshot.data())) {

@@ -88,7 +88,7 @@ int RunReg(const std::vector<std::string>& args) {
     if (words.size() == 2 && words[0] == "read") {
         const unsigned address = RegisterAddress(words[1]);
         PCIeDataManager manager;
-        OpenFirstCard(manager);
+        OpenChosenCard(manager);
         std::printf("0x%08x\n", manager.ReadReg(address));
         manager.CloseCard();
         return 0;
@@ -97,7 +97,7 @@ int RunReg(const std::vector<std::string>& args) {
         const unsigned address = RegisterAddress(words[1]);
         const auto value = static_cast<unsigned>(ParseNumber(words[2], "value", 0, 0xFFFFFFFF));
         PCIeDataManager manager;
-        OpenFirstCard(manager);
+        OpenChosenCard(manager);
         const int result = manager.WriteReg(address, static_cast<int>(value));
         manager.CloseCard();
         if (result != 4) {
@@ -123,12 +123,12 @@ int RunMem(const std::vector<std::string>& args) {
         const auto size = ParseNumber(words[2], "size", 1, kCardMemoryBytes - address);
         std::vector<unsigned char> bytes(static_cast<std::size_t>(size));
         PCIeDataManager manager;
-        OpenFirstCard(manager);
+        OpenChosenCard(manager);
         const bool read = manager.ReadData(static_cast<unsigned>(address),
                                            static_cast<unsigned>(size), bytes.data());
         manager.CloseCard();
         if (!read) {
-            throw RuntimeError{"the DMA read failed"};
+            throw RuntimeError{std::string("the DMA read failed: ") + manager.LastErrorText()};
         }
         if (const auto file = arguments.Value("-o")) {
             std::ofstream out(*file, std::ios::binary);
@@ -143,6 +143,7 @@ int RunMem(const std::vector<std::string>& args) {
     }
     if (words.size() == 3 && words[0] == "write") {
         const auto address = ParseNumber(words[1], "address", 0, kCardMemoryBytes - 1);
+        RequireReadableFile(words[2]);
         std::ifstream in(words[2], std::ios::binary);
         if (!in) {
             throw RuntimeError{"cannot read " + words[2]};
@@ -153,12 +154,13 @@ int RunMem(const std::vector<std::string>& args) {
             throw UsageError{words[2] + " is empty or does not fit in card memory from there"};
         }
         PCIeDataManager manager;
-        OpenFirstCard(manager);
+        OpenChosenCard(manager);
         const bool written = manager.WriteData(static_cast<unsigned>(address),
                                                static_cast<unsigned>(bytes.size()), bytes.data());
+        const std::string reason = manager.LastErrorText();
         manager.CloseCard();
         if (!written) {
-            throw RuntimeError{"the DMA write failed"};
+            throw RuntimeError{"the DMA write failed: " + reason};
         }
         std::printf("%zu bytes written at 0x%llx\n", bytes.size(),
                     static_cast<unsigned long long>(address));
@@ -192,7 +194,7 @@ int RunCmd(const std::vector<std::string>& args) {
     // The library prints its four timing messages through Qt; they are not for this tool's user.
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
     PCIeDataManager manager;
-    OpenFirstCard(manager);
+    OpenChosenCard(manager);
     const bool sent = manager.WriteControlCmd(
         channel,
         QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size())));
@@ -222,11 +224,18 @@ int RunStatus(const std::vector<std::string>& args) {
                              : 0;
     CatchInterrupts();
     PCIeDataManager manager;
-    OpenFirstCard(manager);
+    OpenChosenCard(manager);
+    struct Received {
+        std::uint64_t deliveries = 0;
+        std::uint64_t bytes = 0;
+    } received;
     // Blocks arrive on this thread, from the event loop run below.
     manager.SetSystemStatusCallback(
         channel,
-        [](int c, const QByteArray& data, void*) {
+        [](int c, const QByteArray& data, void* context) {
+            auto* total = static_cast<Received*>(context);
+            ++total->deliveries;
+            total->bytes += static_cast<std::uint64_t>(data.size());
             std::printf("channel %d: %d bytes:", c, data.size());
             for (char byte : data) {
                 std::printf(" %02x", static_cast<unsigned char>(byte));
@@ -234,15 +243,29 @@ int RunStatus(const std::vector<std::string>& args) {
             std::printf("\n");
             std::fflush(stdout);
         },
-        nullptr, true);
+        &received, true);
+    if (seconds == 0) {
+        std::printf("waiting for status blocks on channel %d (Ctrl-C ends)\n", channel);
+    } else {
+        std::printf("waiting %lld s for status blocks on channel %d (Ctrl-C ends)\n",
+                    static_cast<long long>(seconds), channel);
+    }
+    std::fflush(stdout);
     QElapsedTimer clock;
     clock.start();
     while (!interrupted.load() && (seconds == 0 || clock.elapsed() < qint64(seconds) * 1000)) {
         // The library's 20 ms status timer wakes the loop, so Ctrl-C is seen soon.
         QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
     }
+    KvCaptureStatistics stats;
+    manager.GetCaptureStatistics(channel, stats);
     manager.SetSystemStatusCallback(channel, nullptr, nullptr, false);
     manager.CloseCard();
+    // Blocks that arrive together are handed over in one delivery.
+    std::printf("%llu deliveries, %llu bytes received; %llu bytes dropped (host buffer full)\n",
+                static_cast<unsigned long long>(received.deliveries),
+                static_cast<unsigned long long>(received.bytes),
+                static_cast<unsigned long long>(stats.statusBytesDropped));
     return 0;
 }
 

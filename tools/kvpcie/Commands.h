@@ -24,9 +24,15 @@ void CatchInterrupts();
 // Prints `help` and returns true when the arguments ask for it (--help or -h).
 bool PrintHelpIfAsked(const std::vector<std::string>& args, const char* help);
 
-// Opens the first XDMA card; a runtime error that says how to use the simulated card when none
-// is found.
-void OpenFirstCard(PCIeDataManager& manager);
+// A runtime error unless `path` names a regular file that can be opened for reading: a folder
+// or a missing file is reported in one line, before any stream reads it.
+void RequireReadableFile(const std::string& path);
+
+// The card that --card chose: its index in the XDMA listing (0 by default).
+extern int chosenCard;
+// Opens the chosen XDMA card; a runtime error that says how to use the simulated card when none
+// is found, and one that says how many are listed when the chosen one is not.
+void OpenChosenCard(PCIeDataManager& manager);
 // The simulated card answers its identity register.
 bool IsSimulatedCard(PCIeDataManager& manager);
 

@@ -4,6 +4,7 @@
 #include "RawRecordingName.h"
 #include "TestFrames.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -24,7 +25,7 @@ const char kHelp[] =
 class RawFrames {
 public:
     RawFrames(const std::string& path, std::size_t frameBytes)
-        : in_(path, std::ios::binary), frameBytes_(frameBytes) {
+        : in_((RequireReadableFile(path), path), std::ios::binary), frameBytes_(frameBytes) {
         if (!in_) {
             throw RuntimeError{"cannot read " + path};
         }
@@ -89,7 +90,7 @@ int RunInject(const std::vector<std::string>& args) {
 
     CatchInterrupts();
     PCIeDataManager manager;
-    OpenFirstCard(manager);
+    OpenChosenCard(manager);
     const bool simulated = IsSimulatedCard(manager);
     std::vector<char> frame(geometry.Bytes());
     std::uint64_t queued = 0;
@@ -138,14 +139,29 @@ int RunInject(const std::vector<std::string>& args) {
     }
     const double queuedSeconds = std::chrono::duration<double>(Clock::now() - start).count();
     // The last frames still wait in the queue (15) and the card's buffers (8), and a stop
-    // drops them: give them their periods to play. Ctrl-C stops at once.
-    const auto drained = Clock::now() + std::chrono::milliseconds((15 + 8) * 1000 / rate);
-    while (!interrupted.load() && queued > 0 && Clock::now() < drained) {
+    // drops them: wait until the queue is empty, then for the buffers' periods, at most for
+    // all of them and a second. Ctrl-C stops at once.
+    const auto period = std::chrono::milliseconds(1000) / rate;
+    const auto limit = Clock::now() + period * (15 + 8) + std::chrono::seconds(1);
+    KvInjectStatistics stats;
+    while (!interrupted.load() && queued > 0 && Clock::now() < limit &&
+           manager.GetInjectStatistics(channel, stats) && stats.framesWaiting > 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    const auto ringPlayed = std::min(limit, Clock::now() + period * 8);
+    while (!interrupted.load() && queued > 0 && Clock::now() < ringPlayed) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     manager.StopInject(channel);
-    std::printf("ch%d: %llu frames queued in %.1f s\n", channel,
-                static_cast<unsigned long long>(queued), queuedSeconds);
+    manager.GetInjectStatistics(channel, stats);
+    std::printf(
+        "ch%d: %llu frames queued in %.1f s, %llu handed to the card, %llu dropped at the "
+        "stop, %llu periods without a new frame, queue full %llu times\n",
+        channel, static_cast<unsigned long long>(queued), queuedSeconds,
+        static_cast<unsigned long long>(stats.framesToCard),
+        static_cast<unsigned long long>(stats.framesDroppedAtStop),
+        static_cast<unsigned long long>(stats.periodsWithoutFrame),
+        static_cast<unsigned long long>(refused));
     manager.CloseCard();
     return 0;
 }

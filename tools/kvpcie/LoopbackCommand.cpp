@@ -22,12 +22,13 @@ namespace {
 
 const char kHelp[] =
     "usage: kvpcie loopback [--channels 0,1,2,3] [--seconds S] [--rate FPS]\n"
-    "                       [--width W] [--height H] [--type TYPE] [--no-record]\n"
+    "                       [--width W] [--height H] [--type TYPE] [--record]\n"
     "The self-test on the simulated card (kvpcie --sim loopback): each channel injects frames\n"
     "at FPS (25) that the card plays into its capture channel (card-timed, 25 fps); every\n"
-    "captured frame is checked byte for byte against the frame injected, and recorded. After S\n"
-    "seconds (5) a table gives frames, drops, underruns, capture latency and throughput per\n"
-    "channel, and PASS or FAIL.\n";
+    "captured frame is checked byte for byte against the frame injected, and with --record\n"
+    "recorded below VideoRecord/Capture<N>/ beside the program. After S seconds (5) a table\n"
+    "gives frames, drops, underruns, capture latency and throughput per channel, and PASS or\n"
+    "FAIL.\n";
 
 constexpr unsigned kCaptureSourceLoopback = 1;
 constexpr unsigned kCtlDropped = 0x0C;
@@ -115,8 +116,9 @@ int RunLoopback(const std::vector<std::string>& args) {
     }
     const Arguments arguments(
         args, {"--channels", "--seconds", "--rate", "--width", "--height", "--type"});
-    arguments.AllowOnly(
-        {"--channels", "--seconds", "--rate", "--width", "--height", "--type", "--no-record"});
+    // --no-record is still taken: it was the way to switch off what is now off by default.
+    arguments.AllowOnly({"--channels", "--seconds", "--rate", "--width", "--height", "--type",
+                         "--record", "--no-record"});
     if (!arguments.Words().empty()) {
         throw UsageError{"unexpected \"" + arguments.Words().front() + "\""};
     }
@@ -130,11 +132,11 @@ int RunLoopback(const std::vector<std::string>& args) {
     if (geometry.Bytes() < 12) {
         throw UsageError{"frames of fewer than 12 bytes cannot carry their number"};
     }
-    const bool record = !arguments.Has("--no-record");
+    const bool record = arguments.Has("--record") && !arguments.Has("--no-record");
 
     CatchInterrupts();
     PCIeDataManager manager;
-    OpenFirstCard(manager);
+    OpenChosenCard(manager);
     if (!IsSimulatedCard(manager)) {
         manager.CloseCard();
         throw RuntimeError{
@@ -214,6 +216,10 @@ int RunLoopback(const std::vector<std::string>& args) {
                (!record || recorded > 0);
     }
     manager.CloseCard();
+    if (record) {
+        std::printf("recordings: %s/VideoRecord/Capture<N>/\n",
+                    qPrintable(QCoreApplication::applicationDirPath()));
+    }
     std::printf("%s\n", pass ? "PASS" : "FAIL");
     return pass ? 0 : 1;
 }

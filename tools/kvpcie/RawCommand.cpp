@@ -29,6 +29,7 @@ Recording Open(const std::string& path, std::ifstream& in) {
         throw UsageError{"the name of " + path +
                          " does not say its frames (<n>_<W>x<H>_ParamLine<p>_Fps<r>_<TYPE>.raw)"};
     }
+    RequireReadableFile(path);
     in.open(path, std::ios::binary | std::ios::ate);
     if (!in) {
         throw RuntimeError{"cannot read " + path};

@@ -1,6 +1,9 @@
 // What every kvpcie command that talks to a card needs: the card, and Ctrl-C.
 #include "Commands.h"
 
+#include <QFile>
+#include <QFileInfo>
+
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
 #include <csignal>
@@ -32,18 +35,40 @@ bool PrintHelpIfAsked(const std::vector<std::string>& args, const char* help) {
     return false;
 }
 
-void OpenFirstCard(PCIeDataManager& manager) {
+void RequireReadableFile(const std::string& path) {
+    const QFileInfo info(QString::fromLocal8Bit(path.c_str()));
+    if (!info.exists()) {
+        throw RuntimeError{"cannot read " + path + ": no such file"};
+    }
+    if (!info.isFile()) {
+        throw RuntimeError{"cannot read " + path + ": not a regular file"};
+    }
+    QFile file(info.filePath());
+    if (!file.open(QIODevice::ReadOnly)) {
+        throw RuntimeError{"cannot read " + path + ": " + file.errorString().toStdString()};
+    }
+}
+
+int chosenCard = 0;
+
+void OpenChosenCard(PCIeDataManager& manager) {
     char* paths[4] = {};
     const int count = manager.GetDevices(paths);
-    const bool opened = count > 0 && manager.OpenCard(paths[0]);
+    const bool listed = chosenCard < count;
+    const bool opened = listed && manager.OpenCard(paths[chosenCard]);
+    const std::string reason = manager.LastErrorText();
     for (char* path : paths) {
         std::free(path);
     }
     if (count <= 0) {
         throw RuntimeError{"no XDMA card found (use --sim or KVPCIE_SIM=1 for the simulated card)"};
     }
+    if (!listed) {
+        throw RuntimeError{"card " + std::to_string(chosenCard) + " is not listed (" +
+                           std::to_string(count) + " listed: see kvpcie list)"};
+    }
     if (!opened) {
-        throw RuntimeError{"the first XDMA card did not open"};
+        throw RuntimeError{"card " + std::to_string(chosenCard) + " did not open: " + reason};
     }
 }
 

@@ -14,10 +14,11 @@
 namespace {
 
 const char kUsage[] =
-    "usage: kvpcie [--sim] COMMAND [ARGS]\n"
+    "usage: kvpcie [--sim] [--card N] COMMAND [ARGS]\n"
     "\n"
     "Drives XDMA and RIFFA frame cards through KvPCIeInjectSdk. --sim (or KVPCIE_SIM=1) adds\n"
-    "the simulated card, which every command can use without hardware.\n"
+    "the simulated card, which every command can use without hardware. --card N picks card N\n"
+    "of \"kvpcie list\" (0, the first, by default).\n"
     "\n"
     "commands:\n"
     "  list [--riffa]                    cards and devices present\n"
@@ -42,11 +43,26 @@ int main(int argc, char** argv) {
     // Qt's own messages and the status timer need an application object.
     QCoreApplication application(argc, argv);
     std::vector<std::string> words(argv + 1, argv + argc);
-    while (!words.empty() && words.front() == "--sim") {
-        if (qEnvironmentVariableIsEmpty("KVPCIE_SIM")) {
-            qputenv("KVPCIE_SIM", "1");
+    // --sim and --card N may stand before or after the command.
+    for (auto it = words.begin(); it != words.end();) {
+        if (*it == "--sim") {
+            if (qEnvironmentVariableIsEmpty("KVPCIE_SIM")) {
+                qputenv("KVPCIE_SIM", "1");
+            }
+            it = words.erase(it);
+        } else if (*it == "--card") {
+            const char* value = it + 1 != words.end() ? (it + 1)->c_str() : "";
+            char* end = nullptr;
+            const long card = std::strtol(value, &end, 10);
+            if (*value == '\0' || *end != '\0' || card < 0 || card > 3) {
+                std::fprintf(stderr, "kvpcie: --card takes a card number from 0 to 3\n");
+                return 2;
+            }
+            chosenCard = static_cast<int>(card);
+            it = words.erase(it, it + 2);
+        } else {
+            ++it;
         }
-        words.erase(words.begin());
     }
     if (words.empty() || words.front() == "--help" || words.front() == "-h") {
         std::fputs(kUsage, words.empty() ? stderr : stdout);
@@ -67,18 +83,7 @@ int main(int argc, char** argv) {
                      words.front().c_str());
         return 2;
     }
-    std::vector<std::string> args(words.begin() + 1, words.end());
-    // --sim may also follow the command.
-    for (auto it = args.begin(); it != args.end();) {
-        if (*it == "--sim") {
-            if (qEnvironmentVariableIsEmpty("KVPCIE_SIM")) {
-                qputenv("KVPCIE_SIM", "1");
-            }
-            it = args.erase(it);
-        } else {
-            ++it;
-        }
-    }
+    const std::vector<std::string> args(words.begin() + 1, words.end());
     try {
         return command->second(args);
     } catch (const UsageError& error) {
@@ -86,6 +91,10 @@ int main(int argc, char** argv) {
         return 2;
     } catch (const RuntimeError& error) {
         std::fprintf(stderr, "kvpcie %s: %s\n", words.front().c_str(), error.message.c_str());
+        return 1;
+    } catch (const std::exception& error) {
+        // A library's exception (a stream, an allocation) is one line too, never an abort.
+        std::fprintf(stderr, "kvpcie %s: %s\n", words.front().c_str(), error.what());
         return 1;
     }
 }

@@ -11,11 +11,12 @@
 namespace kvpcie::viewer {
 
 const char* const kUsage =
-    "usage: kvviewer [--sim] [--card-timing] [--width W] [--height H] [--type TYPE]\n"
+    "usage: kvviewer [--sim] [--card N] [--card-timing] [--width W] [--height H] [--type TYPE]\n"
     "                [--channels LIST] [--autostart] [--screenshot FILE] [--quit-after MS]\n"
     "\n"
-    "Shows capture channels 0-3 of the first XDMA card live, each with Start and Record.\n"
+    "Shows capture channels 0-3 of an XDMA card live, each with Start and Record.\n"
     "  --sim              use the simulated card (as KVPCIE_SIM=1)\n"
+    "  --card N           card N of the listing, 0 to 3 (0, the first)\n"
     "  --card-timing      the card generates the frame timing (25 frames per second)\n"
     "  --width, --height  frame size, 1 to 65535 (640 x 512)\n"
     "  --type             UYVY422, Y8, Y16 (default), Y16&Y8 or BGR24\n"
@@ -80,7 +81,7 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
         }
         const bool takesValue = name == "--width" || name == "--height" || name == "--type" ||
                                 name == "--channels" || name == "--screenshot" ||
-                                name == "--quit-after";
+                                name == "--quit-after" || name == "--card";
         if (takesValue && !value) {
             if (i + 1 == args.size()) {
                 return fail(name + " needs a value");
@@ -122,6 +123,12 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
                 return fail("--screenshot needs a file name");
             }
             options.screenshot = *value;
+        } else if (name == "--card") {
+            const auto card = ParseNumber(*value, 0, 3);
+            if (!card) {
+                return fail("--card takes a card number from 0 to 3: " + *value);
+            }
+            options.card = *card;
         } else if (name == "--quit-after") {
             const auto ms = ParseNumber(*value, 0, INT_MAX);
             if (!ms) {

@@ -11,6 +11,7 @@ namespace kvpcie::viewer {
 
 struct ViewerOptions {
     bool simulated = false;
+    int card = 0;  // index in the XDMA listing
     bool cardTiming = false;
     // Small enough that four channels fit a screen at full size.
     int width = 640;

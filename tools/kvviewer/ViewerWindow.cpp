@@ -36,7 +36,7 @@ ViewerWindow::ViewerWindow(const ViewerOptions& options, QWidget* parent)
     layout->addLayout(grid, 1);
 
     QString cardName;
-    cardOpen_ = OpenFirstCard(cardName);
+    cardOpen_ = OpenChosenCard(cardName);
     if (cardOpen_) {
         banner_->hide();
         setWindowTitle(tr("kvviewer - %1").arg(cardName));
@@ -51,12 +51,13 @@ ViewerWindow::~ViewerWindow() {
     Shutdown();
 }
 
-bool ViewerWindow::OpenFirstCard(QString& cardName) {
+bool ViewerWindow::OpenChosenCard(QString& cardName) {
     char* paths[4] = {};
     const int count = manager_.GetDevices(paths);
-    const bool opened = count > 0 && manager_.OpenCard(paths[0]);
+    const int chosen = options_.card;
+    const bool opened = chosen < count && manager_.OpenCard(paths[chosen]);
     if (opened) {
-        cardName = QString::fromLocal8Bit(paths[0]);
+        cardName = QString::fromLocal8Bit(paths[chosen]);
     }
     for (char* path : paths) {
         std::free(path);  // GetDevices hands the buffers over

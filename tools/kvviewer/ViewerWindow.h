@@ -35,7 +35,7 @@ protected:
     void closeEvent(QCloseEvent* event) override;
 
 private:
-    bool OpenFirstCard(QString& cardName);
+    bool OpenChosenCard(QString& cardName);
 
     const ViewerOptions options_;
     PCIeDataManager manager_;
