@@ -128,13 +128,40 @@ void LogFile::WriteLog(const char* format, ...) {
     // Stamped under the lock, so the queue holds lines in the order of their stamps.
     char stamp[32];
     const int stampLength = FormatLineStamp(platform::LocalTimeNow(), stamp);
-    lines_.text.append(stamp, static_cast<std::size_t>(stampLength));
-    lines_.text.append(message, messageLength);
-    lines_.text.push_back('\n');
-    lines_.lengths.push_back(static_cast<std::uint32_t>(stampLength + messageLength + 1));
+    char notice[128];
+    int noticeLength = 0;
+    if (droppedUnreported_ > 0) {
+        noticeLength = std::snprintf(notice, sizeof notice,
+                                     "%llu lines were dropped here: the log's queue was full",
+                                     static_cast<unsigned long long>(droppedUnreported_));
+    }
+    const std::size_t lineBytes = static_cast<std::size_t>(stampLength) + messageLength + 1;
+    const std::size_t noticeBytes =
+        noticeLength > 0 ? static_cast<std::size_t>(stampLength + noticeLength + 1) : 0;
+    if (lines_.text.size() + noticeBytes + lineBytes > kQueueLimitBytes) {
+        ++droppedUnreported_;
+        droppedLines_.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
+    const auto append = [&](const char* text, std::size_t length) {
+        lines_.text.append(stamp, static_cast<std::size_t>(stampLength));
+        lines_.text.append(text, length);
+        lines_.text.push_back('\n');
+        lines_.lengths.push_back(static_cast<std::uint32_t>(stampLength + length + 1));
+    };
+    if (noticeLength > 0) {
+        append(notice, static_cast<std::size_t>(noticeLength));
+        droppedUnreported_ = 0;
+    }
+    append(message, messageLength);
     if (writerIdle_) {
         lineQueued_.notify_one();  // a system call only when the writer sleeps
     }
+}
+
+std::size_t LogFile::QueuedBytes() {
+    std::lock_guard<std::mutex> guard(lock_);
+    return lines_.text.size();
 }
 
 void LogFile::StopLog() {

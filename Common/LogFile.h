@@ -8,8 +8,8 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -32,7 +32,9 @@ public:
 
     // printf-style; the message is cut at 4,999 bytes. Never touches the disk, never blocks
     // on it, reports nothing; lines queued before StartLog or after StopLog wait for the next
-    // StartLog. Any thread.
+    // StartLog. At most kQueueLimitBytes wait: past that (a log that cannot be written) a line
+    // is dropped and counted, and the next line that fits is preceded by one that says how
+    // many were dropped. Any thread.
     void WriteLog(const char* format, ...);
 
     // Joins the writer and closes the file; lines still queued stay queued.
@@ -40,6 +42,13 @@ public:
 
     // Bytes at which a file is full: the next line goes to a new file with the next index.
     static constexpr long kRotateBytes = 10485760;
+    // Bytes of lines that may wait in the queue.
+    static constexpr std::size_t kQueueLimitBytes = 8u << 20;
+
+    // Lines dropped for want of room in the queue, over the log's life. Any thread.
+    std::uint64_t DroppedLines() const { return droppedLines_.load(std::memory_order_relaxed); }
+    // Bytes of lines waiting in the queue (not those the writer has taken). Any thread.
+    std::size_t QueuedBytes();
 
 private:
     static void ThreadFun_WriteLogFile(void* owner);
@@ -62,7 +71,9 @@ private:
     int fileIndex_ = 0;
     std::mutex lock_;
     std::condition_variable lineQueued_;
-    bool writerIdle_ = false;  // guarded by lock_
+    bool writerIdle_ = false;              // guarded by lock_
+    std::uint64_t droppedUnreported_ = 0;  // guarded by lock_
+    std::atomic<std::uint64_t> droppedLines_{0};
     const QString logName_;
     std::FILE* file_ = nullptr;
     long fileBytes_ = 0;  // size of the current file, the writer's own count

@@ -130,5 +130,56 @@ TEST(LogFile, ALogThatCannotOpenItsFileQueuesAndStopsCleanly) {
     EXPECT_TRUE(QFileInfo("Log/InjectReadFile").isFile());
 }
 
+TEST(LogFile, AnUnwritableLogKeepsAtMostItsLimitAndSaysHowManyLinesItDropped) {
+    testing::ScratchDir scratch(/*enter=*/true);
+    ASSERT_TRUE(QDir().mkpath("Log"));
+    {
+        QFile blocker("Log/Capture_AllChannel");
+        ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    }
+    const std::string text(4000, 'x');
+    {
+        LogFile log("Capture_AllChannel");
+        log.StartLog();
+        // 12 MB of lines that have nowhere to go.
+        for (int i = 0; i < 3000; ++i) {
+            log.WriteLog("%s", text.c_str());
+        }
+        EXPECT_LE(log.QueuedBytes(), LogFile::kQueueLimitBytes);
+        EXPECT_GT(log.DroppedLines(), 0u);
+        EXPECT_LE(log.DroppedLines(), 3000u - 2000u);  // some 2,000 lines fit in 8 MiB
+        log.StopLog();
+    }
+    // A log whose queue filled before its start: the lines that waited reach the file, and the
+    // count of those that were dropped comes once, before the next line.
+    ASSERT_TRUE(QFile::remove("Log/Capture_AllChannel"));
+    ASSERT_TRUE(QDir().mkpath("Log/Capture_AllChannel"));
+    LogFile log("Capture_AllChannel");
+    for (int i = 0; i < 3000; ++i) {
+        log.WriteLog("%s", text.c_str());
+    }
+    const std::uint64_t dropped = log.DroppedLines();
+    log.StartLog();
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (log.QueuedBytes() > 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(1ms);
+    }
+    log.WriteLog("after");
+    QByteArray all;
+    while (!all.contains("after") && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(10ms);
+        all.clear();
+        for (const QString& file : LogFiles("Capture_AllChannel")) {
+            all += ReadAll("Log/Capture_AllChannel/" + file);
+        }
+    }
+    log.StopLog();
+    const QByteArray notice = QByteArray::number(static_cast<qulonglong>(dropped)) +
+                              " lines were dropped here: the log's queue was full";
+    EXPECT_EQ(all.count(notice), 1) << dropped;
+    EXPECT_TRUE(all.contains("after"));
+    EXPECT_LT(all.indexOf(notice), all.indexOf("after"));
+}
+
 }  // namespace
 }  // namespace kvpcie
