@@ -110,6 +110,20 @@ TEST_F(HostFaults, AFullDiskStopsTheRecordingFileButNeverTheCapture) {
     EXPECT_EQ(stats.framesRecorded, 10u);
     EXPECT_EQ(stats.bytesRecorded, 10 * kFaultFrameBytes);
     EXPECT_GE(stats.framesNotRecorded, 70u);  // at least 80 came while it recorded
+    // The losses are logged once, when they begin, not once per frame.
+    const auto logged = [] {
+        QByteArray all;
+        for (const QString& name : QDir("Log/Capture_AllChannel").entryList(QDir::Files)) {
+            QFile file("Log/Capture_AllChannel/" + name);
+            if (file.open(QIODevice::ReadOnly)) {
+                all += file.readAll();
+            }
+        }
+        return all;
+    };
+    const QByteArray begins = "channel 0: the recorder cannot keep up";
+    EXPECT_TRUE(WaitFor([&] { return logged().contains(begins); }));
+    EXPECT_EQ(logged().count(begins), 1);
 }
 
 TEST_F(HostFaults, AnUnwritableLogFolderLeavesCaptureWhole) {

@@ -156,9 +156,13 @@ bool DataCapture4XdmaMM::HandleBuffer(int c, Channel& state, unsigned buffer,
     counts.lastCardBuffer.store(static_cast<std::int32_t>(buffer), std::memory_order_relaxed);
     if (state.recorder != nullptr && state.recorder->IsRecording()) {
         int full = 0;
-        if (!state.recordQueue->Push(state.frameBuffer, state.frameSize, full)) {
+        const bool queued = state.recordQueue->Push(state.frameBuffer, state.frameSize, full);
+        if (!queued) {
             counts.notQueuedForRecording.Add();
         }
+        LogLossBurst(*log_, state.queueLosses, !queued, c,
+                     "the recording queue is full: frames are not recorded",
+                     "frames were not recorded");
     }
     return true;
 }

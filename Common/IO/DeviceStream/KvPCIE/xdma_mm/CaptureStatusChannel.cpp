@@ -75,9 +75,13 @@ void DataCapture4XdmaMM::ReadStatusBlock(int c, StatusDataBuffer& buffer) {
         XdmaReadUser(block + kCapStatusData + 4 * static_cast<std::uint32_t>(k), bytes + 4 * k, 4);
     }
     // A block that would overflow the buffer is dropped whole.
-    if (!buffer.Append(bytes, length)) {
+    const bool kept = buffer.Append(bytes, length);
+    if (!kept) {
         channels_[c].counters.statusBytesDropped.Add(static_cast<std::uint64_t>(length));
     }
+    LogLossBurst(*log_, channels_[c].statusLosses, kept ? 0 : static_cast<std::uint64_t>(length), c,
+                 "status blocks are dropped: the host's status buffer is full",
+                 "status bytes were dropped");
     const unsigned taken = 0;
     XdmaWriteReg(block + kCapStatusControl, &taken);
 }

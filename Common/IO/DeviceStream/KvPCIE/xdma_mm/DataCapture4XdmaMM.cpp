@@ -117,6 +117,9 @@ bool DataCapture4XdmaMM::StartChannel(const KvFrameFormat& format, CaptureFrameC
         }
         state.lastHandledBuffer = -1;
         state.counters.ResetFrames(CaptureCounters::Clock::now());
+        state.queueLosses = LossBurst{};
+        state.recorderLossesSeen = 0;  // the recorder is new
+        state.recorderLosses = LossBurst{};
         state.format = format;
         state.frameSize = frameSize;
         state.recorder = std::make_unique<RecordThread>(format);
@@ -320,6 +323,13 @@ void DataCapture4XdmaMM::FeedRecorder(Channel& state) {
         while (const char* frame = state.recordQueue->PopPtr()) {
             state.recorder->PushFrame(frame);
         }
+        // Frames the recorder had no room for, or could not write.
+        const std::uint64_t losses = state.recorder->FramesLost();
+        const int c = static_cast<int>(&state - channels_.data());
+        LogLossBurst(*log_, state.recorderLosses, losses - state.recorderLossesSeen, c,
+                     "the recorder cannot keep up (a full or slow disk): frames are lost",
+                     "frames were lost by the recorder");
+        state.recorderLossesSeen = losses;
         fed = true;
     }
     if (fed) {

@@ -13,6 +13,7 @@
 #include "Common/LogFile.h"
 #include "Common/PinnedWorker.h"
 #include "EventFile.h"
+#include "LossBurst.h"
 #include "record/RecordThread.h"
 
 #include <KvPCIeInjectSdk/KvPCIeStatistics.h>
@@ -108,6 +109,14 @@ private:
         PinnedWorker eventThread;
         AutoResetEvent eventObject;
         CaptureCounters counters;
+        // Losses in a row, so that a burst of them is logged once when it begins and once when
+        // it ends rather than per frame: frames the engine's recording queue refused (polling
+        // thread), frames the recorder lost (recording thread), status bytes dropped (status
+        // thread).
+        LossBurst queueLosses;
+        std::uint64_t recorderLossesSeen = 0;
+        LossBurst recorderLosses;
+        LossBurst statusLosses;
         bool snapshotRequest = false;
         bool delayTest = false;
         int delayTestCount = 0;
