@@ -1,6 +1,7 @@
 // The exported facade: card handling, register and memory access, and forwarding to engines.
 #include "AutoOpen.h"
 #include "CaptureRequest.h"
+#include "CardHolder.h"
 #include "ErrorText.h"
 #include "InjectRequest.h"
 #include "PCIeDataManagerPrivate.h"
@@ -97,13 +98,14 @@ const char* PCIeDataManager::LastErrorText() {
 
 bool PCIeDataManager::OpenCard(char* devicePath) {
     ClearErrorText();
-    if (InsideCallback(d, "OpenCard")) {
+    if (InsideCallback(d, "OpenCard") || CardHeldByAnother(d, "OpenCard")) {
         return false;
     }
     bool opened = true;
     if (devicePath != nullptr) {
         CloseCard();
         opened = xdma::XdmaOpen(devicePath);
+        SetCardHolder(opened ? d : nullptr);
         ClearErrorText();
         if (!opened) {
             SetErrorText("the XDMA card \"%s\" did not open; its engines were created anyway",
@@ -147,7 +149,11 @@ void PCIeDataManager::CloseCard() {
     if (InsideCallback(d, "CloseCard")) {
         return;
     }
-    xdma::XdmaClose();
+    // A manager that does not hold the card only lets go of its engines.
+    if (!IsCardHeldByAnother(d)) {
+        xdma::XdmaClose();
+        SetCardHolder(nullptr);
+    }
     PCIeDataManagerPrivate::XdmaEngines old = d->TakeXdmaEngines();
     old.capture.reset();
     old.inject.reset();
@@ -195,6 +201,10 @@ bool StartCaptureWith(PCIeDataManagerPrivate* d, Prepare prepare, unsigned chann
                       void* userContext, char* frameBuffer) {
     ClearErrorText();
     if (!IsXdma(d, "StartCapture")) {
+        return false;
+    }
+    if (CardHeldByAnother(d, "StartCapture")) {
+        error = ERR_NO_CARD;
         return false;
     }
     KvFrameFormat format;
@@ -343,6 +353,10 @@ bool PCIeDataManager::StartInject(unsigned int channel, int frameRate, int width
                                   eErrorCode& error) {
     ClearErrorText();
     if (!IsXdma(d, "StartInject")) {
+        return false;
+    }
+    if (CardHeldByAnother(d, "StartInject")) {
+        error = ERR_NO_CARD;
         return false;
     }
     KvFrameFormat format;

@@ -143,6 +143,40 @@ TEST_F(Facade, RiffaModeRefusesStartsWithoutTouchingTheErrorCode) {
     EXPECT_EQ(manager.WriteReg(0x100, 1), 0);
 }
 
+TEST_F(Facade, ASecondManagerLeavesTheCardOfOneWithRunningChannelsAlone) {
+    kvpcie::testing::SetEnvironment("KVPCIE_SIM", "1");
+    char path[] = "sim:xdma0";
+    PCIeDataManager first;
+    ASSERT_TRUE(first.OpenCard(path));
+    std::vector<char> buffer(64 * 48 * 2);
+    eErrorCode error = ERR_NONE;
+    const CaptureFrameCallback ignore = [](int, const char*, void*) {};
+    ASSERT_TRUE(first.StartCapture(0, true, 64, 48, Y16, error, ignore, nullptr, buffer.data()));
+
+    PCIeDataManager second;
+    EXPECT_FALSE(second.OpenCard(path));
+    EXPECT_NE(std::string(second.LastErrorText()).find("another PCIeDataManager has channels"),
+              std::string::npos)
+        << second.LastErrorText();
+    std::vector<char> other(64 * 48 * 2);
+    EXPECT_FALSE(second.StartCapture(1, true, 64, 48, Y16, error, ignore, nullptr, other.data()));
+    EXPECT_EQ(error, ERR_NO_CARD);
+    second.CloseCard();
+    // The first manager's card and channel are untouched: open, enabled, capturing.
+    EXPECT_EQ(first.ReadReg(0x1F0000), 0x53494D31u);
+    EXPECT_EQ(first.ReadReg(0x100018) & 1u, 1u);
+    EXPECT_TRUE(first.IsStartCapture(0));
+    // A copy shares the first one's record, and so its card.
+    PCIeDataManager copy(first);
+    EXPECT_TRUE(copy.StartCapture(2, true, 64, 48, Y16, error, ignore, nullptr, other.data()));
+    copy.StopCapture(2);
+
+    // Idle, the card may be taken over.
+    first.StopCapture(0);
+    EXPECT_TRUE(second.OpenCard(path));
+    second.CloseCard();
+}
+
 TEST_F(Facade, CopiesShareOneRecord) {
     kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
     PCIeDataManager first;
