@@ -22,6 +22,11 @@
 // so copies drive the same card and engines. The record lives until the process ends; call
 // CloseCard before you drop the last copy to stop the engines' threads.
 //
+// Two managers. The process has one open XDMA card. While the manager that opened it (or a
+// copy) has a channel capturing or injecting, another manager's OpenCard, StartCapture and
+// StartInject are refused with an error text, and its CloseCard leaves the card open (only its
+// own engines go). Share a card through copies of one manager; an idle card may be taken over.
+//
 // Results. Nothing throws. Operations that forward to a capture or inject engine do nothing and
 // return false, 0 or null while no engine exists (before OpenCard, after CloseCard). After a
 // call that failed, LastErrorText says why in one line.
@@ -46,6 +51,8 @@ class KVPCIE_EXPORT PCIeDataManager {
 public:
     // Opens nothing. `parent` is accepted for Qt-style construction and not used.
     explicit PCIeDataManager(ePCIeFrameworkType type = XDMA_MM, QObject* parent = nullptr);
+    // Copies and moves share the private record (see Lifetime above); nothing is opened or
+    // closed by them.
     PCIeDataManager(const PCIeDataManager& other);
     PCIeDataManager& operator=(const PCIeDataManager& other);
     PCIeDataManager& operator=(PCIeDataManager&& other);
@@ -77,8 +84,12 @@ public:
     // Starts capturing `channel` (0 to 3) into `frameBuffer`, which must hold one frame
     // (KvFrameSizeBytes) and stay valid until StopCapture returns. Opens the first card when
     // none is open. `cardTiming`: the card generates the frame timing at 25 frames per second.
-    // Starting a started channel sets it up again. Sets `error` to ERR_NO_CARD when no card
-    // could be opened, else ERR_NONE; RIFFA mode returns false and leaves `error` alone.
+    // Starting a started channel sets it up again, with two things to know: the new call's
+    // callback, `userContext` and `frameBuffer` replace the old ones only where they are not
+    // null (a null one keeps the old one; with a plain and an Ex callback both set, the plain
+    // one is called), and a recording in progress ends (call StartRecord again). StopCapture
+    // first for a clean slate. Sets `error` to ERR_NO_CARD when no card could be opened, else
+    // ERR_NONE; RIFFA mode returns false and leaves `error` alone.
     // Refused with false and ERR_NO_CARD before anything reaches the card: a channel outside 0
     // to 3, a null `frameBuffer`, a pixel type outside UYVY422..PIXEL32, a width or height
     // outside 1 to 65535 (the card's 16-bit geometry fields), and a frame larger than one
@@ -94,11 +105,16 @@ public:
     // the channel's own callback: once that callback returns). Channels outside 0 to 3 are
     // ignored here and in every other operation that takes a channel (false or null results).
     void StopCapture(int channel);
+    // True while the channel is capturing (from StartCapture to StopCapture).
     bool IsStartCapture(int channel);
     // Records the channel's frames to raw files below the application directory's
     // "VideoRecord" folder; false when the channel is not capturing.
     bool StartRecord(int channel);
+    // Ends the channel's recording; the frames still on their way are written before it
+    // returns. The recording thread stops when no channel records.
     void StopRecord(int channel);
+    // Marks a snapshot request for the channel. The library itself keeps no picture: a host
+    // takes its snapshot from the frames its callback receives (kvpcie capture --snapshot).
     void ImgSnapShot(int channel);
     // Status blocks that the card posts for `channel` are delivered to `callback` on the thread
     // that opened the card, every 20 ms from its event loop. A null `callback` counts as
@@ -109,7 +125,10 @@ public:
     // the next call and valid as long as the manager (CloseCard does not free them). Null
     // without a capture engine.
     tagCaptureDelayStatusInfo* GetCaptureDelayStatus(int channel);
+    // Switches the card's display delay test on (register 0x100024 = 0x10) or off (0) and marks
+    // the channel; the records of GetCaptureDelayStatus carry the channel's test count.
     void SetImgDisplayDelayTest(int channel, bool enable);
+    // Accepted and not used: the library draws nothing of the capture channels itself.
     void SetCaptureFullScreenWgt(int channel, void* widget);
 
     // --- injection (XDMA) ---
@@ -127,11 +146,16 @@ public:
     // width or line count outside 1 to 65535, and a frame larger than one 20 MiB card buffer.
     // False with ERR_NONE: a frame that outgrows those limits only with its parameter line.
     // RIFFA mode returns false and leaves `error` alone.
+    // The counter stamp: as a frame goes to the card, the library writes its number (0 for the
+    // first frame after a start, counting up) over the frame's first pixel, least significant
+    // byte first: 1 byte for Y8, 2 for UYVY422 and Y16, 3 for Y16_Y8 and BGR24. The caller's
+    // data is not touched; the copy in the queue is.
     bool StartInject(unsigned int channel, int frameRate, int width, int height,
                      ePixelType pixelType, int linePeriod, char* frameData, eErrorCode& error);
     // Stops handing the channel's frames to the card and drops those still queued; the card
     // stops playing the channel. Blocks 50 ms.
     void StopInject(int channel);
+    // True from the first StartInject of the channel to StopInject.
     bool IsStartInject(int channel);
     // Eight records, one per card buffer of the channel, in seconds; owned by the library,
     // overwritten by the next call and valid as long as the manager (CloseCard does not free
@@ -164,6 +188,9 @@ public:
     bool WriteData(unsigned int address, unsigned int size, unsigned char* buffer);
 
     // --- settings ---
+    // Flags of the engines that exist now (false in new engines). SetSaveLog switches the
+    // capture polling's per-buffer lines in the "./Log/Capture_AllChannel" log on; the other two
+    // are stored and change nothing the library produces (it draws no on-screen text).
     void SetSaveLog(bool on);
     void SetOsdHidden(bool on);
     void SetShowErrorFrame(bool on);
