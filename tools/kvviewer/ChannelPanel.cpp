@@ -39,7 +39,9 @@ ChannelPanel::ChannelPanel(PCIeDataManager& manager, int channel, const CaptureF
     startButton_->setCheckable(true);
     recordButton_->setCheckable(true);
     recordButton_->setEnabled(false);
-    state_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    // Wrapped rather than clipped: with recording and loss counts the line outgrows a panel.
+    state_->setWordWrap(true);
+    state_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Minimum);
 
     auto* controls = new QHBoxLayout;
     controls->addWidget(startButton_);
@@ -182,7 +184,13 @@ void ChannelPanel::ShowState() {
                     .arg(QString::fromLatin1(tools::PixelTypeName(format_.pixelType)))
                     .arg(framesPerSecond_, 0, 'f', 1)
                     .arg(frames);
-        if (recording_) {
+        KvCaptureStatistics stats;
+        if (manager_.GetCaptureStatistics(channel_, stats)) {
+            text += tr(", %1 failed, %2 flagged").arg(stats.framesFailed).arg(stats.errorFrames);
+            if (recording_) {
+                text += tr(", recording (%1 not recorded)").arg(stats.framesNotRecorded);
+            }
+        } else if (recording_) {
             text += tr(", recording");
         }
     } else {
