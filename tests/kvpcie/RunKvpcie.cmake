@@ -1,7 +1,8 @@
 # Runs kvpcie once in a scratch directory as a user would, and checks its exit code and output.
 # TOOL, WORK_DIR, ARGS ("|"-separated), CODE (expected exit code), REGEX (in stdout + stderr);
-# optional ENV ("|"-separated cmake -E env arguments), MAKE_FILE ("name:bytes") and EMULATOR
-# (what runs TOOL, such as Wine for a Windows build).
+# optional ENV ("|"-separated cmake -E env arguments), MAKE_FILE ("name:bytes"), EMULATOR
+# (what runs TOOL, such as Wine for a Windows build) and JSON_GET ("|"-separated path): standard
+# output must then be one JSON document alone, whose value at that path matches JSON_MATCH.
 file(REMOVE_RECURSE ${WORK_DIR})
 file(MAKE_DIRECTORY ${WORK_DIR})
 foreach(log Capture_AllChannel Inject_AllChannel InjectReadFile)
@@ -31,5 +32,17 @@ if(NOT CODE EQUAL 0)
     list(LENGTH lines count)
     if(NOT count EQUAL 1)
         message(FATAL_ERROR "kvpcie ${args}: expected one line on stderr, got:\n${err}")
+    endif()
+endif()
+
+if(JSON_GET)
+    string(REPLACE "|" ";" path "${JSON_GET}")
+    string(JSON value ERROR_VARIABLE json_error GET "${out}" ${path})
+    if(json_error)
+        message(FATAL_ERROR "kvpcie ${args}: standard output is not one JSON document with "
+                            "${JSON_GET} (${json_error}):\n${out}")
+    endif()
+    if(NOT "${value}" MATCHES "${JSON_MATCH}")
+        message(FATAL_ERROR "kvpcie ${args}: ${JSON_GET} is \"${value}\", not \"${JSON_MATCH}\"")
     endif()
 endif()

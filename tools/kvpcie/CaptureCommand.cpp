@@ -1,9 +1,11 @@
 // kvpcie capture: channels into host buffers, with one line of statistics a second.
 #include "Commands.h"
 #include "FrameOptions.h"
+#include "JsonOutput.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QJsonArray>
 
 #include <array>
 #include <chrono>
@@ -17,11 +19,12 @@ namespace {
 const char kHelp[] =
     "usage: kvpcie capture [--channels 0,1,2,3] [--width W] [--height H] [--type TYPE]\n"
     "                      [--card-timing] [--frames N | --seconds S] [--record]\n"
-    "                      [--snapshot DIR]\n"
+    "                      [--snapshot DIR] [--json]\n"
     "Captures until N frames arrived on every channel, S seconds passed (10 by default) or\n"
     "Ctrl-C. Prints frames, frame rate, frames the card dropped (simulated card) and bytes per\n"
     "channel once a second. --record writes raw files below VideoRecord/Capture<N>/ beside the\n"
-    "program; --snapshot writes each channel's first frame as DIR/channel<N>.png.\n"
+    "program; --snapshot writes each channel's first frame as DIR/channel<N>.png. --json prints\n"
+    "the figures at the end as one JSON document instead.\n"
     "TYPE: UYVY422, Y8, Y16 (default), Y16&Y8, BGR24; W x H 640 x 512 by default.\n";
 
 struct ChannelSink {
@@ -50,7 +53,7 @@ int RunCapture(const std::vector<std::string>& args) {
     const Arguments arguments(args, {"--channels", "--width", "--height", "--type", "--frames",
                                      "--seconds", "--snapshot"});
     arguments.AllowOnly({"--channels", "--width", "--height", "--type", "--frames", "--seconds",
-                         "--snapshot", "--card-timing", "--record"});
+                         "--snapshot", "--card-timing", "--record", "--json"});
     if (!arguments.Words().empty()) {
         throw UsageError{"unexpected \"" + arguments.Words().front() + "\""};
     }
@@ -64,6 +67,8 @@ int RunCapture(const std::vector<std::string>& args) {
         throw RuntimeError{"cannot create " + *snapshotDir};
     }
 
+    const bool asJson = arguments.Has("--json");
+    JsonOutput json(asJson);
     CatchInterrupts();
     PCIeDataManager manager;
     OpenChosenCard(manager);
@@ -135,8 +140,25 @@ int RunCapture(const std::vector<std::string>& args) {
         manager.GetCaptureStatistics(c, stats[c]);
     }
     const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    const QString recordFolder = QCoreApplication::applicationDirPath() + "/VideoRecord/Capture";
+    QJsonArray figures;
     for (int c : channels) {
         const std::uint64_t frames = sinks[c].frames.load();
+        QJsonObject channel{{"channel", c},
+                            {"frames", static_cast<qint64>(frames)},
+                            {"seconds", elapsed},
+                            {"framesPerSecond", frames / elapsed},
+                            {"framesFailed", static_cast<qint64>(stats[c].framesFailed)},
+                            {"errorFrames", static_cast<qint64>(stats[c].errorFrames)}};
+        if (simulated) {
+            channel["droppedByCard"] = static_cast<qint64>(manager.ReadReg(ControlBlock(c) + 0x0C));
+        }
+        if (arguments.Has("--record")) {
+            channel["framesRecorded"] = static_cast<qint64>(stats[c].framesRecorded);
+            channel["framesNotRecorded"] = static_cast<qint64>(stats[c].framesNotRecorded);
+            channel["recordFolder"] = recordFolder + QString::number(c + 1);
+        }
+        figures.append(channel);
         std::printf("ch%d: %llu frames in %.1f s (%.1f fps)\n", c,
                     static_cast<unsigned long long>(frames), elapsed, frames / elapsed);
         if (arguments.Has("--record")) {
@@ -156,6 +178,9 @@ int RunCapture(const std::vector<std::string>& args) {
         }
     }
     manager.CloseCard();
+    if (asJson) {
+        json.Print(QJsonObject{{"channels", figures}});
+    }
     return 0;
 }
 

@@ -1,10 +1,13 @@
 // kvpcie list, reg, mem, cmd and status: the card's registers, memory and mailboxes.
 #include "Commands.h"
+#include "JsonOutput.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QJsonArray>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -39,37 +42,63 @@ void HexDump(std::uint64_t address, const std::vector<unsigned char>& bytes) {
 
 int RunList(const std::vector<std::string>& args) {
     if (PrintHelpIfAsked(args,
-                         "usage: kvpcie list [--riffa]\n"
+                         "usage: kvpcie list [--riffa] [--json]\n"
                          "Lists the XDMA cards (paths for OpenCard), or the RIFFA devices.\n")) {
         return 0;
     }
     const Arguments arguments(args, {});
-    arguments.AllowOnly({"--riffa"});
+    arguments.AllowOnly({"--riffa", "--json"});
     if (!arguments.Words().empty()) {
         throw UsageError{"unexpected \"" + arguments.Words().front() + "\""};
     }
+    const bool asJson = arguments.Has("--json");
+    JsonOutput json(asJson);
     if (arguments.Has("--riffa")) {
         PCIeDataManager manager(RIFFA);
         fpga_info_list list{};
         const bool listed = manager.GetDevices(&list);
-        std::printf("%d RIFFA device(s)%s\n", list.fpgaCount,
-                    listed ? "" : " (the listing stopped early)");
-        for (int i = 0; i < list.fpgaCount && i < 5; ++i) {
-            std::printf("  [%d] %.16s  id %d, %d channels, vendor 0x%04x device 0x%04x\n", i,
-                        list.name[i], list.id[i], list.channelCount[i], list.vendorId[i],
-                        list.deviceId[i]);
+        QJsonArray devices;
+        const int shown = std::min(list.fpgaCount, 5);
+        for (int i = 0; i < shown; ++i) {
+            const QString name =
+                QString::fromLatin1(list.name[i], static_cast<int>(qstrnlen(list.name[i], 16)));
+            devices.append(QJsonObject{{"index", i},
+                                       {"name", name},
+                                       {"id", list.id[i]},
+                                       {"channels", list.channelCount[i]},
+                                       {"vendorId", list.vendorId[i]},
+                                       {"deviceId", list.deviceId[i]}});
+        }
+        if (asJson) {
+            json.Print(QJsonObject{{"riffa", devices}, {"complete", listed}});
+        } else {
+            std::printf("%d RIFFA device(s)%s\n", list.fpgaCount,
+                        listed ? "" : " (the listing stopped early)");
+            for (int i = 0; i < shown; ++i) {
+                std::printf("  [%d] %.16s  id %d, %d channels, vendor 0x%04x device 0x%04x\n", i,
+                            list.name[i], list.id[i], list.channelCount[i], list.vendorId[i],
+                            list.deviceId[i]);
+            }
         }
         return listed ? 0 : 1;
     }
     PCIeDataManager manager;
     char* paths[4] = {};
     const int count = manager.GetDevices(paths);
-    std::printf("%d XDMA card(s)\n", count);
+    QJsonArray cards;
     for (int i = 0; i < count; ++i) {
-        std::printf("  [%d] %s\n", i, paths[i]);
+        cards.append(QString::fromLocal8Bit(paths[i]));
     }
     for (char* path : paths) {
         std::free(path);
+    }
+    if (asJson) {
+        json.Print(QJsonObject{{"xdma", cards}});
+        return 0;
+    }
+    std::printf("%d XDMA card(s)\n", count);
+    for (int i = 0; i < count; ++i) {
+        std::printf("  [%d] %s\n", i, qPrintable(cards[i].toString()));
     }
     return 0;
 }
@@ -208,16 +237,18 @@ int RunCmd(const std::vector<std::string>& args) {
 
 int RunStatus(const std::vector<std::string>& args) {
     if (PrintHelpIfAsked(args,
-                         "usage: kvpcie status CHANNEL [--seconds S]\n"
+                         "usage: kvpcie status CHANNEL [--seconds S] [--json]\n"
                          "Prints the status blocks the card posts on the channel (until Ctrl-C, "
                          "or for S seconds).\n")) {
         return 0;
     }
     const Arguments arguments(args, {"--seconds"});
-    arguments.AllowOnly({"--seconds"});
+    arguments.AllowOnly({"--seconds", "--json"});
     if (arguments.Words().size() != 1) {
         throw UsageError{"expected CHANNEL"};
     }
+    const bool asJson = arguments.Has("--json");
+    JsonOutput json(asJson);
     const int channel = static_cast<int>(ParseNumber(arguments.Words()[0], "channel", 0, 3));
     const auto seconds = arguments.Value("--seconds")
                              ? ParseNumber(*arguments.Value("--seconds"), "seconds", 1, 86400)
@@ -228,6 +259,7 @@ int RunStatus(const std::vector<std::string>& args) {
     struct Received {
         std::uint64_t deliveries = 0;
         std::uint64_t bytes = 0;
+        QJsonArray blocks;  // hex, one per delivery
     } received;
     // Blocks arrive on this thread, from the event loop run below.
     manager.SetSystemStatusCallback(
@@ -236,6 +268,7 @@ int RunStatus(const std::vector<std::string>& args) {
             auto* total = static_cast<Received*>(context);
             ++total->deliveries;
             total->bytes += static_cast<std::uint64_t>(data.size());
+            total->blocks.append(QString::fromLatin1(data.toHex()));
             std::printf("channel %d: %d bytes:", c, data.size());
             for (char byte : data) {
                 std::printf(" %02x", static_cast<unsigned char>(byte));
@@ -261,6 +294,14 @@ int RunStatus(const std::vector<std::string>& args) {
     manager.GetCaptureStatistics(channel, stats);
     manager.SetSystemStatusCallback(channel, nullptr, nullptr, false);
     manager.CloseCard();
+    if (asJson) {
+        json.Print(QJsonObject{{"channel", channel},
+                               {"deliveries", static_cast<qint64>(received.deliveries)},
+                               {"bytes", static_cast<qint64>(received.bytes)},
+                               {"bytesDropped", static_cast<qint64>(stats.statusBytesDropped)},
+                               {"blocks", received.blocks}});
+        return 0;
+    }
     // Blocks that arrive together are handed over in one delivery.
     std::printf("%llu deliveries, %llu bytes received; %llu bytes dropped (host buffer full)\n",
                 static_cast<unsigned long long>(received.deliveries),

@@ -1,6 +1,7 @@
 // kvpcie inject: a raw recording or a moving pattern into one channel, at the card's pace.
 #include "Commands.h"
 #include "FrameOptions.h"
+#include "JsonOutput.h"
 #include "RawRecordingName.h"
 #include "TestFrames.h"
 
@@ -15,11 +16,12 @@ namespace {
 
 const char kHelp[] =
     "usage: kvpcie inject [--channel C] [--file RAW | --width W --height H --type TYPE]\n"
-    "                     [--rate FPS] [--frames N | --seconds S]\n"
+    "                     [--rate FPS] [--frames N | --seconds S] [--json]\n"
     "Feeds the channel with the frames of a raw recording (geometry from its name, played in a\n"
     "loop) or with a moving pattern (640 x 512 Y16 by default) at FPS frames per second (25),\n"
     "until N frames were queued, S seconds passed (10 by default) or Ctrl-C. Prints the frames\n"
-    "queued and how often the 15-frame queue was full once a second.\n";
+    "queued and how often the 15-frame queue was full once a second, and at the end what went\n"
+    "to the card (--json: as one JSON document).\n";
 
 // The frames of a raw recording, read one after the other and from the start again.
 class RawFrames {
@@ -59,7 +61,7 @@ int RunInject(const std::vector<std::string>& args) {
     const Arguments arguments(args, {"--channel", "--file", "--width", "--height", "--type",
                                      "--rate", "--frames", "--seconds"});
     arguments.AllowOnly({"--channel", "--file", "--width", "--height", "--type", "--rate",
-                         "--frames", "--seconds"});
+                         "--frames", "--seconds", "--json"});
     if (!arguments.Words().empty()) {
         throw UsageError{"unexpected \"" + arguments.Words().front() + "\""};
     }
@@ -88,6 +90,8 @@ int RunInject(const std::vector<std::string>& args) {
         geometry = ParseGeometry(arguments);
     }
 
+    const bool asJson = arguments.Has("--json");
+    JsonOutput json(asJson);
     CatchInterrupts();
     PCIeDataManager manager;
     OpenChosenCard(manager);
@@ -163,6 +167,16 @@ int RunInject(const std::vector<std::string>& args) {
         static_cast<unsigned long long>(stats.periodsWithoutFrame),
         static_cast<unsigned long long>(refused));
     manager.CloseCard();
+    if (asJson) {
+        json.Print(
+            QJsonObject{{"channel", channel},
+                        {"framesQueued", static_cast<qint64>(queued)},
+                        {"seconds", queuedSeconds},
+                        {"framesToCard", static_cast<qint64>(stats.framesToCard)},
+                        {"framesDroppedAtStop", static_cast<qint64>(stats.framesDroppedAtStop)},
+                        {"periodsWithoutFrame", static_cast<qint64>(stats.periodsWithoutFrame)},
+                        {"queueFull", static_cast<qint64>(refused)}});
+    }
     return 0;
 }
 

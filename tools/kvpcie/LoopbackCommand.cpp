@@ -2,6 +2,7 @@
 // through the simulated card's loopback, checks each byte for byte and records them.
 #include "Commands.h"
 #include "FrameOptions.h"
+#include "JsonOutput.h"
 #include "TestFrames.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
@@ -9,6 +10,7 @@
 #include <QCoreApplication>
 #include <QDirIterator>
 #include <QFileInfo>
+#include <QJsonArray>
 
 #include <algorithm>
 #include <array>
@@ -22,13 +24,13 @@ namespace {
 
 const char kHelp[] =
     "usage: kvpcie loopback [--channels 0,1,2,3] [--seconds S] [--rate FPS]\n"
-    "                       [--width W] [--height H] [--type TYPE] [--record]\n"
+    "                       [--width W] [--height H] [--type TYPE] [--record] [--json]\n"
     "The self-test on the simulated card (kvpcie --sim loopback): each channel injects frames\n"
     "at FPS (25) that the card plays into its capture channel (card-timed, 25 fps); every\n"
     "captured frame is checked byte for byte against the frame injected, and with --record\n"
     "recorded below VideoRecord/Capture<N>/ beside the program. After S seconds (5) a table\n"
     "gives frames, drops, underruns, capture latency and throughput per channel, and PASS or\n"
-    "FAIL.\n";
+    "FAIL (--json: the same as one JSON document).\n";
 
 constexpr unsigned kCaptureSourceLoopback = 1;
 constexpr unsigned kCtlDropped = 0x0C;
@@ -118,7 +120,7 @@ int RunLoopback(const std::vector<std::string>& args) {
         args, {"--channels", "--seconds", "--rate", "--width", "--height", "--type"});
     // --no-record is still taken: it was the way to switch off what is now off by default.
     arguments.AllowOnly({"--channels", "--seconds", "--rate", "--width", "--height", "--type",
-                         "--record", "--no-record"});
+                         "--record", "--no-record", "--json"});
     if (!arguments.Words().empty()) {
         throw UsageError{"unexpected \"" + arguments.Words().front() + "\""};
     }
@@ -134,6 +136,8 @@ int RunLoopback(const std::vector<std::string>& args) {
     }
     const bool record = arguments.Has("--record") && !arguments.Has("--no-record");
 
+    const bool asJson = arguments.Has("--json");
+    JsonOutput json(asJson);
     CatchInterrupts();
     PCIeDataManager manager;
     OpenChosenCard(manager);
@@ -192,6 +196,7 @@ int RunLoopback(const std::vector<std::string>& args) {
     }
 
     bool pass = true;
+    QJsonArray figures;
     std::printf(
         "\nchannel  captured  verified  blank  mismatched  dropped  underruns  recorded"
         "  p50 ms  p99 ms    MB/s\n");
@@ -214,6 +219,18 @@ int RunLoopback(const std::vector<std::string>& args) {
                     state.captured * double(geometry.Bytes()) / elapsed / 1e6);
         pass = pass && state.verified > 0 && state.mismatched == 0 && dropped == 0 &&
                (!record || recorded > 0);
+        figures.append(QJsonObject{
+            {"channel", c},
+            {"captured", static_cast<qint64>(state.captured)},
+            {"verified", static_cast<qint64>(state.verified)},
+            {"blank", static_cast<qint64>(state.blank)},
+            {"mismatched", static_cast<qint64>(state.mismatched)},
+            {"dropped", static_cast<qint64>(dropped)},
+            {"underruns", static_cast<qint64>(underruns)},
+            {"recorded", static_cast<qint64>(recorded)},
+            {"p50Ms", Percentile(latencies, 0.5)},
+            {"p99Ms", Percentile(latencies, 0.99)},
+            {"megabytesPerSecond", state.captured * double(geometry.Bytes()) / elapsed / 1e6}});
     }
     manager.CloseCard();
     if (record) {
@@ -221,6 +238,14 @@ int RunLoopback(const std::vector<std::string>& args) {
                     qPrintable(QCoreApplication::applicationDirPath()));
     }
     std::printf("%s\n", pass ? "PASS" : "FAIL");
+    if (asJson) {
+        QJsonObject document{{"channels", figures}, {"pass", pass}};
+        if (record) {
+            document["recordFolder"] =
+                QCoreApplication::applicationDirPath() + "/VideoRecord/Capture<N>";
+        }
+        json.Print(document);
+    }
     return pass ? 0 : 1;
 }
 
