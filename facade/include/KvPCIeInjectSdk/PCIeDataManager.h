@@ -171,7 +171,10 @@ public:
     // reached the card within 40 ms. From any thread. A false result leaves the command
     // pending: it still goes out when the card is free, unless a newer command for the channel
     // replaces it first. An empty command is never sent (false after 40 ms); a channel outside
-    // 0 to 3 or a command over 1,024 bytes is refused at once with false.
+    // 0 to 3 or a command over 1,024 bytes is refused at once with false. The channel has one
+    // "sent" flag: a caller still waiting when another thread's newer command replaced its own
+    // is told true once the newer one goes out; commandsReplaced of GetInjectStatistics counts
+    // such replacements.
     bool WriteControlCmd(int channel, QByteArray command);
 
     // --- registers and card memory ---
