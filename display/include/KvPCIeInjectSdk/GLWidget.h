@@ -32,7 +32,9 @@ class KVPCIE_EXPORT GLWidget : public QOpenGLWidget, protected QOpenGLFunctions 
     Q_OBJECT
 
 public:
+    // Shows status picture 0 at once; pictures follow SetImageSize and PushImageData.
     explicit GLWidget(QWidget* parent = nullptr);
+    // Releases the texture in the widget's own context.
     ~GLWidget() override;
     GLWidget(const GLWidget&) = delete;
     GLWidget& operator=(const GLWidget&) = delete;
@@ -50,7 +52,9 @@ public:
     void SetBackImage(int status);
 
 public slots:
+    // GUI thread: uploads `image` as the texture drawn next (nothing before OpenGL is ready).
     void setTextureImage(const QImage& image);
+    // The refresh tick: the status picture while no pictures arrive, else the waiting picture.
     void OnTimer_UpdataVideoView();
 
 protected:
