@@ -104,7 +104,10 @@ KVPCIE_EXPORT bool Configure(const char* value);
 
 // Adds a simulated XDMA card and returns its number (its path is XdmaCardPath of it).
 KVPCIE_EXPORT int AddXdmaCard();
+// Removes the card: it is listed no more, and handles still open on it fail. False for a number
+// that names no card.
 KVPCIE_EXPORT bool RemoveXdmaCard(int card);
+// The numbers of the cards present, in listing order; the path a card of that number has.
 KVPCIE_EXPORT std::vector<int> XdmaCardNumbers();
 KVPCIE_EXPORT std::string XdmaCardPath(int card);
 
@@ -123,6 +126,7 @@ KVPCIE_EXPORT bool SetNodeAbsent(int card, const char* node, bool absent);
 
 // The accesses logged since the last call (the newest 65,536 at most), oldest first.
 KVPCIE_EXPORT std::vector<CardAccess> TakeAccessLog(int card);
+// The card's running counts (CardCounters above); false for a number that names no card.
 KVPCIE_EXPORT bool ReadCounters(int card, CardCounters& counters);
 
 // The card's own view, without going through the host's files and without being logged.
@@ -170,6 +174,7 @@ struct RiffaRequest {
 // Adds a simulated RIFFA device and returns its number (its path is RiffaDevicePath of it).
 // A removed device fails every request of the handles still open on it.
 KVPCIE_EXPORT int AddRiffaDevice();
+// Removes the device; false for a number that names none. The numbers present, in order.
 KVPCIE_EXPORT bool RemoveRiffaDevice(int device);
 KVPCIE_EXPORT std::vector<int> RiffaDeviceNumbers();
 KVPCIE_EXPORT std::string RiffaDevicePath(int device);
