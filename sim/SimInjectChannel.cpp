@@ -13,8 +13,11 @@ void SimInjectChannel::Start(TimePoint now, Clock::duration period) {
     // The host's hand-over times stay: it may fill the ring before it enables the channel.
     for (BufferTimes& times : buffers_) {
         times.readyToPlay = times.playInterval = times.writingToPlay = Clock::duration::zero();
+        times.released.reset();
     }
     previousPlay_.reset();
+    longestRefill_ = Clock::duration::zero();
+    refillsTimed_ = 0;
 }
 
 void SimInjectChannel::BeginPlay() {
@@ -32,13 +35,20 @@ bool SimInjectChannel::FinishPlay(TimePoint end) {
     // A later hand-over of the buffer without a fresh start must not reuse these.
     times.writing.reset();
     times.ready.reset();
+    times.released = end;
     previousPlay_ = end;
     position_ = (position_ + 1) % xdma::kCardBufferCount;
     return true;
 }
 
 void SimInjectChannel::RecordHostWriting(unsigned buffer, TimePoint now) {
-    buffers_[buffer].writing = now;
+    BufferTimes& times = buffers_[buffer];
+    times.writing = now;
+    if (times.released) {
+        longestRefill_ = std::max(longestRefill_, now - *times.released);
+        ++refillsTimed_;
+        times.released.reset();
+    }
 }
 
 void SimInjectChannel::RecordReady(unsigned buffer, TimePoint now) {

@@ -47,6 +47,10 @@ public:
     // Delay-clock ticks for `selector`, saturated to the register's count field; 0 for what has
     // not happened yet.
     std::uint32_t DelayTicks(unsigned buffer, unsigned selector) const;
+    // From the card's release of a buffer to the host's start of refilling it, since Start:
+    // the longest and how many were timed.
+    Clock::duration LongestRefill() const { return longestRefill_; }
+    std::uint64_t RefillsTimed() const { return refillsTimed_; }
 
     // --- the command mailbox ---
     // Still moving the command it took last.
@@ -62,6 +66,7 @@ private:
     struct BufferTimes {
         std::optional<TimePoint> writing;
         std::optional<TimePoint> ready;
+        std::optional<TimePoint> released;
         // Kept once measured, until measured again: the host reads them after the play, when it
         // may already be filling the buffer for the next round.
         Clock::duration hostWriting{};
@@ -76,6 +81,8 @@ private:
 
     std::array<BufferTimes, xdma::kCardBufferCount> buffers_{};
     std::optional<TimePoint> previousPlay_;
+    Clock::duration longestRefill_{};
+    std::uint64_t refillsTimed_ = 0;
 
     std::optional<TimePoint> commandBusyUntil_;
     bool untakenStart_ = false;

@@ -364,6 +364,19 @@ bool SimXdmaCard::CaptureReadyTime(int channel, std::uint32_t frameNumber, TimeP
     return capture_[channel].ReadyTime(frameNumber, ready);
 }
 
+bool SimXdmaCard::InjectRefillTimes(int channel, std::int64_t& longestNanos,
+                                    std::uint64_t& count) const {
+    if (channel < 0 || channel >= xdma::kChannelCount) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    const SimInjectChannel& inject = inject_[channel];
+    longestNanos =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(inject.LongestRefill()).count();
+    count = inject.RefillsTimed();
+    return true;
+}
+
 void SimXdmaCard::SetLoopbackFrame(int channel, const void* data, std::size_t size) {
     if (channel < 0 || channel >= xdma::kChannelCount || (data == nullptr && size != 0)) {
         return;

@@ -77,6 +77,8 @@ public:
     bool ProduceCaptureFrames(int channel, int count);
     bool CaptureReadyTime(int channel, std::uint32_t frameNumber,
                           SimCaptureChannel::TimePoint& ready) const;
+    // See KvPCIeSim::InjectRefillTimes.
+    bool InjectRefillTimes(int channel, std::int64_t& longestNanos, std::uint64_t& count) const;
 
     // --- the inject side ---
     // The frame just played on inject channel `channel`, for capture channel `channel` in

@@ -139,6 +139,11 @@ bool CaptureReadyTime(int card, int channel, std::uint32_t frameNumber, std::int
     return true;
 }
 
+bool InjectRefillTimes(int card, int channel, std::int64_t& longestNanos, std::uint64_t& count) {
+    const auto found = Find(card);
+    return found != nullptr && found->InjectRefillTimes(channel, longestNanos, count);
+}
+
 int AddRiffaDevice() {
     return SimRegistry::Instance().AddRiffaDevice();
 }

@@ -148,6 +148,11 @@ KVPCIE_EXPORT bool ProduceCaptureFrames(int card, int channel, int count);
 // numbers; false for a dropped frame or one not kept.
 KVPCIE_EXPORT bool CaptureReadyTime(int card, int channel, std::uint32_t frameNumber,
                                     std::int64_t& steadyNanos);
+// Since inject channel `channel` was last enabled: the longest time from the card's release of a
+// buffer (after playing it) to the host's start of refilling it, and how many refills were
+// timed. False when the channel is not 0 to 3.
+KVPCIE_EXPORT bool InjectRefillTimes(int card, int channel, std::int64_t& longestNanos,
+                                     std::uint64_t& count);
 
 // --- RIFFA devices ---
 //
