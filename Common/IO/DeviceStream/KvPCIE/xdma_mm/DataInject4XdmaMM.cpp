@@ -78,6 +78,9 @@ bool DataInject4XdmaMM::StartInject(const KvFrameFormat& format, const char* fra
         {
             std::lock_guard<std::mutex> turn(state.turnLock);
             state.counters.ResetFrames();
+            state.expectedRelease.reset();
+            state.sawBusy = false;
+            state.quietUntil = {};
             state.lastBufferIndex = -1;
             state.injecting.store(true, std::memory_order_release);
         }

@@ -19,10 +19,12 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 namespace kvpcie::xdma {
 
@@ -86,14 +88,22 @@ private:
         std::unique_ptr<KvCycleQueue> queue;
         std::uint32_t frameCounter = 0;
         InjectCounters counters;
+        // The worker's wait plan (reset with each start): when the card's next release is
+        // due, whether the worker found the next buffer busy, and until when there is nothing
+        // to look at.
+        std::optional<std::chrono::steady_clock::time_point> expectedRelease;
+        bool sawBusy = false;
+        std::chrono::steady_clock::time_point quietUntil{};
     };
 
     bool InitInjectChannel(const KvFrameFormat& format);
     void StartThread_InjectData();
     void StopThread_InjectData();
     void ThreadFun_InjectData();
+    using WorkerClock = std::chrono::steady_clock;
     // Steps one channel's ring by at most one buffer; true when a buffer was handed over.
-    bool ServeChannel(unsigned channel);
+    // Otherwise `wake` is brought forward to when the channel is worth looking at again.
+    bool ServeChannel(unsigned channel, WorkerClock::time_point now, WorkerClock::time_point& wake);
 
     void ThreadFun_WriteCmdControlData();
     // Writes channel c's pending command when the card is free; true when it went out.
