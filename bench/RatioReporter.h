@@ -1,6 +1,8 @@
 // Console reporting plus a ratio of one benchmark against its limit measured in the same run.
 #pragma once
 
+#include "Figure.h"
+
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -23,7 +25,9 @@ public:
 
     // Prints limit time / measured time: 1.0 means as fast as the limit. False when the ratio is
     // below the goal or either benchmark did not run.
-    bool PrintRatio(const std::string& measured, const std::string& limit, double goal) const {
+    // `figure` names the ratio for bench/run.sh.
+    bool PrintRatio(const std::string& measured, const std::string& limit, double goal,
+                    const char* figure) const {
         const auto m = realTimeNs_.find(measured);
         const auto l = realTimeNs_.find(limit);
         if (m == realTimeNs_.end() || l == realTimeNs_.end() || m->second <= 0) {
@@ -33,6 +37,7 @@ public:
         const double ratio = l->second / m->second;
         std::printf("ratio %-40s against %-30s %.3f (goal >= %.2f) %s\n", measured.c_str(),
                     limit.c_str(), ratio, goal, ratio >= goal ? "met" : "NOT MET");
+        PrintFigure(figure, ratio, ">=", goal);
         return ratio >= goal;
     }
 

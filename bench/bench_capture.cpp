@@ -8,6 +8,7 @@
 // figure includes the card's work as well as the host's.
 #include "MemcpyBaseline.h"
 
+#include "Figure.h"
 #include "SimCardBench.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
@@ -187,6 +188,7 @@ int main(int argc, char** argv) {
             "the rings %.3f (goal >= 0.80) %s; against a cached frame %.3f\n",
             best.rate, throughput / 1e9, ratio, ratio >= 0.8 ? "met" : "NOT MET",
             throughput / memcpyCachedRate);
+        kvpcie::bench::PrintFigure("capture_vs_memcpy", ratio, ">=", 0.8);
     }
 
     // Latency at 100 frames per second on each channel.
@@ -212,6 +214,9 @@ int main(int argc, char** argv) {
                 "latency ready -> callback over %zu frames: p50 %.3f ms, p99 %.3f ms, max "
                 "%.3f ms (goal p99 <= 1.5 ms) %s\n",
                 samples.size(), p50, p99, samples.back() / 1e6, p99 <= 1.5 ? "met" : "NOT MET");
+            kvpcie::bench::PrintFigure("capture_latency_p99", p99, "<=", 1.5, "ms");
+            kvpcie::bench::PrintFigure("capture_latency_max", samples.back() / 1e6, "<=", 5.0,
+                                       "ms");
         }
     }
 
@@ -227,6 +232,7 @@ int main(int argc, char** argv) {
         StopAll(manager);
         std::printf("CPU of four idle channels: %.2f %% of one core (goal < 3 %%) %s\n", cpu * 100,
                     cpu < 0.03 ? "met" : "NOT MET");
+        kvpcie::bench::PrintFigure("capture_idle_cpu", cpu * 100, "<=", 3.0, "%core");
     }
     manager.CloseCard();
     return 0;

@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     kvpcie::bench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.PrintRatio("BM_XdmaReadDataFrame", "BM_MemcpyFrame", 0.9);
+    reporter.PrintRatio("BM_XdmaReadDataFrame", "BM_MemcpyFrame", 0.9, "xdma_read_vs_memcpy");
     xdma::XdmaClose();
     benchmark::Shutdown();
     return 0;

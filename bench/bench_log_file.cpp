@@ -76,9 +76,11 @@ int main(int argc, char** argv) {
     kvpcie::bench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.PrintRatio("BM_WriteLog/iterations:200000/real_time/threads:1",
-                        "BM_SpdlogAsync/iterations:200000/real_time/threads:1", 1.0);
+                        "BM_SpdlogAsync/iterations:200000/real_time/threads:1", 1.0,
+                        "writelog_vs_spdlog_1_thread");
     reporter.PrintRatio("BM_WriteLog/iterations:200000/real_time/threads:4",
-                        "BM_SpdlogAsync/iterations:200000/real_time/threads:4", 1.0);
+                        "BM_SpdlogAsync/iterations:200000/real_time/threads:4", 1.0,
+                        "writelog_vs_spdlog_4_threads");
     log.StopLog();
     spdlog::shutdown();
     benchmark::Shutdown();

@@ -165,9 +165,11 @@ int main(int argc, char** argv) {
     kvpcie::bench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.PrintRatio("BM_Recorder/durable:1/iterations:20/manual_time",
-                        "BM_PlainWrite/durable:1/iterations:20/manual_time", 0.9);
+                        "BM_PlainWrite/durable:1/iterations:20/manual_time", 0.9,
+                        "recorder_vs_plain_write");
     reporter.PrintRatio("BM_BareRingPipeline/durable:1/iterations:20/manual_time",
-                        "BM_PlainWrite/durable:1/iterations:20/manual_time", 0.9);
+                        "BM_PlainWrite/durable:1/iterations:20/manual_time", 0.9,
+                        "bare_ring_vs_plain_write");
     benchmark::Shutdown();
     return 0;
 }
