@@ -5,16 +5,6 @@
 
 namespace kvpcie::sim {
 
-namespace {
-
-void StoreLittleEndian(std::uint8_t* out, std::uint32_t value) {
-    for (int byte = 0; byte < 4; ++byte) {
-        out[byte] = static_cast<std::uint8_t>(value >> (8 * byte));
-    }
-}
-
-}  // namespace
-
 SimCaptureChannel::SimCaptureChannel(unsigned channel) : channel_(channel) {}
 
 void SimCaptureChannel::Start(TimePoint now, Clock::duration period) {
@@ -52,52 +42,23 @@ int SimCaptureChannel::Plan(const CaptureSettings& settings, int count, TimePoin
     return dropped;
 }
 
-void SimCaptureChannel::WriteFrames(SparseMemory& memory) {
+void SimCaptureChannel::WriteFrames(CardMemory& memory) {
+    // The frames are described, not written: the transfer that reads one makes its bytes.
     for (int i = 0; i < batch_.count; ++i) {
         Frame& frame = batch_.frames[i];
         const TimePoint begin = Clock::now();
+        FrameDescription description;
+        description.bytes = batchBytes_;
         if (batchLoopback_) {
-            WriteLoopback(memory, frame);
+            description.kind = FrameDescription::Kind::Loopback;
+            description.loopback = batchLoopbackFrame_;
         } else {
-            WritePattern(memory, frame);
+            description.kind = FrameDescription::Kind::Pattern;
+            description.number = frame.number;
+            description.channel = channel_;
         }
+        memory.Describe(channel_, frame.buffer, std::move(description));
         frame.writeTime = Clock::now() - begin;
-    }
-}
-
-void SimCaptureChannel::WritePattern(SparseMemory& memory, const Frame& frame) {
-    constexpr std::uint32_t kHeaderBytes = 8;
-    const std::uint64_t address = xdma::CaptureBufferAddress(channel_, frame.buffer);
-    std::uint8_t header[kHeaderBytes];
-    StoreLittleEndian(header, frame.number);
-    StoreLittleEndian(header + 4, channel_);
-    memory.Write(address, header, std::min(batchBytes_, kHeaderBytes));
-    if (batchBytes_ <= kHeaderBytes) {
-        return;
-    }
-    const std::size_t rampBytes = std::size_t{batchBytes_} + 256;
-    if (ramp_.size() < rampBytes) {
-        ramp_.resize(rampBytes);
-        for (std::size_t j = 0; j < rampBytes; ++j) {
-            ramp_[j] = static_cast<std::uint8_t>(j);
-        }
-    }
-    memory.Write(address + kHeaderBytes, ramp_.data() + kHeaderBytes + (frame.number & 0xFF),
-                 batchBytes_ - kHeaderBytes);
-}
-
-void SimCaptureChannel::WriteLoopback(SparseMemory& memory, const Frame& frame) {
-    static const std::uint8_t kZeros[64 * 1024] = {};
-    const std::uint64_t address = xdma::CaptureBufferAddress(channel_, frame.buffer);
-    std::size_t done = 0;
-    if (batchLoopbackFrame_ != nullptr) {
-        done = std::min<std::size_t>(batchBytes_, batchLoopbackFrame_->size());
-        memory.Write(address, batchLoopbackFrame_->data(), done);
-    }
-    while (done < batchBytes_) {
-        const std::size_t piece = std::min(sizeof(kZeros), batchBytes_ - done);
-        memory.Write(address + done, kZeros, piece);
-        done += piece;
     }
 }
 

@@ -2,9 +2,9 @@
 // status blocks waiting for the mailbox, and the times behind the delay read-back.
 #pragma once
 
+#include "CardMemory.h"
 #include "SimCardRegisters.h"
 #include "SimFrameClock.h"
-#include "SparseMemory.h"
 
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaChannelRegisters.h"
 
@@ -71,7 +71,7 @@ public:
     // Claims the channel and numbers `count` (at most the ring size) frames starting at `start`.
     // Returns how many were dropped because the host still held their buffer.
     int Plan(const CaptureSettings& settings, int count, TimePoint start);
-    void WriteFrames(SparseMemory& memory);
+    void WriteFrames(CardMemory& memory);
     // Ends the claim. False when the channel stopped or started again since Plan: then nothing
     // of the batch is published.
     bool Finish();
@@ -107,9 +107,6 @@ private:
         TimePoint time{};
     };
 
-    void WritePattern(SparseMemory& memory, const Frame& frame);
-    void WriteLoopback(SparseMemory& memory, const Frame& frame);
-
     const unsigned channel_;
     SimFrameClock clock_;
     unsigned position_ = 0;
@@ -122,8 +119,6 @@ private:
     bool batchLoopback_ = false;
     std::shared_ptr<const std::vector<std::uint8_t>> batchLoopbackFrame_;
     std::shared_ptr<const std::vector<std::uint8_t>> loopbackFrame_;
-    // ramp_[j] = j & 255; the pattern of frame n is ramp_ from n & 255 on.
-    std::vector<std::uint8_t> ramp_;
 
     std::array<BufferTimes, xdma::kCardBufferCount> buffers_{};
     std::optional<TimePoint> previousReady_;

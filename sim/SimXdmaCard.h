@@ -6,7 +6,7 @@
 #include "SimCaptureChannel.h"
 #include "SimCardRegisters.h"
 #include "SimInjectChannel.h"
-#include "SparseMemory.h"
+#include "CardMemory.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
@@ -72,7 +72,7 @@ public:
     KvPCIeSim::CardCounters ReadCounters() const;
     std::uint32_t PeekRegister(std::uint32_t address) const;
     void PokeRegister(std::uint32_t address, std::uint32_t value);
-    SparseMemory& Memory() { return memory_; }
+    CardMemory& Memory() { return memory_; }
     // See KvPCIeSim::ProduceCaptureFrames.
     bool ProduceCaptureFrames(int channel, int count);
     bool CaptureReadyTime(int channel, std::uint32_t frameNumber,
@@ -129,7 +129,7 @@ private:
     bool PlayLocked(std::unique_lock<std::mutex>& lock, unsigned channel);
 
     const int number_;
-    SparseMemory memory_;
+    CardMemory memory_;
     std::atomic<bool> removed_{false};
 
     mutable std::mutex mutex_;
