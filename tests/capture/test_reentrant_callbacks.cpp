@@ -36,14 +36,8 @@ struct CallingSink : FrameSink {
 
 class Reentrant : public InjectTest {
 protected:
-    void Write(std::uint32_t address, std::uint32_t value) {
-        ASSERT_EQ(manager.WriteReg(address, static_cast<int>(value)), 4);
-    }
     bool StartQuiet(int channel, CallingSink& sink) {
-        Write(ControlBlock(channel) + kCtlExternalRate, 0);
-        eErrorCode error = ERR_NO_CARD;
-        return manager.StartCapture(channel, false, kWidth, kHeight, Y16, error,
-                                    &CallingSink::OnFrame, &sink, sink.buffer.data());
+        return StartQuietCapture(channel, kWidth, kHeight, &CallingSink::OnFrame, sink);
     }
 };
 

@@ -27,15 +27,8 @@ constexpr std::size_t kFrameBytes = kWidth * kHeight * 2;  // Y16
 // Without an application object: recordings then go below the scratch directory.
 class Statistics : public InjectTest {
 protected:
-    // Through the host's path: the card acts on writes to its control block.
-    void Write(std::uint32_t address, std::uint32_t value) {
-        ASSERT_EQ(manager.WriteReg(address, static_cast<int>(value)), 4);
-    }
     bool StartQuiet(int channel, FrameSink& sink) {
-        Write(ControlBlock(channel) + kCtlExternalRate, 0);
-        eErrorCode error = ERR_NO_CARD;
-        return manager.StartCapture(channel, false, kWidth, kHeight, Y16, error,
-                                    &FrameSink::OnFrameEx, &sink, sink.buffer.data());
+        return StartQuietCapture(channel, kWidth, kHeight, &FrameSink::OnFrameEx, sink);
     }
     KvCaptureStatistics CaptureStats(int channel) {
         KvCaptureStatistics stats;

@@ -45,6 +45,19 @@ protected:
     }
     void TearDown() override { manager.CloseCard(); }
 
+    // Through the host's path: the card acts on writes to its control block.
+    void Write(std::uint32_t address, std::uint32_t value) {
+        ASSERT_EQ(manager.WriteReg(address, static_cast<int>(value)), 4);
+    }
+    // A Y16 capture channel started with its external source stopped, so that frames come only
+    // when a test produces them.
+    template <typename Callback, typename Sink>
+    bool StartQuietCapture(int channel, int width, int height, Callback callback, Sink& sink) {
+        Write(ControlBlock(channel) + kCtlExternalRate, 0);
+        eErrorCode error = ERR_NO_CARD;
+        return manager.StartCapture(channel, false, width, height, Y16, error, callback, &sink,
+                                    sink.buffer.data());
+    }
     void Poke(std::uint32_t address, std::uint32_t value) {
         ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, address, value));
     }
