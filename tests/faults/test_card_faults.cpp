@@ -108,9 +108,12 @@ TEST_F(FaultTest, AnInjectStatusThatNeverClearsFillsTheQueueAndFramesAreRefused)
     ASSERT_TRUE(Inject(3, frame, error));
     // The card holds buffer 1 for good: it is never played and never handed back. The card
     // plays its ring in order, so once it reaches buffer 1 it counts an underrun every period
-    // and frees no buffer any more.
-    ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, InjectStatus(3, 1), 1));
-    ASSERT_TRUE(WaitFor([&] { return Peek(ControlBlock(3) + kCtlInjectUnderruns) > 0; }));
+    // and frees no buffer any more. The status is set until that happens: the worker may be
+    // handing buffer 1 over just then, and its "ready" would overwrite a single setting.
+    ASSERT_TRUE(WaitFor([&] {
+        EXPECT_TRUE(KvPCIeSim::PokeRegister(kCard, InjectStatus(3, 1), 1));
+        return Peek(ControlBlock(3) + kCtlInjectUnderruns) > 0;
+    }));
     int accepted = 1;
     ASSERT_TRUE(WaitFor(
         [&] {
