@@ -19,6 +19,9 @@ struct LossBurst {
 inline void LogLossBurst(LogFile& log, LossBurst& burst, std::uint64_t lost, int channel,
                          const char* begins, const char* ended) {
     constexpr auto kQuiet = std::chrono::seconds(1);
+    if (lost == 0 && burst.count == 0) {
+        return;  // the frame path's usual case: no clock read
+    }
     const auto now = std::chrono::steady_clock::now();
     if (lost > 0) {
         if (burst.count == 0) {
