@@ -4,13 +4,36 @@
 #include <cstdint>
 #include <cstring>
 
+#ifdef _WIN32
+#include <malloc.h>
+#endif
+
 namespace kvpcie {
 namespace {
 constexpr int kDefaultCapacity = 16;
 constexpr std::int64_t kPageBytes = 4096;
 // Slack behind the last slot, kept from the card's original ring layout; never written.
 constexpr std::int64_t kSlackBytes = 4096;
+// Slots start on a page: with a frame size that is a multiple of the page, a recorder can hand
+// a slot straight to a write that bypasses the page cache.
+char* AllocatePages(std::size_t bytes) {
+#ifdef _WIN32
+    return static_cast<char*>(_aligned_malloc(bytes, kPageBytes));
+#else
+    void* block = nullptr;
+    return posix_memalign(&block, kPageBytes, bytes) == 0 ? static_cast<char*>(block) : nullptr;
+#endif
+}
+
 }  // namespace
+
+void KvCycleQueue::FreeDeleter::operator()(char* block) const {
+#ifdef _WIN32
+    _aligned_free(block);
+#else
+    std::free(block);
+#endif
+}
 
 KvCycleQueue::~KvCycleQueue() {
     Release();
@@ -27,15 +50,15 @@ bool KvCycleQueue::Init(int elementSize, int count) {
     if (bytes > INT32_MAX) {
         return false;  // the ring is addressed with 32-bit offsets: refuse rather than wrap
     }
-    char* block = static_cast<char*>(std::malloc(static_cast<std::size_t>(bytes)));
+    char* block = AllocatePages(static_cast<std::size_t>(bytes));
     if (block == nullptr) {
         return false;
     }
     std::memset(block, 0, static_cast<std::size_t>(bytes));
     // Touch every page now, at channel setup, so that the first pass over the ring does not
-    // take a page fault per 4 KiB inside the frame path. The memset alone does not do it: the
-    // compiler turns malloc + memset into calloc, whose fresh pages are mapped only on first
-    // use.
+    // take a page fault per 4 KiB inside the frame path. The memset alone may not do it: a
+    // compiler may turn allocation + memset into calloc, whose fresh pages are mapped only on
+    // first use.
     volatile char* const pages = block;
     for (std::int64_t offset = 0; offset < bytes; offset += kPageBytes) {
         pages[offset] = 0;

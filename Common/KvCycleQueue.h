@@ -41,7 +41,7 @@ private:
     int SizeLocked() const;
 
     struct FreeDeleter {
-        void operator()(char* block) const { std::free(block); }
+        void operator()(char* block) const;
     };
 
     int elementSize_ = 0;

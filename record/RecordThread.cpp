@@ -2,6 +2,7 @@
 #include "RecordThread.h"
 
 #include "Common/ApplicationDir.h"
+#include "DirectWrites.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -74,6 +75,7 @@ void RecordThread::SetRecordDir(const QString& dir) {
 
 void RecordThread::OpenFile() {
     file_.reset();
+    directWrites_ = false;
     const QString name = FileName(format_, fileIndex_);
     if (name.isEmpty()) {
         return;
@@ -85,7 +87,12 @@ void RecordThread::OpenFile() {
     // full disk cannot make that buffer grow.
     if (!file_->open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered)) {
         takeFailed_ = true;
+        return;
     }
+    // Slots start on a page, so whole-page frames qualify; files start empty, so every frame
+    // lands on a page boundary too.
+    directWrites_ = frameSize_ % kDirectWriteAlignment == 0 && file_->size() == 0 &&
+                    EnableDirectWrites(file_->handle());
 }
 
 void RecordThread::StartRecord() {
@@ -155,14 +162,31 @@ void RecordThread::WriteFrame(const char* frame) {
         bytesCounted_ = 0;
     }
     // Errors (a full disk) are not fatal: keep draining, and count the frame as lost.
-    const bool written =
-        file_ != nullptr && file_->isOpen() && file_->write(frame, frameSize_) == frameSize_;
-    if (written) {
+    if (WriteToFile(frame)) {
         framesWritten_.fetch_add(1, std::memory_order_relaxed);
         bytesWritten_.fetch_add(static_cast<std::uint64_t>(frameSize_), std::memory_order_relaxed);
     } else {
         framesLost_.fetch_add(1, std::memory_order_relaxed);
     }
+}
+
+bool RecordThread::WriteToFile(const char* frame) {
+    if (file_ == nullptr || !file_->isOpen()) {
+        return false;
+    }
+    if (directWrites_ && !IsDirectWriteAligned(frame, frameSize_)) {
+        DisableDirectWrites(file_->handle());
+        directWrites_ = false;
+    }
+    qint64 written = file_->write(frame, frameSize_);
+    if (written < 0 && directWrites_) {
+        // Refused before a byte went out: some file systems take the flag and then refuse
+        // the write. Go on through the page cache.
+        DisableDirectWrites(file_->handle());
+        directWrites_ = false;
+        written = file_->write(frame, frameSize_);
+    }
+    return written == frameSize_;
 }
 
 }  // namespace kvpcie

@@ -75,6 +75,7 @@ protected:
 private:
     void OpenFile();
     void WriteFrame(const char* frame);
+    bool WriteToFile(const char* frame);
 
     KvCycleQueue frames_;
     QString recordDir_;
@@ -82,6 +83,10 @@ private:
     std::unique_ptr<QFile> file_;
     int fileIndex_ = 0;
     bool takeFailed_ = false;
+    // The file's writes go around the page cache: a recording outgrows the cache within
+    // seconds, and then the copy into it only costs memory bandwidth and pushes out the host
+    // application's pages.
+    bool directWrites_ = false;
     std::int64_t bytesCounted_ = 0;
     std::atomic<bool> recording_{false};
     std::atomic<std::uint64_t> framesWritten_{0};
