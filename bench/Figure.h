@@ -1,5 +1,6 @@
 // One line per figure that bench/run.sh collects: "FIGURE <name> <value> <op> <goal> <unit>",
-// with op ">=" or "<=". The human-readable lines around it stay as they are.
+// with op ">=" or "<=", or "info" for a figure shown beside the goals without being one. The
+// human-readable lines around it stay as they are.
 #pragma once
 
 #include <cstdio>
