@@ -85,18 +85,21 @@ char* PutDigits(char* at, int value, int digits) {
     return at + digits;
 }
 
-// "yyyy_MM_dd_hh_mm_ss_zzz:", 24 bytes; the same as "%04d_%02d_..._%03d:" without printf.
-int FormatLineStamp(const platform::LocalTime& t, char* out) {
+// "yyyy_MM_dd_hh_mm_ss_": 20 bytes; the same as "%04d_%02d_..._%02d_" without printf.
+constexpr int kStampPrefixBytes = 20;
+void FormatStampPrefix(const platform::LocalTime& t, char* out) {
     char* at = PutDigits(out, t.year, 4);
     const int fields[] = {t.month, t.day, t.hour, t.minute, t.second};
     for (int field : fields) {
         *at++ = '_';
         at = PutDigits(at, field, 2);
     }
-    *at++ = '_';
-    at = PutDigits(at, t.millisecond, 3);
-    *at++ = ':';
-    return static_cast<int>(at - out);
+    *at = '_';
+}
+
+long long SecondKey(const platform::LocalTime& t) {
+    return ((((t.year * 16LL + t.month) * 32 + t.day) * 32 + t.hour) * 64 + t.minute) * 64 +
+           t.second;
 }
 
 }  // namespace
@@ -105,29 +108,38 @@ void LogFile::WriteLog(const char* format, ...) {
     if (format == nullptr) {
         return;
     }
-    char message[kMessageBufferBytes];
-    std::size_t messageLength;
-    const std::size_t formatLength = std::strlen(format);
-    if (std::memchr(format, '%', formatLength) == nullptr) {
-        // The engines hand over finished text: without a conversion, printf would only copy it.
-        messageLength = std::min(formatLength, sizeof message - 1);
-        std::memcpy(message, format, messageLength);
-    } else {
+    char formattedMessage[kMessageBufferBytes];
+    const char* message = format;
+    std::size_t messageLength = std::strlen(format);
+    // The engines hand over finished text: without a conversion, printf would only copy it.
+    if (std::memchr(format, '%', messageLength) != nullptr) {
         va_list arguments;
         va_start(arguments, format);
-        const int formatted = std::vsnprintf(message, sizeof message, format, arguments);
+        const int formatted =
+            std::vsnprintf(formattedMessage, sizeof formattedMessage, format, arguments);
         va_end(arguments);
         if (formatted < 0) {
             return;
         }
-        messageLength =
-            std::min<std::size_t>(static_cast<std::size_t>(formatted), sizeof message - 1);
+        message = formattedMessage;
+        messageLength = static_cast<std::size_t>(formatted);
     }
+    messageLength = std::min<std::size_t>(messageLength, kMessageBufferBytes - 1);
 
     std::lock_guard<std::mutex> guard(lock_);
-    // Stamped under the lock, so the queue holds lines in the order of their stamps.
+    // Stamped under the lock, so the queue holds lines in the order of their stamps:
+    // "yyyy_MM_dd_hh_mm_ss_zzz:", 24 bytes.
+    const platform::LocalTime now = platform::LocalTimeNow();
+    const long long second = SecondKey(now);
+    if (second != stampSecond_) {
+        FormatStampPrefix(now, stampPrefix_);
+        stampSecond_ = second;
+    }
     char stamp[32];
-    const int stampLength = FormatLineStamp(platform::LocalTimeNow(), stamp);
+    std::memcpy(stamp, stampPrefix_, kStampPrefixBytes);
+    PutDigits(stamp + kStampPrefixBytes, now.millisecond, 3);
+    stamp[kStampPrefixBytes + 3] = ':';
+    const int stampLength = kStampPrefixBytes + 4;
     char notice[128];
     int noticeLength = 0;
     if (droppedUnreported_ > 0) {
@@ -231,17 +243,25 @@ void LogFile::WriteLoop() {
             Rotate();  // the waiting line goes to the new file in the next pass
             continue;
         }
-        const std::uint32_t length = batch.lengths[next];
-        const char* line = batch.text.data() + offset;
-        const std::size_t written = std::fwrite(line, 1, length, file_);
-        fileBytes_ += static_cast<long>(written);
-        if constexpr (platform::kTextLineFeedBytes > 1) {
-            // The limit is on the file's size on disk, where each line feed became CR LF.
-            fileBytes_ += (platform::kTextLineFeedBytes - 1) *
-                          static_cast<long>(std::count(line, line + written, '\n'));
-        }
-        offset += length;
-        ++next;
+        // Every line that still starts below the size limit goes out in one call; the line
+        // that would start at or past it waits for the rotation above.
+        const std::size_t runStart = offset;
+        long fileBytes = fileBytes_;
+        do {
+            const std::uint32_t length = batch.lengths[next];
+            fileBytes += static_cast<long>(length);
+            if constexpr (platform::kTextLineFeedBytes > 1) {
+                // The limit is on the file's size on disk, where each line feed became CR LF.
+                const char* line = batch.text.data() + offset;
+                fileBytes += (platform::kTextLineFeedBytes - 1) *
+                             static_cast<long>(std::count(line, line + length, '\n'));
+            }
+            offset += length;
+            ++next;
+        } while (next < batch.lengths.size() && fileBytes < kRotateBytes);
+        // A failed write loses its lines, as a log must never hold its callers up.
+        std::fwrite(batch.text.data() + runStart, 1, offset - runStart, file_);
+        fileBytes_ = fileBytes;
         unflushed = true;
     }
     // Lines taken but not written go back to the front of the queue, for the next StartLog.

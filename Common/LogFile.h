@@ -72,6 +72,10 @@ private:
     std::mutex lock_;
     std::condition_variable lineQueued_;
     bool writerIdle_ = false;              // guarded by lock_
+    // The stamp up to the milliseconds changes once a second: formatted then, and copied for
+    // every line of that second. Guarded by lock_.
+    long long stampSecond_ = -1;
+    char stampPrefix_[24] = {};
     std::uint64_t droppedUnreported_ = 0;  // guarded by lock_
     std::atomic<std::uint64_t> droppedLines_{0};
     const QString logName_;
