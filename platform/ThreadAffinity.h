@@ -16,7 +16,8 @@ constexpr std::uint64_t AffinityMaskForCore(unsigned core) {
 bool PinThreadToCore(std::thread& thread, unsigned core);
 
 // Called on a worker thread that polls with short sleeps: its sleeps end as close to the
-// asked time as the OS allows, instead of being stretched to batch wake-ups.
+// asked time as the OS allows, instead of being stretched to batch wake-ups, and where the OS
+// offers it without privileges, it runs soon after waking even beside a busy process.
 void UsePreciseSleeps();
 
 }  // namespace kvpcie::platform
