@@ -65,23 +65,28 @@ private:
     };
 
     std::unique_ptr<Thread> writer_;
-    Lines lines_;
-    std::atomic<bool> stop_{false};
     char fileStamp_[256] = {};
     int fileIndex_ = 0;
-    std::mutex lock_;
-    std::condition_variable lineQueued_;
+    std::atomic<std::uint64_t> droppedLines_{0};
+    const QString logName_;
+    const QString logDirectory_;
+
+    // What WriteLog touches, on cache lines of their own, apart from what the writer's loop
+    // reads on every pass: callers on other cores then only meet over the lock itself.
+    alignas(64) std::mutex lock_;
+    Lines lines_;                          // guarded by lock_
     bool writerIdle_ = false;              // guarded by lock_
+    std::uint64_t droppedUnreported_ = 0;  // guarded by lock_
     // The stamp up to the milliseconds changes once a second: formatted then, and copied for
     // every line of that second. Guarded by lock_.
     long long stampSecond_ = -1;
     char stampPrefix_[24] = {};
-    std::uint64_t droppedUnreported_ = 0;  // guarded by lock_
-    std::atomic<std::uint64_t> droppedLines_{0};
-    const QString logName_;
+    std::condition_variable lineQueued_;
+
+    // The writer's own.
+    alignas(64) std::atomic<bool> stop_{false};
     std::FILE* file_ = nullptr;
     long fileBytes_ = 0;  // size of the current file, the writer's own count
-    const QString logDirectory_;
 };
 
 }  // namespace kvpcie
