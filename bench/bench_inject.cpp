@@ -84,33 +84,48 @@ CopyCost MeasureCopyCost(PCIeDataManager& manager, std::vector<char>& frame) {
             std::fprintf(stderr, "the channel did not start\n");
             return {};
         }
-        // The card's eight free buffers are filled first, untimed, so that the worker's copies
-        // into them do not share the memory bus with the timed calls.
-        for (int k = 1; k < 8; ++k) {
-            manager.StartInject(0, 1, kWidth, kHeight, Y16, 0, frame.data(), error);
-        }
+        // The worker hands the card's eight free buffers over first (with the frame, or empty
+        // when the queue has none), untimed, so that its copies into them do not share the
+        // memory bus with the timed calls; after that, at one frame per second, the card
+        // releases nothing for seconds.
         const auto filled = Clock::now() + std::chrono::milliseconds(500);
         KvInjectStatistics statistics;
-        while (manager.GetInjectStatistics(0, statistics) && statistics.framesToCard < 8 &&
+        while (manager.GetInjectStatistics(0, statistics) &&
+               statistics.framesToCard + statistics.periodsWithoutFrame < 8 &&
                Clock::now() < filled) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        auto start = Clock::now();
-        for (int k = 1; k < kQueueLimit; ++k) {
-            std::memcpy(slots.data() + (k % 16) * kFrameBytes, frame.data(), kFrameBytes);
-            benchmark::DoNotOptimize(slots.data());
-            benchmark::ClobberMemory();
+        const auto copies = [&] {
+            const auto start = Clock::now();
+            for (int k = 1; k < kQueueLimit; ++k) {
+                std::memcpy(slots.data() + (k % 16) * kFrameBytes, frame.data(), kFrameBytes);
+                benchmark::DoNotOptimize(slots.data());
+                benchmark::ClobberMemory();
+            }
+            memcpySpent += Clock::now() - start;
+        };
+        const auto calls = [&] {
+            const auto start = Clock::now();
+            for (int k = 1; k < kQueueLimit; ++k) {
+                timed += manager.StartInject(0, 1, kWidth, kHeight, Y16, 0, frame.data(), error);
+            }
+            injectSpent += Clock::now() - start;
+        };
+        // Each goes first in every other round: on a busy core, the block that runs right
+        // after the wait has the scheduler's favour.
+        if (round % 2 == 0) {
+            copies();
+            calls();
+        } else {
+            calls();
+            copies();
         }
-        memcpySpent += Clock::now() - start;
-        start = Clock::now();
-        for (int k = 1; k < kQueueLimit; ++k) {
-            timed += manager.StartInject(0, 1, kWidth, kHeight, Y16, 0, frame.data(), error);
-        }
-        injectSpent += Clock::now() - start;
         manager.StopInject(0);
     }
     if (timed != kRounds * (kQueueLimit - 1)) {
-        std::fprintf(stderr, "%d frames were refused\n", kRounds * (kQueueLimit - 1) - timed);
+        // A refused call returns without a copy: the figure would flatter the call.
+        std::printf("%d frames were refused: no figure\n", kRounds * (kQueueLimit - 1) - timed);
+        return {};
     }
     const double copies = kRounds * (kQueueLimit - 1);
     return {Seconds(injectSpent) / copies, Seconds(memcpySpent) / copies};
@@ -251,7 +266,9 @@ int main(int argc, char** argv) {
             "(goal >= 0.90) %s\n",
             kFrameBytes, cost.startInject * 1e6, cost.memcpy * 1e6, ratio,
             ratio >= 0.9 ? "met" : "NOT MET");
-        kvpcie::bench::PrintFigure("startinject_vs_memcpy", ratio, ">=", 0.9);
+        if (ratio > 0) {
+            kvpcie::bench::PrintFigure("startinject_vs_memcpy", ratio, ">=", 0.9);
+        }
     }
 
     if (wanted("idle")) {
