@@ -76,23 +76,18 @@ void OnFrame(int channel, const char* frame, void* context) {
         ++state->blank;  // a card buffer that nothing was played into yet
         return;
     }
-    const std::uint32_t number = TestFrameNumber(frame);
-    FillTestFrame(state->expected, channel, number);
-    // The card stamped its counter over the first pixel: the frames were queued in order, so
-    // the counter is the frame's own number.
-    const int stamp = StampBytes(state->geometry.type);
-    for (int i = 0; i < stamp; ++i) {
-        state->expected[static_cast<std::size_t>(i)] = static_cast<char>(number >> (8 * i));
-    }
-    const bool same = std::memcmp(frame, state->expected.data(), bytes) == 0;
-    const bool inOrder = static_cast<std::int64_t>(number) >= state->lastNumber;
-    if (!same) {
-        ++state->mismatched;
-    } else if (inOrder) {
-        ++state->verified;
-        state->lastNumber = number;
-    } else {
-        ++state->replayed;
+    switch (CheckLoopbackFrame(frame, state->expected, channel,
+                               StampBytes(state->geometry.type), state->lastNumber)) {
+        case LoopbackCheck::Verified:
+            ++state->verified;
+            state->lastNumber = TestFrameNumber(frame);
+            break;
+        case LoopbackCheck::Replayed:
+            ++state->replayed;
+            break;
+        case LoopbackCheck::Mismatched:
+            ++state->mismatched;
+            break;
     }
 }
 

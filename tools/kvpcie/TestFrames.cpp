@@ -25,4 +25,18 @@ std::uint32_t TestFrameNumber(const char* frame) {
     return number;
 }
 
+LoopbackCheck CheckLoopbackFrame(const char* frame, std::vector<char>& scratch, int channel,
+                                 int stampBytes, std::int64_t lastVerified) {
+    const std::uint32_t number = TestFrameNumber(frame);
+    FillTestFrame(scratch, channel, number);
+    for (int i = 0; i < stampBytes && static_cast<std::size_t>(i) < scratch.size(); ++i) {
+        scratch[static_cast<std::size_t>(i)] = static_cast<char>(number >> (8 * i));
+    }
+    if (std::memcmp(frame, scratch.data(), scratch.size()) != 0) {
+        return LoopbackCheck::Mismatched;
+    }
+    return static_cast<std::int64_t>(number) >= lastVerified ? LoopbackCheck::Verified
+                                                              : LoopbackCheck::Replayed;
+}
+
 }  // namespace kvpcie::cli
