@@ -87,6 +87,9 @@ char* PutDigits(char* at, int value, int digits) {
 
 // "yyyy_MM_dd_hh_mm_ss_": 20 bytes; the same as "%04d_%02d_..._%02d_" without printf.
 constexpr int kStampPrefixBytes = 20;
+// How far, in milliseconds, a stamp may be behind the latest one and still be taken for a
+// caller that waited for the lock rather than a clock set back.
+constexpr long long kStampReorderWindowMs = 1000;
 void FormatStampPrefix(const platform::LocalTime& t, char* out) {
     char* at = PutDigits(out, t.year, 4);
     const int fields[] = {t.month, t.day, t.hour, t.minute, t.second};
@@ -97,17 +100,31 @@ void FormatStampPrefix(const platform::LocalTime& t, char* out) {
     *at = '_';
 }
 
+// Tells the core that this is a wait loop (x86's pause), so that a sibling hyperthread runs.
+inline void CpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
 long long SecondKey(const platform::LocalTime& t) {
     return ((((t.year * 16LL + t.month) * 32 + t.day) * 32 + t.hour) * 64 + t.minute) * 64 +
            t.second;
 }
 
-// The lock is held for a few dozen nanoseconds, but a holder that the scheduler preempts holds
-// it for a time slice. A caller that finds it taken steps aside a few times before it sleeps
-// in the kernel, so that the holder gets a core; sleeping callers would make every later
-// unlock a wake-up call, and that convoy lasts once it forms.
+// The lock is held for a few dozen nanoseconds, so a caller that finds it taken first waits
+// that long on its own core. A holder that the scheduler preempted holds it for a time slice:
+// the caller then steps aside a few times before it sleeps in the kernel, so that the holder
+// gets a core; sleeping callers would make every later unlock a wake-up call, and that convoy
+// lasts once it forms.
 void LockBriefly(std::mutex& lock) {
-    for (int attempt = 0; attempt < 16; ++attempt) {
+    for (int attempt = 0; attempt < 64; ++attempt) {
+        if (lock.try_lock()) {
+            return;
+        }
+        CpuRelax();
+    }
+    for (int attempt = 0; attempt < 8; ++attempt) {
         if (lock.try_lock()) {
             return;
         }
@@ -140,21 +157,34 @@ void LogFile::WriteLog(const char* format, ...) {
     }
     messageLength = std::min<std::size_t>(messageLength, kMessageBufferBytes - 1);
 
-    LockBriefly(lock_);
-    std::lock_guard<std::mutex> guard(lock_, std::adopt_lock);
-    // Stamped under the lock, so the queue holds lines in the order of their stamps:
-    // "yyyy_MM_dd_hh_mm_ss_zzz:", 24 bytes.
+    // The clock is read and the stamp written before the lock, so that the callers meet only
+    // over the append. A caller that took its stamp before another's but gets the lock after
+    // it takes that later stamp, so that the queue still holds lines in the order of their
+    // stamps (a clock set back by more than a second is believed). "yyyy_MM_dd_hh_mm_ss_zzz:", 24 bytes; the date and time part changes once a
+    // second and is formatted then, per thread.
     const platform::LocalTime now = platform::LocalTimeNow();
     const long long second = SecondKey(now);
-    if (second != stampSecond_) {
-        FormatStampPrefix(now, stampPrefix_);
-        stampSecond_ = second;
+    thread_local long long prefixSecond = -1;
+    thread_local char prefix[kStampPrefixBytes];
+    if (second != prefixSecond) {
+        FormatStampPrefix(now, prefix);
+        prefixSecond = second;
     }
     char stamp[32];
-    std::memcpy(stamp, stampPrefix_, kStampPrefixBytes);
+    std::memcpy(stamp, prefix, kStampPrefixBytes);
     PutDigits(stamp + kStampPrefixBytes, now.millisecond, 3);
     stamp[kStampPrefixBytes + 3] = ':';
-    const int stampLength = kStampPrefixBytes + 4;
+    const long long stampKey = second * 1000 + now.millisecond;
+
+    LockBriefly(lock_);
+    std::lock_guard<std::mutex> guard(lock_, std::adopt_lock);
+    if (stampKey < lastStampKey_ && lastStampKey_ - stampKey < kStampReorderWindowMs) {
+        std::memcpy(stamp, lastStamp_, kStampBytes);
+    } else {
+        lastStampKey_ = stampKey;
+        std::memcpy(lastStamp_, stamp, kStampBytes);
+    }
+    const int stampLength = kStampBytes;
     char notice[128];
     int noticeLength = 0;
     if (droppedUnreported_ > 0) {

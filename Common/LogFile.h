@@ -77,10 +77,11 @@ private:
     Lines lines_;                          // guarded by lock_
     bool writerIdle_ = false;              // guarded by lock_
     std::uint64_t droppedUnreported_ = 0;  // guarded by lock_
-    // The stamp up to the milliseconds changes once a second: formatted then, and copied for
-    // every line of that second. Guarded by lock_.
-    long long stampSecond_ = -1;
-    char stampPrefix_[24] = {};
+    // The latest stamp queued, and its time in milliseconds, which no later line's stamp goes
+    // below. Guarded by lock_.
+    static constexpr int kStampBytes = 24;
+    long long lastStampKey_ = -1;
+    char lastStamp_[kStampBytes] = {};
     std::condition_variable lineQueued_;
 
     // The writer's own.
