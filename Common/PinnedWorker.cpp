@@ -9,10 +9,11 @@ PinnedWorker::~PinnedWorker() {
     Stop();
 }
 
-void PinnedWorker::Start(CpuCoreSource* cores, std::function<void()> body) {
+void PinnedWorker::Start(CpuCoreSource* cores, std::function<void()> body, const char* name) {
     Stop();
     running_.store(true, std::memory_order_release);
-    thread_ = std::thread([body = std::move(body)] {
+    thread_ = std::thread([body = std::move(body), name] {
+        platform::NameThisThread(name);
         platform::UsePreciseSleeps();  // the workers poll every millisecond or two
         body();
     });

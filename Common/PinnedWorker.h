@@ -20,7 +20,7 @@ public:
 
     // Stops a running worker first. `body` runs once and is expected to loop while IsRunning().
     // With a null `cores` the thread is not pinned.
-    void Start(CpuCoreSource* cores, std::function<void()> body);
+    void Start(CpuCoreSource* cores, std::function<void()> body, const char* name);
     // Nothing when not running. Never call it from the worker itself.
     void Stop();
 

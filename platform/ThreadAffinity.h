@@ -20,4 +20,9 @@ bool PinThreadToCore(std::thread& thread, unsigned core);
 // offers it without privileges, it runs soon after waking even beside a busy process.
 void UsePreciseSleeps();
 
+// Names the calling thread for the OS's tools (top -H, ps -L, a debugger), so that a user can
+// tell the library's threads from the host's. At most 15 characters are kept; where the OS has
+// no thread names nothing happens.
+void NameThisThread(const char* name);
+
 }  // namespace kvpcie::platform

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdint>
 
 namespace kvpcie::platform {
@@ -63,6 +64,12 @@ void RequestShortSlice() {
 }
 
 }  // namespace
+
+void NameThisThread(const char* name) {
+    char kept[16] = {};
+    std::snprintf(kept, sizeof kept, "%s", name);
+    ::prctl(PR_SET_NAME, kept, 0UL, 0UL, 0UL);
+}
 
 void UsePreciseSleeps() {
     // The default slack of 50 us lengthens every 1 ms polling sleep; 1 ns asks for none.

@@ -84,6 +84,20 @@ void UsePreciseSleeps() {
     // the whole process, so the sleeps stay as the system gives them.
 }
 
+void NameThisThread(const char* name) {
+    // SetThreadDescription exists from Windows 10 1607 on; looked up so that older systems
+    // still load the DLL.
+    using SetDescription = HRESULT(WINAPI*)(HANDLE, PCWSTR);
+    const HMODULE kernel = ::GetModuleHandleW(L"kernel32.dll");
+    const auto setDescription = kernel == nullptr
+                                    ? nullptr
+                                    : reinterpret_cast<SetDescription>(reinterpret_cast<void*>(
+                                          ::GetProcAddress(kernel, "SetThreadDescription")));
+    if (setDescription != nullptr) {
+        setDescription(::GetCurrentThread(), win32::Widen(std::string(name).substr(0, 15)).c_str());
+    }
+}
+
 namespace win32 {
 
 std::wstring Widen(const std::string& text) {

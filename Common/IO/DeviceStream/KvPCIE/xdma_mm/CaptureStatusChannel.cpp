@@ -36,7 +36,7 @@ void DataCapture4XdmaMM::SetSystemStatusCallback(int c, SystemStatusCallback cal
         }
     }
     if (!statusThread_.IsRunning()) {
-        statusThread_.Start(nullptr, [this] { StatusLoop(); });  // not pinned
+        statusThread_.Start(nullptr, [this] { StatusLoop(); }, "kvpcie-status");  // not pinned
     }
     if (!statusTimer_.isActive()) {
         statusTimer_.setTimerType(Qt::PreciseTimer);

@@ -51,7 +51,7 @@ bool DataInject4XdmaMM::WriteControlCmd(int channel, QByteArray command) {
         cmdSent_[c].store(false, std::memory_order_release);
         if (!cmdThreadRun_.load(std::memory_order_acquire)) {
             cmdThreadRun_.store(true, std::memory_order_release);
-            cmdThread_.Start(cores_, [this] { ThreadFun_WriteCmdControlData(); });
+            cmdThread_.Start(cores_, [this] { ThreadFun_WriteCmdControlData(); }, "kvpcie-command");
         }
         cmdWakeUp_.notify_one();
     }

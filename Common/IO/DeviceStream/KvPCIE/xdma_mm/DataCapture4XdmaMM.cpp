@@ -14,6 +14,9 @@
 namespace kvpcie::xdma {
 namespace {
 
+// What tools such as top -H show for the event thread of each channel.
+constexpr const char* kEventThreadNames[] = {"kvpcie-event0", "kvpcie-event1", "kvpcie-event2",
+                                             "kvpcie-event3"};
 constexpr int kRecordQueueSlots = 16;
 constexpr std::uint32_t kDelayTestOn = 0x10;
 // What the start writes to the sync mode word for syncSubMode 0, 1 and 2 of card timing.
@@ -93,7 +96,7 @@ bool DataCapture4XdmaMM::StartChannel(const KvFrameFormat& format, CaptureFrameC
         }
     }
     if (!pollingThread_.IsRunning()) {
-        pollingThread_.Start(cores_, [this] { PollingLoop(); });
+        pollingThread_.Start(cores_, [this] { PollingLoop(); }, "kvpcie-capture");
     }
     const int frameSize = static_cast<int>(
         KvFrameSizeBytes(format.pixelType, format.width, format.height, format.paramLines));
@@ -210,7 +213,7 @@ void DataCapture4XdmaMM::StartEventThread(int c) {
     Channel& state = channels_[c];
     const std::string path = devicePath_ + "\\event_" + std::to_string(c);
     state.eventFile = std::make_unique<EventFile>(path.c_str(), platform::kAccessRead);
-    state.eventThread.Start(cores_, [this, c] { EventLoop(c); });
+    state.eventThread.Start(cores_, [this, c] { EventLoop(c); }, kEventThreadNames[c]);
 }
 
 void DataCapture4XdmaMM::StopEventThread(int c) {
@@ -248,7 +251,7 @@ bool DataCapture4XdmaMM::StartRecord(int c) {
     {
         std::lock_guard<std::mutex> lock(recordingThreadLock_);
         if (!recordingThread_.IsRunning()) {
-            recordingThread_.Start(cores_, [this] { RecordingLoop(); });
+            recordingThread_.Start(cores_, [this] { RecordingLoop(); }, "kvpcie-record");
         }
     }
     {

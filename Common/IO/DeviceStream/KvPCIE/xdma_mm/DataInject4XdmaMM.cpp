@@ -258,7 +258,7 @@ void DataInject4XdmaMM::SetInjectFullScreenWgt(int channel, void* widget) {
 }
 
 void DataInject4XdmaMM::StartThread_InjectData() {
-    injectThread_.Start(cores_, [this] { ThreadFun_InjectData(); });
+    injectThread_.Start(cores_, [this] { ThreadFun_InjectData(); }, "kvpcie-inject");
 }
 
 void DataInject4XdmaMM::StopThread_InjectData() {
