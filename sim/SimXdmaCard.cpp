@@ -81,6 +81,7 @@ void SimXdmaCard::StoreRegisterLocked(std::uint32_t address, std::uint32_t value
             if (value == 1) {
                 removed_.store(true, std::memory_order_release);
                 eventRaised_.notify_all();
+                ObserveEventLocked(-1);
             }
             return;
         case xdma::kRegCaptureEnableMask:
@@ -521,6 +522,26 @@ void SimXdmaCard::RaiseUserEventLocked(int event) {
     ++counters_.userEventsRaised;
     eventPending_[event] = true;
     eventRaised_.notify_all();
+    ObserveEventLocked(event);
+}
+
+void SimXdmaCard::ObserveEventLocked(int event) {
+    if (eventObserver_) {
+        eventObserver_(event);
+    }
+}
+
+bool SimXdmaCard::IsUserEventPending(int event) const {
+    if (event < 0 || event >= kUserEventCount) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    return eventPending_[event];
+}
+
+void SimXdmaCard::SetEventObserver(std::function<void(int event)> observer) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    eventObserver_ = std::move(observer);
 }
 
 void SimXdmaCard::SetEventTimeout(std::chrono::milliseconds timeout) {
@@ -533,6 +554,9 @@ void SimXdmaCard::SetRemoved(bool removed) {
     removed_.store(removed, std::memory_order_release);
     eventRaised_.notify_all();
     clockWake_.notify_all();
+    if (removed) {
+        ObserveEventLocked(-1);
+    }
 }
 
 bool SimXdmaCard::IsNodeAbsent(const std::string& node) const {

@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -56,6 +57,13 @@ public:
     // WakeEventWaiters) or the card is removed.
     EventWait WaitUserEvent(int event, const std::atomic<bool>& cancelled);
     void WakeEventWaiters();
+    // Whether event `event` was raised and no wait has taken it yet.
+    bool IsUserEventPending(int event) const;
+    // For a process that serves the events elsewhere (the driver model, which must tell poll()
+    // callers): called with the card's lock held when an event is raised (its number) or when
+    // every wait must end (-1: the card was removed). It must return at once and must not call
+    // the card. Set before the card is used.
+    void SetEventObserver(std::function<void(int event)> observer);
 
     void Restart();
     bool IsNodeAbsent(const std::string& node) const;
@@ -94,6 +102,7 @@ private:
     void StoreRegisterLocked(std::uint32_t address, std::uint32_t value);
     void LogLocked(KvPCIeSim::CardAccess::Kind kind, std::uint32_t address, std::uint32_t value);
     void RaiseUserEventLocked(int event);
+    void ObserveEventLocked(int event);
     bool TakeDmaFaultLocked(std::uint64_t address);
 
     // Capture registers written by the host.
@@ -136,6 +145,7 @@ private:
     std::condition_variable eventRaised_;
     std::unordered_map<std::uint32_t, std::uint32_t> registers_;
     std::array<bool, kUserEventCount> eventPending_{};
+    std::function<void(int event)> eventObserver_;
     std::chrono::milliseconds eventTimeout_;
     std::set<std::string> absentNodes_;
     std::deque<KvPCIeSim::CardAccess> accessLog_;
