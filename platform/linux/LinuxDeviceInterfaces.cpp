@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -103,7 +104,8 @@ std::optional<unsigned> XdmaUserNodeNumber(const std::string& entryName) {
     return number;
 }
 
-std::vector<std::string> XdmaInterfacePaths(const std::vector<std::string>& entryNames) {
+std::vector<std::string> XdmaInterfacePaths(const std::vector<std::string>& entryNames,
+                                            const std::string& devDir) {
     std::vector<unsigned> numbers;
     for (const std::string& name : entryNames) {
         if (const std::optional<unsigned> number = XdmaUserNodeNumber(name)) {
@@ -113,9 +115,18 @@ std::vector<std::string> XdmaInterfacePaths(const std::vector<std::string>& entr
     std::sort(numbers.begin(), numbers.end());
     std::vector<std::string> paths;
     for (unsigned number : numbers) {
-        paths.push_back("/dev/xdma" + std::to_string(number));
+        paths.push_back(devDir + "/xdma" + std::to_string(number));
     }
     return paths;
+}
+
+std::string LinuxRoot() {
+    const char* value = std::getenv("KVPCIE_LINUX_ROOT");
+    std::string root = value != nullptr ? value : "";
+    while (!root.empty() && root.back() == '/') {
+        root.pop_back();
+    }
+    return root;
 }
 
 void RestartXilinxDevicesUnder(const std::string& pciBusDir) {
@@ -161,16 +172,18 @@ bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& 
     try {
         if (interfaceClass == kXdmaInterfaceClass) {
             std::vector<std::string> names;
-            const linux_backend::DirPtr dir = linux_backend::OpenDir("/dev");
+            const std::string devDir = linux_backend::LinuxRoot() + "/dev";
+            const linux_backend::DirPtr dir = linux_backend::OpenDir(devDir);
             if (!dir || !linux_backend::EntryNames(dir.get(), names)) {
                 SetLastError(errno);
                 return false;
             }
-            for (std::string& path : linux_backend::XdmaInterfacePaths(names)) {
+            for (std::string& path : linux_backend::XdmaInterfacePaths(names, devDir)) {
                 paths.push_back(std::move(path));
             }
         } else if (interfaceClass == kRiffaInterfaceClass) {
-            return linux_backend::RiffaDevicePaths("/dev/riffa", paths);
+            const std::string node = linux_backend::LinuxRoot() + "/dev/riffa";
+            return linux_backend::RiffaDevicePaths(node.c_str(), paths);
         }
         return true;
     } catch (...) {
@@ -181,7 +194,7 @@ bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& 
 
 void RestartXilinxDevices() {
     try {
-        linux_backend::RestartXilinxDevicesUnder("/sys/bus/pci");
+        linux_backend::RestartXilinxDevicesUnder(linux_backend::LinuxRoot() + "/sys/bus/pci");
     } catch (...) {
         // Out of memory: the cards keep running as they are, which is what a refusal does too.
     }

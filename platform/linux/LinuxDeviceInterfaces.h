@@ -11,8 +11,14 @@ namespace kvpcie::platform::linux_backend {
 // zeros, so that "/dev/xdma<N>" names the same card.
 std::optional<unsigned> XdmaUserNodeNumber(const std::string& entryName);
 
-// "/dev/xdma<N>" for each such entry, in the order of N. May throw std::bad_alloc.
-std::vector<std::string> XdmaInterfacePaths(const std::vector<std::string>& entryNames);
+// "<devDir>/xdma<N>" for each such entry, in the order of N. May throw std::bad_alloc.
+std::vector<std::string> XdmaInterfacePaths(const std::vector<std::string>& entryNames,
+                                            const std::string& devDir = "/dev");
+
+// The directory that the driver's nodes and sysfs are found under: KVPCIE_LINUX_ROOT, read at
+// each call, without a trailing slash; "" (the machine's own "/") when unset or empty. The
+// driver model (kvpcie-simd) is reached this way, through the very calls that reach a card.
+std::string LinuxRoot();
 
 // The restart of every vendor 0x10EE device under a directory laid out as sysfs's PCI bus
 // ("devices/<device>/vendor", "devices/<device>/remove", "rescan"). May throw std::bad_alloc.
