@@ -5,7 +5,7 @@ set -euo pipefail
 # Extra packages may be named on the command line (the Windows cross-check names its own).
 packages=(cmake ninja-build g++ pkg-config qtbase5-dev libgl-dev
           libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
-          xvfb xauth "$@")
+          xvfb xauth libfuse3-dev fuse3 "$@")
 
 missing=()
 for package in "${packages[@]}"; do

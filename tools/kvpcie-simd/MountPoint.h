@@ -1,0 +1,23 @@
+// The directory that kvpcie-simd mounts on: what is mounted there already.
+#pragma once
+
+#include <string>
+
+namespace kvpcie::simd {
+
+// The absolute path of `dir` as the mount table writes it (its parent resolved, so that a
+// stale mount on `dir` itself is never touched); empty when the parent does not exist.
+std::string MountTablePath(const std::string& dir);
+
+enum class MountState {
+    Free,     // nothing mounted on the directory
+    Served,   // a live file system is mounted on it
+    Stale,    // a FUSE mount whose server has gone ("Transport endpoint is not connected")
+};
+
+MountState InspectMountPoint(const std::string& absolutePath);
+
+// Detaches a stale mount; false with errno when neither umount2 nor fusermount3 could.
+bool DetachStaleMount(const std::string& absolutePath);
+
+}  // namespace kvpcie::simd

@@ -1,0 +1,190 @@
+// kvpcie-simd: the simulated card in a process of its own, served through FUSE as the Linux XDMA
+// driver's device files, so that the library's Linux backend drives it exactly as it drives a
+// card, and several processes share one card.
+#define FUSE_USE_VERSION 312
+#include "ModelFileSystem.h"
+#include "MountPoint.h"
+#include "SimdOptions.h"
+
+#include <fuse.h>
+#include <fuse_lowlevel.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using kvpcie::simd::ModelFileSystem;
+
+// Exit codes: 1 for a usage or mount point problem, 3 when FUSE cannot be used here at all
+// (scripts and tests tell "skip" from "fail" by it).
+constexpr int kExitUsage = 1;
+constexpr int kExitNoFuse = 3;
+constexpr unsigned kMaxServingThreads = 64;  // each event read may hold one while it waits
+
+char crashMountPoint[4096];
+
+// A crash of the server would leave a mount that answers every client with ENOTCONN; detaching
+// it lets clients see the plain directory again. Only async-signal-safe calls here.
+void DetachOnCrash(int signalNumber) {
+    ::umount2(crashMountPoint, MNT_DETACH);
+    ::signal(signalNumber, SIG_DFL);
+    ::raise(signalNumber);
+}
+
+// FUSE interrupts a request by signalling the thread that serves it (SIGUSR1); the signal only
+// has to end that thread's wait, which then sees fuse_interrupted().
+void IgnoreInterruptSignal(int) {}
+
+void CatchInterruptSignal() {
+    struct sigaction action {};
+    action.sa_handler = IgnoreInterruptSignal;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(SIGUSR1, &action, nullptr);
+}
+
+void DetachOnCrashes() {
+    for (int signalNumber : {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL}) {
+        ::signal(signalNumber, DetachOnCrash);
+    }
+}
+
+bool FuseDeviceUsable() {
+    const int fd = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+        std::fprintf(stderr, "kvpcie-simd: cannot use FUSE: /dev/fuse: %s\n", std::strerror(errno));
+        return false;
+    }
+    ::close(fd);
+    return true;
+}
+
+// Checks DIR and clears a stale mount on it; false (with the reason printed) when DIR cannot
+// be used.
+bool PrepareMountPoint(const std::string& dir, std::string& absolutePath) {
+    absolutePath = kvpcie::simd::MountTablePath(dir);
+    if (absolutePath.empty()) {
+        std::fprintf(stderr, "kvpcie-simd: %s: the directory's parent does not exist\n",
+                     dir.c_str());
+        return false;
+    }
+    switch (kvpcie::simd::InspectMountPoint(absolutePath)) {
+        case kvpcie::simd::MountState::Served:
+            std::fprintf(stderr,
+                         "kvpcie-simd: %s is already mounted (another kvpcie-simd serving it?); "
+                         "stop that one, or unmount with: fusermount3 -u %s\n",
+                         absolutePath.c_str(), absolutePath.c_str());
+            return false;
+        case kvpcie::simd::MountState::Stale:
+            std::fprintf(stderr,
+                         "kvpcie-simd: %s was left mounted by a server that has gone; "
+                         "detaching it\n",
+                         absolutePath.c_str());
+            if (!kvpcie::simd::DetachStaleMount(absolutePath)) {
+                std::fprintf(stderr, "kvpcie-simd: cannot detach the stale mount on %s\n",
+                             absolutePath.c_str());
+                return false;
+            }
+            break;
+        case kvpcie::simd::MountState::Free:
+            break;
+    }
+    if (::access(absolutePath.c_str(), F_OK) != 0) {
+        std::fprintf(stderr, "kvpcie-simd: %s: %s\n", absolutePath.c_str(), std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+struct FuseDeleter {
+    void operator()(fuse* f) const { fuse_destroy(f); }
+};
+struct LoopConfigDeleter {
+    void operator()(fuse_loop_config* config) const { fuse_loop_cfg_destroy(config); }
+};
+
+int Serve(const kvpcie::simd::SimdOptions& options, const std::string& mountPoint) {
+    ModelFileSystem model(options.cards);
+    // Named like a driver's file system in the mount table; no option of FUSE's own is passed
+    // through, so none can be slipped in with the directory's name.
+    std::vector<std::string> argumentText{"kvpcie-simd", "-o",
+                                          "fsname=kvpcie-simd,subtype=kvpcie-simd"};
+    std::vector<char*> arguments;
+    for (std::string& text : argumentText) {
+        arguments.push_back(text.data());
+    }
+    fuse_args args = FUSE_ARGS_INIT(static_cast<int>(arguments.size()), arguments.data());
+    std::unique_ptr<fuse, FuseDeleter> server(
+        fuse_new(&args, &ModelFileSystem::Operations(), sizeof(fuse_operations), &model));
+    fuse_opt_free_args(&args);
+    if (!server) {
+        std::fprintf(stderr, "kvpcie-simd: FUSE refused to start a file system\n");
+        return kExitNoFuse;
+    }
+    if (fuse_mount(server.get(), mountPoint.c_str()) != 0) {
+        std::fprintf(stderr,
+                     "kvpcie-simd: cannot mount %s through FUSE (is mounting permitted here?)\n",
+                     mountPoint.c_str());
+        return kExitNoFuse;
+    }
+    std::snprintf(crashMountPoint, sizeof crashMountPoint, "%s", mountPoint.c_str());
+    fuse_session* session = fuse_get_session(server.get());
+    int result = 1;
+    if (fuse_set_signal_handlers(session) == 0) {
+        DetachOnCrashes();
+        CatchInterruptSignal();
+        if (fuse_daemonize(options.foreground ? 1 : 0) == 0) {
+            if (options.foreground) {
+                std::printf("kvpcie-simd: serving %d card%s under %s\n", options.cards,
+                            options.cards == 1 ? "" : "s", mountPoint.c_str());
+                std::fflush(stdout);
+            }
+            std::unique_ptr<fuse_loop_config, LoopConfigDeleter> loop(fuse_loop_cfg_create());
+            if (loop) {
+                fuse_loop_cfg_set_max_threads(loop.get(), kMaxServingThreads);
+                // A stop by signal ends the loop with the signal's number: a clean end.
+                const int loopResult = fuse_loop_mt(server.get(), loop.get());
+                result = loopResult == 0 || loopResult == SIGTERM || loopResult == SIGINT ||
+                                 loopResult == SIGHUP
+                             ? 0
+                             : 1;
+            }
+        }
+        fuse_remove_signal_handlers(session);
+    }
+    fuse_unmount(server.get());
+    return result;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    kvpcie::simd::SimdOptions options;
+    std::string error;
+    if (!kvpcie::simd::ParseSimdOptions(std::vector<std::string>(argv + 1, argv + argc), options,
+                                        error)) {
+        std::fprintf(stderr, "kvpcie-simd: %s\n%s", error.c_str(), kvpcie::simd::kSimdUsage);
+        return kExitUsage;
+    }
+    if (options.help) {
+        std::fputs(kvpcie::simd::kSimdUsage, stdout);
+        return 0;
+    }
+    if (!FuseDeviceUsable()) {
+        return kExitNoFuse;
+    }
+    std::string mountPoint;
+    if (!PrepareMountPoint(options.mountDir, mountPoint)) {
+        return kExitUsage;
+    }
+    return Serve(options, mountPoint);
+}
