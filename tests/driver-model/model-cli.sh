@@ -1,0 +1,93 @@
+#!/usr/bin/env bash
+# One check of the kvpcie tool against the driver model, run by with-model.sh (which sets
+# KVPCIE_MODEL_ROOT and KVPCIE_LINUX_ROOT): every process below is a process of its own, as a
+# user's shell would start it.
+#   model-cli.sh CHECK KVPCIE_PROGRAM
+set -uo pipefail
+check=$1
+kvpcie=$2
+root=$KVPCIE_MODEL_ROOT
+scratch=$(mktemp -d "${TMPDIR:-/tmp}/kvpcie-cli.XXXXXX")
+trap 'rm -rf "$scratch"' EXIT
+
+fail() {
+    echo "FAIL: $*" >&2
+    exit 1
+}
+
+# Runs kvpcie; its output goes to $scratch/out and $scratch/err, and is shown.
+run() {
+    "$kvpcie" "$@" >"$scratch/out" 2>"$scratch/err"
+    local status=$?
+    cat "$scratch/out"
+    cat "$scratch/err" >&2
+    return $status
+}
+
+case "$check" in
+list)
+    run list || fail "kvpcie list failed"
+    grep -q "$root/dev/xdma0" "$scratch/out" || fail "kvpcie list does not show $root/dev/xdma0"
+    ;;
+loopback)
+    run loopback --seconds 3 --width 160 --height 120 || fail "kvpcie loopback failed"
+    grep -q '^PASS' "$scratch/out" || fail "kvpcie loopback did not print PASS"
+    ;;
+registers)
+    # One process writes, the next reads the same card.
+    run reg write 0x1F1004 10 || fail "reg write failed"
+    run reg read 0x1F1004 || fail "reg read failed"
+    grep -qi '0x0*a$' "$scratch/out" || fail "a second process read $(cat "$scratch/out"), not 0xa"
+    # The sysfs restart of the next opener clears the delay test register...
+    run reg write 0x100024 7 || fail "reg write failed"
+    run reg read 0x100024 || fail "reg read failed"
+    grep -qi '0x0*0$' "$scratch/out" || fail "the restart did not reach the card"
+    ;;
+restart-in-use)
+    # ... but not while another process holds the card's files: the removal is refused and the
+    # opener goes on without a restart.
+    "$kvpcie" status 0 --seconds 5 >/dev/null 2>&1 &
+    holder=$!
+    for _ in $(seq 1 100); do
+        # The control node is opened last, after the holder's own restart.
+        ls -l "/proc/$holder/fd" 2>/dev/null | grep -q "$root/dev/xdma0_control" && break
+        sleep 0.05
+    done
+    run reg write 0x100024 7 || fail "reg write failed"
+    run reg read 0x100024 || fail "reg read failed"
+    grep -qi '0x0*7$' "$scratch/out" || fail "a card in use was restarted under its user"
+    grep -q "continuing without a restart" "$scratch/err" || fail "the refused restart was not told"
+    kill "$holder" 2>/dev/null
+    wait "$holder"
+    ;;
+capture-inject)
+    # One process plays frames into inject channel 0, another captures them back in loopback.
+    run reg write 0x1F1000 1 || fail "loopback switch failed"
+    "$kvpcie" inject --channel 0 --width 320 --height 240 --type Y8 --rate 50 --seconds 5 \
+        >"$scratch/inject.out" 2>&1 &
+    injector=$!
+    sleep 1.5
+    run capture --channels 0 --width 320 --height 240 --type Y8 --card-timing --seconds 2 \
+        --snapshot "$scratch/shot" --json || fail "capture failed"
+    wait "$injector" || { cat "$scratch/inject.out"; fail "inject failed"; }
+    grep -q '"frames": [1-9]' "$scratch/out" || fail "the capture got no frame"
+    # In loopback a channel whose inject side played nothing captures zeros: a picture with
+    # more than one grey level came from the other process.
+    python3 - "$scratch/shot/channel0.png" <<'PY' || fail "the captured frame is blank"
+import struct, sys, zlib
+data = open(sys.argv[1], "rb").read()
+at, idat = 8, b""
+while at < len(data):
+    length, kind = struct.unpack(">I4s", data[at:at + 8])
+    if kind == b"IDAT":
+        idat += data[at + 8:at + 8 + length]
+    at += 12 + length
+pixels = zlib.decompress(idat)
+sys.exit(0 if len(set(pixels)) > 8 else 1)
+PY
+    ;;
+*)
+    fail "unknown check $check"
+    ;;
+esac
+echo "ok: $check"

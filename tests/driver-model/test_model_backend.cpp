@@ -1,0 +1,158 @@
+// The Linux backend of the OS layer on the driver model: the very calls that drive a card under
+// the Linux XDMA driver (4-byte register words, DMA at the position, blocking event reads that
+// a cancel ends, listing and the sysfs restart), against kvpcie-simd's files. Run through
+// with-model.sh, which sets KVPCIE_MODEL_ROOT and KVPCIE_LINUX_ROOT.
+#include "platform/Backend.h"
+#include "platform/DeviceInterfaces.h"
+#include "platform/SystemError.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <future>
+#include <string>
+#include <vector>
+
+namespace kvpcie::platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::uint32_t kIdentity = 0x1F0000;
+constexpr std::uint32_t kStaging = 0x1F1400;  // channel 0's status staging area
+constexpr std::uint32_t kDelayTest = 0x100024;
+constexpr std::uint32_t kCaptureEnable = 0x100018;
+constexpr std::uint32_t kCaptureFrameSize = 0x101010;
+constexpr std::uint32_t kExternalRate = 0x1F1004;
+constexpr std::uint32_t kFrameEventOff = 0x1F1034;
+
+class ModelBackend : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const char* root = std::getenv("KVPCIE_MODEL_ROOT");
+        if (root == nullptr || *root == '\0') {
+            GTEST_SKIP() << "runs against kvpcie-simd: start it through with-model.sh";
+        }
+        card_ = std::string(root) + "/dev/xdma0";
+        user_ = Open("user", kAccessReadWrite);
+        ASSERT_NE(user_, nullptr) << ErrorText(LastError());
+    }
+
+    DeviceFilePtr Open(const char* node, unsigned access) {
+        return OpenDeviceFile(card_ + "\\" + node, access);
+    }
+
+    std::uint32_t ReadReg(std::uint32_t address) {
+        std::uint32_t value = 0;
+        std::uint32_t moved = 0;
+        EXPECT_TRUE(user_->Seek(address) && user_->Read(&value, 4, moved));
+        EXPECT_EQ(moved, 4u);
+        return value;
+    }
+
+    void WriteReg(std::uint32_t address, std::uint32_t value) {
+        std::uint32_t moved = 0;
+        EXPECT_TRUE(user_->Seek(address) && user_->Write(&value, 4, moved));
+        EXPECT_EQ(moved, 4u);
+    }
+
+    std::string card_;
+    DeviceFilePtr user_;
+};
+
+TEST_F(ModelBackend, TheCardIsListedUnderTheRootAndAnswersItsRegisters) {
+    std::vector<std::string> paths;
+    ASSERT_TRUE(ListDeviceInterfaces(kXdmaInterfaceClass, paths));
+    ASSERT_FALSE(paths.empty());
+    EXPECT_EQ(paths[0], card_);
+    EXPECT_EQ(ReadReg(kIdentity), 0x53494D31u);
+    EXPECT_EQ(ReadReg(0x100028), 100000000u);
+}
+
+TEST_F(ModelBackend, BlocksOfRegistersMoveAsWordsAndOddSizesAreRefused) {
+    const std::uint32_t words[3] = {0x11223344, 0x55667788, 0x99AABBCC};
+    std::uint32_t moved = 0;
+    ASSERT_TRUE(user_->Seek(kStaging) && user_->Write(words, sizeof words, moved));
+    EXPECT_EQ(moved, sizeof words);
+    std::uint32_t back[3] = {};
+    ASSERT_TRUE(user_->Seek(kStaging) && user_->Read(back, sizeof back, moved));
+    EXPECT_EQ(std::vector<std::uint32_t>(back, back + 3), std::vector<std::uint32_t>(words, words + 3));
+    EXPECT_FALSE(user_->Seek(kStaging) && user_->Read(back, 6, moved));
+    EXPECT_FALSE(user_->Seek(kStaging + 2) && user_->Read(back, 4, moved));
+}
+
+TEST_F(ModelBackend, DmaMovesAtThePositionAndAdvancesIt) {
+    const DeviceFilePtr toCard = Open("h2c_0", kAccessWrite);
+    const DeviceFilePtr fromCard = Open("c2h_0", kAccessRead);
+    ASSERT_NE(toCard, nullptr);
+    ASSERT_NE(fromCard, nullptr);
+    // More than FUSE moves in one request, at an address above what 32 bits of offset in
+    // megabytes would reach, so that both the split and the offset show.
+    std::vector<unsigned char> block(3 << 20);
+    for (std::size_t k = 0; k < block.size(); ++k) {
+        block[k] = static_cast<unsigned char>(k * 13 + k / 4096);
+    }
+    const std::int64_t address = 0x70000000;
+    std::uint32_t moved = 0;
+    ASSERT_TRUE(toCard->Seek(address) &&
+                toCard->Write(block.data(), static_cast<std::uint32_t>(block.size()), moved));
+    EXPECT_EQ(moved, block.size());
+    // Two reads in a row continue where the first ended.
+    std::vector<unsigned char> back(block.size());
+    const std::uint32_t half = static_cast<std::uint32_t>(block.size() / 2);
+    ASSERT_TRUE(fromCard->Seek(address) && fromCard->Read(back.data(), half, moved));
+    EXPECT_EQ(moved, half);
+    ASSERT_TRUE(fromCard->Read(back.data() + half, half, moved));
+    EXPECT_EQ(back, block);
+    // A direction the node does not have is refused.
+    EXPECT_FALSE(fromCard->Write(block.data(), 4, moved));
+}
+
+TEST_F(ModelBackend, AnEventReadWaitsForTheCardAndACancelEndsIt) {
+    const DeviceFilePtr event = Open("event_0", kAccessRead);
+    ASSERT_NE(event, nullptr);
+    // Frames of 64 bytes at 200 per second raise user event 0.
+    WriteReg(kFrameEventOff, 0);
+    WriteReg(kCaptureFrameSize, 64);
+    WriteReg(kExternalRate, 200);
+    WriteReg(kCaptureEnable, 1);
+    unsigned char byte = 0;
+    std::uint32_t moved = 0;
+    ASSERT_TRUE(event->Read(&byte, 1, moved));
+    EXPECT_EQ(moved, 1u);
+    EXPECT_EQ(byte, 1);
+    WriteReg(kCaptureEnable, 0);
+    WriteReg(kFrameEventOff, 1);
+    // Nothing raises the event now: only the cancel ends the wait, and promptly.
+    std::future<bool> waiting = std::async(std::launch::async, [&] {
+        unsigned char ignored = 0;
+        std::uint32_t count = 0;
+        // One pending from before the switch may still be there: take it first.
+        while (event->Read(&ignored, 1, count)) {
+        }
+        return LastError() == ECANCELED;
+    });
+    EXPECT_EQ(waiting.wait_for(300ms), std::future_status::timeout);
+    event->Cancel();
+    ASSERT_EQ(waiting.wait_for(2s), std::future_status::ready);
+    EXPECT_TRUE(waiting.get());
+}
+
+TEST_F(ModelBackend, TheRestartGoesThroughSysfsUnlessTheCardIsInUse) {
+    WriteReg(kDelayTest, 7);
+    // This process holds the user node: the removal is refused, the card keeps its state.
+    RestartXilinxDevices();
+    EXPECT_EQ(ReadReg(kDelayTest), 7u);
+    user_.reset();
+    RestartXilinxDevices();  // now nothing is open: removed, rescanned, restarted
+    user_ = Open("user", kAccessReadWrite);
+    ASSERT_NE(user_, nullptr);
+    EXPECT_EQ(ReadReg(kDelayTest), 0u);
+    EXPECT_EQ(ReadReg(kIdentity), 0x53494D31u);
+}
+
+}  // namespace
+}  // namespace kvpcie::platform
