@@ -209,14 +209,21 @@ int RunLoopback(const std::vector<std::string>& args) {
         const std::vector<std::int64_t> latencies(
             state.latencies.begin(),
             state.latencies.begin() + static_cast<long>(state.latencyCount));
-        std::printf("%7d  %8llu  %8llu  %5llu  %10llu  %8llu  %7u  %9u  %8llu  %6.2f  %6.2f  %6.1f\n",
-                    c, static_cast<unsigned long long>(state.captured),
+        // Ready times come from a simulated card in this process; a card elsewhere (real, or
+        // the driver model) gives none, and the columns say so rather than show zeros.
+        char p50[16] = "     -";
+        char p99[16] = "     -";
+        if (!latencies.empty()) {
+            std::snprintf(p50, sizeof p50, "%6.2f", Percentile(latencies, 0.5));
+            std::snprintf(p99, sizeof p99, "%6.2f", Percentile(latencies, 0.99));
+        }
+        std::printf("%7d  %8llu  %8llu  %5llu  %10llu  %8llu  %7u  %9u  %8llu  %s  %s  %6.1f\n", c,
+                    static_cast<unsigned long long>(state.captured),
                     static_cast<unsigned long long>(state.verified),
                     static_cast<unsigned long long>(state.blank),
                     static_cast<unsigned long long>(state.mismatched),
                     static_cast<unsigned long long>(state.replayed), dropped, underruns,
-                    static_cast<unsigned long long>(recorded), Percentile(latencies, 0.5),
-                    Percentile(latencies, 0.99),
+                    static_cast<unsigned long long>(recorded), p50, p99,
                     state.captured * double(geometry.Bytes()) / elapsed / 1e6);
         // A replay is the card's answer to an underrun, not a fault of the path; without an
         // underrun it would be one.
@@ -232,8 +239,8 @@ int RunLoopback(const std::vector<std::string>& args) {
             {"dropped", static_cast<qint64>(dropped)},
             {"underruns", static_cast<qint64>(underruns)},
             {"recorded", static_cast<qint64>(recorded)},
-            {"p50Ms", Percentile(latencies, 0.5)},
-            {"p99Ms", Percentile(latencies, 0.99)},
+            {"p50Ms", latencies.empty() ? QJsonValue() : QJsonValue(Percentile(latencies, 0.5))},
+            {"p99Ms", latencies.empty() ? QJsonValue() : QJsonValue(Percentile(latencies, 0.99))},
             {"megabytesPerSecond", state.captured * double(geometry.Bytes()) / elapsed / 1e6}});
     }
     manager.CloseCard();
