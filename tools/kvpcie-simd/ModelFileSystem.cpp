@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstring>
 #include <new>
+#include <optional>
 
 namespace kvpcie::simd {
 namespace {
@@ -179,6 +180,18 @@ fuse_operations MakeOperations() {
     return operations;
 }
 
+// The driver moves exactly one aligned 32-bit word per register call; past the register space
+// nothing moves. What the call returns instead of the access, or nullopt to go on.
+std::optional<int> RefuseRegisterAccess(NodeKind kind, std::size_t size, std::int64_t offset) {
+    if (size != 4 || offset % 4 != 0) {
+        return -EINVAL;
+    }
+    if (offset < 0 || static_cast<std::uint64_t>(offset) >= NodeBytes(kind)) {
+        return 0;
+    }
+    return std::nullopt;
+}
+
 // "1" (with or without a newline) is what sysfs's remove and rescan take.
 bool SaysOne(const char* buffer, std::size_t size) {
     return size >= 1 && buffer[0] == '1' && (size == 1 || buffer[1] == '\n');
@@ -240,12 +253,8 @@ int ModelFileSystem::Read(OpenFile& file, char* buffer, std::size_t size, std::i
     switch (node.kind) {
         case NodeKind::User:
         case NodeKind::Control: {
-            // The driver moves exactly one aligned 32-bit word per call.
-            if (size != 4 || offset % 4 != 0) {
-                return -EINVAL;
-            }
-            if (offset < 0 || static_cast<std::uint64_t>(offset) >= NodeBytes(node.kind)) {
-                return 0;
+            if (const std::optional<int> refusal = RefuseRegisterAccess(node.kind, size, offset)) {
+                return *refusal;
             }
             std::uint32_t value = 0;
             if (node.kind == NodeKind::User &&
@@ -321,11 +330,8 @@ int ModelFileSystem::Write(OpenFile& file, const char* buffer, std::size_t size,
     switch (node.kind) {
         case NodeKind::User:
         case NodeKind::Control: {
-            if (size != 4 || offset % 4 != 0) {
-                return -EINVAL;
-            }
-            if (offset < 0 || static_cast<std::uint64_t>(offset) >= NodeBytes(node.kind)) {
-                return 0;
+            if (const std::optional<int> refusal = RefuseRegisterAccess(node.kind, size, offset)) {
+                return *refusal;
             }
             std::uint32_t value = 0;
             std::memcpy(&value, buffer, 4);
