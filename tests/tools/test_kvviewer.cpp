@@ -135,6 +135,35 @@ TEST_F(Kvviewer, ShowsTheStatusPictureOnChannelsNotStarted) {
         {false, true, false, false});
 }
 
+// Through the driver model (run by with-model.sh, which points the library at a kvpcie-simd):
+// the viewer in one process shows the frames that kvpcie injects in another, played back into
+// capture channel 0 by the card's loopback.
+TEST_F(Kvviewer, ShowsWhatAnotherProcessInjectsThroughTheDriverModel) {
+    if (qEnvironmentVariableIsEmpty("KVPCIE_MODEL_ROOT")) {
+        GTEST_SKIP() << "runs against kvpcie-simd: start it through with-model.sh";
+    }
+    const QString tool = QStringLiteral(KVPCIE_TOOL_PATH);
+    ASSERT_EQ(QProcess::execute(tool, {"reg", "write", "0x1F1000", "1"}), 0);
+    const QStringList geometry{"--type", "Y8", "--width", "512", "--height", "256"};
+    QProcess inject;
+    inject.start(tool, QStringList{"inject", "--channel", "0", "--rate", "25", "--seconds", "8"} +
+                           geometry);
+    ASSERT_TRUE(inject.waitForStarted(kRunLimitMs));
+    // Its first progress line comes once frames have been queued for a second.
+    ASSERT_TRUE(inject.waitForReadyRead(kRunLimitMs));
+    const QString shot = scratch.filePath(QStringLiteral("model.png"));
+    const ViewerRun run = Run(QStringList{"--channels", "0", "--autostart", "--quit-after",
+                                          "2500", "--screenshot", shot} +
+                              geometry);
+    inject.kill();
+    inject.waitForFinished(kRunLimitMs);
+    ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+    const QImage image = QImage(shot).convertToFormat(QImage::Format_RGB32);
+    ASSERT_GE(image.width(), 640);
+    EXPECT_TRUE(ShowsRamp(image, QRect(0, 0, image.width() / 2, image.height() / 2)));
+    EXPECT_GT(FramesPrinted(run.out, 0), 0) << run.out.toStdString();
+}
+
 TEST_F(Kvviewer, RefusesBadCommandLinesAndUnsavableScreenshots) {
     const std::pair<QStringList, const char*> cases[] = {
         {{"--bogus"}, "unknown option --bogus"},
