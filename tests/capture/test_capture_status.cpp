@@ -1,6 +1,7 @@
 // The status data channel through the facade: blocks from the card's mailbox reach the host's
-// callback from its event loop, whole, and a block that would overflow is dropped.
-#include "../support/Environment.h"
+// callback from its event loop, whole, and a block that would overflow is dropped. Through the
+// card's registers only, so that it also runs on the driver model.
+#include "../support/TestCard.h"
 #include "CaptureTestSupport.h"
 
 #include "../support/Application.h"
@@ -12,8 +13,6 @@
 
 namespace kvpcie::testing {
 namespace {
-
-constexpr int kCard = 0;
 
 struct StatusSink {
     std::vector<QByteArray> blocks;
@@ -27,9 +26,8 @@ class StatusChannel : public ::testing::Test {
 protected:
     void SetUp() override {
         Application();
-        kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
-        ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
-        ASSERT_TRUE(manager.OpenCard(path));
+        ASSERT_TRUE(PrepareTestCard());
+        ASSERT_TRUE(manager.OpenCard(path.data()));
     }
     void TearDown() override { manager.CloseCard(); }
 
@@ -54,9 +52,7 @@ protected:
         return bytes;
     }
     bool MailboxEmpty(int channel) {
-        std::uint32_t control = 1;
-        KvPCIeSim::PeekRegister(kCard, CaptureBlock(channel) + 0x28, control);
-        return control == 0;
+        return manager.ReadReg(CaptureBlock(channel) + 0x28) == 0;
     }
     // Runs the event loop until `count` blocks have arrived.
     bool Deliver(StatusSink& sink, std::size_t count) {
@@ -66,7 +62,7 @@ protected:
         });
     }
 
-    char path[16] = "sim:xdma0";
+    std::string path = TestCardPath();
     PCIeDataManager manager;
 };
 
