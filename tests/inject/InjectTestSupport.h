@@ -5,9 +5,11 @@
 #include "../capture/CaptureTestSupport.h"
 #include "../support/Environment.h"
 #include "../support/TempDir.h"
+#include "../support/TestCard.h"
 
 #include <QDir>
 
+#include <cstdio>
 #include <cstdlib>
 
 namespace kvpcie::testing {
@@ -34,14 +36,14 @@ protected:
     static constexpr int kCard = 0;
 
     void SetUp() override {
-        kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
-        ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
+        ASSERT_TRUE(PrepareTestCard());
+        std::snprintf(path, sizeof path, "%s", TestCardPath().c_str());
         // The logs open ./Log/<name>/ in the current directory.
         for (const char* log : {"Capture_AllChannel", "Inject_AllChannel", "InjectReadFile"}) {
             QDir().mkpath(QString("Log/") + log);
         }
         ASSERT_TRUE(manager.OpenCard(path));
-        KvPCIeSim::TakeAccessLog(kCard);
+        KvPCIeSim::TakeAccessLog(kCard);  // nothing on the driver model: no card in this process
     }
     void TearDown() override { manager.CloseCard(); }
 
@@ -72,7 +74,7 @@ protected:
     }
 
     ScratchDir scratch{true};  // the engines' logs go to ./Log
-    char path[16] = "sim:xdma0";
+    char path[4096] = {};  // the card's, TestCardPath()
     PCIeDataManager manager;
 };
 

@@ -9,8 +9,14 @@
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <string>
+
+#ifdef __linux__
+#include <fcntl.h>
+#include <unistd.h>
+#endif
 
 namespace kvpcie::testing {
 
@@ -36,6 +42,30 @@ inline bool PrepareTestCard() {
 // The path that OpenCard takes for card 0.
 inline std::string TestCardPath() {
     return OnDriverModel() ? std::string(DriverModelRoot()) + "/dev/xdma0" : "sim:xdma0";
+}
+
+// A register of the driver model's card `card`, read from its register node; false when that
+// failed or there is no driver model (it exists only on Linux).
+inline bool ReadModelRegister(int card, std::uint32_t address, std::uint32_t& value) {
+#ifdef __linux__
+    if (!OnDriverModel()) {
+        return false;
+    }
+    const std::string node =
+        std::string(DriverModelRoot()) + "/dev/xdma" + std::to_string(card) + "_user";
+    const int fd = ::open(node.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    const bool read = ::pread(fd, &value, 4, address) == 4;
+    ::close(fd);
+    return read;
+#else
+    (void)card;
+    (void)address;
+    (void)value;
+    return false;
+#endif
 }
 
 }  // namespace kvpcie::testing
