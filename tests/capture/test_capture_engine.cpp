@@ -25,8 +25,8 @@ constexpr std::size_t kFrameBytes = kWidth * kHeight * 2;  // Y16
 class Capture : public ::testing::Test {
 protected:
     void SetUp() override {
-        kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
-        ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
+        ASSERT_TRUE(PrepareTestCard());
+        std::snprintf(path, sizeof path, "%s", TestCardPath().c_str());
         // The log opens ./Log/<name>/ in the current directory, which need not be the
         // application's directory where the log creates its folder.
         QDir().mkpath("Log/Capture_AllChannel");
@@ -61,7 +61,7 @@ protected:
     }
 
     ScratchDir scratch{true};  // the engine's log goes to ./Log
-    char path[16] = "sim:xdma0";
+    char path[4096] = {};  // the card's, TestCardPath()
     PCIeDataManager manager;
 };
 
@@ -88,6 +88,7 @@ std::vector<CardAccess> ExpectedStart(int channel, bool cardTiming, int frameByt
 }
 
 TEST_F(Capture, StartProgramsTheChannelInOrderWithAndWithoutCardTiming) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or makes frames on demand");
     for (const bool cardTiming : {true, false}) {
         SCOPED_TRACE(cardTiming ? "card timing" : "external timing");
         Write(ControlBlock(2) + kCtlExternalRate, 0);
@@ -109,6 +110,7 @@ TEST_F(Capture, StartProgramsTheChannelInOrderWithAndWithoutCardTiming) {
 }
 
 TEST_F(Capture, TheRingIsReadInOrderAcrossItsWrap) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or makes frames on demand");
     FrameSink sink(kFrameBytes);
     ASSERT_TRUE(StartQuiet(1, sink));
     ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 1, 7));
@@ -133,6 +135,7 @@ TEST_F(Capture, TheRingIsReadInOrderAcrossItsWrap) {
 }
 
 TEST_F(Capture, OnlyStatusTwoIsReadyAndBitFiveIsTheErrorFlag) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or makes frames on demand");
     FrameSink sink(kFrameBytes);
     ASSERT_TRUE(StartQuiet(0, sink, true));
     std::vector<char> frame(kFrameBytes);
@@ -198,6 +201,7 @@ TEST_F(Capture, FourChannelsDeliverEveryFrameByteExactWithoutGaps) {
 }
 
 TEST_F(Capture, AFailedDmaReadReleasesTheBufferAndIsLogged) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or makes frames on demand");
     FrameSink sink(kFrameBytes);
     ASSERT_TRUE(StartQuiet(3, sink));
     Write(ControlBlock(3) + kCtlDmaFaults, 1);
@@ -220,6 +224,7 @@ TEST_F(Capture, AFailedDmaReadReleasesTheBufferAndIsLogged) {
 }
 
 TEST_F(Capture, RecordingWritesExactlyTheFramesDelivered) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or makes frames on demand");
     // Recordings go below the application's directory when there is an application object.
     const QString appDir = QCoreApplication::instance() != nullptr
                                ? QCoreApplication::applicationDirPath()
@@ -260,6 +265,7 @@ TEST_F(Capture, RecordingWritesExactlyTheFramesDelivered) {
 }
 
 TEST_F(Capture, TimingReadBackUsesTheSelectorsInOrderAndTheDelayClock) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or makes frames on demand");
     FrameSink sink(kFrameBytes);
     ASSERT_TRUE(StartQuiet(1, sink));
     ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 1, 3));
@@ -299,6 +305,7 @@ TEST_F(Capture, TimingReadBackUsesTheSelectorsInOrderAndTheDelayClock) {
 }
 
 TEST_F(Capture, StoppingTheLastChannelStopsPollingAndARestartWorks) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or makes frames on demand");
     FrameSink sink(kFrameBytes);
     ASSERT_TRUE(StartQuiet(2, sink));
     // No events from the card: the stop must end the pending event read, not wait 3 s for it.

@@ -49,6 +49,7 @@ TEST_F(FaultTest, DmaFailuresMidStreamOnFourChannelsLoseOnlyTheFramesTheyHit) {
 }
 
 TEST_F(FaultTest, AChannelWithoutItsEventFileIsCapturedByPollingAndStopsAtOnce) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("the test makes a device file absent");
     ASSERT_TRUE(KvPCIeSim::SetNodeAbsent(kCard, "event_2", true));
     GuardedSink sink;
     ASSERT_TRUE(StartCapture(2, sink, 200));
@@ -66,6 +67,7 @@ TEST_F(FaultTest, AChannelWithoutItsEventFileIsCapturedByPollingAndStopsAtOnce) 
 }
 
 TEST_F(FaultTest, ACaptureStatusThatNeverClearsStallsTheRingAndTheCardCountsWhatItLost) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("the test produces frames on demand");
     GuardedSink sink;
     ASSERT_TRUE(StartCapture(1, sink, 0));
     Write(ControlBlock(1) + KvPCIeSim::kCtlStuckCaptureBuffer, 1);  // buffer 0
@@ -103,6 +105,7 @@ TEST_F(FaultTest, ACaptureStatusThatNeverClearsStallsTheRingAndTheCardCountsWhat
 }
 
 TEST_F(FaultTest, AnInjectStatusThatNeverClearsFillsTheQueueAndFramesAreRefused) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("the test sets a buffer status without the card acting on it");
     std::vector<char> frame(kFaultFrameBytes, 7);
     eErrorCode error = ERR_NO_CARD;
     ASSERT_TRUE(Inject(3, frame, error));
@@ -171,7 +174,7 @@ TEST_F(FaultTest, ACardRemovedDuringCaptureInjectionAndCommandsClosesAndReopens)
     ASSERT_TRUE(WaitFor([&] { return AllDelivered(sinks, 20) && injected > 20; },
                         std::chrono::seconds(20)));
 
-    ASSERT_TRUE(KvPCIeSim::SetSurpriseRemoved(kCard, true));
+    ASSERT_TRUE(DropCardOffTheBus(kCard));
     // The host learns of it from the next register write.
     EXPECT_NE(manager.WriteReg(ControlBlock(0) + KvPCIeSim::kCtlExternalFrameRate, 200), 4);
     const int deliveredAtRemoval = sinks[0]->delivered + sinks[1]->delivered;

@@ -44,6 +44,7 @@ QByteArray Bytes(int size, int seed) {
 }
 
 TEST_F(Command, ASixByteCommandGoesOutAsTwoWordsAndControlWord0x405) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log");
     const QByteArray command("\x01\x02\x03\x04\x05\x06", 6);
     EXPECT_TRUE(manager.WriteControlCmd(1, command));
     const std::vector<CardAccess> writes = MailboxWrites(1);
@@ -62,6 +63,7 @@ TEST_F(Command, ASixByteCommandGoesOutAsTwoWordsAndControlWord0x405) {
 }
 
 TEST_F(Command, The1024ByteLimitIsTheMailboxAndLongerOrMisdirectedCommandsAreRefused) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log");
     const QByteArray full = Bytes(1024, 5);
     EXPECT_TRUE(manager.WriteControlCmd(3, full));
     const std::vector<CardAccess> writes = MailboxWrites(3);
@@ -82,6 +84,7 @@ TEST_F(Command, The1024ByteLimitIsTheMailboxAndLongerOrMisdirectedCommandsAreRef
 }
 
 TEST_F(Command, ABusyCardDelaysTheNewestCommandAndDropsTheOlderOne) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log");
     ASSERT_EQ(manager.WriteReg(ControlBlock(2) + kCtlBusyMicros, static_cast<int>(kNeverTakes)), 4);
     // The mailbox was free for this one; the card then never lets go of it.
     EXPECT_TRUE(manager.WriteControlCmd(2, Bytes(8, 1)));
@@ -120,6 +123,7 @@ TEST_F(Command, ABusyCardDelaysTheNewestCommandAndDropsTheOlderOne) {
 }
 
 TEST_F(Command, AnEmptyCommandIsNeverSent) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log");
     const auto started = std::chrono::steady_clock::now();
     EXPECT_FALSE(manager.WriteControlCmd(0, QByteArray()));
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(40));
@@ -163,6 +167,7 @@ QStringList CapturedMessages() {
 }
 
 TEST_F(Command, EachStepLeavesItsNumberedDebugMessageWithTheLocalTime) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log");
     const QtMessageHandler previous = qInstallMessageHandler(CaptureMessage);
     const bool sent = manager.WriteControlCmd(0, Bytes(4, 9));
     // The worker's last message may follow the caller's.

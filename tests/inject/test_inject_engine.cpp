@@ -77,6 +77,7 @@ std::vector<CardAccess> ExpectedInit(int channel, std::uint32_t code, std::uint3
 }
 
 TEST_F(Inject, TheFirstFrameProgramsTheChannelInOrderWithAndWithoutAParameterLine) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or memory");
     struct Case {
         int channel;
         bool parameterLine;
@@ -132,6 +133,7 @@ TEST_F(Inject, TheFirstFrameProgramsTheChannelInOrderWithAndWithoutAParameterLin
 }
 
 TEST_F(Inject, BuffersGoOverInRingOrderAndTheSixteenthFrameWaitsForATake) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or memory");
     constexpr int kWidth = 64, kHeight = 16;  // Y16: 2048 bytes
     std::vector<char> frame(kWidth * kHeight * 2, 0x22);
     // One frame a second: the card plays nothing while the queue fills.
@@ -189,6 +191,7 @@ TEST_F(Inject, BuffersGoOverInRingOrderAndTheSixteenthFrameWaitsForATake) {
 }
 
 TEST_F(Inject, TheFrameCounterIsStampedLittleEndianOverTheFirstPixel) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or memory");
     struct Case {
         ePixelType type;
         int frames;
@@ -303,6 +306,7 @@ TEST_F(Inject, LoopbackReturnsTheInjectedFramesOnTheCaptureChannel) {
 }
 
 TEST_F(Inject, StopAndRestartWhileFramesFlowBeginAgainAtBufferZeroAndCounterZero) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or memory");
     constexpr int kWidth = 32, kHeight = 8;
     std::vector<char> frame(kWidth * kHeight, 0x33);
     for (int round = 0; round < 3; ++round) {
@@ -366,6 +370,7 @@ TEST_F(Inject, StopAndRestartWhileFramesFlowBeginAgainAtBufferZeroAndCounterZero
 }
 
 TEST_F(Inject, TheTimingReadBackUsesSelectors3120AndTheDelayClock) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or memory");
     // A channel never started reads channel 0's registers.
     ASSERT_NE(manager.GetInjectDelayStatus(2), nullptr);
     std::vector<CardAccess> writes = Accesses(CardAccess::RegisterWrite);
