@@ -2,7 +2,8 @@
 // commands, status blocks and recording going, and one channel stopped and started again every
 // few seconds. Every captured frame must be an injected frame in order with its counter stamp
 // right, every frame the card made must be delivered or counted, and threads and heap must come
-// back to where they were. KVPCIE_SOAK_SECONDS sets the length (60).
+// back to where they were. KVPCIE_SOAK_SECONDS sets the length (60). It runs on the in-process
+// simulated card or, under with-model.sh, on the driver model's.
 #include "../capture/CaptureTestSupport.h"
 #include "../support/Application.h"
 #include "../support/Environment.h"
@@ -138,8 +139,7 @@ class Soak : public ::testing::Test {
 protected:
     void SetUp() override {
         Application();
-        kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
-        ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
+        ASSERT_TRUE(PrepareTestCard());
         if (const char* seconds = std::getenv("KVPCIE_SOAK_SECONDS")) {
             length_ = std::chrono::seconds(std::max(1, std::atoi(seconds)));
         }
@@ -224,8 +224,8 @@ protected:
 
     // One full cycle of everything on the card, `length` long.
     void Cycle(std::chrono::seconds length) {
-        char path[] = "sim:xdma0";
-        ASSERT_TRUE(manager_.OpenCard(path));
+        std::string path = TestCardPath();
+        ASSERT_TRUE(manager_.OpenCard(path.data()));
         // The card counts commands for as long as it exists.
         std::array<std::uint32_t, 4> takenBefore{};
         for (int channel = 0; channel < 4; ++channel) {
