@@ -96,8 +96,9 @@ bool InjectAt(PCIeDataManager& manager, int rate, std::vector<char>& frame) {
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     if (std::getenv("KVPCIE_LINUX_ROOT") == nullptr) {
-        std::fprintf(stderr, "bench_driver_model: set KVPCIE_LINUX_ROOT to a kvpcie-simd's "
-                             "directory (bench/driver-model.sh does)\n");
+        std::fprintf(stderr,
+                     "bench_driver_model: set KVPCIE_LINUX_ROOT to a kvpcie-simd's "
+                     "directory (bench/driver-model.sh does)\n");
         return 2;
     }
     PCIeDataManager manager;
@@ -141,9 +142,10 @@ int main(int argc, char** argv) {
         }
         injectBest = rate;
     }
-    std::printf("one channel of 2.6 MB frames through the model: capture %d fps (%.2f GB/s) "
-                "without a drop, inject %d fps without an underrun\n",
-                captureBest, captureFps * kFrameBytes / 1e9, injectBest);
+    std::printf(
+        "one channel of 2.6 MB frames through the model: capture %d fps (%.2f GB/s) "
+        "without a drop, inject %d fps without an underrun\n",
+        captureBest, captureFps * kFrameBytes / 1e9, injectBest);
     kvpcie::bench::PrintFigure("model_capture_fps", captureBest, "info", 0, "fps");
     kvpcie::bench::PrintFigure("model_inject_fps", injectBest, "info", 0, "fps");
     manager.CloseCard();

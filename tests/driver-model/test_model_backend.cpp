@@ -79,7 +79,8 @@ TEST_F(ModelBackend, BlocksOfRegistersMoveAsWordsAndOddSizesAreRefused) {
     EXPECT_EQ(moved, sizeof words);
     std::uint32_t back[3] = {};
     ASSERT_TRUE(user_->Seek(kStaging) && user_->Read(back, sizeof back, moved));
-    EXPECT_EQ(std::vector<std::uint32_t>(back, back + 3), std::vector<std::uint32_t>(words, words + 3));
+    EXPECT_EQ(std::vector<std::uint32_t>(back, back + 3),
+              std::vector<std::uint32_t>(words, words + 3));
     EXPECT_FALSE(user_->Seek(kStaging) && user_->Read(back, 6, moved));
     EXPECT_FALSE(user_->Seek(kStaging + 2) && user_->Read(back, 4, moved));
 }

@@ -13,9 +13,7 @@ struct Cards final : CardPresence {
     int count = 2;
     bool present[2] = {true, true};
     int CardCount() const override { return count; }
-    bool IsPresent(int card) const override {
-        return card >= 0 && card < count && present[card];
-    }
+    bool IsPresent(int card) const override { return card >= 0 && card < count && present[card]; }
 };
 
 TEST(ModelNodes, DriverNodesAreNamedAsTheLinuxDriverNamesThem) {
@@ -49,8 +47,8 @@ TEST(ModelNodes, NamesThatNoDriverMakesAreNotThere) {
     for (const char* path :
          {"/dev/xdma2_user", "/dev/xdma00_user", "/dev/xdma0_events_16", "/dev/xdma0_events_01",
           "/dev/xdma0_c2h_1", "/dev/xdma0_event_0", "/dev/xdma_user", "/dev/xdma0", "/dev/riffa",
-          "/sys/bus/pci/devices/0000:03:00.0", "/sys/bus/pci/devices/0000:01:00.0/config",
-          "/proc", "/dev/xdma0_user/x", ""}) {
+          "/sys/bus/pci/devices/0000:03:00.0", "/sys/bus/pci/devices/0000:01:00.0/config", "/proc",
+          "/dev/xdma0_user/x", ""}) {
         EXPECT_FALSE(FindNode(path, cards)) << path;
     }
 }
@@ -85,8 +83,8 @@ TEST(ModelNodes, DirectoriesListWhatTheBackendLooksFor) {
 TEST(SimdOptions, MountIsRequiredAndCardsAreOneToFour) {
     SimdOptions options;
     std::string error;
-    EXPECT_TRUE(ParseSimdOptions({"--mount", "/tmp/m", "--cards", "4", "--foreground"}, options,
-                                 error));
+    EXPECT_TRUE(
+        ParseSimdOptions({"--mount", "/tmp/m", "--cards", "4", "--foreground"}, options, error));
     EXPECT_EQ(options.mountDir, "/tmp/m");
     EXPECT_EQ(options.cards, 4);
     EXPECT_TRUE(options.foreground);

@@ -32,8 +32,8 @@ inline bool OnDriverModel() {
 // For a test that needs what only a simulated card in the test's own process offers (its access
 // log, frames made on demand, registers set without the card acting on them, absent files):
 // on the driver model it is skipped, saying which.
-#define KVPCIE_IN_PROCESS_CARD_ONLY(why)                                     \
-    if (::kvpcie::testing::OnDriverModel()) {                              \
+#define KVPCIE_IN_PROCESS_CARD_ONLY(why)                                  \
+    if (::kvpcie::testing::OnDriverModel()) {                             \
         GTEST_SKIP() << "needs the in-process simulated card: " << (why); \
     }
 
@@ -66,7 +66,8 @@ inline bool MoveModelRegister(int card, std::uint32_t address, std::uint32_t& va
     if (fd < 0) {
         return false;
     }
-    const bool moved = (write ? ::pwrite(fd, &value, 4, address) : ::pread(fd, &value, 4, address)) == 4;
+    const bool moved =
+        (write ? ::pwrite(fd, &value, 4, address) : ::pread(fd, &value, 4, address)) == 4;
     ::close(fd);
     return moved;
 #else

@@ -26,6 +26,17 @@ constexpr std::uint64_t kControlSpaceBytes = 0x10000;
 // What sysfs shows as the size of every attribute.
 constexpr std::uint64_t kAttributeBytes = 4096;
 
+// FUSE calls the operations from C: an exception must not leave them. Only allocations can
+// throw here, and a request that meets one is answered as the kernel answers a lack of memory.
+template <typename Body>
+int Guarded(Body body) {
+    try {
+        return body();
+    } catch (...) {
+        return -ENOMEM;
+    }
+}
+
 ModelFileSystem& Model() {
     return *static_cast<ModelFileSystem*>(fuse_get_context()->private_data);
 }
@@ -73,59 +84,66 @@ mode_t NodeMode(NodeKind kind) {
 // Regular files rather than character devices: the kernel would open a device node's own
 // driver, not ours.
 int GetAttr(const char* path, struct stat* attributes, fuse_file_info*) {
-    const std::optional<Node> node = FindNode(path, Model());
-    if (!node) {
-        return -ENOENT;
-    }
-    std::memset(attributes, 0, sizeof *attributes);
-    attributes->st_mode = NodeMode(node->kind);
-    attributes->st_nlink = node->kind == NodeKind::Directory ? 2 : 1;
-    attributes->st_uid = fuse_get_context()->uid;
-    attributes->st_gid = fuse_get_context()->gid;
-    if (node->kind != NodeKind::Directory) {
-        attributes->st_size = static_cast<off_t>(NodeBytes(node->kind));
-    }
-    return 0;
+    return Guarded([&] {
+        const std::optional<Node> node = FindNode(path, Model());
+        if (!node) {
+            return -ENOENT;
+        }
+        std::memset(attributes, 0, sizeof *attributes);
+        attributes->st_mode = NodeMode(node->kind);
+        attributes->st_nlink = node->kind == NodeKind::Directory ? 2 : 1;
+        attributes->st_uid = fuse_get_context()->uid;
+        attributes->st_gid = fuse_get_context()->gid;
+        if (node->kind != NodeKind::Directory) {
+            attributes->st_size = static_cast<off_t>(NodeBytes(node->kind));
+        }
+        return 0;
+    });
 }
 
 int ReadDir(const char* path, void* buffer, fuse_fill_dir_t fill, off_t, fuse_file_info*,
             fuse_readdir_flags) {
-    const std::optional<std::vector<std::string>> names = ListDirectory(path, Model());
-    if (!names) {
-        return -ENOTDIR;
-    }
-    fill(buffer, ".", nullptr, 0, fuse_fill_dir_flags{});
-    fill(buffer, "..", nullptr, 0, fuse_fill_dir_flags{});
-    for (const std::string& name : *names) {
-        fill(buffer, name.c_str(), nullptr, 0, fuse_fill_dir_flags{});
-    }
-    return 0;
+    return Guarded([&] {
+        const std::optional<std::vector<std::string>> names = ListDirectory(path, Model());
+        if (!names) {
+            return -ENOTDIR;
+        }
+        fill(buffer, ".", nullptr, 0, fuse_fill_dir_flags{});
+        fill(buffer, "..", nullptr, 0, fuse_fill_dir_flags{});
+        for (const std::string& name : *names) {
+            fill(buffer, name.c_str(), nullptr, 0, fuse_fill_dir_flags{});
+        }
+        return 0;
+    });
 }
 
 int Open(const char* path, fuse_file_info* info) {
-    const std::optional<Node> node = FindNode(path, Model());
-    if (!node) {
-        return -ENOENT;
-    }
-    if (node->kind == NodeKind::Directory) {
-        return -EISDIR;
-    }
-    const bool cardNode = node->card >= 0 && node->kind != NodeKind::PciVendor &&
-                          node->kind != NodeKind::PciDevice && node->kind != NodeKind::PciRemove;
-    auto* file = new (std::nothrow) ModelFileSystem::OpenFile{*node, Model().Card(node->card)};
-    if (file == nullptr) {
-        return -ENOMEM;
-    }
-    file->countsAsOpen = cardNode;
-    if (cardNode) {
-        file->card->FileOpened();
-    }
-    info->fh = reinterpret_cast<std::uint64_t>(file);
-    // Every call reaches the card with its own offset and size, as on a driver's node: no page
-    // cache, no read-ahead, no merged writes.
-    info->direct_io = 1;
-    info->keep_cache = 0;
-    return 0;
+    return Guarded([&] {
+        const std::optional<Node> node = FindNode(path, Model());
+        if (!node) {
+            return -ENOENT;
+        }
+        if (node->kind == NodeKind::Directory) {
+            return -EISDIR;
+        }
+        const bool cardNode = node->card >= 0 && node->kind != NodeKind::PciVendor &&
+                              node->kind != NodeKind::PciDevice &&
+                              node->kind != NodeKind::PciRemove;
+        auto* file = new (std::nothrow) ModelFileSystem::OpenFile{*node, Model().Card(node->card)};
+        if (file == nullptr) {
+            return -ENOMEM;
+        }
+        file->countsAsOpen = cardNode;
+        if (cardNode) {
+            file->card->FileOpened();
+        }
+        info->fh = reinterpret_cast<std::uint64_t>(file);
+        // Every call reaches the card with its own offset and size, as on a driver's node: no page
+        // cache, no read-ahead, no merged writes.
+        info->direct_io = 1;
+        info->keep_cache = 0;
+        return 0;
+    });
 }
 
 int Read(const char*, char* buffer, size_t size, off_t offset, fuse_file_info* info) {
@@ -144,13 +162,15 @@ int Release(const char*, fuse_file_info* info) {
 }
 
 int Poll(const char*, fuse_file_info* info, fuse_pollhandle* handle, unsigned* events) {
-    *events = Model().Poll(FileOf(info), handle);
-    return 0;
+    return Guarded([&] {
+        *events = Model().Poll(FileOf(info), handle);
+        return 0;
+    });
 }
 
 // sysfs attributes are written with O_TRUNC by shells ("echo 1 > remove").
 int Truncate(const char* path, off_t, fuse_file_info*) {
-    return FindNode(path, Model()) ? 0 : -ENOENT;
+    return Guarded([&] { return FindNode(path, Model()) ? 0 : -ENOENT; });
 }
 
 void* Init(fuse_conn_info*, fuse_config* config) {
@@ -283,7 +303,8 @@ int ModelFileSystem::Read(OpenFile& file, char* buffer, std::size_t size, std::i
             if (offset < 0 || static_cast<std::size_t>(offset) >= text.size()) {
                 return 0;
             }
-            const std::size_t length = std::min(size, text.size() - static_cast<std::size_t>(offset));
+            const std::size_t length =
+                std::min(size, text.size() - static_cast<std::size_t>(offset));
             std::memcpy(buffer, text.data() + offset, length);
             return static_cast<int>(length);
         }

@@ -117,8 +117,8 @@ std::string PciAttributeText(NodeKind kind) {
 
 std::optional<Node> FindNode(const std::string& path, const CardPresence& cards) {
     const std::string_view view = path;
-    for (std::string_view directory : {"/", "/dev", "/sys", "/sys/bus", "/sys/bus/pci",
-                                       "/sys/bus/pci/devices"}) {
+    for (std::string_view directory :
+         {"/", "/dev", "/sys", "/sys/bus", "/sys/bus/pci", "/sys/bus/pci/devices"}) {
         if (view == directory) {
             return Node{};
         }

@@ -10,15 +10,15 @@ namespace kvpcie::simd {
 
 enum class NodeKind {
     Directory,
-    User,         // /dev/xdmaN_user: the card's registers, 4 bytes at a time
-    Control,      // /dev/xdmaN_control: the driver's own registers (zeros on the model)
-    CardToHost,   // /dev/xdmaN_c2h_0
-    HostToCard,   // /dev/xdmaN_h2c_0
-    Events,       // /dev/xdmaN_events_E
-    PciVendor,    // /sys/bus/pci/devices/<address>/vendor
-    PciDevice,    // /sys/bus/pci/devices/<address>/device
-    PciRemove,    // /sys/bus/pci/devices/<address>/remove
-    PciRescan,    // /sys/bus/pci/rescan
+    User,        // /dev/xdmaN_user: the card's registers, 4 bytes at a time
+    Control,     // /dev/xdmaN_control: the driver's own registers (zeros on the model)
+    CardToHost,  // /dev/xdmaN_c2h_0
+    HostToCard,  // /dev/xdmaN_h2c_0
+    Events,      // /dev/xdmaN_events_E
+    PciVendor,   // /sys/bus/pci/devices/<address>/vendor
+    PciDevice,   // /sys/bus/pci/devices/<address>/device
+    PciRemove,   // /sys/bus/pci/devices/<address>/remove
+    PciRescan,   // /sys/bus/pci/rescan
 };
 
 struct Node {

@@ -10,9 +10,9 @@ namespace kvpcie::simd {
 std::string MountTablePath(const std::string& dir);
 
 enum class MountState {
-    Free,     // nothing mounted on the directory
-    Served,   // a live file system is mounted on it
-    Stale,    // a FUSE mount whose server has gone ("Transport endpoint is not connected")
+    Free,    // nothing mounted on the directory
+    Served,  // a live file system is mounted on it
+    Stale,   // a FUSE mount whose server has gone ("Transport endpoint is not connected")
 };
 
 MountState InspectMountPoint(const std::string& absolutePath);
