@@ -1,6 +1,7 @@
 // kvpcie inject: a raw recording or a moving pattern into one channel, at the card's pace.
 #include "Commands.h"
 #include "FrameOptions.h"
+#include "InjectDrain.h"
 #include "JsonOutput.h"
 #include "RawRecordingName.h"
 #include "TestFrames.h"
@@ -142,20 +143,12 @@ int RunInject(const std::vector<std::string>& args) {
         }
     }
     const double queuedSeconds = std::chrono::duration<double>(Clock::now() - start).count();
-    // The last frames still wait in the queue (15) and the card's buffers (8), and a stop
-    // drops them: wait until the queue is empty, then for the buffers' periods, at most for
-    // all of them and a second. Ctrl-C stops at once.
-    const auto period = std::chrono::milliseconds(1000) / rate;
-    const auto limit = Clock::now() + period * (15 + 8) + std::chrono::seconds(1);
+    // The last frames still wait in the queue and the card's buffers, and a stop drops them.
+    // Ctrl-C stops at once.
+    if (queued > 0) {
+        tools::WaitUntilQueuedFramesPlayed(manager, channel, rate, [&] { return interrupted.load(); });
+    }
     KvInjectStatistics stats;
-    while (!interrupted.load() && queued > 0 && Clock::now() < limit &&
-           manager.GetInjectStatistics(channel, stats) && stats.framesWaiting > 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    const auto ringPlayed = std::min(limit, Clock::now() + period * 8);
-    while (!interrupted.load() && queued > 0 && Clock::now() < ringPlayed) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
     manager.StopInject(channel);
     manager.GetInjectStatistics(channel, stats);
     std::printf(
