@@ -21,8 +21,9 @@ struct CapturedFrame {
 
 class CaptureQueue {
 public:
-    // As many as the source's pool has buffers, so a push finds room whenever it has a buffer.
-    static constexpr std::size_t kCapacity = 8;
+    // As many as the source's pool has buffers at most, so a push finds room whenever the
+    // polling thread has a buffer.
+    static constexpr std::size_t kCapacity = 32;
 
     ~CaptureQueue() { Clear(); }
 

@@ -24,6 +24,7 @@ GST_DEBUG_CATEGORY_STATIC(kvpcie_src_debug);
 namespace {
 
 constexpr GstClockTime kCardFramePeriod = GST_SECOND / 25;  // the card's own frame timing
+constexpr guint kPoolBuffersAtStart = 8;
 
 enum Property { PROP_0, PROP_DEVICE, PROP_CHANNEL, PROP_CARD_TIMING, PROP_RECORD, PROP_STATS };
 
@@ -155,8 +156,10 @@ void StopCapturing(GstKvPcieSrc* self) {
 GstBufferPool* NewPool(GstCaps* caps, gsize frameBytes) {
     GstBufferPool* pool = gst_buffer_pool_new();
     GstStructure* config = gst_buffer_pool_get_config(pool);
+    // Eight made at the start; more only while downstream holds that many (a queue, an
+    // appsink that is read late), and those are reused from then on.
     gst_buffer_pool_config_set_params(config, caps, static_cast<guint>(frameBytes),
-                                      CaptureQueue::kCapacity, CaptureQueue::kCapacity);
+                                      kPoolBuffersAtStart, CaptureQueue::kCapacity);
     if (!gst_buffer_pool_set_config(pool, config) || !gst_buffer_pool_set_active(pool, TRUE)) {
         gst_object_unref(pool);
         return nullptr;

@@ -1,0 +1,469 @@
+// kvpciesrc and kvpciesink on the in-process simulated card: negotiation, the card's frames in
+// every buffer, buffer metadata, lost frames, sharing one card, injection with a full queue and
+// at the end of a stream, and bounded state changes.
+#include "GstTestSupport.h"
+
+#include "../capture/CaptureTestSupport.h"
+
+#include <gst/app/gstappsrc.h>
+#include <gst/check/gstharness.h>
+#include <gst/video/video.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+namespace kvpcie::testing {
+namespace {
+
+int TestCard() { return KvPCIeSim::XdmaCardNumbers().at(0); }
+
+std::uint64_t CardRestarts() {
+    KvPCIeSim::CardCounters counters{};
+    KvPCIeSim::ReadCounters(TestCard(), counters);
+    return counters.restarts;
+}
+
+// Milliseconds that taking the pipeline to NULL took.
+double MillisecondsToNull(TestPipeline& pipeline) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(pipeline.SetState(GST_STATE_NULL));
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+        .count();
+}
+
+guint64 StatsField(GstElement* element, const char* field) {
+    GstStructure* stats = nullptr;
+    g_object_get(element, "stats", &stats, nullptr);
+    guint64 value = 0;
+    if (stats == nullptr || !gst_structure_get_uint64(stats, field, &value)) {
+        ADD_FAILURE() << "no " << field << " in the stats";
+    }
+    if (stats != nullptr) {
+        gst_structure_free(stats);
+    }
+    return value;
+}
+
+// The first QoS message on the bus within `timeout`: the buffers it counts as dropped, or -1.
+gint64 QosDropped(TestPipeline& pipeline, GstClockTime timeout) {
+    GstMessage* message = pipeline.WaitFor(GST_MESSAGE_QOS, timeout);
+    if (message == nullptr) {
+        return -1;
+    }
+    GstFormat format = GST_FORMAT_UNDEFINED;
+    guint64 processed = 0;
+    guint64 dropped = 0;
+    gst_message_parse_qos_stats(message, &format, &processed, &dropped);
+    gst_message_unref(message);
+    return format == GST_FORMAT_BUFFERS ? gint64(dropped) : -1;
+}
+
+struct Format {
+    const char* name;
+    int bytesPerPixel;
+};
+
+TEST(KvPcieSrc, EveryFormatNegotiatesAndEveryBufferIsTheCardsFrame) {
+    ASSERT_TRUE(PrepareTestCard());
+    for (const Format format : {Format{"UYVY", 2}, Format{"GRAY8", 1}, Format{"GRAY16_LE", 2},
+                                Format{"BGR", 3}, Format{"BGRx", 4}}) {
+        SCOPED_TRACE(format.name);
+        GstHarness* harness = gst_harness_new("kvpciesrc");
+        gst_harness_set_sink_caps_str(
+            harness, (std::string("video/x-raw,format=") + format.name + ",width=64,height=32")
+                         .c_str());
+        gst_harness_play(harness);
+        for (int i = 0; i < 3; ++i) {
+            GstBuffer* buffer = gst_harness_pull(harness);
+            ASSERT_NE(buffer, nullptr);
+            GstMapInfo map;
+            ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
+            EXPECT_EQ(map.size, gsize(64 * 32 * format.bytesPerPixel));
+            // No frame is lost here, so the offset is the card's own frame number.
+            EXPECT_TRUE(IsPatternFrame(reinterpret_cast<const char*>(map.data), map.size, 0,
+                                       std::uint32_t(GST_BUFFER_OFFSET(buffer))))
+                << "frame " << FrameNumberOf(reinterpret_cast<const char*>(map.data))
+                << " at offset " << GST_BUFFER_OFFSET(buffer);
+            gst_buffer_unmap(buffer, &map);
+            gst_buffer_unref(buffer);
+        }
+        GstCaps* caps = gst_pad_get_current_caps(harness->sinkpad);
+        ASSERT_NE(caps, nullptr);
+        EXPECT_STREQ(gst_structure_get_string(gst_caps_get_structure(caps, 0), "format"),
+                     format.name);
+        gst_caps_unref(caps);
+        gst_harness_teardown(harness);
+    }
+}
+
+TEST(KvPcieSrc, RowsOfAnUnpackedWidthLieAtGStreamersStride) {
+    ASSERT_TRUE(PrepareTestCard());
+    GstHarness* harness = gst_harness_new("kvpciesrc");
+    gst_harness_set_sink_caps_str(harness, "video/x-raw,format=GRAY8,width=30,height=8");
+    gst_harness_play(harness);
+    GstBuffer* buffer = gst_harness_pull(harness);
+    ASSERT_NE(buffer, nullptr);
+    GstVideoInfo info;
+    GstCaps* caps = gst_pad_get_current_caps(harness->sinkpad);
+    ASSERT_TRUE(gst_video_info_from_caps(&info, caps));
+    gst_caps_unref(caps);
+    GstVideoFrame frame;
+    ASSERT_TRUE(gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ));
+    const int stride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0);
+    EXPECT_EQ(stride, 32);
+    std::vector<char> packed;
+    for (int row = 0; row < 8; ++row) {
+        const auto* line = static_cast<const char*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0)) +
+                           row * stride;
+        packed.insert(packed.end(), line, line + 30);
+    }
+    EXPECT_TRUE(IsPatternFrame(packed.data(), packed.size(), 0, FrameNumberOf(packed.data())));
+    gst_video_frame_unmap(&frame);
+    gst_buffer_unref(buffer);
+    gst_harness_teardown(harness);
+}
+
+TEST(KvPcieSrc, DefaultsTo640x480Gray8At25WhenDownstreamLeavesItOpen) {
+    ASSERT_TRUE(PrepareTestCard());
+    GstHarness* harness = gst_harness_new("kvpciesrc");
+    gst_harness_play(harness);
+    GstBuffer* buffer = gst_harness_pull(harness);
+    ASSERT_NE(buffer, nullptr);
+    EXPECT_EQ(gst_buffer_get_size(buffer), gsize(640 * 480));
+    gst_buffer_unref(buffer);
+    GstCaps* caps = gst_pad_get_current_caps(harness->sinkpad);
+    ASSERT_NE(caps, nullptr);
+    GstVideoInfo info;
+    ASSERT_TRUE(gst_video_info_from_caps(&info, caps));
+    EXPECT_EQ(GST_VIDEO_INFO_FORMAT(&info), GST_VIDEO_FORMAT_GRAY8);
+    EXPECT_EQ(GST_VIDEO_INFO_WIDTH(&info), 640);
+    EXPECT_EQ(GST_VIDEO_INFO_HEIGHT(&info), 480);
+    EXPECT_EQ(GST_VIDEO_INFO_FPS_N(&info), 25);
+    gst_caps_unref(caps);
+    gst_harness_teardown(harness);
+}
+
+TEST(KvPcieSrc, AFormatTheCardHasNotIsRefusedSayingWhatItTakes) {
+    ASSERT_TRUE(PrepareTestCard());
+    // Linked without a check, as a downstream that changes its mind would be: the refusal
+    // comes when the caps are negotiated.
+    TestPipeline pipeline("kvpciesrc name=src appsink name=out caps=video/x-raw,format=NV12");
+    ASSERT_TRUE(pipeline.Valid());
+    ASSERT_TRUE(gst_element_link_pads_full(pipeline.Element("src"), "src", pipeline.Element("out"),
+                                           "sink", GST_PAD_LINK_CHECK_NOTHING));
+    gst_element_set_state(pipeline.Get(), GST_STATE_PLAYING);
+    const std::string error = pipeline.ErrorText();
+    EXPECT_NE(error.find("UYVY, GRAY8, GRAY16_LE, BGR or BGRx"), std::string::npos) << error;
+    EXPECT_NE(error.find("Y16&Y8 has no GStreamer format"), std::string::npos) << error;
+}
+
+TEST(KvPcieSrc, AFrameTooLargeForTheCardIsRefusedWithTheLibrarysReason) {
+    ASSERT_TRUE(PrepareTestCard());
+    TestPipeline pipeline(
+        "kvpciesrc ! video/x-raw,format=BGRx,width=4096,height=2048 ! fakesink");
+    ASSERT_TRUE(pipeline.Valid());
+    gst_element_set_state(pipeline.Get(), GST_STATE_PLAYING);
+    const std::string error = pipeline.ErrorText();
+    EXPECT_NE(error.find("would not start capturing 4096x2048"), std::string::npos) << error;
+}
+
+TEST(KvPcieSrc, NumBuffersEndsInEosAfterExactlyThatManyWithTimestampsAndOffsets) {
+    ASSERT_TRUE(PrepareTestCard());
+    for (const bool doTimestamp : {false, true}) {
+        SCOPED_TRACE(doTimestamp ? "do-timestamp" : "arrival time");
+        TestPipeline pipeline(std::string("kvpciesrc num-buffers=7 do-timestamp=") +
+                              (doTimestamp ? "true" : "false") +
+                              " ! video/x-raw,format=GRAY8,width=64,height=32 ! "
+                              "appsink name=out sync=false");
+        ASSERT_TRUE(pipeline.Valid());
+        ASSERT_TRUE(pipeline.SetState(GST_STATE_PLAYING));
+        int count = 0;
+        GstClockTime previous = GST_CLOCK_TIME_NONE;
+        while (GstSample* sample = PullSample(pipeline.Element("out"))) {
+            GstBuffer* buffer = gst_sample_get_buffer(sample);
+            EXPECT_EQ(GST_BUFFER_OFFSET(buffer), guint64(count));
+            EXPECT_EQ(GST_BUFFER_DURATION(buffer), GST_SECOND / 25);
+            EXPECT_EQ(GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT), count == 0);
+            const GstClockTime time = GST_BUFFER_PTS(buffer);
+            ASSERT_TRUE(GST_CLOCK_TIME_IS_VALID(time));
+            if (doTimestamp) {
+                EXPECT_TRUE(GST_CLOCK_TIME_IS_VALID(GST_BUFFER_DTS(buffer)));
+            }
+            if (GST_CLOCK_TIME_IS_VALID(previous)) {
+                EXPECT_GT(time, previous);
+            }
+            previous = time;
+            ++count;
+            gst_sample_unref(sample);
+        }
+        EXPECT_EQ(count, 7);
+        GstMessage* eos = pipeline.WaitFor(GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+        ASSERT_NE(eos, nullptr);
+        EXPECT_EQ(GST_MESSAGE_TYPE(eos), GST_MESSAGE_EOS);
+        gst_message_unref(eos);
+    }
+}
+
+TEST(KvPcieSrc, FramesTheCardFailedToDeliverMarkADiscontinuityAndAQosMessage) {
+    ASSERT_TRUE(PrepareTestCard());
+    TestPipeline pipeline(
+        "kvpciesrc name=src channel=1 ! video/x-raw,format=GRAY8,width=64,height=32 ! "
+        "appsink name=out sync=false");
+    ASSERT_TRUE(pipeline.SetState(GST_STATE_PLAYING));
+    guint64 lastOffset = 0;
+    for (int i = 0; i < 3; ++i) {
+        GstSample* sample = PullSample(pipeline.Element("out"));
+        ASSERT_NE(sample, nullptr);
+        lastOffset = GST_BUFFER_OFFSET(gst_sample_get_buffer(sample));
+        gst_sample_unref(sample);
+    }
+    // The next two reads of the channel's card memory fail.
+    ASSERT_TRUE(KvPCIeSim::PokeRegister(TestCard(), ControlBlock(1) + 0x24, 2));
+    bool gapSeen = false;
+    for (int i = 0; i < 10 && !gapSeen; ++i) {
+        GstSample* sample = PullSample(pipeline.Element("out"));
+        ASSERT_NE(sample, nullptr);
+        GstBuffer* buffer = gst_sample_get_buffer(sample);
+        const guint64 offset = GST_BUFFER_OFFSET(buffer);
+        const bool discont = GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT);
+        EXPECT_EQ(discont, offset != lastOffset + 1) << offset << " after " << lastOffset;
+        if (offset != lastOffset + 1) {
+            EXPECT_EQ(offset, lastOffset + 3);
+            gapSeen = true;
+        }
+        lastOffset = offset;
+        gst_sample_unref(sample);
+    }
+    EXPECT_TRUE(gapSeen);
+    EXPECT_EQ(QosDropped(pipeline, GST_SECOND), 2);
+    EXPECT_EQ(StatsField(pipeline.Element("src"), "frames-failed"), 2u);
+}
+
+TEST(KvPcieSrc, FramesWithNoFreeBufferAreCountedAsLostNotQueuedForever) {
+    ASSERT_TRUE(PrepareTestCard());
+    TestPipeline pipeline(
+        "kvpciesrc name=src ! video/x-raw,format=GRAY8,width=64,height=32 ! "
+        "appsink name=out sync=false max-buffers=1 drop=false");
+    ASSERT_TRUE(pipeline.SetState(GST_STATE_PLAYING));
+    // Nobody pulls for 60 frame periods: the pool's buffers run out, later frames are lost.
+    g_usleep(2400 * 1000);
+    EXPECT_GT(StatsField(pipeline.Element("src"), "frames-dropped-no-buffer"), 0u);
+    guint64 previous = 0;
+    bool gapSeen = false;
+    for (int i = 0; i < 60 && !gapSeen; ++i) {
+        GstSample* sample = PullSample(pipeline.Element("out"));
+        ASSERT_NE(sample, nullptr);
+        GstBuffer* buffer = gst_sample_get_buffer(sample);
+        if (i > 0 && GST_BUFFER_OFFSET(buffer) != previous + 1) {
+            EXPECT_TRUE(GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT));
+            gapSeen = true;
+        }
+        previous = GST_BUFFER_OFFSET(buffer);
+        gst_sample_unref(sample);
+    }
+    EXPECT_TRUE(gapSeen);
+    EXPECT_GT(QosDropped(pipeline, GST_SECOND), 0);
+}
+
+TEST(KvPcieSrc, FourSourcesCaptureFourChannelsOfOneOpenCard) {
+    ASSERT_TRUE(PrepareTestCard());
+    std::string line;
+    for (int c = 0; c < 4; ++c) {
+        line += "kvpciesrc channel=" + std::to_string(c) +
+                " num-buffers=10 ! video/x-raw,format=GRAY8,width=64,height=32 ! appsink "
+                "sync=false name=out" + std::to_string(c) + " ";
+    }
+    const std::uint64_t restarts = CardRestarts();
+    TestPipeline pipeline(line);
+    ASSERT_TRUE(pipeline.SetState(GST_STATE_PLAYING));
+    EXPECT_EQ(CardRestarts(), restarts + 1);  // opened once for the four
+    for (int c = 0; c < 4; ++c) {
+        const std::string name = "out" + std::to_string(c);
+        int count = 0;
+        while (GstSample* sample = PullSample(pipeline.Element(name.c_str()))) {
+            GstMapInfo map;
+            GstBuffer* buffer = gst_sample_get_buffer(sample);
+            ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
+            EXPECT_TRUE(IsPatternFrame(reinterpret_cast<const char*>(map.data), map.size, c,
+                                       std::uint32_t(GST_BUFFER_OFFSET(buffer))))
+                << "channel " << c;
+            gst_buffer_unmap(buffer, &map);
+            gst_sample_unref(sample);
+            ++count;
+        }
+        EXPECT_EQ(count, 10) << "channel " << c;
+    }
+}
+
+TEST(KvPcieElements, AChannelServesOneElementOfEachDirection) {
+    ASSERT_TRUE(PrepareTestCard());
+    TestPipeline pipeline(
+        "kvpciesrc channel=3 ! fakesink kvpciesrc channel=3 ! fakesink");
+    ASSERT_TRUE(pipeline.Valid());
+    gst_element_set_state(pipeline.Get(), GST_STATE_PLAYING);
+    const std::string error = pipeline.ErrorText();
+    EXPECT_NE(error.find("capture channel 3 of sim:xdma0 is taken by another element"),
+              std::string::npos)
+        << error;
+}
+
+// A source of 64x32 GRAY16_LE frames whose every byte says which frame it is.
+std::vector<std::vector<guint8>> NumberedFrames(int count) {
+    std::vector<std::vector<guint8>> frames(count, std::vector<guint8>(64 * 32 * 2));
+    for (int f = 0; f < count; ++f) {
+        for (std::size_t k = 0; k < frames[f].size(); ++k) {
+            frames[f][k] = guint8((k * 7 + std::size_t(f) * 31 + 1) % 251);
+        }
+    }
+    return frames;
+}
+
+void PushFrames(GstElement* appsrc, const std::vector<std::vector<guint8>>& frames) {
+    for (const auto& frame : frames) {
+        GstBuffer* buffer = gst_buffer_new_memdup(frame.data(), frame.size());
+        ASSERT_EQ(gst_app_src_push_buffer(GST_APP_SRC(appsrc), buffer), GST_FLOW_OK);
+    }
+    ASSERT_EQ(gst_app_src_end_of_stream(GST_APP_SRC(appsrc)), GST_FLOW_OK);
+}
+
+// appsrc "in" feeding kvpciesink "sink", which plays the frames at `frameRate`.
+std::string InjectLine(int frameRate, int channel) {
+    return "appsrc name=in format=time caps=video/x-raw,format=GRAY16_LE,width=64,height=32,"
+           "framerate=" + std::to_string(frameRate) + "/1 ! kvpciesink name=sink channel=" +
+           std::to_string(channel);
+}
+
+TEST(KvPcieElements, LoopbackThroughTheCardIsByteExactApartFromTheCounterStamp) {
+    ASSERT_TRUE(PrepareTestCard());
+    constexpr int kChannel = 2;
+    constexpr int kFrames = 40;
+    // The card's capture channel 2 shows what inject channel 2 plays.
+    ASSERT_TRUE(KvPCIeSim::PokeRegister(TestCard(), ControlBlock(kChannel), 1));
+    const std::uint64_t restarts = CardRestarts();
+    TestPipeline capture(
+        "kvpciesrc channel=2 ! video/x-raw,format=GRAY16_LE,width=64,height=32 ! "
+        "appsink name=out sync=false");
+    TestPipeline inject(InjectLine(50, kChannel));
+    ASSERT_TRUE(capture.SetState(GST_STATE_PLAYING));
+    ASSERT_TRUE(inject.Play());
+    EXPECT_EQ(CardRestarts(), restarts + 1);  // one card for both pipelines
+    const auto frames = NumberedFrames(kFrames);
+    PushFrames(inject.Element("in"), frames);
+    int matched = 0;
+    int blank = 0;
+    // Capture goes on after the injection's end, showing the last frame played: read up to it.
+    bool lastSeen = false;
+    for (int pulled = 0; pulled < 200 && !lastSeen; ++pulled) {
+        GstSample* sample = PullSample(capture.Element("out"));
+        ASSERT_NE(sample, nullptr);
+        GstMapInfo map;
+        GstBuffer* buffer = gst_sample_get_buffer(sample);
+        ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
+        const std::vector<guint8> bytes(map.data, map.data + map.size);
+        gst_buffer_unmap(buffer, &map);
+        gst_sample_unref(sample);
+        if (std::all_of(bytes.begin(), bytes.end(), [](guint8 b) { return b == 0; })) {
+            ++blank;  // captured before the first injected frame was played
+            continue;
+        }
+        // The first pixel (2 bytes for GRAY16_LE) carries the frame's number from the start.
+        const unsigned number = bytes[0] | (unsigned(bytes[1]) << 8);
+        ASSERT_LT(number, unsigned(kFrames));
+        lastSeen = number == kFrames - 1;
+        EXPECT_TRUE(std::equal(bytes.begin() + 2, bytes.end(), frames[number].begin() + 2))
+            << "captured frame " << number << " differs from the injected one";
+        ++matched;
+    }
+    std::printf("loopback: %d frames matched, %d blank\n", matched, blank);
+    GstMessage* eos = inject.WaitFor(GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+    ASSERT_NE(eos, nullptr);
+    EXPECT_EQ(GST_MESSAGE_TYPE(eos), GST_MESSAGE_EOS);
+    gst_message_unref(eos);
+    EXPECT_TRUE(lastSeen);
+    EXPECT_GE(matched, 10);
+    KvPCIeSim::PokeRegister(TestCard(), ControlBlock(kChannel), 0);
+}
+
+TEST(KvPcieSink, EndOfStreamWaitsUntilEveryQueuedFrameWasPlayed) {
+    ASSERT_TRUE(PrepareTestCard());
+    TestPipeline inject(InjectLine(100, 1));
+    ASSERT_TRUE(inject.Play());
+    PushFrames(inject.Element("in"), NumberedFrames(30));
+    GstMessage* eos = inject.WaitFor(GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+    ASSERT_NE(eos, nullptr);
+    EXPECT_EQ(GST_MESSAGE_TYPE(eos), GST_MESSAGE_EOS);
+    gst_message_unref(eos);
+    GstElement* sink = inject.Element("sink");
+    EXPECT_EQ(StatsField(sink, "frames-queued"), 30u);
+    EXPECT_EQ(StatsField(sink, "frames-to-card"), 30u);
+    EXPECT_EQ(StatsField(sink, "frames-dropped-at-stop"), 0u);
+    std::uint32_t played = 0;
+    ASSERT_TRUE(KvPCIeSim::PeekRegister(TestCard(), ControlBlock(1) + 0x10, played));
+    EXPECT_GE(played, 30u);
+}
+
+TEST(KvPcieSink, AFullQueueHoldsTheStreamUntilAStateChangeInterruptsIt) {
+    ASSERT_TRUE(PrepareTestCard());
+    // 5 frames per second: 15 queued and 8 in the card's buffers, then render waits.
+    TestPipeline inject(InjectLine(5, 0));
+    ASSERT_TRUE(inject.Play());
+    PushFrames(inject.Element("in"), NumberedFrames(40));
+    GstElement* sink = inject.Element("sink");
+    for (int i = 0; i < 200 && StatsField(sink, "frames-refused") == 0; ++i) {
+        g_usleep(10 * 1000);
+    }
+    EXPECT_GT(StatsField(sink, "frames-refused"), 0u);
+    EXPECT_LT(StatsField(sink, "frames-queued"), 40u);
+    const double ms = MillisecondsToNull(inject);
+    std::printf("PLAYING -> NULL with render waiting for room: %.1f ms\n", ms);
+    EXPECT_LT(ms, 1000.0);
+}
+
+// Unlocking and stopping must not wait for a frame: a frame period (40 ms) and 100 ms.
+TEST(KvPcieSrc, PlayingToNullIsBoundedWhetherFramesFlowOrNot) {
+    ASSERT_TRUE(PrepareTestCard());
+    {
+        TestPipeline flowing("kvpciesrc ! video/x-raw,width=320,height=240 ! fakesink");
+        ASSERT_TRUE(flowing.SetState(GST_STATE_PLAYING));
+        g_usleep(300 * 1000);
+        const double ms = MillisecondsToNull(flowing);
+        std::printf("PLAYING -> NULL while frames flow: %.1f ms\n", ms);
+        EXPECT_LT(ms, 140.0);
+    }
+    {
+        // The channel's outside source sends nothing.
+        ASSERT_TRUE(KvPCIeSim::PokeRegister(TestCard(), ControlBlock(0) + 0x04, 0));
+        TestPipeline silent("kvpciesrc name=src card-timing=false ! fakesink");
+        // The sink completes PLAYING with the first frame, which never comes.
+        ASSERT_NE(gst_element_set_state(silent.Get(), GST_STATE_PLAYING),
+                  GST_STATE_CHANGE_FAILURE);
+        g_usleep(300 * 1000);
+        EXPECT_EQ(StatsField(silent.Element("src"), "frames-delivered"), 0u);
+        const double ms = MillisecondsToNull(silent);
+        std::printf("PLAYING -> NULL with no frame coming: %.1f ms\n", ms);
+        EXPECT_LT(ms, 140.0);
+        KvPCIeSim::PokeRegister(TestCard(), ControlBlock(0) + 0x04, 25);
+    }
+}
+
+}  // namespace
+}  // namespace kvpcie::testing
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    gst_init(&argc, &argv);
+    GError* error = nullptr;
+    GstPlugin* plugin = gst_plugin_load_file(KVPCIE_GST_PLUGIN, &error);
+    if (plugin == nullptr) {
+        std::fprintf(stderr, "cannot load %s: %s\n", KVPCIE_GST_PLUGIN,
+                     error != nullptr ? error->message : "?");
+        return 1;
+    }
+    gst_object_unref(plugin);
+    const int result = RUN_ALL_TESTS();
+    gst_deinit();
+    return result;
+}
