@@ -526,7 +526,7 @@ static void gst_kvpcie_src_class_init(GstKvPcieSrcClass* klass) {
         object, PROP_RECORD,
         g_param_spec_boolean("record", "Record",
                              "The library also records the channel's frames to raw files below "
-                             "VideoRecord/Capture<N>/ of the application folder (the current "
+                             "VideoRecord/Capture<channel + 1>/ of the application folder (the current "
                              "folder without a Qt application)",
                              FALSE, ready));
     g_object_class_install_property(
