@@ -2,6 +2,7 @@
 
 #include "CaptureQueue.h"
 #include "SharedCard.h"
+#include "ThreadSanitizer.h"
 #include "VideoFormats.h"
 
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
@@ -111,6 +112,7 @@ void OnFrame(int channel, const char* frame, void* context) {
         s.droppedForNoBuffer.fetch_add(1, std::memory_order_relaxed);
         return;
     }
+    kvpcie::gst::TakenFromPool(captured.buffer);
     GstMapInfo map;
     if (!gst_buffer_map(captured.buffer, &map, GST_MAP_WRITE)) {
         gst_buffer_unref(captured.buffer);

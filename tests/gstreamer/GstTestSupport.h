@@ -3,13 +3,70 @@
 #pragma once
 
 #include <gst/app/gstappsink.h>
+#include <gst/check/gstharness.h>
 #include <gst/gst.h>
 
 #include <gtest/gtest.h>
 
 #include <string>
 
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void* address);
+extern "C" void __tsan_release(void* address);
+#endif
+
 namespace kvpcie::testing {
+
+// GLib's queues, which hand a buffer from a streaming thread to the test's thread, synchronise
+// through futex calls that ThreadSanitizer does not see. A probe where the buffer enters the
+// queue and the pull that takes it out tell it of that order; elsewhere they do nothing.
+inline GstPadProbeReturn HandOverBuffer(GstPad*, GstPadProbeInfo* info, gpointer) {
+#if defined(__SANITIZE_THREAD__)
+    __tsan_release(GST_PAD_PROBE_INFO_BUFFER(info));
+#else
+    (void)info;
+#endif
+    return GST_PAD_PROBE_OK;
+}
+inline void TakeOverBuffer(GstBuffer* buffer) {
+#if defined(__SANITIZE_THREAD__)
+    if (buffer != nullptr) {
+        __tsan_acquire(buffer);
+    }
+#else
+    (void)buffer;
+#endif
+}
+// Lets go of a pulled buffer or sample after reading it: its pool may hand it out again.
+inline void DropBuffer(GstBuffer* buffer) {
+#if defined(__SANITIZE_THREAD__)
+    __tsan_release(buffer);
+#endif
+    gst_buffer_unref(buffer);
+}
+inline void DropSample(GstSample* sample) {
+#if defined(__SANITIZE_THREAD__)
+    __tsan_release(gst_sample_get_buffer(sample));
+#endif
+    gst_sample_unref(sample);
+}
+inline void ProbeHandOver(GstPad* pad) {
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, HandOverBuffer, nullptr, nullptr);
+}
+
+// The harness of a source element, whose buffers PullBuffer takes.
+inline GstHarness* SourceHarness(const char* factory) {
+    GstHarness* harness = gst_harness_new(factory);
+    GstPad* pad = gst_element_get_static_pad(harness->element, "src");
+    ProbeHandOver(pad);
+    gst_object_unref(pad);
+    return harness;
+}
+inline GstBuffer* PullBuffer(GstHarness* harness) {
+    GstBuffer* buffer = gst_harness_pull(harness);
+    TakeOverBuffer(buffer);
+    return buffer;
+}
 
 class TestPipeline {
 public:
@@ -20,6 +77,21 @@ public:
             ADD_FAILURE() << launchLine << ": " << error->message;
             g_error_free(error);
         }
+        if (pipeline_ == nullptr) {
+            return;
+        }
+        GstIterator* sinks =
+            gst_bin_iterate_all_by_element_factory_name(GST_BIN(pipeline_), "appsink");
+        gst_iterator_foreach(
+            sinks,
+            [](const GValue* item, gpointer) {
+                GstPad* pad = gst_element_get_static_pad(GST_ELEMENT(g_value_get_object(item)),
+                                                         "sink");
+                ProbeHandOver(pad);
+                gst_object_unref(pad);
+            },
+            nullptr);
+        gst_iterator_free(sinks);
     }
     ~TestPipeline() {
         if (pipeline_ != nullptr) {
@@ -89,7 +161,11 @@ private:
 
 // A sample pulled from an appsink within `timeout`; null at its end of stream or time-out.
 inline GstSample* PullSample(GstElement* appsink, GstClockTime timeout = 5 * GST_SECOND) {
-    return gst_app_sink_try_pull_sample(GST_APP_SINK(appsink), timeout);
+    GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(appsink), timeout);
+    if (sample != nullptr) {
+        TakeOverBuffer(gst_sample_get_buffer(sample));
+    }
+    return sample;
 }
 
 }  // namespace kvpcie::testing

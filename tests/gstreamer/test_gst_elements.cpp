@@ -6,7 +6,6 @@
 #include "../capture/CaptureTestSupport.h"
 
 #include <gst/app/gstappsrc.h>
-#include <gst/check/gstharness.h>
 #include <gst/video/video.h>
 
 #include <algorithm>
@@ -71,13 +70,13 @@ TEST(KvPcieSrc, EveryFormatNegotiatesAndEveryBufferIsTheCardsFrame) {
     for (const Format format : {Format{"UYVY", 2}, Format{"GRAY8", 1}, Format{"GRAY16_LE", 2},
                                 Format{"BGR", 3}, Format{"BGRx", 4}}) {
         SCOPED_TRACE(format.name);
-        GstHarness* harness = gst_harness_new("kvpciesrc");
+        GstHarness* harness = SourceHarness("kvpciesrc");
         gst_harness_set_sink_caps_str(
             harness, (std::string("video/x-raw,format=") + format.name + ",width=64,height=32")
                          .c_str());
         gst_harness_play(harness);
         for (int i = 0; i < 3; ++i) {
-            GstBuffer* buffer = gst_harness_pull(harness);
+            GstBuffer* buffer = PullBuffer(harness);
             ASSERT_NE(buffer, nullptr);
             GstMapInfo map;
             ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
@@ -88,7 +87,7 @@ TEST(KvPcieSrc, EveryFormatNegotiatesAndEveryBufferIsTheCardsFrame) {
                 << "frame " << FrameNumberOf(reinterpret_cast<const char*>(map.data))
                 << " at offset " << GST_BUFFER_OFFSET(buffer);
             gst_buffer_unmap(buffer, &map);
-            gst_buffer_unref(buffer);
+            DropBuffer(buffer);
         }
         GstCaps* caps = gst_pad_get_current_caps(harness->sinkpad);
         ASSERT_NE(caps, nullptr);
@@ -101,10 +100,10 @@ TEST(KvPcieSrc, EveryFormatNegotiatesAndEveryBufferIsTheCardsFrame) {
 
 TEST(KvPcieSrc, RowsOfAnUnpackedWidthLieAtGStreamersStride) {
     ASSERT_TRUE(PrepareTestCard());
-    GstHarness* harness = gst_harness_new("kvpciesrc");
+    GstHarness* harness = SourceHarness("kvpciesrc");
     gst_harness_set_sink_caps_str(harness, "video/x-raw,format=GRAY8,width=30,height=8");
     gst_harness_play(harness);
-    GstBuffer* buffer = gst_harness_pull(harness);
+    GstBuffer* buffer = PullBuffer(harness);
     ASSERT_NE(buffer, nullptr);
     GstVideoInfo info;
     GstCaps* caps = gst_pad_get_current_caps(harness->sinkpad);
@@ -122,18 +121,18 @@ TEST(KvPcieSrc, RowsOfAnUnpackedWidthLieAtGStreamersStride) {
     }
     EXPECT_TRUE(IsPatternFrame(packed.data(), packed.size(), 0, FrameNumberOf(packed.data())));
     gst_video_frame_unmap(&frame);
-    gst_buffer_unref(buffer);
+    DropBuffer(buffer);
     gst_harness_teardown(harness);
 }
 
 TEST(KvPcieSrc, DefaultsTo640x480Gray8At25WhenDownstreamLeavesItOpen) {
     ASSERT_TRUE(PrepareTestCard());
-    GstHarness* harness = gst_harness_new("kvpciesrc");
+    GstHarness* harness = SourceHarness("kvpciesrc");
     gst_harness_play(harness);
-    GstBuffer* buffer = gst_harness_pull(harness);
+    GstBuffer* buffer = PullBuffer(harness);
     ASSERT_NE(buffer, nullptr);
     EXPECT_EQ(gst_buffer_get_size(buffer), gsize(640 * 480));
-    gst_buffer_unref(buffer);
+    DropBuffer(buffer);
     GstCaps* caps = gst_pad_get_current_caps(harness->sinkpad);
     ASSERT_NE(caps, nullptr);
     GstVideoInfo info;
@@ -197,7 +196,7 @@ TEST(KvPcieSrc, NumBuffersEndsInEosAfterExactlyThatManyWithTimestampsAndOffsets)
             }
             previous = time;
             ++count;
-            gst_sample_unref(sample);
+            DropSample(sample);
         }
         EXPECT_EQ(count, 7);
         GstMessage* eos = pipeline.WaitFor(GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
@@ -218,7 +217,7 @@ TEST(KvPcieSrc, FramesTheCardFailedToDeliverMarkADiscontinuityAndAQosMessage) {
         GstSample* sample = PullSample(pipeline.Element("out"));
         ASSERT_NE(sample, nullptr);
         lastOffset = GST_BUFFER_OFFSET(gst_sample_get_buffer(sample));
-        gst_sample_unref(sample);
+        DropSample(sample);
     }
     // The next two reads of the channel's card memory fail.
     ASSERT_TRUE(KvPCIeSim::PokeRegister(TestCard(), ControlBlock(1) + 0x24, 2));
@@ -235,7 +234,7 @@ TEST(KvPcieSrc, FramesTheCardFailedToDeliverMarkADiscontinuityAndAQosMessage) {
             gapSeen = true;
         }
         lastOffset = offset;
-        gst_sample_unref(sample);
+        DropSample(sample);
     }
     EXPECT_TRUE(gapSeen);
     EXPECT_EQ(QosDropped(pipeline, GST_SECOND), 2);
@@ -262,7 +261,7 @@ TEST(KvPcieSrc, FramesWithNoFreeBufferAreCountedAsLostNotQueuedForever) {
             gapSeen = true;
         }
         previous = GST_BUFFER_OFFSET(buffer);
-        gst_sample_unref(sample);
+        DropSample(sample);
     }
     EXPECT_TRUE(gapSeen);
     EXPECT_GT(QosDropped(pipeline, GST_SECOND), 0);
@@ -291,7 +290,7 @@ TEST(KvPcieSrc, FourSourcesCaptureFourChannelsOfOneOpenCard) {
                                        std::uint32_t(GST_BUFFER_OFFSET(buffer))))
                 << "channel " << c;
             gst_buffer_unmap(buffer, &map);
-            gst_sample_unref(sample);
+            DropSample(sample);
             ++count;
         }
         EXPECT_EQ(count, 10) << "channel " << c;
@@ -364,7 +363,7 @@ TEST(KvPcieElements, LoopbackThroughTheCardIsByteExactApartFromTheCounterStamp) 
         ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
         const std::vector<guint8> bytes(map.data, map.data + map.size);
         gst_buffer_unmap(buffer, &map);
-        gst_sample_unref(sample);
+        DropSample(sample);
         if (std::all_of(bytes.begin(), bytes.end(), [](guint8 b) { return b == 0; })) {
             ++blank;  // captured before the first injected frame was played
             continue;
