@@ -2,6 +2,7 @@
 
 #include "InjectDrain.h"
 #include "SharedCard.h"
+#include "ThreadSanitizer.h"
 #include "VideoFormats.h"
 
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
@@ -123,6 +124,7 @@ gboolean SetCaps(GstBaseSink* base, GstCaps* caps) {
 GstFlowReturn Render(GstBaseSink* base, GstBuffer* buffer) {
     auto* self = GST_KVPCIE_SINK(base);
     KvPcieSinkState& s = *self->state;
+    kvpcie::gst::ReceivedThroughGStreamer(buffer);
     GstVideoFrame frame;
     if (!gst_video_frame_map(&frame, &s.info, buffer, GST_MAP_READ)) {
         GST_ELEMENT_ERROR(self, STREAM, FORMAT,

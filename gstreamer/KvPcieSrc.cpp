@@ -112,7 +112,7 @@ void OnFrame(int channel, const char* frame, void* context) {
         s.droppedForNoBuffer.fetch_add(1, std::memory_order_relaxed);
         return;
     }
-    kvpcie::gst::TakenFromPool(captured.buffer);
+    kvpcie::gst::ReceivedThroughGStreamer(captured.buffer);  // from the pool
     GstMapInfo map;
     if (!gst_buffer_map(captured.buffer, &map, GST_MAP_WRITE)) {
         gst_buffer_unref(captured.buffer);

@@ -1,7 +1,8 @@
-// What ThreadSanitizer cannot see by itself: a buffer comes back out of a GStreamer pool only
-// after its last holder let it go, an order that GLib keeps with atomics of its own, built
-// without the sanitizer. Where the holder says so (__tsan_release on the buffer, as the plugin's
-// suite does), this makes the order visible. Nothing in other builds.
+// What ThreadSanitizer cannot see by itself: GStreamer hands a buffer between threads (a pad's
+// queue, a buffer pool that gives a buffer out again after its last holder let it go) through
+// GLib's futexes and atomics, built without the sanitizer. Where the thread that handed the
+// buffer on says so (__tsan_release on it, as the plugin's suite does), this makes the order
+// visible. Nothing in other builds.
 #pragma once
 
 #include <gst/gst.h>
@@ -12,7 +13,7 @@ extern "C" void __tsan_acquire(void* address);
 
 namespace kvpcie::gst {
 
-inline void TakenFromPool(GstBuffer* buffer) {
+inline void ReceivedThroughGStreamer(GstBuffer* buffer) {
 #if defined(__SANITIZE_THREAD__)
     __tsan_acquire(buffer);
 #else

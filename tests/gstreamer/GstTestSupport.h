@@ -37,6 +37,15 @@ inline void TakeOverBuffer(GstBuffer* buffer) {
     (void)buffer;
 #endif
 }
+// Before a buffer made here is pushed into a pipeline.
+inline void HandOver(GstBuffer* buffer) {
+#if defined(__SANITIZE_THREAD__)
+    __tsan_release(buffer);
+#else
+    (void)buffer;
+#endif
+}
+
 // Lets go of a pulled buffer or sample after reading it: its pool may hand it out again.
 inline void DropBuffer(GstBuffer* buffer) {
 #if defined(__SANITIZE_THREAD__)

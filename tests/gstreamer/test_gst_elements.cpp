@@ -323,6 +323,7 @@ std::vector<std::vector<guint8>> NumberedFrames(int count) {
 void PushFrames(GstElement* appsrc, const std::vector<std::vector<guint8>>& frames) {
     for (const auto& frame : frames) {
         GstBuffer* buffer = gst_buffer_new_memdup(frame.data(), frame.size());
+        HandOver(buffer);
         ASSERT_EQ(gst_app_src_push_buffer(GST_APP_SRC(appsrc), buffer), GST_FLOW_OK);
     }
     ASSERT_EQ(gst_app_src_end_of_stream(GST_APP_SRC(appsrc)), GST_FLOW_OK);
