@@ -60,7 +60,8 @@ eos)
 readme)
     need_elements videoconvert pngenc multifilesink vp8enc webmmux videotestsrc
     rm -f frame-*.png channel0.webm
-    launch png kvpciesrc num-buffers=10 ! video/x-raw,format=GRAY8,width=320,height=240 ! \
+    # The README's lines, as written there.
+    launch png kvpciesrc channel=1 num-buffers=10 ! video/x-raw,format=GRAY8,width=320,height=240 ! \
         videoconvert ! pngenc ! multifilesink location=frame-%03d.png
     [ -f frame-009.png ] && [ ! -f frame-010.png ] || fail "not exactly 10 PNG files"
     [ "$(od -An -tx1 -N4 frame-000.png | tr -d ' ')" = 89504e47 ] || fail "frame-000.png is no PNG"
