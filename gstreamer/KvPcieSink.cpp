@@ -1,7 +1,7 @@
 #include "KvPcieSink.h"
 
+#include "ElementChannel.h"
 #include "InjectDrain.h"
-#include "SharedCard.h"
 #include "ThreadSanitizer.h"
 #include "VideoFormats.h"
 
@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+using kvpcie::gst::ElementChannel;
 using kvpcie::gst::SharedCard;
 
 GST_DEBUG_CATEGORY_STATIC(kvpcie_sink_debug);
@@ -27,20 +28,16 @@ namespace {
 
 constexpr int kDefaultFrameRate = 25;  // for caps whose frame rate is 0/1 (variable)
 
-enum Property { PROP_0, PROP_DEVICE, PROP_CHANNEL, PROP_LINE_PERIOD, PROP_STATS };
+enum Property : guint { PROP_LINE_PERIOD = kvpcie::gst::kFirstElementProperty, PROP_STATS };
 
 }  // namespace
 
 struct KvPcieSinkState {
     // Properties, under the object lock; they take effect at the next start.
-    std::string device;
-    guint channel = 0;
+    ElementChannel card{SharedCard::Direction::Inject};  // and from start to stop, the card
     gint linePeriod = 0;
 
-    // From start to stop. cardLock guards the lease against the stats property.
-    std::mutex cardLock;
-    std::unique_ptr<SharedCard> card;
-    guint injectChannel = 0;
+    // From start to stop.
     gint injectLinePeriod = 0;
     bool injecting = false;  // the channel was started and not stopped since
     GstVideoInfo info{};
@@ -81,8 +78,8 @@ void StopInjecting(KvPcieSinkState& s) {
     if (!s.injecting) {
         return;
     }
-    const int channel = static_cast<int>(s.injectChannel);
-    s.card->Run([&](PCIeDataManager& manager) { manager.StopInject(channel); });
+    const int channel = static_cast<int>(s.card.Channel());
+    s.card.Card().Run([&](PCIeDataManager& manager) { manager.StopInject(channel); });
     s.injecting = false;
 }
 
@@ -144,7 +141,7 @@ GstFlowReturn Render(GstBaseSink* base, GstBuffer* buffer) {
                               s.rowBytes, s.rowBytes, GST_VIDEO_INFO_HEIGHT(&s.info));
         data = s.staging.data();
     }
-    const int channel = static_cast<int>(s.injectChannel);
+    const int channel = static_cast<int>(s.card.Channel());
     const int width = GST_VIDEO_INFO_WIDTH(&s.info);
     const int height = GST_VIDEO_INFO_HEIGHT(&s.info);
     // While the queue is full, ask again a few times per period.
@@ -155,7 +152,7 @@ GstFlowReturn Render(GstBaseSink* base, GstBuffer* buffer) {
         bool queued = false;
         eErrorCode error = ERR_NONE;
         std::string why;
-        s.card->Run([&](PCIeDataManager& manager) {
+        s.card.Card().Run([&](PCIeDataManager& manager) {
             queued = manager.StartInject(static_cast<unsigned>(channel), s.frameRate, width,
                                          height, s.pixelType, s.injectLinePeriod, data, error);
             if (!queued && error != ERR_QUEUE_FULL) {
@@ -169,7 +166,7 @@ GstFlowReturn Render(GstBaseSink* base, GstBuffer* buffer) {
         if (error != ERR_QUEUE_FULL) {
             GST_ELEMENT_ERROR(self, RESOURCE, WRITE,
                               ("inject channel %d of %s refused a %dx%d %s frame: %s", channel,
-                               s.card->Path().c_str(), width, height,
+                               s.card.Card().Path().c_str(), width, height,
                                GST_VIDEO_INFO_NAME(&s.info), why.c_str()),
                               (nullptr));
             result = GST_FLOW_ERROR;
@@ -192,7 +189,8 @@ gboolean Event(GstBaseSink* base, GstEvent* event) {
             // The end of the stream is the end of playout: the queued frames are played first.
             if (s.injecting) {
                 kvpcie::tools::WaitUntilQueuedFramesPlayed(
-                    s.card->AnyThreadManager(), static_cast<int>(s.injectChannel), s.frameRate,
+                    s.card.Card().AnyThreadManager(), static_cast<int>(s.card.Channel()),
+                    s.frameRate,
                     [&] { return Flushing(s); });
                 StopInjecting(s);
             }
@@ -207,53 +205,25 @@ gboolean Event(GstBaseSink* base, GstEvent* event) {
 }
 
 gboolean Start(GstBaseSink* base) {
-    auto* self = GST_KVPCIE_SINK(base);
-    KvPcieSinkState& s = *self->state;
-    GST_OBJECT_LOCK(self);
-    const std::string device = s.device;
-    const guint channel = s.channel;
-    const gint linePeriod = s.linePeriod;
-    GST_OBJECT_UNLOCK(self);
-    std::string why;
-    std::unique_ptr<SharedCard> card = SharedCard::Acquire(device, why);
-    if (!card) {
-        GST_ELEMENT_ERROR(self, RESOURCE, OPEN_WRITE, ("%s", why.c_str()), (nullptr));
+    KvPcieSinkState& s = StateOf(base);
+    if (!s.card.Open(GST_ELEMENT(base))) {
         return FALSE;
     }
-    if (!card->Claim(SharedCard::Direction::Inject, channel)) {
-        GST_ELEMENT_ERROR(self, RESOURCE, BUSY,
-                          ("inject channel %u of %s is taken by another element", channel,
-                           card->Path().c_str()),
-                          (nullptr));
-        return FALSE;
-    }
-    {
-        std::lock_guard<std::mutex> lock(s.cardLock);
-        s.card = std::move(card);
-        s.injectChannel = channel;
-    }
-    s.injectLinePeriod = linePeriod;
+    GST_OBJECT_LOCK(base);
+    s.injectLinePeriod = s.linePeriod;
+    GST_OBJECT_UNLOCK(base);
     s.injecting = false;
-    {
-        std::lock_guard<std::mutex> lock(s.waitLock);
-        s.flushing = false;
-    }
+    std::lock_guard<std::mutex> lock(s.waitLock);
+    s.flushing = false;
     return TRUE;
 }
 
 gboolean Stop(GstBaseSink* base) {
     KvPcieSinkState& s = StateOf(base);
-    if (s.card) {
+    if (s.card.IsOpen()) {
         StopInjecting(s);
     }
-    std::unique_ptr<SharedCard> card;
-    {
-        std::lock_guard<std::mutex> lock(s.cardLock);
-        card = std::move(s.card);
-    }
-    if (card) {
-        card->Unclaim(SharedCard::Direction::Inject, s.injectChannel);
-    }
+    s.card.Close();
     return TRUE;
 }
 
@@ -277,14 +247,10 @@ gboolean UnlockStop(GstBaseSink* base) {
 GstStructure* StatsOf(GstKvPcieSink* self) {
     KvPcieSinkState& s = *self->state;
     KvInjectStatistics stats;
-    {
-        // Zeros before the first start; the library takes this call from any thread.
-        std::lock_guard<std::mutex> lock(s.cardLock);
-        if (s.card) {
-            s.card->AnyThreadManager().GetInjectStatistics(static_cast<int>(s.injectChannel),
-                                                           stats);
-        }
-    }
+    // Zeros before the first start.
+    s.card.ReadWhileOpen([&](PCIeDataManager& manager, int channel) {
+        manager.GetInjectStatistics(channel, stats);
+    });
     return gst_structure_new(
         "kvpcie-inject-stats",
         "frames-queued", G_TYPE_UINT64, guint64(stats.framesQueued),
@@ -304,19 +270,13 @@ void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
     KvPcieSinkState& s = StateOf(object);
     GST_OBJECT_LOCK(object);
     switch (id) {
-        case PROP_DEVICE: {
-            const gchar* device = g_value_get_string(value);
-            s.device = device != nullptr ? device : "";
-            break;
-        }
-        case PROP_CHANNEL:
-            s.channel = g_value_get_uint(value);
-            break;
         case PROP_LINE_PERIOD:
             s.linePeriod = g_value_get_int(value);
             break;
         default:
-            G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+            if (!s.card.SetProperty(id, value)) {
+                G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+            }
     }
     GST_OBJECT_UNLOCK(object);
 }
@@ -329,17 +289,13 @@ void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec) {
     }
     GST_OBJECT_LOCK(object);
     switch (id) {
-        case PROP_DEVICE:
-            g_value_set_string(value, s.device.empty() ? nullptr : s.device.c_str());
-            break;
-        case PROP_CHANNEL:
-            g_value_set_uint(value, s.channel);
-            break;
         case PROP_LINE_PERIOD:
             g_value_set_int(value, s.linePeriod);
             break;
         default:
-            G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+            if (!s.card.GetProperty(id, value)) {
+                G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+            }
     }
     GST_OBJECT_UNLOCK(object);
 }
@@ -360,21 +316,12 @@ static void gst_kvpcie_sink_class_init(GstKvPcieSinkClass* klass) {
     object->get_property = GetProperty;
     object->finalize = Finalize;
 
-    const auto ready = GParamFlags(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
-                                   GST_PARAM_MUTABLE_READY);
-    g_object_class_install_property(
-        object, PROP_DEVICE,
-        g_param_spec_string("device", "Device",
-                            "Card path as listed (\"sim:xdma0\"); none: the first XDMA card",
-                            nullptr, ready));
-    g_object_class_install_property(
-        object, PROP_CHANNEL,
-        g_param_spec_uint("channel", "Channel", "Inject channel of the card", 0, 3, 0, ready));
+    kvpcie::gst::InstallCardProperties(object, "Inject channel of the card");
     g_object_class_install_property(
         object, PROP_LINE_PERIOD,
         g_param_spec_int("line-period", "Line period",
                          "The channel's line period, as the card takes it (0: the card's own)",
-                         0, G_MAXINT, 0, ready));
+                         0, G_MAXINT, 0, kvpcie::gst::kReadAtStart));
     g_object_class_install_property(
         object, PROP_STATS,
         g_param_spec_boxed("stats", "Statistics",

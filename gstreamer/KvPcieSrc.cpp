@@ -1,7 +1,7 @@
 #include "KvPcieSrc.h"
 
 #include "CaptureQueue.h"
-#include "SharedCard.h"
+#include "ElementChannel.h"
 #include "ThreadSanitizer.h"
 #include "VideoFormats.h"
 
@@ -17,6 +17,7 @@
 
 using kvpcie::gst::CapturedFrame;
 using kvpcie::gst::CaptureQueue;
+using kvpcie::gst::ElementChannel;
 using kvpcie::gst::SharedCard;
 
 GST_DEBUG_CATEGORY_STATIC(kvpcie_src_debug);
@@ -27,23 +28,22 @@ namespace {
 constexpr GstClockTime kCardFramePeriod = GST_SECOND / 25;  // the card's own frame timing
 constexpr guint kPoolBuffersAtStart = 8;
 
-enum Property { PROP_0, PROP_DEVICE, PROP_CHANNEL, PROP_CARD_TIMING, PROP_RECORD, PROP_STATS };
+enum Property : guint {
+    PROP_CARD_TIMING = kvpcie::gst::kFirstElementProperty,
+    PROP_RECORD,
+    PROP_STATS,
+};
 
 }  // namespace
 
 struct KvPcieSrcState {
     // Properties, under the object lock; they take effect at the next start.
-    std::string device;
-    guint channel = 0;
+    ElementChannel card{SharedCard::Direction::Capture};  // and from start to stop, the card
     bool cardTiming = true;
     bool record = false;
 
-    // From start to stop, on the streaming and state-change threads. cardLock guards the lease
-    // against the stats property, which any thread may read.
-    std::mutex cardLock;
-    std::unique_ptr<SharedCard> card;
+    // From start to stop, on the streaming and state-change threads.
     bool errorPosted = false;  // set_caps said why the channel did not start
-    guint capturingChannel = 0;
     bool capturing = false;
     bool recording = false;
     bool cardTimingInUse = true;
@@ -96,7 +96,7 @@ void OnFrame(int channel, const char* frame, void* context) {
     KvPcieSrcState& s = *self->state;
     guint64 lost = 0;
     KvCaptureStatistics stats;
-    if (s.card->AnyThreadManager().GetCaptureStatistics(channel, stats) &&
+    if (s.card.Card().AnyThreadManager().GetCaptureStatistics(channel, stats) &&
         stats.framesFailed > s.failedSeen) {
         lost = stats.framesFailed - s.failedSeen;  // read from the card without success
         s.failedSeen = stats.framesFailed;
@@ -136,9 +136,9 @@ void OnFrame(int channel, const char* frame, void* context) {
 void StopCapturing(GstKvPcieSrc* self) {
     KvPcieSrcState& s = *self->state;
     if (s.capturing) {
-        const int channel = static_cast<int>(s.capturingChannel);
+        const int channel = static_cast<int>(s.card.Channel());
         const bool recording = s.recording;
-        s.card->Run([&](PCIeDataManager& manager) {
+        s.card.Card().Run([&](PCIeDataManager& manager) {
             if (recording) {
                 manager.StopRecord(channel);
             }
@@ -182,7 +182,7 @@ gboolean SetCaps(GstBaseSrc* base, GstCaps* caps) {
         return FALSE;
     }
     StopCapturing(self);
-    const guint channel = s.capturingChannel;  // the one claimed at the start
+    const guint channel = s.card.Channel();  // the one claimed at the start
     GST_OBJECT_LOCK(self);
     const bool cardTiming = s.cardTiming;
     const bool record = s.record;
@@ -209,7 +209,7 @@ gboolean SetCaps(GstBaseSrc* base, GstCaps* caps) {
     bool started = false;
     bool recording = false;
     std::string why;
-    s.card->Run([&](PCIeDataManager& manager) {
+    s.card.Card().Run([&](PCIeDataManager& manager) {
         eErrorCode error = ERR_NONE;
         started = manager.StartCapture(channel, cardTiming, width, height, pixelType, error,
                                        OnFrame, self, s.frameBuffer.data());
@@ -227,7 +227,7 @@ gboolean SetCaps(GstBaseSrc* base, GstCaps* caps) {
     if (!started) {
         GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
                           ("channel %u of %s would not start capturing %dx%d %s: %s", channel,
-                           s.card->Path().c_str(), width, height,
+                           s.card.Card().Path().c_str(), width, height,
                            GST_VIDEO_INFO_NAME(&info), why.c_str()),
                           (nullptr));
         StopCapturing(self);
@@ -243,7 +243,7 @@ gboolean SetCaps(GstBaseSrc* base, GstCaps* caps) {
     s.recording = recording;
     s.cardTimingInUse = cardTiming;
     GST_INFO_OBJECT(self, "capturing channel %u of %s: %" GST_PTR_FORMAT, channel,
-                    s.card->Path().c_str(), static_cast<void*>(caps));
+                    s.card.Card().Path().c_str(), static_cast<void*>(caps));
     return TRUE;
 }
 
@@ -298,29 +298,9 @@ gboolean Negotiate(GstBaseSrc* base) {
 }
 
 gboolean Start(GstBaseSrc* base) {
-    auto* self = GST_KVPCIE_SRC(base);
-    KvPcieSrcState& s = *self->state;
-    GST_OBJECT_LOCK(self);
-    const std::string device = s.device;
-    const guint channel = s.channel;
-    GST_OBJECT_UNLOCK(self);
-    std::string why;
-    std::unique_ptr<SharedCard> card = SharedCard::Acquire(device, why);
-    if (!card) {
-        GST_ELEMENT_ERROR(self, RESOURCE, OPEN_READ, ("%s", why.c_str()), (nullptr));
+    KvPcieSrcState& s = StateOf(base);
+    if (!s.card.Open(GST_ELEMENT(base))) {
         return FALSE;
-    }
-    if (!card->Claim(SharedCard::Direction::Capture, channel)) {
-        GST_ELEMENT_ERROR(self, RESOURCE, BUSY,
-                          ("capture channel %u of %s is taken by another element", channel,
-                           card->Path().c_str()),
-                          (nullptr));
-        return FALSE;
-    }
-    {
-        std::lock_guard<std::mutex> lock(s.cardLock);
-        s.card = std::move(card);
-        s.capturingChannel = channel;
     }
     s.errorPosted = false;
     s.buffersPushed = 0;
@@ -331,17 +311,8 @@ gboolean Start(GstBaseSrc* base) {
 }
 
 gboolean Stop(GstBaseSrc* base) {
-    auto* self = GST_KVPCIE_SRC(base);
-    KvPcieSrcState& s = *self->state;
-    StopCapturing(self);
-    std::unique_ptr<SharedCard> card;
-    {
-        std::lock_guard<std::mutex> lock(s.cardLock);
-        card = std::move(s.card);
-    }
-    if (card) {
-        card->Unclaim(SharedCard::Direction::Capture, s.capturingChannel);
-    }
+    StopCapturing(GST_KVPCIE_SRC(base));
+    StateOf(base).card.Close();
     return TRUE;
 }
 
@@ -416,14 +387,10 @@ GstFlowReturn Create(GstPushSrc* push, GstBuffer** out) {
 GstStructure* StatsOf(GstKvPcieSrc* self) {
     KvPcieSrcState& s = *self->state;
     KvCaptureStatistics stats;
-    {
-        // Zeros before the first start; the library takes this call from any thread.
-        std::lock_guard<std::mutex> lock(s.cardLock);
-        if (s.card) {
-            s.card->AnyThreadManager().GetCaptureStatistics(static_cast<int>(s.capturingChannel),
-                                                            stats);
-        }
-    }
+    // Zeros before the first start.
+    s.card.ReadWhileOpen([&](PCIeDataManager& manager, int channel) {
+        manager.GetCaptureStatistics(channel, stats);
+    });
     return gst_structure_new(
         "kvpcie-capture-stats",
         "frames-delivered", G_TYPE_UINT64, guint64(stats.framesDelivered),
@@ -445,14 +412,6 @@ void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
     KvPcieSrcState& s = StateOf(object);
     GST_OBJECT_LOCK(object);
     switch (id) {
-        case PROP_DEVICE: {
-            const gchar* device = g_value_get_string(value);
-            s.device = device != nullptr ? device : "";
-            break;
-        }
-        case PROP_CHANNEL:
-            s.channel = g_value_get_uint(value);
-            break;
         case PROP_CARD_TIMING:
             s.cardTiming = g_value_get_boolean(value);
             break;
@@ -460,7 +419,9 @@ void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
             s.record = g_value_get_boolean(value);
             break;
         default:
-            G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+            if (!s.card.SetProperty(id, value)) {
+                G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+            }
     }
     GST_OBJECT_UNLOCK(object);
 }
@@ -473,12 +434,6 @@ void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec) {
     }
     GST_OBJECT_LOCK(object);
     switch (id) {
-        case PROP_DEVICE:
-            g_value_set_string(value, s.device.empty() ? nullptr : s.device.c_str());
-            break;
-        case PROP_CHANNEL:
-            g_value_set_uint(value, s.channel);
-            break;
         case PROP_CARD_TIMING:
             g_value_set_boolean(value, s.cardTiming);
             break;
@@ -486,7 +441,9 @@ void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec) {
             g_value_set_boolean(value, s.record);
             break;
         default:
-            G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+            if (!s.card.GetProperty(id, value)) {
+                G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+            }
     }
     GST_OBJECT_UNLOCK(object);
 }
@@ -508,29 +465,20 @@ static void gst_kvpcie_src_class_init(GstKvPcieSrcClass* klass) {
     object->get_property = GetProperty;
     object->finalize = Finalize;
 
-    const auto ready = GParamFlags(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
-                                   GST_PARAM_MUTABLE_READY);
-    g_object_class_install_property(
-        object, PROP_DEVICE,
-        g_param_spec_string("device", "Device",
-                            "Card path as listed (\"sim:xdma0\"); none: the first XDMA card",
-                            nullptr, ready));
-    g_object_class_install_property(
-        object, PROP_CHANNEL,
-        g_param_spec_uint("channel", "Channel", "Capture channel of the card", 0, 3, 0, ready));
+    kvpcie::gst::InstallCardProperties(object, "Capture channel of the card");
     g_object_class_install_property(
         object, PROP_CARD_TIMING,
         g_param_spec_boolean("card-timing", "Card timing",
                              "The card times the frames (25 per second); false: the source "
                              "connected to the channel does",
-                             TRUE, ready));
+                             TRUE, kvpcie::gst::kReadAtStart));
     g_object_class_install_property(
         object, PROP_RECORD,
         g_param_spec_boolean("record", "Record",
                              "The library also records the channel's frames to raw files below "
                              "VideoRecord/Capture<channel + 1>/ of the application folder (the current "
                              "folder without a Qt application)",
-                             FALSE, ready));
+                             FALSE, kvpcie::gst::kReadAtStart));
     g_object_class_install_property(
         object, PROP_STATS,
         g_param_spec_boxed("stats", "Statistics",
