@@ -12,6 +12,8 @@
 
 namespace kvpcie::gst {
 
+using tools::SharedCard;
+
 // Property ids the elements share; their own follow from kFirstElementProperty.
 enum CardProperty : guint { kPropDevice = 1, kPropChannel, kFirstElementProperty };
 

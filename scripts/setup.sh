@@ -3,11 +3,12 @@
 set -euo pipefail
 
 # Extra packages may be named on the command line (the Windows cross-check names its own).
-packages=(cmake ninja-build g++ pkg-config qtbase5-dev libgl-dev
+packages=(cmake ninja-build g++ pkg-config qtbase5-dev qtbase5-private-dev libgl-dev
           libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
           xvfb xauth libfuse3-dev fuse3
           libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
-          gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-x "$@")
+          gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-x
+          python3-dev pybind11-dev python3-numpy python3-pytest "$@")
 
 missing=()
 for package in "${packages[@]}"; do

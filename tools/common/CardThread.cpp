@@ -3,8 +3,27 @@
 #include <QAbstractEventDispatcher>
 #include <QEventLoop>
 #include <QThread>
+#include <QtCore/private/qthread_p.h>
 
-namespace kvpcie::gst {
+namespace kvpcie::tools {
+namespace {
+
+// Without a QCoreApplication in the process, Qt drops every event sent to an object of a thread
+// that requires one, timers included: the library's status timer would never fire. Qt's own
+// threads that serve without an application (the D-Bus connection's) are QDaemonThreads, which
+// do not require one.
+class ServiceThread : public QDaemonThread {
+public:
+    explicit ServiceThread(std::function<void()> body) : body_(std::move(body)) {}
+
+protected:
+    void run() override { body_(); }
+
+private:
+    std::function<void()> body_;
+};
+
+}  // namespace
 
 CardThread& CardThread::Instance() {
     // Never destroyed: elements may still release it from GStreamer's threads while the
@@ -25,7 +44,7 @@ void CardThread::Hold() {
     }
     // A QThread, not a std::thread: Qt gives a QThread an event dispatcher of its own whether
     // or not the process has a QCoreApplication, and the library's timers need one.
-    QThread* thread = QThread::create([this] { Loop(); });
+    QThread* thread = new ServiceThread([this] { Loop(); });
     thread->setObjectName(QStringLiteral("kvpcie-gst-card"));
     thread_.store(thread);
     thread->start();
@@ -105,4 +124,4 @@ void CardThread::RunPendingTasks() {
     }
 }
 
-}  // namespace kvpcie::gst
+}  // namespace kvpcie::tools

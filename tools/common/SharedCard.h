@@ -1,6 +1,7 @@
-// One open card per device path, shared by every element of the process that names it: four
-// sources on four channels, or a source and a sink on one card, drive copies of one
-// PCIeDataManager. The card opens with the first element's lease and closes with the last.
+// One open card per device path, shared by every user in the process that names it (GStreamer
+// elements, Python cards): four sources on four channels, or a source and a sink on one card,
+// drive copies of one PCIeDataManager. The card opens with the first lease and closes with the
+// last. Every control call goes through Run, on the card thread.
 #pragma once
 
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
@@ -8,8 +9,9 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
-namespace kvpcie::gst {
+namespace kvpcie::tools {
 
 class SharedCard {
 public:
@@ -18,10 +20,15 @@ public:
     static std::unique_ptr<SharedCard> Acquire(const std::string& devicePath, std::string& error);
     ~SharedCard();  // the last lease of a path closes its card
 
+    // The XDMA card paths the library lists (four at most), and the RIFFA device list; both
+    // on the card thread.
+    static std::vector<std::string> ListCards();
+    static bool ListRiffa(fpga_info_list& list);
+
     const std::string& Path() const { return path_; }
 
-    // One element per channel and direction: a second start of a channel would take over the
-    // first element's frames. False when another element has the channel.
+    // One user per channel and direction: a second start of a channel would take over the
+    // first one's frames. False when another user has the channel.
     enum class Direction { Capture, Inject };
     bool Claim(Direction direction, unsigned channel);
     void Unclaim(Direction direction, unsigned channel);
@@ -42,4 +49,4 @@ private:
     PCIeDataManager manager_;  // a copy of the path's manager: copies share the card
 };
 
-}  // namespace kvpcie::gst
+}  // namespace kvpcie::tools

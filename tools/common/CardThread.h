@@ -1,8 +1,8 @@
-// The thread on which the plugin makes every control call of the library (open, start, stop,
-// close, each injected frame) and which runs the Qt event loop the library needs on the thread
-// that opened a card: its status timer fires there. gst-launch-1.0 has no Qt application object,
-// so this thread pumps its own Qt event dispatcher instead of running a QEventLoop, which would
-// ask for one.
+// The thread on which the front-ends (the GStreamer plugin, the Python module) make every
+// control call of the library (open, start, stop, close, each injected frame) and which runs the
+// Qt event loop the library needs on the thread that opened a card: its status timer fires
+// there. Their host programs (gst-launch-1.0, python3) have no Qt application object; this
+// thread runs without one, as Qt's own service threads do, and pumps its Qt event dispatcher.
 #pragma once
 
 #include <atomic>
@@ -15,7 +15,7 @@
 class QAbstractEventDispatcher;
 class QThread;
 
-namespace kvpcie::gst {
+namespace kvpcie::tools {
 
 class CardThread {
 public:
@@ -53,4 +53,4 @@ private:
     QAbstractEventDispatcher* dispatcher_ = nullptr;
 };
 
-}  // namespace kvpcie::gst
+}  // namespace kvpcie::tools

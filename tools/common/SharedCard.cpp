@@ -5,8 +5,9 @@
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <vector>
 
-namespace kvpcie::gst {
+namespace kvpcie::tools {
 namespace {
 
 struct OpenCard {
@@ -23,23 +24,40 @@ std::map<std::string, OpenCard>& Cards() {
     return *cards;
 }
 
-// The first XDMA path the library lists; "" when there is none.
-std::string FirstListedCard() {
-    std::string first;
-    CardThread::Instance().Run([&] {
+}  // namespace
+
+std::vector<std::string> SharedCard::ListCards() {
+    std::vector<std::string> listed;
+    CardThread& cardThread = CardThread::Instance();
+    cardThread.Hold();
+    cardThread.Run([&] {
         static PCIeDataManager lister;  // one: a manager's record is never freed
         char* paths[4] = {};
-        if (lister.GetDevices(paths) > 0 && paths[0] != nullptr) {
-            first = paths[0];
+        const int count = lister.GetDevices(paths);
+        for (int i = 0; i < count && i < 4; ++i) {
+            if (paths[i] != nullptr) {
+                listed.emplace_back(paths[i]);
+            }
         }
         for (char* path : paths) {
             std::free(path);
         }
     });
-    return first;
+    cardThread.Release();
+    return listed;
 }
 
-}  // namespace
+bool SharedCard::ListRiffa(fpga_info_list& list) {
+    bool listed = false;
+    CardThread& cardThread = CardThread::Instance();
+    cardThread.Hold();
+    cardThread.Run([&] {
+        static PCIeDataManager lister(RIFFA);
+        listed = lister.GetDevices(&list);
+    });
+    cardThread.Release();
+    return listed;
+}
 
 std::unique_ptr<SharedCard> SharedCard::Acquire(const std::string& devicePath,
                                                 std::string& error) {
@@ -48,12 +66,13 @@ std::unique_ptr<SharedCard> SharedCard::Acquire(const std::string& devicePath,
     cardThread.Hold();
     std::string path = devicePath;
     if (path.empty()) {
-        path = FirstListedCard();
-        if (path.empty()) {
+        const std::vector<std::string> listed = ListCards();
+        if (listed.empty()) {
             cardThread.Release();
             error = "no XDMA card is listed (KVPCIE_SIM=1 presents the simulated card)";
             return nullptr;
         }
+        path = listed.front();
     }
     OpenCard& card = Cards()[path];
     if (card.leases == 0) {
@@ -109,4 +128,4 @@ void SharedCard::Run(const std::function<void(PCIeDataManager&)>& operation) {
     CardThread::Instance().Run([&] { operation(manager_); });
 }
 
-}  // namespace kvpcie::gst
+}  // namespace kvpcie::tools

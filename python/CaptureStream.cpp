@@ -1,0 +1,195 @@
+#include "CaptureStream.h"
+
+#include "FrameLayout.h"
+
+#include <chrono>
+#include <cstring>
+
+namespace py = pybind11;
+
+namespace kvpcie::python {
+
+CaptureStream::CaptureStream(std::shared_ptr<CardCore> core, int channel, int width, int height,
+                             ePixelType type, bool cardTiming, bool record)
+    : core_(std::move(core)),
+      channel_(channel),
+      width_(width),
+      height_(height),
+      type_(type),
+      frameBytes_(static_cast<std::size_t>(KvFrameSizeBytes(type, width, height))) {
+    if (channel < 0 || channel > 3) {
+        throw py::value_error("channel " + std::to_string(channel) + " is outside 0 to 3");
+    }
+    if (width < 1 || width > 65535 || height < 1 || height > 65535) {
+        throw py::value_error("a frame is 1 to 65535 pixels wide and high, not " +
+                              std::to_string(width) + "x" + std::to_string(height));
+    }
+    if (frameBytes_ > 20971520) {
+        throw py::value_error("a " + std::to_string(width) + "x" + std::to_string(height) + " " +
+                              NameOf(type) + " frame (" + std::to_string(frameBytes_) +
+                              " bytes) is larger than a card buffer (20971520 bytes)");
+    }
+    tools::SharedCard& card = core_->Open();
+    if (!card.Claim(tools::SharedCard::Direction::Capture, static_cast<unsigned>(channel))) {
+        throw std::runtime_error("capture channel " + std::to_string(channel) + " of " +
+                                 card.Path() + " is already captured");
+    }
+    frameBuffer_.assign(frameBytes_, 0);
+    for (int slot = 0; slot < kRingFrames; ++slot) {
+        arrays_[slot] = NewArray();
+        data_[slot] = static_cast<char*>(arrays_[slot].mutable_data());
+        free_.Push(slot);
+    }
+    bool started = false;
+    std::string why;
+    core_->Run([&](PCIeDataManager& manager) {
+        eErrorCode error = ERR_NONE;
+        started = manager.StartCapture(static_cast<unsigned>(channel), cardTiming, width, height,
+                                       type, error, &CaptureStream::OnFrame, this,
+                                       frameBuffer_.data());
+        if (!started) {
+            why = manager.LastErrorText();
+        } else if (record) {
+            recording_ = manager.StartRecord(channel);
+            if (!recording_) {
+                why = manager.LastErrorText();
+            }
+        }
+    });
+    if (!started || (record && !recording_)) {
+        core_->Run([&](PCIeDataManager& manager) {
+            if (started) {
+                manager.StopCapture(channel);
+            }
+        });
+        card.Unclaim(tools::SharedCard::Direction::Capture, static_cast<unsigned>(channel));
+        throw std::runtime_error("capture channel " + std::to_string(channel) +
+                                 " would not start" + (started ? " recording" : "") + ": " + why);
+    }
+    open_ = true;
+    core_->streams.insert(this);
+}
+
+CaptureStream::~CaptureStream() {
+    Close();
+    // The stream outlived its Card object: the card goes with it.
+    if (core_.use_count() == 1) {
+        core_->Close();
+    }
+}
+
+py::array CaptureStream::NewArray() const {
+    return py::array(DtypeOf(type_), ShapeOf(type_, width_, height_));
+}
+
+void CaptureStream::OnFrame(int /*channel*/, const char* frame, void* context) {
+    auto* self = static_cast<CaptureStream*>(context);
+    int slot = -1;
+    {
+        std::lock_guard<std::mutex> lock(self->lock_);
+        if (self->free_.Empty()) {
+            self->notTaken_.fetch_add(1, std::memory_order_relaxed);
+            return;
+        }
+        slot = self->free_.Pop();
+    }
+    std::memcpy(self->data_[slot], frame, self->frameBytes_);
+    {
+        std::lock_guard<std::mutex> lock(self->lock_);
+        self->ready_.Push(slot);
+    }
+    self->frameReady_.notify_one();
+}
+
+py::array CaptureStream::Get(std::optional<double> timeout) {
+    if (!open_) {
+        throw std::runtime_error("the capture of channel " + std::to_string(channel_) +
+                                 " is closed");
+    }
+    if (timeout && !(*timeout >= 0)) {
+        throw py::value_error("timeout must be 0 or more seconds");
+    }
+    int slot = -1;
+    {
+        py::gil_scoped_release release;
+        std::unique_lock<std::mutex> lock(lock_);
+        const auto has = [this] { return !ready_.Empty(); };
+        if (timeout) {
+            frameReady_.wait_for(lock, std::chrono::duration<double>(*timeout), has);
+        } else {
+            // Woken now and then so that Ctrl-C reaches a script that waits without a limit.
+            while (!frameReady_.wait_for(lock, std::chrono::milliseconds(100), has)) {
+                lock.unlock();
+                {
+                    py::gil_scoped_acquire gil;
+                    if (PyErr_CheckSignals() != 0) {
+                        throw py::error_already_set();
+                    }
+                }
+                lock.lock();
+            }
+        }
+        if (!ready_.Empty()) {
+            slot = ready_.Pop();
+        }
+    }
+    if (slot < 0) {
+        PyErr_SetString(PyExc_TimeoutError,
+                        ("no frame of channel " + std::to_string(channel_) + " within " +
+                         std::to_string(*timeout) + " s").c_str());
+        throw py::error_already_set();
+    }
+    // The slot is in neither ring now: the polling thread does not touch it.
+    py::array frame = std::move(arrays_[slot]);
+    arrays_[slot] = NewArray();
+    data_[slot] = static_cast<char*>(arrays_[slot].mutable_data());
+    {
+        std::lock_guard<std::mutex> lock(lock_);
+        free_.Push(slot);
+    }
+    ++taken_;
+    return frame;
+}
+
+py::dict CaptureStream::Stats() {
+    KvCaptureStatistics stats;
+    if (core_->card) {
+        core_->card->AnyThreadManager().GetCaptureStatistics(channel_, stats);
+    }
+    py::dict result;
+    result["frames_delivered"] = stats.framesDelivered;
+    result["frames_failed"] = stats.framesFailed;
+    result["error_frames"] = stats.errorFrames;
+    result["frames_recorded"] = stats.framesRecorded;
+    result["bytes_recorded"] = stats.bytesRecorded;
+    result["frames_not_recorded"] = stats.framesNotRecorded;
+    result["frames_per_second"] = stats.framesPerSecond;
+    result["callback_micros_max"] = stats.callbackMicrosMax;
+    result["last_card_buffer"] = stats.lastCardBuffer;
+    result["status_bytes_delivered"] = stats.statusBytesDelivered;
+    result["status_bytes_dropped"] = stats.statusBytesDropped;
+    result["frames_taken"] = taken_;
+    result["frames_not_taken"] = notTaken_.load();
+    return result;
+}
+
+void CaptureStream::Close() {
+    if (!open_) {
+        return;
+    }
+    open_ = false;
+    const bool recording = recording_;
+    core_->Run([&](PCIeDataManager& manager) {
+        if (recording) {
+            manager.StopRecord(channel_);
+        }
+        manager.StopCapture(channel_);  // no callback runs once it returns
+    });
+    if (core_->card) {
+        core_->card->Unclaim(tools::SharedCard::Direction::Capture,
+                             static_cast<unsigned>(channel_));
+    }
+    core_->streams.erase(this);
+}
+
+}  // namespace kvpcie::python

@@ -1,0 +1,9 @@
+#pragma once
+
+#include <pybind11/pybind11.h>
+
+namespace kvpcie::python {
+
+void BindSim(pybind11::module_& sim);
+
+}  // namespace kvpcie::python
