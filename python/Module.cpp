@@ -64,7 +64,8 @@ PYBIND11_MODULE(_kvpcie, m) {
         "card in the machine.");
     m.def("list_riffa", &ListRiffa,
           "The RIFFA devices: one dict each with id, channels, name, vendor_id and device_id.");
-    m.def("_close_all", &CloseAll);
+    m.def("_close_all", &CloseAll,
+          "Closes every card still open; runs at the interpreter's exit.");
 
     py::class_<CaptureStream>(m, "CaptureStream",
                               "Frames of one capture channel, from Card.capture(). Frames wait "
@@ -77,18 +78,22 @@ PYBIND11_MODULE(_kvpcie, m) {
                                "The channel's statistics (the library's counts, snake_case) "
                                "with frames_taken and frames_not_taken of this stream.")
         .def("close", &CaptureStream::Close, "Stops the channel; frames not taken are dropped.")
-        .def_property_readonly("closed", [](const CaptureStream& s) { return !s.IsOpen(); })
-        .def_property_readonly("channel", &CaptureStream::channel)
-        .def_property_readonly("width", &CaptureStream::width)
-        .def_property_readonly("height", &CaptureStream::height)
+        .def_property_readonly(
+            "closed", [](const CaptureStream& s) { return !s.IsOpen(); },
+            "True once the stream was closed (or its card).")
+        .def_property_readonly("channel", &CaptureStream::channel, "The capture channel, 0 to 3.")
+        .def_property_readonly("width", &CaptureStream::width, "Frame width in pixels.")
+        .def_property_readonly("height", &CaptureStream::height, "Frame height in lines.")
         .def_property_readonly(
             "pixel_type",
-            [](const CaptureStream& s) { return kvpcie::python::NameOf(s.pixelType()); })
+            [](const CaptureStream& s) { return kvpcie::python::NameOf(s.pixelType()); },
+            "The pixel type's name: UYVY422, Y8, Y16, Y16_Y8, BGR24 or PIXEL32.")
         .def("__enter__", [](CaptureStream& s) -> CaptureStream& { return s; },
-             py::return_value_policy::reference)
-        .def("__exit__", [](CaptureStream& s, const py::args&) { s.Close(); })
+             py::return_value_policy::reference, "The stream itself.")
+        .def("__exit__", [](CaptureStream& s, const py::args&) { s.Close(); },
+             "Closes the stream.")
         .def("__iter__", [](CaptureStream& s) -> CaptureStream& { return s; },
-             py::return_value_policy::reference)
+             py::return_value_policy::reference, "The stream itself: `for frame in stream`.")
         .def("__next__",
              [](CaptureStream& s) {
                  if (!s.IsOpen()) {
@@ -106,10 +111,12 @@ PYBIND11_MODULE(_kvpcie, m) {
         .def("close", &Card::Close,
              "Stops this card's captures, injections and status callbacks and lets the card "
              "go.")
-        .def_property_readonly("closed", [](const Card& c) { return !c.IsOpen(); })
-        .def_property_readonly("path", &Card::Path)
-        .def("__enter__", [](Card& c) -> Card& { return c; }, py::return_value_policy::reference)
-        .def("__exit__", [](Card& c, const py::args&) { c.Close(); })
+        .def_property_readonly(
+            "closed", [](const Card& c) { return !c.IsOpen(); }, "True once close() was called.")
+        .def_property_readonly("path", &Card::Path, "The card's path, as list_cards() gives it.")
+        .def("__enter__", [](Card& c) -> Card& { return c; }, py::return_value_policy::reference,
+             "The card itself.")
+        .def("__exit__", [](Card& c, const py::args&) { c.Close(); }, "Closes the card.")
         .def("read_reg", &Card::ReadReg, py::arg("address"), "A 32-bit register of the card.")
         .def("write_reg", &Card::WriteReg, py::arg("address"), py::arg("value"),
              "Writes a 32-bit register; RuntimeError when the write failed.")
@@ -124,7 +131,7 @@ PYBIND11_MODULE(_kvpcie, m) {
              "(h, w) uint8 for Y8, (h, w) uint16 for Y16, (h, w, 2) uint8 for UYVY422, "
              "(h, w, 3) uint8 for BGR24 and Y16_Y8, (h, w, 4) uint8 for PIXEL32. card_timing: "
              "the card times the frames at 25 per second. record: the library also records "
-             "them below VideoRecord/.")
+             "them, below VideoRecord/Capture<channel + 1>/ of the current folder.")
         .def("inject", &Card::Inject, py::arg("channel"), py::arg("frame"),
              py::arg("frame_rate") = 25, py::arg("timeout") = 1.0,
              py::arg("pixel_type") = py::none(),
