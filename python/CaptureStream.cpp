@@ -1,5 +1,6 @@
 #include "CaptureStream.h"
 
+#include "Arguments.h"
 #include "FrameLayout.h"
 
 #include <chrono>
@@ -17,9 +18,7 @@ CaptureStream::CaptureStream(std::shared_ptr<CardCore> core, int channel, int wi
       height_(height),
       type_(type),
       frameBytes_(static_cast<std::size_t>(KvFrameSizeBytes(type, width, height))) {
-    if (channel < 0 || channel > 3) {
-        throw py::value_error("channel " + std::to_string(channel) + " is outside 0 to 3");
-    }
+    CheckChannel(channel);
     if (width < 1 || width > 65535 || height < 1 || height > 65535) {
         throw py::value_error("a frame is 1 to 65535 pixels wide and high, not " +
                               std::to_string(width) + "x" + std::to_string(height));

@@ -1,5 +1,6 @@
 #include "Card.h"
 
+#include "Arguments.h"
 #include "FrameLayout.h"
 #include "InjectDrain.h"
 
@@ -16,11 +17,6 @@ namespace {
 
 constexpr std::uint64_t kCardBufferBytes = 20971520;
 
-void CheckChannel(int channel) {
-    if (channel < 0 || channel > 3) {
-        throw py::value_error("channel " + std::to_string(channel) + " is outside 0 to 3");
-    }
-}
 
 std::string Hex(std::uint64_t value) {
     char text[24];

@@ -1,6 +1,7 @@
 // kvpcie.sim: the simulated card's control, for tests and demonstrations without hardware.
 #include "SimModule.h"
 
+#include "Arguments.h"
 #include "CardCore.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
@@ -20,11 +21,6 @@ void CheckCard(int card) {
     }
 }
 
-void CheckChannel(int channel) {
-    if (channel < 0 || channel > 3) {
-        throw py::value_error("channel " + std::to_string(channel) + " is outside 0 to 3");
-    }
-}
 
 std::uint32_t CheckRegister(std::int64_t address) {
     if (address < 0 || address > 0x1FFFFC || address % 4 != 0) {
