@@ -1,10 +1,11 @@
-// Export macro and version of the KvPCIeInjectSdk library.
+/// \file
+/// Export macro and version of the KvPCIeInjectSdk library.
 #pragma once
 
 #include <KvPCIeInjectSdk/KvPCIeInjectSdkVersion.h>
 
-// KVPCIE_BUILDING_LIBRARY is defined while the library itself is compiled; KVPCIE_STATIC when
-// its layers are linked straight into a program (the library's own tests, cross builds).
+/// KVPCIE_BUILDING_LIBRARY is defined while the library itself is compiled; KVPCIE_STATIC when
+/// its layers are linked straight into a program (the library's own tests, cross builds).
 #if defined(KVPCIE_STATIC)
 #define KVPCIE_EXPORT
 #elif defined(_WIN32)
