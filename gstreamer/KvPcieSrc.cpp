@@ -408,7 +408,7 @@ GstStructure* StatsOf(GstKvPcieSrc* self) {
         nullptr);
 }
 
-void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spec) {
+void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* param) {
     KvPcieSrcState& s = StateOf(object);
     GST_OBJECT_LOCK(object);
     switch (id) {
@@ -420,13 +420,13 @@ void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
             break;
         default:
             if (!s.card.SetProperty(id, value)) {
-                G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+                G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, param);
             }
     }
     GST_OBJECT_UNLOCK(object);
 }
 
-void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec) {
+void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* param) {
     KvPcieSrcState& s = StateOf(object);
     if (id == PROP_STATS) {
         g_value_take_boxed(value, StatsOf(GST_KVPCIE_SRC(object)));
@@ -442,7 +442,7 @@ void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* spec) {
             break;
         default:
             if (!s.card.GetProperty(id, value)) {
-                G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+                G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, param);
             }
     }
     GST_OBJECT_UNLOCK(object);
