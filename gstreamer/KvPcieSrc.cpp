@@ -102,6 +102,7 @@ void OnFrame(int channel, const char* frame, void* context) {
         s.failedSeen = stats.framesFailed;
     }
     CapturedFrame captured;
+    captured.arrival = RunningTimeNow(GST_ELEMENT(self));  // before the copy: when it came
     captured.sequence = s.nextSequence + lost;
     s.nextSequence = captured.sequence + 1;
 
@@ -123,7 +124,6 @@ void OnFrame(int channel, const char* frame, void* context) {
                           GST_VIDEO_INFO_PLANE_STRIDE(&s.info, 0), s.rowBytes,
                           GST_VIDEO_INFO_HEIGHT(&s.info));
     gst_buffer_unmap(captured.buffer, &map);
-    captured.arrival = RunningTimeNow(GST_ELEMENT(self));
     captured.lostBefore = s.lostPending + lost;
     if (s.queue.Push(captured)) {
         s.lostPending = 0;
