@@ -32,5 +32,15 @@ if(TARGET gstkvpcie)
     string(APPEND CPACK_DEBIAN_PACKAGE_DEPENDS ", gstreamer1.0-plugins-base")
 endif()
 
-install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# The example hosts go in as sources, each a CMake project of its own that builds against the
+# installed SDK. On Windows the archive holds them and the README at its top, beside bin/ and lib/.
+if(WIN32)
+    set(kvpcie_docs_dir .)
+else()
+    set(kvpcie_docs_dir ${CMAKE_INSTALL_DOCDIR})
+endif()
+install(FILES README.md CHANGELOG.md DESTINATION ${kvpcie_docs_dir})
+# The folder's own CMakeLists.txt only adds the examples to this tree's build.
+install(DIRECTORY examples/ DESTINATION ${kvpcie_docs_dir}/examples
+        REGEX "/examples/CMakeLists\\.txt$" EXCLUDE)
 include(CPack)
