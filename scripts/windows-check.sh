@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Cross-builds the whole SDK for 64-bit Windows (KvPCIeInjectSdk.dll, the tools, the examples and
 # every suite) with mingw-w64 against Qt 5.15 for Windows, runs the suites as .exe files under
-# Wine, and then the main job: kvpcie.exe --sim loopback.
+# Wine, and then the main job: kvpcie.exe --sim loopback; last, cpack writes the release zip.
 #
 # Qt for Windows comes from the archive in ../shared/qt5-mingw/ (or KVPCIE_QT_MINGW_ARCHIVE) and is
 # unpacked into build-mingw/. Without it, only the layers below Qt are checked (preset
@@ -54,4 +54,8 @@ rm -rf "$run_dir" && mkdir -p "$run_dir"
     tee build-mingw/loopback.txt
 tr -d '\r' < build-mingw/loopback.txt | tail -n 1 | grep -qx PASS
 stage "kvpcie.exe --sim loopback" $((SECONDS - start))
+# The release: the zip of bin/, lib/, include/, the examples and the README, beside the build.
+start=$SECONDS
+(cd build-mingw && cpack -G ZIP)
+stage "cpack" $((SECONDS - start))
 /usr/lib/wine/wineserver -k || true   # the suite's session outlives its last program by a minute
