@@ -29,10 +29,14 @@ launch() {
     timeout 60 gst-launch-1.0 "$@" >"$log.log" 2>&1 || { cat "$log.log"; fail "gst-launch-1.0 $*"; }
     grep -q "Got EOS from element" "$log.log" || { cat "$log.log"; fail "no EOS: $*"; }
 }
-# Fails when a file holds fewer than $2 different byte values (a blank picture has one).
+# How many different byte values a file holds (a blank picture has one).
+distinct_values() {
+    od -An -v -tu1 "$1" | tr -s ' ' '\n' | sed '/^$/d' | sort -u | wc -l
+}
+# Fails when a file holds fewer than $2 different byte values.
 varied() {
     local values
-    values=$(od -An -v -tu1 "$1" | tr -s ' ' '\n' | sed '/^$/d' | sort -u | wc -l)
+    values=$(distinct_values "$1")
     echo "$1: $values different byte values"
     [ "$values" -ge "$2" ] || fail "$1 looks blank"
 }
@@ -87,13 +91,24 @@ display)
     gst-launch-1.0 kvpciesrc ! videoconvert ! autovideosink >display.log 2>&1 &
     shown=$!
     trap 'kill $shown 2>/dev/null || true' EXIT
-    sleep 3
-    kill -0 $shown 2>/dev/null || { cat display.log; fail "the display pipeline ended"; }
-    rm -f screen.gray
-    launch screenshot ximagesrc num-buffers=1 use-damage=false ! videoconvert ! \
-        video/x-raw,format=GRAY8 ! filesink location=screen.gray
-    # The card's test pattern is a ramp: a window of it has 256 grey values, an empty screen one.
-    varied screen.gray 200
+    # The card's test pattern is a ramp of bytes: a window of it has 256 grey values when the sink
+    # takes GRAY8, about 64 when it takes BGRx (which ximagesink does: each pixel's bytes step by
+    # 4), an empty screen a few (the pointer). On a busy machine the window may take a while to be
+    # mapped and drawn: the screen is taken again, once a second, for up to 20 s.
+    for attempt in $(seq 20); do
+        sleep 1
+        kill -0 $shown 2>/dev/null || { cat display.log; fail "the display pipeline ended"; }
+        rm -f screen.gray
+        # A screenshot taken while the server is still busy with the new window may fail too.
+        if timeout 60 gst-launch-1.0 ximagesrc num-buffers=1 use-damage=false ! videoconvert ! \
+               video/x-raw,format=GRAY8 ! filesink location=screen.gray >screenshot.log 2>&1 &&
+           [ "$(distinct_values screen.gray)" -ge 48 ]; then
+            break
+        fi
+    done
+    [ -s screen.gray ] || { cat screenshot.log; fail "no screenshot"; }
+    echo "screenshot $attempt"
+    varied screen.gray 48
     ;;
 *)
     fail "unknown check $check"
