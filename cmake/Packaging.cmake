@@ -1,5 +1,5 @@
-# Packages from the installed tree (cpack in the build folder): a Debian package and a tar.gz on
-# Linux, a zip on Windows. For the Debian package, configure with -DCMAKE_INSTALL_PREFIX=/usr,
+# Packages from the installed tree (cpack in the build folder): two Debian packages and a tar.gz on
+# Linux, a zip on Windows. For the Debian packages, configure with -DCMAKE_INSTALL_PREFIX=/usr,
 # so that the library and the GStreamer plugin land in the system's library folder.
 set(CPACK_PACKAGE_NAME kvpcie-inject-sdk)
 set(CPACK_PACKAGE_VENDOR "KvPCIeInjectSdk developers")
@@ -15,22 +15,34 @@ if(WIN32)
 else()
     set(CPACK_GENERATOR "TGZ;DEB")
 endif()
+# The archives hold both components; Debian gets a package for each, so that a machine that
+# only runs the tools, the plugin or the Python module does not take Qt's development files.
+set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 
 # The libraries' own dependencies (Qt 5, GStreamer, FUSE, libc) come from dpkg-shlibdeps; what
-# the Python module and the plugin need at run time besides is named here.
+# the Python module and the plugin need at run time besides is named here, and a host's build
+# needs Qt's CMake package and headers (find_dependency(Qt5) in ours).
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "qtbase5-dev")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME kvpcie-inject-sdk)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME kvpcie-inject-sdk-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "qtbase5-dev")
+set(runtime_depends)
 if(TARGET _kvpcie)
     # The module is built for one minor version of CPython.
     math(EXPR next_minor "${Python3_VERSION_MINOR} + 1")
-    string(APPEND CPACK_DEBIAN_PACKAGE_DEPENDS
-           ", python3 (>= 3.${Python3_VERSION_MINOR}), python3 (<< 3.${next_minor}), python3-numpy")
+    list(APPEND runtime_depends "python3 (>= 3.${Python3_VERSION_MINOR})"
+         "python3 (<< 3.${next_minor})" python3-numpy)
 endif()
 if(TARGET gstkvpcie)
-    string(APPEND CPACK_DEBIAN_PACKAGE_DEPENDS ", gstreamer1.0-plugins-base")
+    list(APPEND runtime_depends gstreamer1.0-plugins-base)
 endif()
+list(JOIN runtime_depends ", " CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS)
 
 # The example hosts go in as sources, each a CMake project of its own that builds against the
 # installed SDK. On Windows the archive holds them and the README at its top, beside bin/ and lib/.
@@ -39,8 +51,8 @@ if(WIN32)
 else()
     set(kvpcie_docs_dir ${CMAKE_INSTALL_DOCDIR})
 endif()
-install(FILES README.md CHANGELOG.md DESTINATION ${kvpcie_docs_dir})
+install(FILES README.md CHANGELOG.md DESTINATION ${kvpcie_docs_dir} COMPONENT runtime)
 # The folder's own CMakeLists.txt only adds the examples to this tree's build.
 install(DIRECTORY examples/ DESTINATION ${kvpcie_docs_dir}/examples
-        REGEX "/examples/CMakeLists\\.txt$" EXCLUDE)
+        COMPONENT development REGEX "/examples/CMakeLists\\.txt$" EXCLUDE)
 include(CPack)
