@@ -7,10 +7,10 @@ ROOT = Path(__file__).resolve().parents[2]
 
 
 def load_listing_script():
-    spec = importlib.util.spec_from_file_location(
+    script = importlib.util.spec_from_file_location(
         "python_api_listing", ROOT / "scripts" / "python-api-listing.py")
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
+    module = importlib.util.module_from_spec(script)
+    script.loader.exec_module(module)
     return module
 
 
