@@ -32,6 +32,20 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION video)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME kvpcie-inject-sdk-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "qtbase5-dev")
+# A shlibs file and the ldconfig trigger for the library.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+# Apt's description under the summary (the project's description): lines within 80 columns.
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
+    "KvPCIeInjectSdk drives FPGA PCI Express frame cards under the XDMA or RIFFA
+driver: it captures frames by DMA, records them, injects frames for playout,
+sends commands and collects status. This package holds the library, the tools
+kvpcie, kvviewer and kvpcie-simd, the GStreamer plugin (kvpciesrc, kvpciesink)
+and the Python module kvpcie. A simulated card is built in: kvpcie --sim
+loopback runs without hardware.")
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
+    "Development files of KvPCIeInjectSdk: the headers, the CMake package
+(find_package(KvPCIeInjectSdk)) and the example hosts, for building Qt 5 host
+applications against the library.")
 set(runtime_depends)
 if(TARGET _kvpcie)
     # The module is built for one minor version of CPython.
