@@ -7,7 +7,7 @@
 # second, an example host builds with find_package and runs. Needs root (or sudo).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh debootstrap
+scripts/setup.sh debootstrap help2man
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then
     sudo="sudo"
@@ -18,7 +18,8 @@ stage() { echo "package-check: $1 took $2 s"; }
 
 start=$SECONDS
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
-      -DKVPCIE_BUILD_TESTS=OFF -DKVPCIE_BUILD_BENCHMARKS=OFF -DKVPCIE_BUILD_EXAMPLES=OFF >/dev/null
+      -DKVPCIE_BUILD_TESTS=OFF -DKVPCIE_BUILD_BENCHMARKS=OFF -DKVPCIE_BUILD_EXAMPLES=OFF \
+      -DKVPCIE_BUILD_MAN_PAGES=ON >/dev/null
 cmake --build "$build"
 rm -f "$build"/kvpcie-inject-sdk*.deb "$build"/kvpcie-inject-sdk*.tar.gz
 (cd "$build" && cpack -G "DEB;TGZ")
@@ -38,11 +39,16 @@ holds() {
 }
 holds "$deb" ./usr/bin/kvpcie ./usr/bin/kvviewer "./usr/lib/$multiarch/libKvPCIeInjectSdk.so.0.2" \
       "./usr/lib/$multiarch/gstreamer-1.0/libgstkvpcie.so" \
-      ./usr/lib/python3/dist-packages/kvpcie/__init__.py ./usr/share/doc/kvpcie-inject-sdk/README.md
+      ./usr/lib/python3/dist-packages/kvpcie/__init__.py ./usr/share/doc/kvpcie-inject-sdk/README.md \
+      ./usr/share/man/man1/kvpcie.1.gz ./usr/share/man/man1/kvviewer.1.gz \
+      ./usr/share/man/man1/kvpcie-simd.1.gz
 holds "$dev_deb" ./usr/include/KvPCIeInjectSdk/PCIeDataManager.h \
       "./usr/lib/$multiarch/libKvPCIeInjectSdk.so" \
       "./usr/lib/$multiarch/cmake/KvPCIeInjectSdk/KvPCIeInjectSdkConfig.cmake" \
       ./usr/share/doc/kvpcie-inject-sdk/examples/card_info/main.cpp
+# The manual pages hold the programs' own help, the commands' too.
+zgrep -q "usage: kvpcie capture" "$build/tools/kvpcie/kvpcie.1.gz"
+zgrep -q "usage: kvviewer" "$build/tools/kvviewer/kvviewer.1.gz"
 for package in "$deb" "$dev_deb"; do
     dpkg-deb -f "$package" Package Version Depends
 done
