@@ -32,7 +32,7 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION video)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME kvpcie-inject-sdk-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "qtbase5-dev")
-# A shlibs file and the ldconfig trigger for the library.
+# A shlibs file, so that packages built against the library depend on this one.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 # Apt's description under the summary (the project's description): lines within 80 columns.
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
