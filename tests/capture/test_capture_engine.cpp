@@ -162,44 +162,6 @@ TEST_F(Capture, OnlyStatusTwoIsReadyAndBitFiveIsTheErrorFlag) {
     EXPECT_EQ(Peek(StatusRegister(0, 2)), 0x03u);
 }
 
-TEST_F(Capture, FourChannelsDeliverEveryFrameByteExactWithoutGaps) {
-    std::vector<std::unique_ptr<FrameSink>> sinks;
-    for (int channel = 0; channel < 4; ++channel) {
-        sinks.push_back(std::make_unique<FrameSink>(kFrameBytes));
-        Write(ControlBlock(channel) + kCtlExternalRate, 200);
-        eErrorCode error = ERR_NO_CARD;
-        ASSERT_TRUE(manager.StartCapture(channel, false, kWidth, kHeight, Y16, error,
-                                         &FrameSink::OnFrame, sinks.back().get(),
-                                         sinks.back()->buffer.data()));
-    }
-    ASSERT_TRUE(WaitFor(
-        [&] {
-            for (const auto& sink : sinks) {
-                if (sink->delivered < 200) {
-                    return false;
-                }
-            }
-            return true;
-        },
-        std::chrono::seconds(20)));
-    for (int channel = 0; channel < 4; ++channel) {
-        manager.StopCapture(channel);
-    }
-    for (int channel = 0; channel < 4; ++channel) {
-        SCOPED_TRACE(channel);
-        EXPECT_EQ(sinks[channel]->badFrames, 0);
-        const std::vector<std::uint32_t> numbers = sinks[channel]->Numbers();
-        const std::uint32_t dropped = Peek(ControlBlock(channel) + kCtlFramesDropped);
-        // Every frame the card made up to the last one delivered is either delivered or counted
-        // as dropped by the card. (Drops happen only when the machine is too loaded to poll in
-        // time; more may follow the last delivery, until the stop.)
-        EXPECT_LE(numbers.back() + 1 - numbers.size(), dropped);
-        for (std::size_t k = 1; k < numbers.size(); ++k) {
-            ASSERT_GT(numbers[k], numbers[k - 1]);
-        }
-    }
-}
-
 TEST_F(Capture, AFailedDmaReadReleasesTheBufferAndIsLogged) {
     KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or makes frames on demand");
     FrameSink sink(kFrameBytes);
