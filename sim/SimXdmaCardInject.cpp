@@ -22,6 +22,8 @@ void SimXdmaCard::SetInjectEnableLocked(std::uint32_t mask) {
             registers_[ControlBlock(channel) + kCtlInjectPlayed] = 0;
             registers_[ControlBlock(channel) + kCtlInjectUnderruns] = 0;
             inject.Start(now, InjectFramePeriodLocked(channel));
+            // A new run has played nothing yet: the loopback shows no picture of the last one.
+            capture_[channel].SetLoopbackFrame(nullptr);
         } else if (!enabled && inject.Running()) {
             inject.Stop();
         }

@@ -4,6 +4,7 @@
 #include "InjectTestSupport.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <map>
 
@@ -132,7 +133,7 @@ TEST_F(Inject, TheFirstFrameProgramsTheChannelInOrderWithAndWithoutAParameterLin
     EXPECT_EQ(Peek(kInjectEnableMask), 0u);
 }
 
-TEST_F(Inject, BuffersGoOverInRingOrderAndTheSixteenthFrameWaitsForATake) {
+TEST_F(Inject, BuffersGoOverInRingOrderEachWithAFrameAndTheSixteenthFrameWaitsForATake) {
     KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or memory");
     constexpr int kWidth = 64, kHeight = 16;  // Y16: 2048 bytes
     std::vector<char> frame(kWidth * kHeight * 2, 0x22);
@@ -146,48 +147,115 @@ TEST_F(Inject, BuffersGoOverInRingOrderAndTheSixteenthFrameWaitsForATake) {
         }
         return true;
     }));
-    // The empty ring is handed over from buffer 0 on, each buffer marked busy, then ready with
-    // its length; the first frame went into whichever buffer was next when it arrived.
-    std::vector<std::uint32_t> statusWrites;
-    int transfers = 0;
+    // The ring is handed over from buffer 0 on, each buffer marked busy, filled, then marked
+    // ready with its length. With one frame queued, the first buffer takes it from the queue
+    // and the other seven take it again (the newest frame), never what they held before.
+    std::vector<std::uint32_t> handovers;
     for (const CardAccess& access : KvPCIeSim::TakeAccessLog(kCard)) {
         if (access.kind == CardAccess::HostToCard) {
-            ++transfers;
+            handovers.insert(handovers.end(), {0xD0A, access.address});
         } else if (access.kind == CardAccess::RegisterWrite &&
                    access.address >= InjectBlock(0) + 0x100 &&
                    access.address < InjectBlock(0) + 0x180 && (access.address & 0xF) != 0) {
-            statusWrites.push_back(access.address);
-            statusWrites.push_back(access.value);
+            handovers.insert(handovers.end(), {access.address, access.value});
         }
     }
     std::vector<std::uint32_t> expected;
     for (int b = 0; b < 8; ++b) {
-        expected.insert(expected.end(), {InjectStatus(0, b), 1, InjectStatus(0, b), 0x12,
-                                         InjectLength(0, b), 2048});
+        expected.insert(expected.end(),
+                        {InjectStatus(0, b), 1, 0xD0A, InjectBufferAddress(0, b),
+                         InjectStatus(0, b), 0x12, InjectLength(0, b), 2048});
     }
     // The start cleared every status before the worker began.
-    std::vector<std::uint32_t> handovers(statusWrites.begin() + 16, statusWrites.end());
-    EXPECT_EQ(handovers, expected);
-    ASSERT_LE(transfers, 1);
+    ASSERT_GE(handovers.size(), 16u);
+    EXPECT_EQ(std::vector<std::uint32_t>(handovers.begin() + 16, handovers.end()), expected);
+    for (int b = 0; b < 8; ++b) {
+        EXPECT_EQ(CardBytes(InjectBufferAddress(0, b), 3),
+                  (std::vector<unsigned char>{0x00, 0x00, 0x22}))
+            << "buffer " << b;
+    }
+    KvInjectStatistics stats;
+    ASSERT_TRUE(manager.GetInjectStatistics(0, stats));
+    EXPECT_EQ(stats.framesToCard, 1u);
+    EXPECT_EQ(stats.periodsWithoutFrame, 7u);
 
-    // 15 frames wait at most, counting the first one if it is still queued.
-    int queued = 1 - transfers;
+    // 15 frames wait at most.
     eErrorCode error = ERR_NONE;
-    while (queued < 15) {
+    for (int queued = 0; queued < 15; ++queued) {
         ASSERT_TRUE(manager.StartInject(0, 1, kWidth, kHeight, Y16, 0, frame.data(), error));
-        ++queued;
     }
     EXPECT_FALSE(manager.StartInject(0, 1, kWidth, kHeight, Y16, 0, frame.data(), error));
     EXPECT_EQ(error, ERR_QUEUE_FULL);
 
     // The card plays buffer 0, the worker refills it from the queue, and there is room again.
-    // After the first round of the ring the worker is back at buffer 0.
     std::vector<CardAccess> taken;
     ASSERT_TRUE(GatherTransfers(taken, 1));
     EXPECT_EQ(taken.front().address, InjectBufferAddress(0, 0));
     error = ERR_NONE;
     EXPECT_TRUE(manager.StartInject(0, 1, kWidth, kHeight, Y16, 0, frame.data(), error));
     EXPECT_EQ(error, ERR_NONE);
+}
+
+// What the loopback shows of a channel's frames: the fill byte past the counter stamp.
+struct LoopbackSink {
+    explicit LoopbackSink(std::size_t bytes) : buffer(bytes) {}
+    static void OnFrame(int, const char* frame, void* context) {
+        auto* sink = static_cast<LoopbackSink*>(context);
+        std::lock_guard<std::mutex> lock(sink->mutex);
+        sink->fills.push_back(static_cast<unsigned char>(frame[8]));
+    }
+    std::vector<unsigned char> Fills() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return fills;
+    }
+    std::vector<char> buffer;
+    std::mutex mutex;
+    std::vector<unsigned char> fills;
+};
+
+TEST_F(Inject, ARestartedChannelNeverPlaysAFrameOfTheRunBefore) {
+    constexpr int kWidth = 64, kHeight = 48;  // Y8 both ways: the loopback frame fits exactly
+    constexpr int kRate = 100;
+    LoopbackSink sink(kWidth * kHeight);
+    Write(ControlBlock(1) + KvPCIeSim::kCtlCaptureSource, 1);
+    Write(ControlBlock(1) + kCtlExternalRate, kRate);
+    eErrorCode error = ERR_NO_CARD;
+    ASSERT_TRUE(manager.StartCapture(1, false, kWidth, kHeight, Y8, error, &LoopbackSink::OnFrame,
+                                     &sink, sink.buffer.data()));
+    const auto play = [&](const std::vector<char>& fills) {
+        for (char fill : fills) {
+            std::vector<char> frame(kWidth * kHeight, fill);
+            ASSERT_TRUE(Offer(1, kRate, kWidth, kHeight, Y8, frame));
+        }
+        ASSERT_TRUE(WaitFor([&] {
+            return Peek(ControlBlock(1) + KvPCIeSim::kCtlInjectPlayed) >= fills.size();
+        }));
+    };
+    // The first run leaves its frames in the card's buffers; the picture it ends on (0xAF)
+    // stays on show until the next run plays something.
+    std::vector<char> first(15, static_cast<char>(0xA0));
+    first.push_back(static_cast<char>(0xAF));
+    play(first);
+    manager.StopInject(1);
+    const std::size_t before = sink.Fills().size();
+    // The new run's first frame, then a whole ring's worth of periods with nothing new.
+    play({static_cast<char>(0xB0)});
+    ASSERT_TRUE(WaitFor([&] { return Peek(ControlBlock(1) + KvPCIeSim::kCtlInjectPlayed) >= 10; }));
+    play(std::vector<char>(20, static_cast<char>(0xB0)));
+    ASSERT_TRUE(WaitFor([&] {
+        const auto fills = sink.Fills();
+        return std::count(fills.begin() + static_cast<long>(before), fills.end(), 0xB0) >= 20;
+    }));
+    manager.StopCapture(1);
+    manager.StopInject(1);
+    const auto fills = sink.Fills();
+    const std::vector<int> shown(fills.begin() + static_cast<long>(before), fills.end());
+    EXPECT_EQ(std::count(shown.begin(), shown.end(), 0xA0), 0) << ::testing::PrintToString(shown);
+    // Once the new run's frame shows, nothing else does.
+    const auto firstNew = std::find(fills.begin() + static_cast<long>(before), fills.end(), 0xB0);
+    ASSERT_NE(firstNew, fills.end());
+    EXPECT_TRUE(std::all_of(firstNew, fills.end(), [](unsigned char f) { return f == 0xB0; }))
+        << ::testing::PrintToString(shown);
 }
 
 TEST_F(Inject, TheFrameCounterIsStampedLittleEndianOverTheFirstPixel) {
@@ -211,26 +279,36 @@ TEST_F(Inject, TheFrameCounterIsStampedLittleEndianOverTheFirstPixel) {
         for (int n = 0; n < c.frames; ++n) {
             ASSERT_TRUE(Offer(3, 1000, kWidth, kHeight, c.type, frame));
         }
+        KvInjectStatistics stats;
+        ASSERT_TRUE(WaitFor([&] {
+            return manager.GetInjectStatistics(3, stats) &&
+                   stats.framesToCard == static_cast<std::uint64_t>(c.frames);
+        }));
+        // Stopped, the worker moves nothing more: card memory holds what the log says.
+        manager.StopInject(3);
         ASSERT_TRUE(GatherTransfers(transfers, static_cast<std::size_t>(c.frames)));
-        ASSERT_EQ(transfers.size(), static_cast<std::size_t>(c.frames));
         // The host's frames stay as they were: the stamp goes into the queue's copy.
         EXPECT_EQ(static_cast<unsigned char>(frame[0]), 0xAA);
         const std::size_t stamp = c.lastHead.size() - 1;
-        // A frame is still on the card unless a later one went into its buffer: the ring comes
-        // round every eight hand-overs, and with the queue empty that can be quick.
-        for (int n = 0; n < c.frames; ++n) {
+        // A buffer holds the frame of its last transfer. Transfers carry frames in the order
+        // they were queued; a dry queue sends the newest again, so numbers never go down.
+        std::uint32_t previous = 0;
+        for (std::size_t n = 0; n < transfers.size(); ++n) {
             const bool overwritten = std::any_of(
-                transfers.begin() + n + 1, transfers.end(),
+                transfers.begin() + static_cast<long>(n) + 1, transfers.end(),
                 [&](const CardAccess& later) { return later.address == transfers[n].address; });
             if (overwritten) {
                 continue;
             }
             const auto head = CardBytes(transfers[n].address, c.lastHead.size());
-            std::vector<unsigned char> expected(c.lastHead.size(), 0xAA);
+            std::uint32_t number = 0;
             for (std::size_t i = 0; i < stamp; ++i) {
-                expected[i] = static_cast<unsigned char>(static_cast<unsigned>(n) >> (8 * i));
+                number |= std::uint32_t{head[i]} << (8 * i);
             }
-            EXPECT_EQ(head, expected) << "frame " << n;
+            EXPECT_GE(number, previous) << "transfer " << n;
+            EXPECT_LT(number, static_cast<std::uint32_t>(c.frames)) << "transfer " << n;
+            EXPECT_EQ(head[stamp], 0xAA) << "transfer " << n;
+            previous = number;
         }
         EXPECT_EQ(CardBytes(transfers.back().address, c.lastHead.size()), c.lastHead);
         manager.StopInject(3);
@@ -247,6 +325,7 @@ TEST_F(Inject, StopAndRestartWhileFramesFlowBeginAgainAtBufferZeroAndCounterZero
             ASSERT_TRUE(Offer(channel, 500, kWidth, kHeight, Y8, frame));
         }
         // After a start the ring begins at buffer 0, and the first frame carries counter 0.
+        const std::array<int, 2> channels = {0, 2};
         std::vector<CardAccess> writes;
         std::vector<CardAccess> transfers;
         ASSERT_TRUE(WaitFor([&] {
@@ -257,13 +336,15 @@ TEST_F(Inject, StopAndRestartWhileFramesFlowBeginAgainAtBufferZeroAndCounterZero
                     writes.push_back(access);
                 }
             }
-            // Both first frames went over, and their ready statuses after them.
-            return transfers.size() >= 2 &&
-                   std::all_of(transfers.begin(), transfers.begin() + 2, [&](const CardAccess& t) {
-                       return std::any_of(writes.begin(), writes.end(), [&](const CardAccess& w) {
-                           return w.address == StatusOf(t.address) && w.value == 0x12;
-                       });
-                   });
+            // Each channel's first frame went over, and its ready status after it.
+            return std::all_of(channels.begin(), channels.end(), [&](int channel) {
+                return std::any_of(transfers.begin(), transfers.end(), [&](const CardAccess& t) {
+                    return t.address == InjectBufferAddress(channel, 0) &&
+                           std::any_of(writes.begin(), writes.end(), [&](const CardAccess& w) {
+                               return w.address == StatusOf(t.address) && w.value == 0x12;
+                           });
+                });
+            });
         }));
         for (int channel : {0, 2}) {
             SCOPED_TRACE(channel);

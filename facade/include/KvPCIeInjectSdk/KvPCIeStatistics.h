@@ -56,9 +56,9 @@ struct KvInjectStatistics {
     std::uint64_t transfersFailed = 0;
     /// Frames still queued when StopInject dropped them.
     std::uint64_t framesDroppedAtStop = 0;
-    /// Card buffers that came free while the queue was empty: the card plays a period without a
-    /// new frame (an underrun, as far as the host can see it). The first start of a channel
-    /// counts up to eight while the first frames arrive.
+    /// Card buffers that came free while the queue was empty and went back to the card with the
+    /// newest frame again: a period without a new frame (an underrun, as far as the host can see
+    /// it). Before the run's first frame no buffer goes over, and none is counted.
     std::uint64_t periodsWithoutFrame = 0;
     /// Frames waiting in the queue now (0 to 15).
     std::uint32_t framesWaiting = 0;

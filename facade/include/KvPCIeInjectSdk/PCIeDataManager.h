@@ -145,7 +145,9 @@ public:
     /// but the channel and the data, which must hold one frame of the size fixed at the start
     /// (KvFrameSizeBytes, plus one line when UpdateParamSimulate switched the parameter line on).
     /// The card plays one frame per period; the library keeps its eight buffers filled from a
-    /// queue of 15 frames. Results: true with ERR_NONE when queued; false with ERR_QUEUE_FULL
+    /// queue of 15 frames. No buffer goes to the card before the first frame of the run, so
+    /// nothing of an earlier run is ever played; when the queue runs dry, a buffer that comes
+    /// free goes back with the newest frame again (an underrun repeats the newest picture). Results: true with ERR_NONE when queued; false with ERR_QUEUE_FULL
     /// when 15 frames wait (the frame is not taken: offer it again later); false with
     /// ERR_NO_CARD when no card could be opened. Refused with false and ERR_NO_CARD before
     /// anything reaches the card, on every call: a channel outside 0 to 3, a null `frameData`,

@@ -129,6 +129,7 @@ bool DataInject4XdmaMM::InitInjectChannel(const KvFrameFormat& format) {
         state.imageSize = imageSize;
         state.frameSize = frameSize;
         state.queue = std::move(queue);
+        state.newestFrame = nullptr;
         state.transferSize = transferSize;
     }
 
@@ -173,6 +174,7 @@ void DataInject4XdmaMM::StopInject(int channel) {
             state.counters.droppedAtStop.Add(static_cast<std::uint64_t>(state.queue->Size()));
         }
         state.queue.reset();
+        state.newestFrame = nullptr;
     }
     std::this_thread::sleep_for(kChannelSettleTime);
     for (const Channel& other : channels_) {

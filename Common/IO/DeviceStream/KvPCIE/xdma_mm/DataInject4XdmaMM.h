@@ -86,6 +86,9 @@ private:
         int frameSize = 0;
         int transferSize = 0;
         std::unique_ptr<KvCycleQueue> queue;
+        // The slot of the frame handed over last (valid until the worker's next take), which
+        // goes back to the card again when the queue is dry; none until the run's first frame.
+        char* newestFrame = nullptr;
         std::uint32_t frameCounter = 0;
         InjectCounters counters;
         // The worker's wait plan (reset with each start): when the card's next release is

@@ -71,6 +71,12 @@ bool DataInject4XdmaMM::ServeChannel(unsigned c, WorkerClock::time_point now,
         wake = std::min(wake, state.quietUntil);
         return false;
     }
+    if (state.newestFrame == nullptr && state.queue->IsEmpty()) {
+        // Nothing of this run yet: a buffer handed over now would play what the card's memory
+        // still holds, a frame of an earlier run.
+        wake = std::min(wake, now + kIdlePause);
+        return false;
+    }
     const unsigned b = static_cast<unsigned>(state.lastBufferIndex + 1) % kCardBufferCount;
     const std::uint32_t block = InjectBlock(c);
     const std::uint32_t status = block + InjBufferStatus(b);
@@ -105,23 +111,28 @@ bool DataInject4XdmaMM::ServeChannel(unsigned c, WorkerClock::time_point now,
             state.expectedRelease = base + period;
         }
     }
-    // The slot stays ours until the next PopPtr on this queue, which only this thread makes.
+    // The slot stays ours until the next PopPtr on this queue, which only this thread makes;
+    // so the newest frame stays readable there while the queue is dry.
     char* frame = state.queue->PopPtr();
     if (frame != nullptr) {
         StampFrameCounter(frame, state.format.pixelType, state.frameCounter);
         ++state.frameCounter;
+        state.newestFrame = frame;
+    } else if (state.newestFrame == nullptr) {
+        return false;  // only this thread takes from the queue, so it holds the frame seen above
     }
     XdmaWriteRegValue(status, kStatusHostWriting);
     if (frame != nullptr) {
-        // A failed transfer is only counted: the card replays the buffer's old contents, which
-        // is what it does on an empty queue too.
         state.counters.toCard.Add();
-        if (!XdmaWriteData(InjectBufferAddress(c, b), static_cast<unsigned>(state.frameSize),
-                           frame)) {
-            state.counters.transfersFailed.Add();
-        }
     } else {
+        // Dry: the buffer goes back with the newest picture again rather than the one it held
+        // eight periods ago.
         state.counters.periodsWithoutFrame.Add();
+    }
+    // A failed transfer is only counted: the card plays what the buffer held before.
+    if (!XdmaWriteData(InjectBufferAddress(c, b), static_cast<unsigned>(state.frameSize),
+                       state.newestFrame)) {
+        state.counters.transfersFailed.Add();
     }
     XdmaWriteRegValue(status, kStatusInjectReady);
     XdmaWriteRegValue(block + InjBufferLength(b), static_cast<std::uint32_t>(state.transferSize));
