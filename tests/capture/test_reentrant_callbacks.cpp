@@ -57,6 +57,10 @@ TEST_F(Reentrant, AStopOfTheOwnChannelTakesEffectWhenTheCallbackReturns) {
         EXPECT_EQ(sink.delivered, 3);
         EXPECT_EQ(sink.afterStop, 0);
         EXPECT_FALSE(manager.IsStartCapture(0));
+        // Every frame handed to the callback is counted, the one that stopped the channel too.
+        KvCaptureStatistics stats;
+        ASSERT_TRUE(manager.GetCaptureStatistics(0, stats));
+        EXPECT_EQ(stats.framesDelivered, 3u);
         // The idle polling thread serves the next start from the control thread.
         CallingSink next(kFrameBytes);
         ASSERT_TRUE(StartQuiet(0, next));
@@ -93,6 +97,10 @@ TEST_F(Reentrant, ARestartOfTheOwnChannelDeliversTheNewRunToTheNewContext) {
         ASSERT_TRUE(WaitFor([&] { return second.delivered == 3; }));
         EXPECT_EQ(second.badFrames, 0);
         EXPECT_EQ(second.Numbers(), (std::vector<std::uint32_t>{0, 1, 2}));
+        // The counts start again with the new run: the frame of the old one is not among them.
+        KvCaptureStatistics stats;
+        ASSERT_TRUE(manager.GetCaptureStatistics(0, stats));
+        EXPECT_EQ(stats.framesDelivered, 3u);
         manager.StopCapture(0);
     });
 }

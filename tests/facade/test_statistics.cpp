@@ -122,7 +122,19 @@ protected:
     }
 };
 
-TEST_F(StatusStatistics, StatusBytesDroppedForWantOfRoomAreCounted) {
+// Blocks posted before the event loop runs, and what the 1,536-byte host buffer keeps of them:
+// whole blocks while they fit, to the last byte.
+struct StatusFill {
+    std::vector<int> blocks;
+    std::uint64_t delivered;
+    std::uint64_t dropped;
+};
+
+class StatusBufferFill : public StatusStatistics,
+                         public ::testing::WithParamInterface<StatusFill> {};
+
+TEST_P(StatusBufferFill, WholeBlocksAreKeptWhileTheyFitAndTheRestIsCounted) {
+    const StatusFill& fill = GetParam();
     std::vector<QByteArray> blocks;
     manager.SetSystemStatusCallback(
         0,
@@ -130,22 +142,47 @@ TEST_F(StatusStatistics, StatusBytesDroppedForWantOfRoomAreCounted) {
             static_cast<std::vector<QByteArray>*>(context)->push_back(data);
         },
         &blocks, true);
-    // Two 1,024-byte blocks before the event loop runs: the second does not fit the 1,536-byte
-    // host buffer beside the first.
-    for (int block = 0; block < 2; ++block) {
-        Write(ControlBlock(0) + KvPCIeSim::kCtlPostStatus, 1024);
+    for (int length : fill.blocks) {
+        Write(ControlBlock(0) + KvPCIeSim::kCtlPostStatus, static_cast<std::uint32_t>(length));
     }
-    ASSERT_TRUE(WaitFor([&] { return CaptureStats(0).statusBytesDropped == 1024; }));
+    // The card posts its next block only once the host has taken the one before.
+    ASSERT_TRUE(WaitFor([&] {
+        const KvCaptureStatistics stats = CaptureStats(0);
+        return stats.statusBytesDropped == fill.dropped &&
+               (Peek(CaptureBlock(0) + 0x028) & 0x400) == 0;
+    }));
     ASSERT_TRUE(WaitFor([&] {
         QCoreApplication::processEvents();
-        return !blocks.empty();
+        return CaptureStats(0).statusBytesDelivered >= fill.delivered;
     }));
     const KvCaptureStatistics stats = CaptureStats(0);
-    EXPECT_EQ(stats.statusBytesDelivered, 1024u);
-    EXPECT_EQ(stats.statusBytesDropped, 1024u);
+    EXPECT_EQ(stats.statusBytesDelivered, fill.delivered);
+    EXPECT_EQ(stats.statusBytesDropped, fill.dropped);
     ASSERT_EQ(blocks.size(), 1u);
-    EXPECT_EQ(blocks[0].size(), 1024);
+    EXPECT_EQ(static_cast<std::uint64_t>(blocks[0].size()), fill.delivered);
     manager.SetSystemStatusCallback(0, nullptr, nullptr, false);
+}
+
+INSTANTIATE_TEST_SUITE_P(Blocks, StatusBufferFill,
+                         ::testing::Values(StatusFill{{1024, 1024}, 1024, 1024},
+                                           StatusFill{{1024, 512}, 1536, 0},
+                                           StatusFill{{1024, 512, 1}, 1536, 1},
+                                           StatusFill{{1000, 1000}, 1000, 1000}));
+
+TEST_F(StatusStatistics, BytesTakenFromTheCardAndSwitchedOffBeforeDeliveryCountAsDropped) {
+    int calls = 0;
+    manager.SetSystemStatusCallback(
+        3, [](int, const QByteArray&, void* context) { ++*static_cast<int*>(context); }, &calls,
+        true);
+    Write(ControlBlock(3) + KvPCIeSim::kCtlPostStatus, 700);
+    // Taken from the card's mailbox, not yet delivered: the event loop has not run.
+    ASSERT_TRUE(WaitFor([&] { return (Peek(CaptureBlock(3) + 0x028) & 0x400) == 0; }));
+    manager.SetSystemStatusCallback(3, nullptr, nullptr, false);
+    QCoreApplication::processEvents();
+    const KvCaptureStatistics stats = CaptureStats(3);
+    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(stats.statusBytesDelivered, 0u);
+    EXPECT_EQ(stats.statusBytesDropped, 700u);
 }
 
 std::vector<QString> TakeFiles(int channel) {

@@ -145,14 +145,20 @@ bool DataCapture4XdmaMM::HandleBuffer(int c, Channel& state, unsigned buffer,
     } else if (state.frameCallbackEx != nullptr) {
         state.frameCallbackEx(c, state.frameBuffer, state.frameContext, errorFrame);
     }
-    if (state.generation != generation) {
+    // A callback that stopped its own channel still had its frame, and the counts stay after a
+    // stop; one that restarted the channel had a frame of a run whose counts start again.
+    const bool sameRun = state.generation == generation;
+    if (sameRun || (state.generation == generation + 1 &&
+                    !state.started.load(std::memory_order_acquire))) {
+        const auto callbackTime = CaptureCounters::Clock::now() - callbackStart;
+        counts.callbackMicrosMax.Raise(static_cast<std::uint64_t>(
+            std::chrono::duration_cast<std::chrono::microseconds>(callbackTime).count()));
+        counts.delivered.Add();
+        counts.errorFrames.Add(errorFrame ? 1 : 0);
+    }
+    if (!sameRun) {
         return false;  // the callback stopped or restarted its own channel: this run is over
     }
-    const auto callbackTime = CaptureCounters::Clock::now() - callbackStart;
-    counts.callbackMicrosMax.Raise(static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::microseconds>(callbackTime).count()));
-    counts.delivered.Add();
-    counts.errorFrames.Add(errorFrame ? 1 : 0);
     counts.lastCardBuffer.store(static_cast<std::int32_t>(buffer), std::memory_order_relaxed);
     if (state.recorder != nullptr && state.recorder->IsRecording()) {
         int full = 0;

@@ -22,8 +22,10 @@ void DataCapture4XdmaMM::SetSystemStatusCallback(int c, SystemStatusCallback cal
     {
         std::lock_guard<std::mutex> locker(statusLock_);
         if (!enable) {
-            // The status thread may hold the buffer for the block it is reading; it lets go of
-            // it after that block, and the buffer is freed then.
+            // Bytes taken from the card and not yet delivered are lost now: counted as dropped.
+            // The status thread may hold the buffer for the block it is reading; it counts what
+            // it appends after this as dropped too, and the buffer is freed then.
+            DropStatusBytesLocked(c);
             state.statusCallback = nullptr;
             state.statusContext = nullptr;
             state.statusBuffer.reset();
@@ -54,19 +56,32 @@ void DataCapture4XdmaMM::StatusLoop() {
                     buffer = channels_[c].statusBuffer;
                 }
             }
-            if (buffer != nullptr) {
-                ReadStatusBlock(c, *buffer);
+            if (buffer != nullptr && ReadStatusBlock(c, *buffer)) {
+                std::lock_guard<std::mutex> locker(statusLock_);
+                if (channels_[c].statusBuffer != buffer) {
+                    // Switched off while the block was read: nobody will deliver it.
+                    channels_[c].counters.statusBytesDropped.Add(
+                        static_cast<std::uint64_t>(buffer->Take().size()));
+                }
             }
         }
         std::this_thread::sleep_for(kStatusPollInterval);
     }
 }
 
-void DataCapture4XdmaMM::ReadStatusBlock(int c, StatusDataBuffer& buffer) {
+void DataCapture4XdmaMM::DropStatusBytesLocked(int c) {
+    Channel& state = channels_[c];
+    if (state.statusBuffer != nullptr) {
+        state.counters.statusBytesDropped.Add(
+            static_cast<std::uint64_t>(state.statusBuffer->Take().size()));
+    }
+}
+
+bool DataCapture4XdmaMM::ReadStatusBlock(int c, StatusDataBuffer& buffer) {
     const std::uint32_t block = CaptureBlock(static_cast<unsigned>(c));
     const std::uint32_t control = XdmaReadReg(block + kCapStatusControl);
     if ((control & kMailboxFull) == 0) {
-        return;
+        return false;
     }
     const int length = static_cast<int>(control & kMailboxLengthMask) + 1;
     const int words = (length + 3) / 4;
@@ -84,6 +99,7 @@ void DataCapture4XdmaMM::ReadStatusBlock(int c, StatusDataBuffer& buffer) {
                  "status bytes were dropped");
     const unsigned taken = 0;
     XdmaWriteReg(block + kCapStatusControl, &taken);
+    return true;
 }
 
 void DataCapture4XdmaMM::OnSlotCaptureCmdDataTimeOut() {
@@ -107,6 +123,8 @@ void DataCapture4XdmaMM::OnSlotCaptureCmdDataTimeOut() {
         if (callback != nullptr) {
             channels_[c].counters.statusBytesDelivered.Add(static_cast<std::uint64_t>(data.size()));
             callback(c, data, context);
+        } else {
+            channels_[c].counters.statusBytesDropped.Add(static_cast<std::uint64_t>(data.size()));
         }
     }
     deliveringStatus_.store(false, std::memory_order_release);

@@ -147,7 +147,10 @@ private:
     void FeedRecorder(Channel& state);
     void EventLoop(int channel);
     void StatusLoop();
-    void ReadStatusBlock(int channel, StatusDataBuffer& buffer);
+    // True when a block was taken from the card's mailbox (kept or counted as dropped).
+    bool ReadStatusBlock(int channel, StatusDataBuffer& buffer);
+    // Counts what the channel's status buffer holds as dropped and empties it; statusLock_ held.
+    void DropStatusBytesLocked(int channel);
 
     static bool ValidChannel(int channel) { return channel >= 0 && channel < kChannelCount; }
 
