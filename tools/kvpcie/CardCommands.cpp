@@ -128,9 +128,12 @@ int RunReg(const std::vector<std::string>& args) {
         PCIeDataManager manager;
         OpenChosenCard(manager);
         const int result = manager.WriteReg(address, static_cast<int>(value));
+        const std::string reason = manager.LastErrorText();
         manager.CloseCard();
         if (result != 4) {
-            throw RuntimeError{"the register write failed (" + std::to_string(result) + ")"};
+            throw RuntimeError{reason.empty() ? "the register write failed (" +
+                                                    std::to_string(result) + ")"
+                                              : reason};
         }
         return 0;
     }

@@ -31,8 +31,12 @@ void RequireReadableFile(const std::string& path);
 // The card that --card chose: its index in the XDMA listing (0 by default).
 extern int chosenCard;
 // Opens the chosen XDMA card; a runtime error that says how to use the simulated card when none
-// is found, and one that says how many are listed when the chosen one is not.
-void OpenChosenCard(PCIeDataManager& manager);
+// is found, and one that says how many are listed when the chosen one is not. Returns the
+// card's path.
+std::string OpenChosenCard(PCIeDataManager& manager);
+// The number of the simulated card in this process that `path` names; -1 for any other card
+// (a real one, or the driver model's in its own process).
+int InProcessSimCardNumber(const std::string& path);
 // The simulated card answers its identity register.
 bool IsSimulatedCard(PCIeDataManager& manager);
 

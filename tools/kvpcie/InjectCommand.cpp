@@ -125,8 +125,9 @@ int RunInject(const std::vector<std::string>& args) {
             ++refused;
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         } else {
+            const std::string reason = manager.LastErrorText();
             manager.CloseCard();
-            throw RuntimeError{"the card refused the channel's frames"};
+            throw RuntimeError{"the card refused the channel's frames: " + reason};
         }
         if (Clock::now() >= nextReport) {
             nextReport += std::chrono::seconds(1);

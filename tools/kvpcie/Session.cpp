@@ -51,12 +51,13 @@ void RequireReadableFile(const std::string& path) {
 
 int chosenCard = 0;
 
-void OpenChosenCard(PCIeDataManager& manager) {
+std::string OpenChosenCard(PCIeDataManager& manager) {
     char* paths[4] = {};
     const int count = manager.GetDevices(paths);
     const bool listed = chosenCard < count;
     const bool opened = listed && manager.OpenCard(paths[chosenCard]);
     const std::string reason = manager.LastErrorText();
+    const std::string path = listed ? paths[chosenCard] : "";
     for (char* path : paths) {
         std::free(path);
     }
@@ -70,6 +71,16 @@ void OpenChosenCard(PCIeDataManager& manager) {
     if (!opened) {
         throw RuntimeError{"card " + std::to_string(chosenCard) + " did not open: " + reason};
     }
+    return path;
+}
+
+int InProcessSimCardNumber(const std::string& path) {
+    for (int card : KvPCIeSim::XdmaCardNumbers()) {
+        if (KvPCIeSim::XdmaCardPath(card) == path) {
+            return card;
+        }
+    }
+    return -1;
 }
 
 bool IsSimulatedCard(PCIeDataManager& manager) {
