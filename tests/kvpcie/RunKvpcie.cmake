@@ -1,8 +1,10 @@
 # Runs kvpcie once in a scratch directory as a user would, and checks its exit code and output.
 # TOOL, WORK_DIR, ARGS ("|"-separated), CODE (expected exit code), REGEX (in stdout + stderr);
 # optional ENV ("|"-separated cmake -E env arguments), MAKE_FILE ("name:bytes"), EMULATOR
-# (what runs TOOL, such as Wine for a Windows build) and JSON_GET ("|"-separated path): standard
-# output must then be one JSON document alone, whose value at that path matches JSON_MATCH.
+# (what runs TOOL, such as Wine for a Windows build), COPY_TOOL (run a copy of TOOL in WORK_DIR,
+# whose files beside the program are then the scratch directory's) and JSON_GET ("|"-separated
+# path): standard output must then be one JSON document alone, whose value at that path matches
+# JSON_MATCH.
 file(REMOVE_RECURSE ${WORK_DIR})
 file(MAKE_DIRECTORY ${WORK_DIR})
 foreach(log Capture_AllChannel Inject_AllChannel InjectReadFile)
@@ -14,6 +16,11 @@ if(MAKE_FILE)
     list(GET made 1 bytes)
     string(REPEAT "x" ${bytes} content)
     file(WRITE ${WORK_DIR}/${name} "${content}")
+endif()
+if(COPY_TOOL)
+    file(COPY ${TOOL} DESTINATION ${WORK_DIR})
+    get_filename_component(tool_name ${TOOL} NAME)
+    set(TOOL ${WORK_DIR}/${tool_name})
 endif()
 string(REPLACE "|" ";" args "${ARGS}")
 string(REPLACE "|" ";" env "${ENV}")
