@@ -2,7 +2,7 @@
 // and from its start to its stop the shared card, opened or joined, with the channel claimed.
 #pragma once
 
-#include "SharedCard.h"
+#include <KvPCIeInjectSdk/KvPCIeSharedCard.h>
 
 #include <gst/gst.h>
 
@@ -12,7 +12,7 @@
 
 namespace kvpcie::gst {
 
-using tools::SharedCard;
+using KvPCIe::SharedCard;
 
 // Property ids the elements share; their own follow from kFirstElementProperty.
 enum CardProperty : guint { kPropDevice = 1, kPropChannel, kFirstElementProperty };

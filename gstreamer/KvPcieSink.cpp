@@ -19,7 +19,7 @@
 #include <vector>
 
 using kvpcie::gst::ElementChannel;
-using kvpcie::tools::SharedCard;
+using KvPCIe::SharedCard;
 
 GST_DEBUG_CATEGORY_STATIC(kvpcie_sink_debug);
 #define GST_CAT_DEFAULT kvpcie_sink_debug

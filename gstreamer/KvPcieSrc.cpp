@@ -18,7 +18,7 @@
 using kvpcie::gst::CapturedFrame;
 using kvpcie::gst::CaptureQueue;
 using kvpcie::gst::ElementChannel;
-using kvpcie::tools::SharedCard;
+using KvPCIe::SharedCard;
 
 GST_DEBUG_CATEGORY_STATIC(kvpcie_src_debug);
 #define GST_CAT_DEFAULT kvpcie_src_debug

@@ -2,6 +2,7 @@
 
 #include "Arguments.h"
 #include "FrameLayout.h"
+#include "Waiting.h"
 
 #include <chrono>
 #include <cstring>
@@ -28,10 +29,10 @@ CaptureStream::CaptureStream(std::shared_ptr<CardCore> core, int channel, int wi
                               NameOf(type) + " frame (" + std::to_string(frameBytes_) +
                               " bytes) is larger than a card buffer (20971520 bytes)");
     }
-    tools::SharedCard& card = core_->Open();
-    if (!card.Claim(tools::SharedCard::Direction::Capture, static_cast<unsigned>(channel))) {
+    const CardLease card = core_->Open();
+    if (!card->Claim(KvPCIe::SharedCard::Direction::Capture, static_cast<unsigned>(channel))) {
         throw std::runtime_error("capture channel " + std::to_string(channel) + " of " +
-                                 card.Path() + " is already captured");
+                                 card->Path() + " is already captured");
     }
     frameBuffer_.assign(frameBytes_, 0);
     for (int slot = 0; slot < kRingFrames; ++slot) {
@@ -41,7 +42,7 @@ CaptureStream::CaptureStream(std::shared_ptr<CardCore> core, int channel, int wi
     }
     bool started = false;
     std::string why;
-    core_->Run([&](PCIeDataManager& manager) {
+    CardCore::RunOn(card, [&](PCIeDataManager& manager) {
         eErrorCode error = ERR_NONE;
         started = manager.StartCapture(static_cast<unsigned>(channel), cardTiming, width, height,
                                        type, error, &CaptureStream::OnFrame, this,
@@ -55,15 +56,22 @@ CaptureStream::CaptureStream(std::shared_ptr<CardCore> core, int channel, int wi
             }
         }
     });
-    if (!started || (record && !recording_)) {
-        core_->Run([&](PCIeDataManager& manager) {
+    // A close of the card in another thread while the channel started: it did not see this
+    // stream, so the stream stops itself.
+    const bool closedMeanwhile = core_->closing.load();
+    if (!started || (record && !recording_) || closedMeanwhile) {
+        if (closedMeanwhile) {
+            why = "the card was closed";
+        }
+        CardCore::RunOn(card, [&](PCIeDataManager& manager) {
             if (started) {
                 manager.StopCapture(channel);
             }
         });
-        card.Unclaim(tools::SharedCard::Direction::Capture, static_cast<unsigned>(channel));
+        card->Unclaim(KvPCIe::SharedCard::Direction::Capture, static_cast<unsigned>(channel));
         throw std::runtime_error("capture channel " + std::to_string(channel) +
-                                 " would not start" + (started ? " recording" : "") + ": " + why);
+                                 " would not start" +
+                                 (started && !closedMeanwhile ? " recording" : "") + ": " + why);
     }
     open_ = true;
     core_->streams.insert(this);
@@ -101,42 +109,50 @@ void CaptureStream::OnFrame(int /*channel*/, const char* frame, void* context) {
 }
 
 py::array CaptureStream::Get(std::optional<double> timeout) {
-    if (!open_) {
+    bool closed = false;
+    std::optional<py::array> frame = Take(timeout, closed);
+    if (closed) {
         throw std::runtime_error("the capture of channel " + std::to_string(channel_) +
                                  " is closed");
     }
-    if (timeout && !(*timeout >= 0)) {
-        throw py::value_error("timeout must be 0 or more seconds");
-    }
-    int slot = -1;
-    {
-        py::gil_scoped_release release;
-        std::unique_lock<std::mutex> lock(lock_);
-        const auto has = [this] { return !ready_.Empty(); };
-        if (timeout) {
-            frameReady_.wait_for(lock, std::chrono::duration<double>(*timeout), has);
-        } else {
-            // Woken now and then so that Ctrl-C reaches a script that waits without a limit.
-            while (!frameReady_.wait_for(lock, std::chrono::milliseconds(100), has)) {
-                lock.unlock();
-                {
-                    py::gil_scoped_acquire gil;
-                    if (PyErr_CheckSignals() != 0) {
-                        throw py::error_already_set();
-                    }
-                }
-                lock.lock();
-            }
-        }
-        if (!ready_.Empty()) {
-            slot = ready_.Pop();
-        }
-    }
-    if (slot < 0) {
+    if (!frame) {
         PyErr_SetString(PyExc_TimeoutError,
                         ("no frame of channel " + std::to_string(channel_) + " within " +
                          std::to_string(*timeout) + " s").c_str());
         throw py::error_already_set();
+    }
+    return std::move(*frame);
+}
+
+std::optional<py::array> CaptureStream::Next() {
+    bool closed = false;
+    return Take(std::nullopt, closed);
+}
+
+std::optional<py::array> CaptureStream::Take(std::optional<double> timeout, bool& closed) {
+    if (timeout) {
+        CheckTimeout(*timeout);
+    }
+    const auto deadline = DeadlineAfter(timeout);
+    int slot = -1;
+    {
+        py::gil_scoped_release release;
+        std::unique_lock<std::mutex> lock(lock_);
+        const auto done = [this] { return closed_ || !ready_.Empty(); };
+        // Woken now and then so that Ctrl-C reaches a script that waits.
+        while (!frameReady_.wait_until(lock, SliceEnd(deadline), done) &&
+               (!deadline || WaitClock::now() < *deadline)) {
+            lock.unlock();
+            RaisePendingSignal();
+            lock.lock();
+        }
+        closed = closed_;
+        if (!closed_ && !ready_.Empty()) {
+            slot = ready_.Pop();
+        }
+    }
+    if (slot < 0) {
+        return std::nullopt;
     }
     // The slot is in neither ring now: the polling thread does not touch it.
     py::array frame = std::move(arrays_[slot]);
@@ -152,8 +168,8 @@ py::array CaptureStream::Get(std::optional<double> timeout) {
 
 py::dict CaptureStream::Stats() {
     KvCaptureStatistics stats;
-    if (core_->card) {
-        core_->card->AnyThreadManager().GetCaptureStatistics(channel_, stats);
+    if (const CardLease card = core_->Lease()) {
+        card->AnyThreadManager().GetCaptureStatistics(channel_, stats);
     }
     py::dict result;
     result["frames_delivered"] = stats.framesDelivered;
@@ -177,18 +193,25 @@ void CaptureStream::Close() {
         return;
     }
     open_ = false;
-    const bool recording = recording_;
-    core_->Run([&](PCIeDataManager& manager) {
-        if (recording) {
-            manager.StopRecord(channel_);
-        }
-        manager.StopCapture(channel_);  // no callback runs once it returns
-    });
-    if (core_->card) {
-        core_->card->Unclaim(tools::SharedCard::Direction::Capture,
-                             static_cast<unsigned>(channel_));
+    {
+        std::lock_guard<std::mutex> lock(lock_);
+        closed_ = true;
     }
+    frameReady_.notify_all();
+    // Out of the card's list at once: a close of the card in another thread no longer waits
+    // for this stream, and lets the card go only after this stop, which holds a lease.
     core_->streams.erase(this);
+    const bool recording = recording_;
+    const CardLease card = core_->Lease();
+    if (card) {
+        CardCore::RunOn(card, [&](PCIeDataManager& manager) {
+            if (recording) {
+                manager.StopRecord(channel_);
+            }
+            manager.StopCapture(channel_);  // no callback runs once it returns
+        });
+        card->Unclaim(KvPCIe::SharedCard::Direction::Capture, static_cast<unsigned>(channel_));
+    }
 }
 
 }  // namespace kvpcie::python

@@ -26,8 +26,11 @@ public:
                   ePixelType type, bool cardTiming, bool record);
     ~CaptureStream();
 
-    // The oldest frame not yet taken; TimeoutError after `timeout` seconds (None: no limit).
+    // The oldest frame not yet taken; TimeoutError after `timeout` seconds (None or infinity:
+    // no limit), RuntimeError when the stream is or gets closed.
     pybind11::array Get(std::optional<double> timeout);
+    // The same for iteration: nothing once the stream is or gets closed.
+    std::optional<pybind11::array> Next();
     pybind11::dict Stats();
     void Close();
     bool IsOpen() const { return open_; }
@@ -42,6 +45,9 @@ public:
 
 private:
     static void OnFrame(int channel, const char* frame, void* context);
+    // A ready frame; nothing when the stream was closed before one came or the deadline
+    // passed (`closed` says which).
+    std::optional<pybind11::array> Take(std::optional<double> timeout, bool& closed);
     pybind11::array NewArray() const;
 
     // A ring of slot numbers; at most kRingFrames entries.
@@ -71,8 +77,9 @@ private:
 
     std::array<pybind11::array, kRingFrames> arrays_;  // GIL held
     std::array<char*, kRingFrames> data_{};            // each array's bytes
-    std::mutex lock_;                                  // guards the two rings
+    std::mutex lock_;                                  // guards the two rings and closed_
     std::condition_variable frameReady_;
+    bool closed_ = false;  // wakes every waiter for good
     SlotRing free_;
     SlotRing ready_;
     std::atomic<std::uint64_t> notTaken_{0};

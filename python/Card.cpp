@@ -3,6 +3,7 @@
 #include "Arguments.h"
 #include "FrameLayout.h"
 #include "InjectDrain.h"
+#include "Waiting.h"
 
 #include <QByteArray>
 
@@ -47,11 +48,14 @@ void StatusReceived(int /*channel*/, const QByteArray& data, void* context) {
         return;
     }
     py::gil_scoped_acquire gil;
-    if (!target->callback) {
+    // A reference of its own: the callback may close the card or switch itself off, which
+    // drops the target's.
+    const py::object callback = target->callback;
+    if (!callback) {
         return;
     }
     try {
-        target->callback(py::bytes(data.constData(), static_cast<std::size_t>(data.size())));
+        callback(py::bytes(data.constData(), static_cast<std::size_t>(data.size())));
     } catch (py::error_already_set& error) {
         error.discard_as_unraisable("kvpcie status callback");
     }
@@ -63,7 +67,7 @@ Card::Card(const std::optional<std::string>& path) : core_(std::make_shared<Card
     std::string why;
     {
         py::gil_scoped_release release;
-        core_->card = tools::SharedCard::Acquire(path.value_or(""), why);
+        core_->card = KvPCIe::SharedCard::Acquire(path.value_or(""), why);  // to shared
     }
     if (!core_->card) {
         throw std::runtime_error(why);
@@ -83,7 +87,7 @@ void Card::Close() {
 }
 
 std::string Card::Path() {
-    return core_->Open().Path();
+    return core_->Open()->Path();
 }
 
 std::uint32_t Card::ReadReg(std::int64_t address) {
@@ -173,9 +177,7 @@ void Card::Inject(int channel, const py::array& frame, int frameRate, double tim
     if (frameRate < 1) {
         throw py::value_error("frame_rate must be 1 or more, not " + std::to_string(frameRate));
     }
-    if (!(timeout >= 0)) {
-        throw py::value_error("timeout must be 0 or more seconds");
-    }
+    CheckTimeout(timeout);
     const FrameGeometry geometry = GeometryOf(frame, pixelType);
     if (geometry.type == PIXEL32) {
         throw py::value_error("PIXEL32 frames cannot be injected (the card plays UYVY422, Y8, "
@@ -190,7 +192,7 @@ void Card::Inject(int channel, const py::array& frame, int frameRate, double tim
                               " bytes is larger than a card buffer (20971520 bytes)");
     }
     InjectChannel& playing = core_->inject[channel];
-    tools::SharedCard& card = core_->Open();
+    const CardLease card = core_->Open();
     if (playing.started && (playing.width != geometry.width ||
                             playing.height != geometry.height || playing.type != geometry.type)) {
         throw py::value_error("inject channel " + std::to_string(channel) + " plays " +
@@ -199,24 +201,47 @@ void Card::Inject(int channel, const py::array& frame, int frameRate, double tim
                               " frames since its start; stop_inject(" + std::to_string(channel) +
                               ") before another format");
     }
-    if (!playing.started && !card.Claim(tools::SharedCard::Direction::Inject,
-                                        static_cast<unsigned>(channel))) {
+    const bool claimedHere = !playing.started;
+    if (claimedHere && !card->Claim(KvPCIe::SharedCard::Direction::Inject,
+                                    static_cast<unsigned>(channel))) {
         throw std::runtime_error("inject channel " + std::to_string(channel) + " of " +
-                                 card.Path() + " is already in use");
+                                 card->Path() + " is already in use");
     }
     // The library copies the frame into its queue; a view that is not contiguous is copied first.
     const py::array contiguous = py::array::ensure(frame, py::array::c_style);
     auto* data = static_cast<char*>(const_cast<void*>(contiguous.data()));
     bool queued = false;
     bool full = false;
+    bool closed = false;
     std::string why;
-    {
+    CardCore& core = *core_;
+    // The channel becomes this card's once a frame went in; a close meanwhile stopped it.
+    const auto settle = [&] {
+        --playing.inFlight;
+        if (!claimedHere || playing.started) {
+            return;
+        }
+        if ((queued || full) && !core.closing.load()) {
+            playing = InjectChannel{true, playing.inFlight, geometry.width, geometry.height,
+                                    geometry.type, frameRate};
+        } else {
+            card->Unclaim(KvPCIe::SharedCard::Direction::Inject, static_cast<unsigned>(channel));
+        }
+    };
+    ++playing.inFlight;
+    try {
         py::gil_scoped_release release;
-        const auto deadline =
-            std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout);
+        const auto deadline = DeadlineAfter(timeout);
+        auto nextSignalCheck = WaitClock::now() + kSignalSlice;
         for (;;) {
             eErrorCode error = ERR_NONE;
-            card.Run([&](PCIeDataManager& manager) {
+            card->Run([&](PCIeDataManager& manager) {
+                // On the card thread, in order with a close's stop of the channel: a frame
+                // queued before it is counted as dropped there, and none is queued after it.
+                if (core.closing.load()) {
+                    closed = true;
+                    return;
+                }
                 queued = manager.StartInject(static_cast<unsigned>(channel), frameRate,
                                              geometry.width, geometry.height, geometry.type, 0,
                                              data, error);
@@ -224,20 +249,24 @@ void Card::Inject(int channel, const py::array& frame, int frameRate, double tim
                     why = manager.LastErrorText();
                 }
             });
-            full = !queued && error == ERR_QUEUE_FULL;
-            if (!full || std::chrono::steady_clock::now() >= deadline) {
+            full = !queued && !closed && error == ERR_QUEUE_FULL;
+            if (!full || (deadline && WaitClock::now() >= *deadline)) {
                 break;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            if (WaitClock::now() >= nextSignalCheck) {
+                nextSignalCheck = WaitClock::now() + kSignalSlice;
+                RaisePendingSignal();
+            }
         }
+    } catch (...) {
+        settle();
+        throw;
     }
-    if (!playing.started) {
-        if (!queued && !full) {
-            card.Unclaim(tools::SharedCard::Direction::Inject, static_cast<unsigned>(channel));
-        } else {
-            playing = InjectChannel{true, geometry.width, geometry.height, geometry.type,
-                                    frameRate};
-        }
+    settle();
+    if (closed) {
+        throw std::runtime_error("inject channel " + std::to_string(channel) +
+                                 ": the card was closed before the frame was queued");
     }
     if (full) {
         PyErr_SetString(PyExc_TimeoutError,
@@ -259,23 +288,49 @@ void Card::StopInject(int channel, bool drain) {
     if (!playing.started) {
         return;
     }
-    tools::SharedCard& card = core_->Open();
-    {
-        py::gil_scoped_release release;
-        if (drain) {
-            tools::WaitUntilQueuedFramesPlayed(card.AnyThreadManager(), channel,
-                                               playing.frameRate, [] { return false; });
-        }
-        card.Run([&](PCIeDataManager& manager) { manager.StopInject(channel); });
-    }
-    card.Unclaim(tools::SharedCard::Direction::Inject, static_cast<unsigned>(channel));
+    const CardLease card = core_->Open();
+    // From here the stop is this call's: a close in another thread leaves the channel to it,
+    // and the lease keeps the card open until it has stopped.
     playing.started = false;
+    const int frameRate = playing.frameRate;
+    CardCore& core = *core_;
+    bool closedWhileDraining = false;
+    const auto stop = [&] {
+        py::gil_scoped_release release;
+        card->Run([&](PCIeDataManager& manager) { manager.StopInject(channel); });
+        card->Unclaim(KvPCIe::SharedCard::Direction::Inject, static_cast<unsigned>(channel));
+    };
+    if (drain) {
+        try {
+            py::gil_scoped_release release;
+            auto nextSignalCheck = WaitClock::now() + kSignalSlice;
+            tools::WaitUntilQueuedFramesPlayed(card->AnyThreadManager(), channel, frameRate, [&] {
+                if (core.closing.load()) {
+                    closedWhileDraining = true;
+                    return true;
+                }
+                if (WaitClock::now() >= nextSignalCheck) {
+                    nextSignalCheck = WaitClock::now() + kSignalSlice;
+                    RaisePendingSignal();  // Ctrl-C: the frames still queued are dropped
+                }
+                return false;
+            });
+        } catch (...) {
+            stop();
+            throw;
+        }
+    }
+    stop();
+    if (closedWhileDraining) {
+        throw std::runtime_error("inject channel " + std::to_string(channel) +
+                                 ": the card was closed while stop_inject waited for its frames");
+    }
 }
 
 py::dict Card::InjectStats(int channel) {
     CheckChannel(channel);
     KvInjectStatistics stats;
-    core_->Open().AnyThreadManager().GetInjectStatistics(channel, stats);
+    core_->Open()->AnyThreadManager().GetInjectStatistics(channel, stats);
     py::dict result;
     result["frames_queued"] = stats.framesQueued;
     result["frames_refused"] = stats.framesRefused;
@@ -297,9 +352,9 @@ bool Card::SendCommand(int channel, const py::bytes& data) {
         throw py::value_error("a command is 1 to 1024 bytes, not " +
                               std::to_string(command.size()));
     }
-    tools::SharedCard& card = core_->Open();
+    const CardLease card = core_->Open();
     py::gil_scoped_release release;
-    return card.AnyThreadManager().WriteControlCmd(
+    return card->AnyThreadManager().WriteControlCmd(
         channel, QByteArray(command.data(), static_cast<int>(command.size())));
 }
 

@@ -20,7 +20,7 @@ public:
     ~Card();
 
     void Close();
-    bool IsOpen() const { return core_->card != nullptr; }
+    bool IsOpen() const { return core_->IsOpen(); }
     std::string Path();
 
     std::uint32_t ReadReg(std::int64_t address);

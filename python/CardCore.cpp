@@ -1,7 +1,7 @@
+// The state a card shares with its streams, and its close.
 #include "CardCore.h"
 
 #include "CaptureStream.h"
-#include "InjectDrain.h"
 
 namespace py = pybind11;
 
@@ -12,48 +12,52 @@ std::set<CardCore*>& OpenCores() {
     return *cores;
 }
 
-tools::SharedCard& CardCore::Open() {
-    if (!card) {
+CardLease CardCore::Open() const {
+    if (!IsOpen()) {
         throw std::runtime_error("the card is closed");
     }
-    return *card;
+    return CardLease(card);
 }
 
 void CardCore::Run(const std::function<void(PCIeDataManager&)>& operation) {
-    tools::SharedCard& open = Open();
+    RunOn(Open(), operation);
+}
+
+void CardCore::RunOn(const CardLease& lease,
+                     const std::function<void(PCIeDataManager&)>& operation) {
     py::gil_scoped_release release;
-    open.Run(operation);
+    lease->Run(operation);
 }
 
 void CardCore::Close() {
-    if (!card) {
-        return;
+    if (!card || closing.exchange(true)) {
+        return;  // closed, or another thread is closing it
     }
+    const CardLease lease = Lease();
     while (!streams.empty()) {
         (*streams.begin())->Close();
     }
     for (int channel = 0; channel < 4; ++channel) {
-        if (inject[channel].started) {
-            Run([&](PCIeDataManager& manager) { manager.StopInject(channel); });
-            card->Unclaim(tools::SharedCard::Direction::Inject, static_cast<unsigned>(channel));
-            inject[channel].started = false;
+        InjectChannel& playing = inject[channel];
+        // An inject() still waiting may have started the channel already: it is stopped here,
+        // after that, and its frames are counted as dropped; or it sees the close and refuses.
+        if (playing.started || playing.inFlight > 0) {
+            RunOn(lease, [&](PCIeDataManager& manager) { manager.StopInject(channel); });
+        }
+        if (playing.started) {
+            lease->Unclaim(KvPCIe::SharedCard::Direction::Inject, static_cast<unsigned>(channel));
+            playing.started = false;
         }
         if (status[channel].callback) {
-            Run([&](PCIeDataManager& manager) {
+            RunOn(lease, [&](PCIeDataManager& manager) {
                 manager.SetSystemStatusCallback(channel, nullptr, nullptr, false);
             });
         }
     }
-    {
-        // The last lease closes the card on the card thread, which may wait for a status
-        // callback that needs the GIL.
-        std::unique_ptr<tools::SharedCard> closing = std::move(card);
-        py::gil_scoped_release release;
-        closing.reset();
-    }
     for (StatusTarget& target : status) {
         target.callback = py::object();
     }
+    card.reset();  // `lease` goes last, without the GIL
     OpenCores().erase(this);
 }
 

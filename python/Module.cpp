@@ -20,7 +20,7 @@ py::list ListRiffa() {
     bool listed = false;
     {
         py::gil_scoped_release release;
-        listed = kvpcie::tools::SharedCard::ListRiffa(list);
+        listed = KvPCIe::SharedCard::ListRiffa(list);
     }
     if (!listed && list.fpgaCount <= 0) {
         return devices;
@@ -58,7 +58,7 @@ PYBIND11_MODULE(_kvpcie, m) {
         "list_cards",
         [] {
             py::gil_scoped_release release;
-            return kvpcie::tools::SharedCard::ListCards();
+            return KvPCIe::SharedCard::ListCards();
         },
         "The XDMA card paths, as Card() takes them: ['sim:xdma0'] with KVPCIE_SIM=1 and no "
         "card in the machine.");
@@ -73,7 +73,8 @@ PYBIND11_MODULE(_kvpcie, m) {
                               "were not taken in time is counted in stats['frames_not_taken'].")
         .def("get", &CaptureStream::Get, py::arg("timeout") = 1.0,
              "The oldest frame not yet taken, a new NumPy array of the stream's shape; "
-             "TimeoutError when none comes within `timeout` seconds (None: wait without limit).")
+             "TimeoutError when none comes within `timeout` seconds (None or inf: wait without "
+             "limit), RuntimeError when the stream is closed, also while it waits.")
         .def_property_readonly("stats", &CaptureStream::Stats,
                                "The channel's statistics (the library's counts, snake_case) "
                                "with frames_taken and frames_not_taken of this stream.")
@@ -96,12 +97,14 @@ PYBIND11_MODULE(_kvpcie, m) {
              py::return_value_policy::reference, "The stream itself: `for frame in stream`.")
         .def("__next__",
              [](CaptureStream& s) {
-                 if (!s.IsOpen()) {
+                 std::optional<py::array> frame = s.Next();
+                 if (!frame) {
                      throw py::stop_iteration();
                  }
-                 return s.Get(std::nullopt);
+                 return std::move(*frame);
              },
-             "The next frame, waiting without limit; iteration ends when the stream is closed.");
+             "The next frame, waiting without limit; iteration ends when the stream is closed, "
+             "also by another thread while it waits.");
 
     py::class_<Card>(m, "Card",
                      "One card: Card() opens the first listed card, Card('sim:xdma0') a named "

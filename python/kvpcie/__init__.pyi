@@ -34,7 +34,8 @@ class CaptureStream:
     @property
     def pixel_type(self) -> str: ...
     def get(self, timeout: Optional[float] = 1.0) -> numpy.ndarray:
-        """The oldest frame not yet taken; TimeoutError after `timeout` seconds."""
+        """The oldest frame not yet taken; TimeoutError after `timeout` seconds (None or inf: no
+        limit); RuntimeError when the stream is closed, also by another thread while it waits."""
     def close(self) -> None: ...
     def __enter__(self) -> "CaptureStream": ...
     def __exit__(self, kind: Optional[type], value: Optional[BaseException],

@@ -130,6 +130,10 @@ struct StatusFill {
     std::uint64_t dropped;
 };
 
+void PrintTo(const StatusFill& fill, std::ostream* out) {
+    *out << fill.blocks.size() << " blocks";
+}
+
 class StatusBufferFill : public StatusStatistics,
                          public ::testing::WithParamInterface<StatusFill> {};
 
@@ -167,7 +171,14 @@ INSTANTIATE_TEST_SUITE_P(Blocks, StatusBufferFill,
                          ::testing::Values(StatusFill{{1024, 1024}, 1024, 1024},
                                            StatusFill{{1024, 512}, 1536, 0},
                                            StatusFill{{1024, 512, 1}, 1536, 1},
-                                           StatusFill{{1000, 1000}, 1000, 1000}));
+                                           StatusFill{{1000, 1000}, 1000, 1000}),
+                         [](const ::testing::TestParamInfo<StatusFill>& info) {
+                             std::string name;
+                             for (int length : info.param.blocks) {
+                                 name += (name.empty() ? "" : "_then_") + std::to_string(length);
+                             }
+                             return name;
+                         });
 
 TEST_F(StatusStatistics, BytesTakenFromTheCardAndSwitchedOffBeforeDeliveryCountAsDropped) {
     int calls = 0;

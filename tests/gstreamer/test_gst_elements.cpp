@@ -5,13 +5,17 @@
 
 #include "../capture/CaptureTestSupport.h"
 
+#include <KvPCIeInjectSdk/KvPCIeSharedCard.h>
+
 #include <gst/app/gstappsrc.h>
 #include <gst/video/video.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 namespace kvpcie::testing {
@@ -295,6 +299,54 @@ TEST(KvPcieSrc, FourSourcesCaptureFourChannelsOfOneOpenCard) {
         }
         EXPECT_EQ(count, 10) << "channel " << c;
     }
+}
+
+// The host's own lease (as the Python module or a C host takes it) and a source in the plugin
+// meet one card registry: the library's, not a copy in each front-end.
+TEST(KvPcieElements, AnElementJoinsTheCardThatTheHostHoldsOpenWithChannelsRunning) {
+    ASSERT_TRUE(PrepareTestCard());
+    std::string why;
+    std::unique_ptr<KvPCIe::SharedCard> host = KvPCIe::SharedCard::Acquire("", why);
+    ASSERT_NE(host, nullptr) << why;
+    ASSERT_TRUE(host->Claim(KvPCIe::SharedCard::Direction::Capture, 0));
+    std::vector<char> frame(64 * 32);
+    std::atomic<int> hostFrames{0};
+    bool started = false;
+    host->Run([&](PCIeDataManager& manager) {
+        eErrorCode error = ERR_NONE;
+        started = manager.StartCapture(
+            0, false, 64, 32, Y8, error,
+            [](int, const char*, void* count) { ++*static_cast<std::atomic<int>*>(count); },
+            &hostFrames, frame.data());
+        why = manager.LastErrorText();
+    });
+    ASSERT_TRUE(started) << why;
+    {
+        TestPipeline pipeline("kvpciesrc device=" + host->Path() +
+                              " channel=0 ! fakesink kvpciesrc device=" + host->Path() +
+                              " channel=1 num-buffers=5 ! video/x-raw,format=GRAY8,width=64,"
+                              "height=32 ! appsink sync=false name=out");
+        // Channel 0 is the host's: the first source is refused, saying so.
+        ASSERT_TRUE(pipeline.Valid());
+        gst_element_set_state(pipeline.Get(), GST_STATE_PLAYING);
+        const std::string error = pipeline.ErrorText();
+        EXPECT_NE(error.find("capture channel 0 of " + host->Path() + " is taken"),
+                  std::string::npos)
+            << error;
+    }
+    TestPipeline pipeline("kvpciesrc device=" + host->Path() +
+                          " channel=1 num-buffers=5 ! video/x-raw,format=GRAY8,width=64,"
+                          "height=32 ! appsink sync=false name=out");
+    ASSERT_TRUE(pipeline.SetState(GST_STATE_PLAYING)) << pipeline.ErrorText();
+    int count = 0;
+    while (GstSample* sample = PullSample(pipeline.Element("out"))) {
+        DropSample(sample);
+        ++count;
+    }
+    EXPECT_EQ(count, 5);
+    host->Run([](PCIeDataManager& manager) { manager.StopCapture(0); });
+    host->Unclaim(KvPCIe::SharedCard::Direction::Capture, 0);
+    EXPECT_GT(hostFrames.load(), 0);
 }
 
 TEST(KvPcieElements, AChannelServesOneElementOfEachDirection) {
