@@ -1,8 +1,13 @@
 # A suite that needs an X server with OpenGL. On Linux it gets a virtual one of its own when
-# xvfb-run is installed, else the one in DISPLAY. Under Wine all processes of a prefix share one
-# desktop, which keeps the display it started with, so there the suite runs on the display of
-# the whole run (scripts/windows-check.sh runs ctest under xvfb-run) and skips without one.
-find_program(KVPCIE_XVFB_RUN xvfb-run)
+# Xvfb is installed (tests/support/with-xvfb.sh, which lets Xvfb choose a free display, so suites
+# running at once never share one), else the one in DISPLAY. Under Wine all processes of a
+# prefix share one desktop, which keeps the display it started with, so there the suite runs on
+# the display of the whole run (scripts/windows-check.sh runs ctest under xvfb-run) and skips
+# without one.
+find_program(KVPCIE_XVFB Xvfb)
+if(KVPCIE_XVFB)
+    set(KVPCIE_XVFB_RUN ${PROJECT_SOURCE_DIR}/tests/support/with-xvfb.sh)
+endif()
 if(CMAKE_CROSSCOMPILING_EMULATOR)
     set(KVPCIE_DISPLAY_TEST_TIMEOUT 180)
 else()

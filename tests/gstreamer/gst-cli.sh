@@ -83,9 +83,9 @@ readme)
 display)
     # The README's display line under an X server of its own, then a screenshot of that server.
     if [ -z "${KVPCIE_ON_OWN_DISPLAY:-}" ]; then
-        need xvfb-run
+        need Xvfb
         export KVPCIE_ON_OWN_DISPLAY=1
-        exec xvfb-run -a -s "-screen 0 1024x768x24" "$0" "$@"
+        exec "$(dirname "$0")/../support/with-xvfb.sh" -s "-screen 0 1024x768x24" "$0" "$@"
     fi
     need_elements videoconvert autovideosink ximagesrc
     gst-launch-1.0 kvpciesrc ! videoconvert ! autovideosink >display.log 2>&1 &
