@@ -87,8 +87,8 @@ CopyCost MeasureCopyCost(PCIeDataManager& manager, std::vector<char>& frame) {
             std::fprintf(stderr, "the channel did not start\n");
             return {};
         }
-        // The worker hands the card's eight free buffers over first (with the frame, or empty
-        // when the queue has none), untimed, so that its copies into them do not share the
+        // The worker hands the card's eight free buffers over first (the first frame, then the
+        // same newest frame again while the queue has none), untimed, so that its copies into them do not share the
         // memory bus with the timed calls; after that, at one frame per second, the card
         // releases nothing for seconds.
         const auto filled = Clock::now() + std::chrono::milliseconds(500);
