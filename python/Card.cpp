@@ -232,7 +232,7 @@ void Card::Inject(int channel, const py::array& frame, int frameRate, double tim
     try {
         py::gil_scoped_release release;
         const auto deadline = DeadlineAfter(timeout);
-        auto nextSignalCheck = WaitClock::now() + kSignalSlice;
+        SignalPoll pollSignals;
         for (;;) {
             eErrorCode error = ERR_NONE;
             card->Run([&](PCIeDataManager& manager) {
@@ -254,10 +254,7 @@ void Card::Inject(int channel, const py::array& frame, int frameRate, double tim
                 break;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            if (WaitClock::now() >= nextSignalCheck) {
-                nextSignalCheck = WaitClock::now() + kSignalSlice;
-                RaisePendingSignal();
-            }
+            pollSignals();
         }
     } catch (...) {
         settle();
@@ -303,16 +300,13 @@ void Card::StopInject(int channel, bool drain) {
     if (drain) {
         try {
             py::gil_scoped_release release;
-            auto nextSignalCheck = WaitClock::now() + kSignalSlice;
+            SignalPoll pollSignals;  // Ctrl-C: the frames still queued are dropped
             tools::WaitUntilQueuedFramesPlayed(card->AnyThreadManager(), channel, frameRate, [&] {
                 if (core.closing.load()) {
                     closedWhileDraining = true;
                     return true;
                 }
-                if (WaitClock::now() >= nextSignalCheck) {
-                    nextSignalCheck = WaitClock::now() + kSignalSlice;
-                    RaisePendingSignal();  // Ctrl-C: the frames still queued are dropped
-                }
+                pollSignals();
                 return false;
             });
         } catch (...) {

@@ -48,4 +48,20 @@ inline void RaisePendingSignal() {
     }
 }
 
+// For loops that wait in short steps of their own: looks for a signal once per slice.
+class SignalPoll {
+public:
+    // Without the GIL; raises as RaisePendingSignal does.
+    void operator()() {
+        const auto now = WaitClock::now();
+        if (now >= next_) {
+            next_ = now + kSignalSlice;
+            RaisePendingSignal();
+        }
+    }
+
+private:
+    WaitClock::time_point next_ = WaitClock::now() + kSignalSlice;
+};
+
 }  // namespace kvpcie::python
