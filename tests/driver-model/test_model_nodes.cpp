@@ -1,4 +1,6 @@
-// The driver model's names: what each path is, what each directory lists, and its options.
+// The driver model's names: what each path is, what each directory lists, the numbers FUSE
+// knows them by, and its options.
+#include "InodeTable.h"
 #include "ModelNodes.h"
 #include "SimdOptions.h"
 
@@ -103,6 +105,23 @@ TEST(SimdOptions, MountIsRequiredAndCardsAreOneToFour) {
     }
     EXPECT_TRUE(ParseSimdOptions({"--help"}, options, error));
     EXPECT_TRUE(options.help);
+}
+
+TEST(InodeTable, EachPathKeepsOneNumberAndTheRootIsFusesRoot) {
+    InodeTable inodes;
+    EXPECT_EQ(inodes.PathOf(InodeTable::kRoot), "/");
+    EXPECT_EQ(inodes.NumberOf("/"), InodeTable::kRoot);
+    const std::uint64_t user = inodes.NumberOf("/dev/xdma0_user");
+    const std::uint64_t dev = inodes.NumberOf("/dev");
+    EXPECT_NE(user, dev);
+    EXPECT_NE(user, InodeTable::kRoot);
+    EXPECT_EQ(inodes.NumberOf("/dev/xdma0_user"), user);
+    EXPECT_EQ(inodes.PathOf(user), "/dev/xdma0_user");
+    EXPECT_EQ(inodes.PathOf(dev), "/dev");
+    EXPECT_FALSE(inodes.PathOf(0));
+    EXPECT_FALSE(inodes.PathOf(user + dev + 1));
+    EXPECT_EQ(InodeTable::ChildPath("/", "dev"), "/dev");
+    EXPECT_EQ(InodeTable::ChildPath("/dev", "xdma0_user"), "/dev/xdma0_user");
 }
 
 }  // namespace

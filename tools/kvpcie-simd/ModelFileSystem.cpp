@@ -4,41 +4,45 @@
 
 #include "sim/SimCardRegisters.h"
 
-#include <fuse.h>
 #include <fuse_lowlevel.h>
 #include <poll.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace kvpcie::simd {
 namespace {
 
-// A read on an events node waits for ever on the driver; the model waits in slices of this,
-// so that an interrupted or stopping request ends soon.
-constexpr std::chrono::milliseconds kEventWaitSlice{100};
 // The XDMA driver's control (config BAR) space.
 constexpr std::uint64_t kControlSpaceBytes = 0x10000;
 // What sysfs shows as the size of every attribute.
 constexpr std::uint64_t kAttributeBytes = 4096;
+// Cards leave and return: nothing the kernel remembers about a name may outlive a call.
+constexpr double kNoCaching = 0.0;
 
 // FUSE calls the operations from C: an exception must not leave them. Only allocations can
-// throw here, and a request that meets one is answered as the kernel answers a lack of memory.
+// throw here, always before the answer, and a request that meets one is answered as the kernel
+// answers a lack of memory.
 template <typename Body>
-int Guarded(Body body) {
+void Guarded(fuse_req_t request, Body body) {
     try {
-        return body();
+        body();
     } catch (...) {
-        return -ENOMEM;
+        fuse_reply_err(request, ENOMEM);
     }
 }
 
-ModelFileSystem& Model() {
-    return *static_cast<ModelFileSystem*>(fuse_get_context()->private_data);
+ModelFileSystem& Model(fuse_req_t request) {
+    return *static_cast<ModelFileSystem*>(fuse_req_userdata(request));
 }
 
 ModelFileSystem::OpenFile& FileOf(fuse_file_info* info) {
@@ -83,120 +87,209 @@ mode_t NodeMode(NodeKind kind) {
 
 // Regular files rather than character devices: the kernel would open a device node's own
 // driver, not ours.
-int GetAttr(const char* path, struct stat* attributes, fuse_file_info*) {
-    return Guarded([&] {
-        const std::optional<Node> node = FindNode(path, Model());
+struct stat Attributes(fuse_req_t request, const Node& node, fuse_ino_t inode) {
+    struct stat attributes {};
+    attributes.st_ino = inode;
+    attributes.st_mode = NodeMode(node.kind);
+    attributes.st_nlink = node.kind == NodeKind::Directory ? 2 : 1;
+    attributes.st_uid = fuse_req_ctx(request)->uid;
+    attributes.st_gid = fuse_req_ctx(request)->gid;
+    if (node.kind != NodeKind::Directory) {
+        attributes.st_size = static_cast<off_t>(NodeBytes(node.kind));
+    }
+    return attributes;
+}
+
+// The path and node that `inode` names now; nullopt when its card has left the bus.
+std::optional<std::pair<std::string, Node>> NodeOf(fuse_req_t request, fuse_ino_t inode) {
+    std::optional<std::string> path = Model(request).Inodes().PathOf(inode);
+    if (!path) {
+        return std::nullopt;
+    }
+    const std::optional<Node> node = FindNode(*path, Model(request));
+    if (!node) {
+        return std::nullopt;
+    }
+    return std::make_pair(std::move(*path), *node);
+}
+
+void Lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
+    Guarded(request, [&] {
+        ModelFileSystem& model = Model(request);
+        const std::optional<std::string> directory = model.Inodes().PathOf(parent);
+        const std::string path = directory ? InodeTable::ChildPath(*directory, name) : "";
+        const std::optional<Node> node = FindNode(path, model);
         if (!node) {
-            return -ENOENT;
+            fuse_reply_err(request, ENOENT);
+            return;
         }
-        std::memset(attributes, 0, sizeof *attributes);
-        attributes->st_mode = NodeMode(node->kind);
-        attributes->st_nlink = node->kind == NodeKind::Directory ? 2 : 1;
-        attributes->st_uid = fuse_get_context()->uid;
-        attributes->st_gid = fuse_get_context()->gid;
-        if (node->kind != NodeKind::Directory) {
-            attributes->st_size = static_cast<off_t>(NodeBytes(node->kind));
-        }
-        return 0;
+        fuse_entry_param entry{};
+        entry.ino = model.Inodes().NumberOf(path);
+        entry.attr = Attributes(request, *node, entry.ino);
+        entry.attr_timeout = kNoCaching;
+        entry.entry_timeout = kNoCaching;
+        fuse_reply_entry(request, &entry);
     });
 }
 
-int ReadDir(const char* path, void* buffer, fuse_fill_dir_t fill, off_t, fuse_file_info*,
-            fuse_readdir_flags) {
-    return Guarded([&] {
-        const std::optional<std::vector<std::string>> names = ListDirectory(path, Model());
+void GetAttr(fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
+    Guarded(request, [&] {
+        const auto node = NodeOf(request, inode);
+        if (!node) {
+            fuse_reply_err(request, ENOENT);
+            return;
+        }
+        const struct stat attributes = Attributes(request, node->second, inode);
+        fuse_reply_attr(request, &attributes, kNoCaching);
+    });
+}
+
+// Only a truncation is taken, and does nothing: shells write sysfs attributes with O_TRUNC
+// ("echo 1 > remove"). Modes, owners and times cannot be set.
+void SetAttr(fuse_req_t request, fuse_ino_t inode, struct stat*, int toSet, fuse_file_info*) {
+    Guarded(request, [&] {
+        const auto node = NodeOf(request, inode);
+        if (!node) {
+            fuse_reply_err(request, ENOENT);
+            return;
+        }
+        if ((toSet & (FUSE_SET_ATTR_MODE | FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID |
+                      FUSE_SET_ATTR_ATIME | FUSE_SET_ATTR_MTIME)) != 0) {
+            fuse_reply_err(request, ENOSYS);
+            return;
+        }
+        const struct stat attributes = Attributes(request, node->second, inode);
+        fuse_reply_attr(request, &attributes, kNoCaching);
+    });
+}
+
+void ReadDir(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fuse_file_info*) {
+    Guarded(request, [&] {
+        ModelFileSystem& model = Model(request);
+        const std::optional<std::string> path = model.Inodes().PathOf(inode);
+        const std::optional<std::vector<std::string>> names =
+            path ? ListDirectory(*path, model) : std::nullopt;
         if (!names) {
-            return -ENOTDIR;
+            fuse_reply_err(request, ENOTDIR);
+            return;
         }
-        fill(buffer, ".", nullptr, 0, fuse_fill_dir_flags{});
-        fill(buffer, "..", nullptr, 0, fuse_fill_dir_flags{});
-        for (const std::string& name : *names) {
-            fill(buffer, name.c_str(), nullptr, 0, fuse_fill_dir_flags{});
+        std::vector<std::string> entries{".", ".."};
+        entries.insert(entries.end(), names->begin(), names->end());
+        std::vector<char> buffer(size);
+        std::size_t used = 0;
+        for (std::size_t index = offset < 0 ? 0 : static_cast<std::size_t>(offset);
+             index < entries.size(); ++index) {
+            struct stat attributes {};
+            if (index < 2) {
+                attributes.st_mode = S_IFDIR;
+            } else {
+                const std::string child = InodeTable::ChildPath(*path, entries[index]);
+                const std::optional<Node> node = FindNode(child, model);
+                attributes.st_mode = node ? NodeMode(node->kind) : 0;
+                attributes.st_ino = model.Inodes().NumberOf(child);
+            }
+            // Each entry carries the offset of the next, where a later call goes on.
+            const std::size_t length = fuse_add_direntry(request, buffer.data() + used, size - used,
+                                                         entries[index].c_str(), &attributes,
+                                                         static_cast<off_t>(index + 1));
+            if (length > size - used) {
+                break;
+            }
+            used += length;
         }
-        return 0;
+        fuse_reply_buf(request, buffer.data(), used);
     });
 }
 
-int Open(const char* path, fuse_file_info* info) {
-    return Guarded([&] {
-        const std::optional<Node> node = FindNode(path, Model());
-        if (!node) {
-            return -ENOENT;
+void Open(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
+    Guarded(request, [&] {
+        const auto found = NodeOf(request, inode);
+        if (!found) {
+            fuse_reply_err(request, ENOENT);
+            return;
         }
-        if (node->kind == NodeKind::Directory) {
-            return -EISDIR;
+        const Node& node = found->second;
+        if (node.kind == NodeKind::Directory) {
+            fuse_reply_err(request, EISDIR);
+            return;
         }
-        const bool cardNode = node->card >= 0 && node->kind != NodeKind::PciVendor &&
-                              node->kind != NodeKind::PciDevice &&
-                              node->kind != NodeKind::PciRemove;
-        auto* file = new (std::nothrow) ModelFileSystem::OpenFile{*node, Model().Card(node->card)};
-        if (file == nullptr) {
-            return -ENOMEM;
-        }
+        ModelFileSystem& model = Model(request);
+        const bool cardNode = node.card >= 0 && node.kind != NodeKind::PciVendor &&
+                              node.kind != NodeKind::PciDevice && node.kind != NodeKind::PciRemove;
+        auto file = std::make_unique<ModelFileSystem::OpenFile>(
+            ModelFileSystem::OpenFile{node, model.Card(node.card)});
         file->countsAsOpen = cardNode;
         if (cardNode) {
             file->card->FileOpened();
         }
-        info->fh = reinterpret_cast<std::uint64_t>(file);
-        // Every call reaches the card with its own offset and size, as on a driver's node: no page
-        // cache, no read-ahead, no merged writes.
+        info->fh = reinterpret_cast<std::uint64_t>(file.get());
+        // Every call reaches the card with its own offset and size, as on a driver's node: no
+        // page cache, no read-ahead, no merged writes.
         info->direct_io = 1;
         info->keep_cache = 0;
-        return 0;
+        if (fuse_reply_open(request, info) == -ENOENT) {
+            model.Release(*file);  // the open was interrupted: no release will come for it
+            return;
+        }
+        file.release();
     });
 }
 
-int Read(const char*, char* buffer, size_t size, off_t offset, fuse_file_info* info) {
-    return Model().Read(FileOf(info), buffer, size, offset);
+void Read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info* info) {
+    ModelFileSystem::OpenFile& file = FileOf(info);
+    if (file.node.kind == NodeKind::Events) {
+        Model(request).ReadEvent(request, file, size);
+        return;
+    }
+    const std::unique_ptr<char[]> buffer(new (std::nothrow) char[size == 0 ? 1 : size]);
+    if (!buffer) {
+        fuse_reply_err(request, ENOMEM);
+        return;
+    }
+    const int result = Model(request).Read(file, buffer.get(), size, offset);
+    if (result < 0) {
+        fuse_reply_err(request, -result);
+    } else {
+        fuse_reply_buf(request, buffer.get(), static_cast<std::size_t>(result));
+    }
 }
 
-int Write(const char*, const char* buffer, size_t size, off_t offset, fuse_file_info* info) {
-    return Model().Write(FileOf(info), buffer, size, offset);
+void Write(fuse_req_t request, fuse_ino_t, const char* buffer, size_t size, off_t offset,
+           fuse_file_info* info) {
+    const int result = Model(request).Write(FileOf(info), buffer, size, offset);
+    if (result < 0) {
+        fuse_reply_err(request, -result);
+    } else {
+        fuse_reply_write(request, static_cast<std::size_t>(result));
+    }
 }
 
-int Release(const char*, fuse_file_info* info) {
-    ModelFileSystem::OpenFile* file = &FileOf(info);
-    Model().Release(*file);
-    delete file;
-    return 0;
+void Release(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
+    const std::unique_ptr<ModelFileSystem::OpenFile> file(&FileOf(info));
+    Model(request).Release(*file);
+    fuse_reply_err(request, 0);
 }
 
-int Poll(const char*, fuse_file_info* info, fuse_pollhandle* handle, unsigned* events) {
-    return Guarded([&] {
-        *events = Model().Poll(FileOf(info), handle);
-        return 0;
-    });
+void Poll(fuse_req_t request, fuse_ino_t, fuse_file_info* info, fuse_pollhandle* handle) {
+    Guarded(request, [&] { fuse_reply_poll(request, Model(request).Poll(FileOf(info), handle)); });
 }
 
-// sysfs attributes are written with O_TRUNC by shells ("echo 1 > remove").
-int Truncate(const char* path, off_t, fuse_file_info*) {
-    return Guarded([&] { return FindNode(path, Model()) ? 0 : -ENOENT; });
+void Init(void* model, fuse_conn_info*) {
+    static_cast<ModelFileSystem*>(model)->Start();
 }
 
-void* Init(fuse_conn_info*, fuse_config* config) {
-    // Cards leave and return: nothing the kernel remembers about a name may outlive a call.
-    config->entry_timeout = 0;
-    config->attr_timeout = 0;
-    config->negative_timeout = 0;
-    config->direct_io = 1;
-    // A client that is killed while it waits on an event has its request interrupted: FUSE
-    // then sends SIGUSR1 to the serving thread, whose handler main() installs.
-    config->intr = 1;
-    Model().Start();
-    return fuse_get_context()->private_data;
-}
-
-fuse_operations MakeOperations() {
-    fuse_operations operations{};
+fuse_lowlevel_ops MakeOperations() {
+    fuse_lowlevel_ops operations{};
+    operations.init = Init;
+    operations.lookup = Lookup;
     operations.getattr = GetAttr;
+    operations.setattr = SetAttr;
     operations.readdir = ReadDir;
     operations.open = Open;
     operations.read = Read;
     operations.write = Write;
     operations.release = Release;
     operations.poll = Poll;
-    operations.truncate = Truncate;
-    operations.init = Init;
     return operations;
 }
 
@@ -223,9 +316,13 @@ ModelFileSystem::ModelFileSystem(int cardCount)
     : present_(std::make_unique<std::atomic<bool>[]>(static_cast<std::size_t>(cardCount))) {
     for (int number = 0; number < cardCount; ++number) {
         auto card = std::make_shared<sim::SimXdmaCard>(number);
-        card->SetEventTimeout(kEventWaitSlice);
-        card->SetEventObserver(
-            [this, number](int event) { pollWaiters_.EventRaised(number, event); });
+        // Event reads wait in eventReads_, not in the card: its wait need only take an event
+        // already raised.
+        card->SetEventTimeout(std::chrono::milliseconds(0));
+        card->SetEventObserver([this, number](int event) {
+            pollWaiters_.EventRaised(number, event);
+            eventReads_.Wake();
+        });
         cards_.push_back(std::move(card));
         present_[static_cast<std::size_t>(number)].store(true);
     }
@@ -237,9 +334,19 @@ ModelFileSystem::~ModelFileSystem() {
     }
 }
 
-const fuse_operations& ModelFileSystem::Operations() {
-    static const fuse_operations operations = MakeOperations();
+const fuse_lowlevel_ops& ModelFileSystem::Operations() {
+    static const fuse_lowlevel_ops operations = MakeOperations();
     return operations;
+}
+
+void ModelFileSystem::Start() {
+    pollWaiters_.Start();
+    eventReads_.Start();
+}
+
+void ModelFileSystem::Stop() {
+    eventReads_.Stop();
+    pollWaiters_.Stop();
 }
 
 bool ModelFileSystem::IsPresent(int card) const {
@@ -254,6 +361,7 @@ void ModelFileSystem::RemoveCard(int card) {
     if (IsPresent(card)) {
         present_[static_cast<std::size_t>(card)].store(false);
         pollWaiters_.EventRaised(card, -1);  // pollers see the hang-up at once
+        eventReads_.Wake();                  // and readers the card's absence
     }
 }
 
@@ -295,8 +403,6 @@ int ModelFileSystem::Read(OpenFile& file, char* buffer, std::size_t size, std::i
             }
             return static_cast<int>(moved);
         }
-        case NodeKind::Events:
-            return ReadEvent(file, buffer, size);
         case NodeKind::PciVendor:
         case NodeKind::PciDevice: {
             const std::string text = PciAttributeText(node.kind);
@@ -309,36 +415,17 @@ int ModelFileSystem::Read(OpenFile& file, char* buffer, std::size_t size, std::i
             return static_cast<int>(length);
         }
         default:
-            return -EINVAL;  // host-to-card, remove and rescan are written only
+            return -EINVAL;  // host-to-card, remove and rescan are written only; events wait
     }
 }
 
-int ModelFileSystem::ReadEvent(OpenFile& file, char* buffer, std::size_t size) {
-    if (size < 4) {
-        return -EINVAL;
-    }
-    const std::atomic<bool> neverCancelled{false};
-    for (;;) {
-        switch (file.card->WaitUserEvent(file.node.event, neverCancelled)) {
-            case sim::SimXdmaCard::EventWait::Raised: {
-                // Interrupts since the last read merge into one.
-                const std::uint32_t one = 1;
-                std::memcpy(buffer, &one, 4);
-                return 4;
-            }
-            case sim::SimXdmaCard::EventWait::Failed:
-                return -EIO;
-            case sim::SimXdmaCard::EventWait::TimedOut:
-                break;
-        }
-        // A client killed while it waits, or the daemon unmounting: the request ends.
-        if (fuse_interrupted() != 0 ||
-            fuse_session_exited(fuse_get_session(fuse_get_context()->fuse)) != 0) {
-            return -EINTR;
-        }
-        if (!IsPresent(file.node.card)) {
-            return -ENODEV;
-        }
+void ModelFileSystem::ReadEvent(fuse_req_t request, OpenFile& file, std::size_t size) {
+    if (!IsPresent(file.node.card)) {
+        fuse_reply_err(request, ENODEV);
+    } else if (size < 4) {
+        fuse_reply_err(request, EINVAL);
+    } else {
+        eventReads_.Add(request, file.card, file.node.card, file.node.event);
     }
 }
 

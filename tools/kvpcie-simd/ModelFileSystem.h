@@ -2,7 +2,9 @@
 // driver's device files and sysfs's PCI entries.
 #pragma once
 
+#include "InodeTable.h"
 #include "ModelNodes.h"
+#include "PendingEventReads.h"
 #include "PollWaiters.h"
 
 #include "sim/SimXdmaCard.h"
@@ -11,7 +13,8 @@
 #include <memory>
 #include <vector>
 
-struct fuse_operations;
+struct fuse_lowlevel_ops;
+struct fuse_req;
 
 namespace kvpcie::simd {
 
@@ -25,12 +28,14 @@ public:
     int CardCount() const override { return static_cast<int>(cards_.size()); }
     bool IsPresent(int card) const override;
 
-    // The operations, whose private data must be this object.
-    static const fuse_operations& Operations();
+    // The operations, whose user data must be this object.
+    static const fuse_lowlevel_ops& Operations();
 
-    // Starts the notifier of poll() callers. Called once the process has its final form (after
-    // detaching), since a fork keeps no thread.
-    void Start() { pollWaiters_.Start(); }
+    // Starts the threads that answer event reads and notify poll() callers. Called once the
+    // process has its final form (after detaching), since a fork keeps no thread.
+    void Start();
+    // Ends those threads, once the session's loop has ended and before the session goes.
+    void Stop();
 
     // The sysfs actions: the card leaves the bus (its files vanish, open ones fail), and every
     // card that left comes back restarted.
@@ -44,19 +49,22 @@ public:
         bool countsAsOpen = false;               // a device file, not a sysfs attribute
     };
 
-    // The operations' bodies; they return what FUSE expects (bytes, 0, or -errno).
+    // The operations' bodies; they return bytes, 0, or -errno.
     int Read(OpenFile& file, char* buffer, std::size_t size, std::int64_t offset);
     int Write(OpenFile& file, const char* buffer, std::size_t size, std::int64_t offset);
     unsigned Poll(OpenFile& file, struct fuse_pollhandle* handle);
     void Release(OpenFile& file);
+    // A read of an events node: answered now when it is refused, else once the event comes.
+    void ReadEvent(fuse_req* request, OpenFile& file, std::size_t size);
     std::shared_ptr<sim::SimXdmaCard> Card(int card) const;
+    InodeTable& Inodes() { return inodes_; }
 
 private:
-    int ReadEvent(OpenFile& file, char* buffer, std::size_t size);
-
     std::vector<std::shared_ptr<sim::SimXdmaCard>> cards_;
     std::unique_ptr<std::atomic<bool>[]> present_;
     PollWaiters pollWaiters_;
+    PendingEventReads eventReads_{*this};
+    InodeTable inodes_;
 };
 
 }  // namespace kvpcie::simd

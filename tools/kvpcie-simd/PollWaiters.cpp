@@ -2,19 +2,20 @@
 #define FUSE_USE_VERSION 312
 #include "PollWaiters.h"
 
-#include <fuse.h>
+#include <fuse_lowlevel.h>
 
 #include <algorithm>
 
 namespace kvpcie::simd {
 
 void PollWaiters::Start() {
-    if (!notifier_.joinable()) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!notifier_.joinable() && !stop_) {
         notifier_ = std::thread([this] { Run(); });
     }
 }
 
-PollWaiters::~PollWaiters() {
+void PollWaiters::Stop() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stop_ = true;
@@ -23,6 +24,10 @@ PollWaiters::~PollWaiters() {
     if (notifier_.joinable()) {
         notifier_.join();
     }
+}
+
+PollWaiters::~PollWaiters() {
+    Stop();
     for (auto& [owner, waiter] : waiters_) {
         fuse_pollhandle_destroy(waiter.handle);
     }
@@ -103,7 +108,7 @@ void PollWaiters::Run() {
         // The kernel polls the file again after the notification, and hands over a new handle.
         lock.unlock();
         for (fuse_pollhandle* handle : due) {
-            fuse_notify_poll(handle);
+            fuse_lowlevel_notify_poll(handle);
             fuse_pollhandle_destroy(handle);
         }
         lock.lock();

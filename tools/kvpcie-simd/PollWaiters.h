@@ -24,6 +24,8 @@ public:
 
     // Starts the notifier thread; once.
     void Start();
+    // Ends the notifier thread, before the session that it notifies goes; for good.
+    void Stop();
     // Keeps `handle` for the file `owner`, which waits on (card, event); a handle that the
     // same file left before is released. Any thread.
     void Keep(const void* owner, int card, int event, fuse_pollhandle* handle);

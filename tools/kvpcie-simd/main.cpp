@@ -6,7 +6,6 @@
 #include "MountPoint.h"
 #include "SimdOptions.h"
 
-#include <fuse.h>
 #include <fuse_lowlevel.h>
 
 #include <fcntl.h>
@@ -29,7 +28,9 @@ using kvpcie::simd::ModelFileSystem;
 // (scripts and tests tell "skip" from "fail" by it).
 constexpr int kExitUsage = 1;
 constexpr int kExitNoFuse = 3;
-constexpr unsigned kMaxServingThreads = 64;  // each event read may hold one while it waits
+// Event reads hold no serving thread while they wait: these serve the register, DMA and sysfs
+// calls of a few clients at once.
+constexpr unsigned kMaxServingThreads = 16;
 
 char crashMountPoint[4096];
 
@@ -39,17 +40,6 @@ void DetachOnCrash(int signalNumber) {
     ::umount2(crashMountPoint, MNT_DETACH);
     ::signal(signalNumber, SIG_DFL);
     ::raise(signalNumber);
-}
-
-// FUSE interrupts a request by signalling the thread that serves it (SIGUSR1); the signal only
-// has to end that thread's wait, which then sees fuse_interrupted().
-void IgnoreInterruptSignal(int) {}
-
-void CatchInterruptSignal() {
-    struct sigaction action {};
-    action.sa_handler = IgnoreInterruptSignal;
-    sigemptyset(&action.sa_mask);
-    ::sigaction(SIGUSR1, &action, nullptr);
 }
 
 void DetachOnCrashes() {
@@ -105,8 +95,8 @@ bool PrepareMountPoint(const std::string& dir, std::string& absolutePath) {
     return true;
 }
 
-struct FuseDeleter {
-    void operator()(fuse* f) const { fuse_destroy(f); }
+struct SessionDeleter {
+    void operator()(fuse_session* session) const { fuse_session_destroy(session); }
 };
 struct LoopConfigDeleter {
     void operator()(fuse_loop_config* config) const { fuse_loop_cfg_destroy(config); }
@@ -123,25 +113,23 @@ int Serve(const kvpcie::simd::SimdOptions& options, const std::string& mountPoin
         arguments.push_back(text.data());
     }
     fuse_args args = FUSE_ARGS_INIT(static_cast<int>(arguments.size()), arguments.data());
-    std::unique_ptr<fuse, FuseDeleter> server(
-        fuse_new(&args, &ModelFileSystem::Operations(), sizeof(fuse_operations), &model));
+    std::unique_ptr<fuse_session, SessionDeleter> session(
+        fuse_session_new(&args, &ModelFileSystem::Operations(), sizeof(fuse_lowlevel_ops), &model));
     fuse_opt_free_args(&args);
-    if (!server) {
+    if (!session) {
         std::fprintf(stderr, "kvpcie-simd: FUSE refused to start a file system\n");
         return kExitNoFuse;
     }
-    if (fuse_mount(server.get(), mountPoint.c_str()) != 0) {
+    if (fuse_session_mount(session.get(), mountPoint.c_str()) != 0) {
         std::fprintf(stderr,
                      "kvpcie-simd: cannot mount %s through FUSE (is mounting permitted here?)\n",
                      mountPoint.c_str());
         return kExitNoFuse;
     }
     std::snprintf(crashMountPoint, sizeof crashMountPoint, "%s", mountPoint.c_str());
-    fuse_session* session = fuse_get_session(server.get());
     int result = 1;
-    if (fuse_set_signal_handlers(session) == 0) {
+    if (fuse_set_signal_handlers(session.get()) == 0) {
         DetachOnCrashes();
-        CatchInterruptSignal();
         if (fuse_daemonize(options.foreground ? 1 : 0) == 0) {
             if (options.foreground) {
                 std::printf("kvpcie-simd: serving %d card%s under %s\n", options.cards,
@@ -152,16 +140,17 @@ int Serve(const kvpcie::simd::SimdOptions& options, const std::string& mountPoin
             if (loop) {
                 fuse_loop_cfg_set_max_threads(loop.get(), kMaxServingThreads);
                 // A stop by signal ends the loop with the signal's number: a clean end.
-                const int loopResult = fuse_loop_mt(server.get(), loop.get());
+                const int loopResult = fuse_session_loop_mt(session.get(), loop.get());
                 result = loopResult == 0 || loopResult == SIGTERM || loopResult == SIGINT ||
                                  loopResult == SIGHUP
                              ? 0
                              : 1;
             }
         }
-        fuse_remove_signal_handlers(session);
+        fuse_remove_signal_handlers(session.get());
     }
-    fuse_unmount(server.get());
+    model.Stop();
+    fuse_session_unmount(session.get());
     return result;
 }
 
