@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# kvpcie-simd's own life: one server per directory, a stale mount left by a killed server is
-# cleared, clients blocked on an event hold no serving thread and are released at once when
-# killed, and SIGTERM unmounts. Exits 77 (skipped) where FUSE cannot be used.
+# kvpcie-simd's own life: one server per directory however it is named and however close two
+# start, a stale mount left by a killed server is cleared, clients blocked on an event hold no
+# serving thread and are released at once when killed, and SIGTERM unmounts. Exits 77
+# (skipped) where FUSE cannot be used.
 #   model-daemon.sh SIMD_PROGRAM
 set -uo pipefail
 simd=$1
@@ -115,11 +116,20 @@ read_identity() {
 start_server
 first=$server
 
-# A second server on the same directory refuses, and says why.
-"$simd" --mount "$dir" --foreground >"$work/second.log" 2>&1
-[ $? -eq 1 ] || fail "a second kvpcie-simd on $dir did not fail"
-grep -q "already mounted" "$work/second.log" || fail "the second server did not say why"
-[ -e "$dir/dev/xdma0_user" ] || fail "the second server disturbed the first"
+# A second server on the same directory refuses, and says why, under any of its names.
+ln -s "$dir" "$work/link"
+for name in "$dir" "$dir/" "$work/link" "$work/link/" "$dir/dev/.."; do
+    "$simd" --mount "$name" --foreground >"$work/second.log" 2>&1 &
+    second=$!
+    pids+=("$second")
+    wait_end "$second" 50
+    status=$?
+    [ "$status" -ne 255 ] || fail "a second kvpcie-simd served $dir named as $name"
+    [ "$status" -eq 1 ] || fail "a second kvpcie-simd on $name ended with $status, not 1"
+    grep -q "already" "$work/second.log" || fail "the second server on $name did not say why"
+    [ "$(mounts)" -eq 1 ] || fail "$dir has $(mounts) mounts after a second server on $name"
+    [ -e "$dir/dev/xdma0_user" ] || fail "the second server on $name disturbed the first"
+done
 
 # More clients blocked on an event than the server has serving threads: a register read still
 # gets its answer, and the waiters, once killed, end at once instead of hanging (state D).
@@ -168,4 +178,47 @@ status=$?
 [ "$status" -eq 0 ] || fail "kvpcie-simd ended with status $status on SIGTERM"
 mounted && fail "kvpcie-simd left $dir mounted"
 
+# Two servers started at the same moment: one serves, the other refuses, and once the first
+# ends nothing is left mounted. Both wait on a pipe, which one write lets go together; this
+# shell keeps it open until both have read, as a pipe that nobody holds loses what it had.
+# Rounds enough to meet the moment when both find the directory free (1 round in 8 did).
+for round in $(seq 1 32); do
+    rm -f "$work/go"
+    mkfifo "$work/go"
+    exec 3<>"$work/go"
+    racers=()
+    for name in a b; do
+        { exec 3>&- && read -r _ <"$work/go" && exec "$simd" --mount "$dir" --foreground; } \
+            >"$work/race-$name.log" 2>&1 &
+        racers+=($!)
+        pids+=($!)
+    done
+    await_blocked "${racers[@]}" || fail "round $round: the servers did not come to the start"
+    printf 'go\ngo\n' >&3
+    for _ in $(seq 1 100); do
+        [ "$(mounts)" -gt 1 ] && break
+        if gone "${racers[0]}" || gone "${racers[1]}"; then
+            [ -e "$dir/dev/xdma0_user" ] && break
+        fi
+        sleep 0.1
+    done
+    [ "$(mounts)" -le 1 ] || fail "round $round: both servers started at once mounted $dir"
+    if gone "${racers[0]}"; then
+        loser=${racers[0]} winner=${racers[1]} log=$work/race-a.log
+    else
+        loser=${racers[1]} winner=${racers[0]} log=$work/race-b.log
+    fi
+    gone "$loser" || fail "round $round: neither of two servers started at once refused"
+    gone "$winner" && fail "round $round: both servers started at once ended"
+    wait "$loser" 2>/dev/null
+    status=$?
+    [ "$status" -eq 1 ] || fail "round $round: the refused server ended with $status, not 1"
+    grep -q "already" "$log" || fail "round $round: the refused server did not say why"
+    [ -e "$dir/dev/xdma0_user" ] || fail "round $round: the remaining server does not serve"
+    kill -TERM "$winner"
+    wait_end "$winner" 20
+    [ $? -eq 0 ] || fail "round $round: the serving server did not end cleanly on SIGTERM"
+    mounted && fail "round $round: a mount was left on $dir after both servers ended"
+    exec 3>&-
+done
 echo "ok: daemon"

@@ -1,12 +1,19 @@
 // The driver model's names: what each path is, what each directory lists, the numbers FUSE
-// knows them by, and its options.
+// knows them by, its options, and the names and lock of the directory it serves.
 #include "InodeTable.h"
 #include "ModelNodes.h"
+#include "MountLock.h"
+#include "MountPoint.h"
 #include "SimdOptions.h"
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
 
 namespace kvpcie::simd {
 namespace {
@@ -122,6 +129,85 @@ TEST(InodeTable, EachPathKeepsOneNumberAndTheRootIsFusesRoot) {
     EXPECT_FALSE(inodes.PathOf(user + dev + 1));
     EXPECT_EQ(InodeTable::ChildPath("/", "dev"), "/dev");
     EXPECT_EQ(InodeTable::ChildPath("/dev", "xdma0_user"), "/dev/xdma0_user");
+}
+
+// A directory of its own under the temporary directory, removed with everything in it.
+class ScratchDirectory {
+public:
+    ScratchDirectory() {
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "simd-mount.XXXXXX").string();
+        if (::mkdtemp(pattern.data()) != nullptr) {
+            path_ = std::filesystem::canonical(pattern).string();
+        }
+    }
+    ~ScratchDirectory() {
+        std::error_code ignored;
+        if (!path_.empty()) {
+            std::filesystem::remove_all(path_, ignored);
+        }
+    }
+    ScratchDirectory(const ScratchDirectory&) = delete;
+    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+    const std::string& Path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+TEST(MountTablePath, EveryNameOfADirectoryResolvesToItsOnePath) {
+    ScratchDirectory scratch;
+    ASSERT_FALSE(scratch.Path().empty());
+    const std::string root = scratch.Path() + "/root";
+    std::filesystem::create_directories(root + "/sub");
+    std::filesystem::create_directory_symlink(root, scratch.Path() + "/link");
+    std::filesystem::create_directory_symlink("link", scratch.Path() + "/relative");
+    std::filesystem::create_directory_symlink(scratch.Path() + "/link/sub/..",
+                                              scratch.Path() + "/up");
+    for (const std::string& name :
+         {root, root + "/", root + "//", root + "/.", root + "/sub/..", root + "/sub/../",
+          scratch.Path() + "/link", scratch.Path() + "/link/", scratch.Path() + "/relative",
+          scratch.Path() + "/up", scratch.Path() + "/./root"}) {
+        EXPECT_EQ(MountTablePath(name), root) << name;
+    }
+    // A name that does not exist yet is the one the mount would fail on.
+    EXPECT_EQ(MountTablePath(root + "/none"), root + "/none");
+    EXPECT_EQ(MountTablePath(scratch.Path() + "/none/x"), "");
+}
+
+TEST(MountTablePath, ALoopOfLinksIsRefused) {
+    ScratchDirectory scratch;
+    ASSERT_FALSE(scratch.Path().empty());
+    std::filesystem::create_symlink("b", scratch.Path() + "/a");
+    std::filesystem::create_symlink("a", scratch.Path() + "/b");
+    errno = 0;
+    const std::string resolved = MountTablePath(scratch.Path() + "/a");
+    const int error = errno;
+    EXPECT_EQ(resolved, "");
+    EXPECT_EQ(error, ELOOP);
+}
+
+TEST(MountLock, OneHolderPerDirectoryUnderAnyNameUntilItGoes) {
+    ScratchDirectory scratch;
+    ASSERT_FALSE(scratch.Path().empty());
+    const std::string root = scratch.Path() + "/root";
+    std::filesystem::create_directory(root);
+    std::filesystem::create_directory_symlink(root, scratch.Path() + "/link");
+    {
+        MountLock first;
+        ASSERT_EQ(first.Take(root), MountLock::Outcome::Taken);
+        MountLock second;
+        EXPECT_EQ(second.Take(MountTablePath(scratch.Path() + "/link")), MountLock::Outcome::Held);
+        MountLock third;
+        EXPECT_EQ(third.Take(scratch.Path() + "/link/"), MountLock::Outcome::Held);
+    }
+    MountLock after;
+    EXPECT_EQ(after.Take(root), MountLock::Outcome::Taken);
+    MountLock missing;
+    const MountLock::Outcome outcome = missing.Take(scratch.Path() + "/none");
+    const int error = errno;
+    EXPECT_EQ(outcome, MountLock::Outcome::Failed);
+    EXPECT_EQ(error, ENOENT);
 }
 
 }  // namespace

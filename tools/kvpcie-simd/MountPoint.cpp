@@ -15,6 +15,8 @@
 namespace kvpcie::simd {
 namespace {
 
+constexpr int kMaxLinksFollowed = 40;
+
 // The mount table writes a space, tab, newline and backslash in a path as octal escapes.
 std::string UnescapeMountPath(const std::string& field) {
     std::string path;
@@ -50,22 +52,43 @@ bool IsInMountTable(const std::string& absolutePath) {
 
 std::string MountTablePath(const std::string& dir) {
     std::string path = dir;
-    while (path.size() > 1 && path.back() == '/') {
-        path.pop_back();
+    // As the kernel does, a chain of links longer than this is refused.
+    for (int link = 0; link <= kMaxLinksFollowed; ++link) {
+        while (path.size() > 1 && path.back() == '/') {
+            path.pop_back();
+        }
+        const std::size_t slash = path.rfind('/');
+        const std::string parent =
+            slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+        const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+        char resolved[PATH_MAX];
+        if (::realpath(parent.c_str(), resolved) == nullptr) {
+            return {};
+        }
+        const std::string base = resolved;
+        if (name.empty() || name == ".") {
+            return base;
+        }
+        if (name == "..") {
+            const std::size_t up = base.rfind('/');
+            return up == 0 || up == std::string::npos ? "/" : base.substr(0, up);
+        }
+        const std::string candidate = base == "/" ? "/" + name : base + "/" + name;
+        // lstat of a stale mount fails (ENOTCONN): it is a directory, not a link.
+        struct stat status {};
+        if (::lstat(candidate.c_str(), &status) != 0 || !S_ISLNK(status.st_mode)) {
+            return candidate;
+        }
+        char target[PATH_MAX];
+        const ssize_t length = ::readlink(candidate.c_str(), target, sizeof target - 1);
+        if (length < 0) {
+            return {};
+        }
+        target[length] = '\0';
+        path = target[0] == '/' ? std::string(target) : base + "/" + target;
     }
-    const std::size_t slash = path.rfind('/');
-    const std::string parent =
-        slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
-    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    char resolved[PATH_MAX];
-    if (::realpath(parent.c_str(), resolved) == nullptr) {
-        return {};
-    }
-    const std::string base = resolved;
-    if (name.empty() || name == ".") {
-        return base;
-    }
-    return base == "/" ? "/" + name : base + "/" + name;
+    errno = ELOOP;
+    return {};
 }
 
 MountState InspectMountPoint(const std::string& absolutePath) {

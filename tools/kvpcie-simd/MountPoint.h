@@ -5,8 +5,9 @@
 
 namespace kvpcie::simd {
 
-// The absolute path of `dir` as the mount table writes it (its parent resolved, so that a
-// stale mount on `dir` itself is never touched); empty when the parent does not exist.
+// The absolute path of `dir` as the mount table writes it, whatever name it is given (symbolic
+// links, "." and "..", trailing slashes). A stale mount on `dir` itself is never looked into,
+// as that fails. Empty, with errno set, when `dir` cannot be resolved.
 std::string MountTablePath(const std::string& dir);
 
 enum class MountState {

@@ -3,6 +3,7 @@
 // card, and several processes share one card.
 #define FUSE_USE_VERSION 312
 #include "ModelFileSystem.h"
+#include "MountLock.h"
 #include "MountPoint.h"
 #include "SimdOptions.h"
 
@@ -58,41 +59,68 @@ bool FuseDeviceUsable() {
     return true;
 }
 
-// Checks DIR and clears a stale mount on it; false (with the reason printed) when DIR cannot
-// be used.
-bool PrepareMountPoint(const std::string& dir, std::string& absolutePath) {
-    absolutePath = kvpcie::simd::MountTablePath(dir);
-    if (absolutePath.empty()) {
-        std::fprintf(stderr, "kvpcie-simd: %s: the directory's parent does not exist\n",
-                     dir.c_str());
-        return false;
-    }
+void SayAlreadyMounted(const std::string& absolutePath) {
+    std::fprintf(stderr,
+                 "kvpcie-simd: %s is already mounted (another kvpcie-simd serving it?); "
+                 "stop that one, or unmount with: fusermount3 -u %s\n",
+                 absolutePath.c_str(), absolutePath.c_str());
+}
+
+// Clears a stale mount on the directory; false (with the reason printed) when something is
+// served there or the stale mount stays.
+bool ClearMountPoint(const std::string& absolutePath) {
     switch (kvpcie::simd::InspectMountPoint(absolutePath)) {
         case kvpcie::simd::MountState::Served:
-            std::fprintf(stderr,
-                         "kvpcie-simd: %s is already mounted (another kvpcie-simd serving it?); "
-                         "stop that one, or unmount with: fusermount3 -u %s\n",
-                         absolutePath.c_str(), absolutePath.c_str());
+            SayAlreadyMounted(absolutePath);
             return false;
         case kvpcie::simd::MountState::Stale:
             std::fprintf(stderr,
                          "kvpcie-simd: %s was left mounted by a server that has gone; "
                          "detaching it\n",
                          absolutePath.c_str());
-            if (!kvpcie::simd::DetachStaleMount(absolutePath)) {
+            // Another server starting now may have detached it first.
+            if (!kvpcie::simd::DetachStaleMount(absolutePath) &&
+                kvpcie::simd::InspectMountPoint(absolutePath) != kvpcie::simd::MountState::Free) {
                 std::fprintf(stderr, "kvpcie-simd: cannot detach the stale mount on %s\n",
                              absolutePath.c_str());
                 return false;
             }
-            break;
+            return true;
         case kvpcie::simd::MountState::Free:
-            break;
+            return true;
     }
-    if (::access(absolutePath.c_str(), F_OK) != 0) {
-        std::fprintf(stderr, "kvpcie-simd: %s: %s\n", absolutePath.c_str(), std::strerror(errno));
+    return false;
+}
+
+// Resolves DIR, clears a stale mount on it and takes its lock; false (with the reason printed)
+// when DIR cannot be used or another server has it.
+bool ClaimMountPoint(const std::string& dir, std::string& absolutePath,
+                     kvpcie::simd::MountLock& lock) {
+    absolutePath = kvpcie::simd::MountTablePath(dir);
+    if (absolutePath.empty()) {
+        std::fprintf(stderr, "kvpcie-simd: %s: %s\n", dir.c_str(), std::strerror(errno));
         return false;
     }
-    return true;
+    if (!ClearMountPoint(absolutePath)) {
+        return false;
+    }
+    switch (lock.Take(absolutePath)) {
+        case kvpcie::simd::MountLock::Outcome::Taken:
+            break;
+        case kvpcie::simd::MountLock::Outcome::Held:
+            std::fprintf(stderr,
+                         "kvpcie-simd: %s is already taken by another kvpcie-simd, starting "
+                         "on it now\n",
+                         absolutePath.c_str());
+            return false;
+        case kvpcie::simd::MountLock::Outcome::Failed:
+            std::fprintf(stderr, "kvpcie-simd: %s: %s\n", absolutePath.c_str(),
+                         std::strerror(errno));
+            return false;
+    }
+    // A server that mounted between the first look and the lock: the lock then sits on its
+    // file system, not on the directory.
+    return ClearMountPoint(absolutePath);
 }
 
 struct SessionDeleter {
@@ -172,7 +200,8 @@ int main(int argc, char** argv) {
         return kExitNoFuse;
     }
     std::string mountPoint;
-    if (!PrepareMountPoint(options.mountDir, mountPoint)) {
+    kvpcie::simd::MountLock lock;  // held until the server has unmounted
+    if (!ClaimMountPoint(options.mountDir, mountPoint, lock)) {
         return kExitUsage;
     }
     return Serve(options, mountPoint);
