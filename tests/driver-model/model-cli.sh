@@ -30,8 +30,12 @@ list)
     grep -q "$root/dev/xdma0" "$scratch/out" || fail "kvpcie list does not show $root/dev/xdma0"
     ;;
 loopback)
-    run loopback --seconds 3 --width 160 --height 120 || fail "kvpcie loopback failed"
-    grep -q '^PASS' "$scratch/out" || fail "kvpcie loopback did not print PASS"
+    # Twice on the one card: the second run must see nothing of the first (no replayed frame).
+    for round in 1 2; do
+        run loopback --seconds 3 --width 160 --height 120 ||
+            fail "kvpcie loopback $round failed"
+        grep -q '^PASS' "$scratch/out" || fail "kvpcie loopback $round did not print PASS"
+    done
     ;;
 registers)
     # One process writes, the next reads the same card.

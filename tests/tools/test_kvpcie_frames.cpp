@@ -1,9 +1,10 @@
 // kvpcie's self-checking frames as they come back through the card's loopback: the card's
-// counter over the first pixel, a replay after an underrun, and a damaged byte.
+// counter over the first pixel, a replay, a frame of an earlier run, and a damaged byte.
 #include "TestFrames.h"
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <vector>
 
 namespace kvpcie::cli {
@@ -11,43 +12,73 @@ namespace {
 
 constexpr std::size_t kBytes = 4096;
 constexpr int kChannel = 2;
+constexpr std::uint32_t kRun = 0xC0FFEE;
 constexpr int kStampBytes = 2;  // Y16: the counter covers the first pixel
 
 // A test frame as the card plays it: the counter stamped over the first pixel.
-std::vector<char> Played(std::uint32_t number) {
+std::vector<char> Played(std::uint32_t number, std::uint32_t run = kRun, int channel = kChannel) {
     std::vector<char> frame(kBytes);
-    FillTestFrame(frame, kChannel, number);
+    FillTestFrame(frame, channel, run, number);
     frame[0] = static_cast<char>(number & 0xFF);
     frame[1] = static_cast<char>(number >> 8);
     return frame;
 }
 
-TEST(LoopbackCheck, InOrderFramesVerifyAndAnOlderIntactOneIsAReplay) {
+struct Case {
+    const char* what;
+    std::function<std::vector<char>()> frame;
+    std::int64_t lastVerified;
+    LoopbackCheck expected;
+};
+
+class LoopbackCheckTable : public ::testing::TestWithParam<Case> {};
+
+TEST_P(LoopbackCheckTable, SaysWhatCameBack) {
     std::vector<char> scratch(kBytes);
-    EXPECT_EQ(CheckLoopbackFrame(Played(300).data(), scratch, kChannel, kStampBytes, -1),
-              LoopbackCheck::Verified);
-    // The same frame again (the card played no new one) is still in order.
-    EXPECT_EQ(CheckLoopbackFrame(Played(300).data(), scratch, kChannel, kStampBytes, 300),
-              LoopbackCheck::Verified);
-    EXPECT_EQ(CheckLoopbackFrame(Played(292).data(), scratch, kChannel, kStampBytes, 300),
-              LoopbackCheck::Replayed);
+    const std::vector<char> frame = GetParam().frame();
+    EXPECT_EQ(CheckLoopbackFrame(frame.data(), scratch, kChannel, kRun, kStampBytes,
+                                 GetParam().lastVerified),
+              GetParam().expected);
 }
 
-TEST(LoopbackCheck, ADamagedByteAWrongChannelOrAMissingStampIsAMismatch) {
-    std::vector<char> scratch(kBytes);
-    std::vector<char> damaged = Played(7);
-    damaged[kBytes - 1] ^= 1;
-    EXPECT_EQ(CheckLoopbackFrame(damaged.data(), scratch, kChannel, kStampBytes, -1),
-              LoopbackCheck::Mismatched);
-    // Damaged and older: a mismatch, not a replay.
-    EXPECT_EQ(CheckLoopbackFrame(damaged.data(), scratch, kChannel, kStampBytes, 100),
-              LoopbackCheck::Mismatched);
-    EXPECT_EQ(CheckLoopbackFrame(Played(7).data(), scratch, kChannel + 1, kStampBytes, -1),
-              LoopbackCheck::Mismatched);
-    std::vector<char> unstamped(kBytes);
-    FillTestFrame(unstamped, kChannel, 7);
-    EXPECT_EQ(CheckLoopbackFrame(unstamped.data(), scratch, kChannel, kStampBytes, -1),
-              LoopbackCheck::Mismatched);
+INSTANTIATE_TEST_SUITE_P(
+    Frames, LoopbackCheckTable,
+    ::testing::Values(
+        Case{"first", [] { return Played(300); }, -1, LoopbackCheck::Verified},
+        // The same frame again (the card played no new one) is still in order.
+        Case{"same_again", [] { return Played(300); }, 300, LoopbackCheck::Verified},
+        Case{"older", [] { return Played(292); }, 300, LoopbackCheck::Replayed},
+        Case{"earlier_run", [] { return Played(500, kRun + 1); }, -1, LoopbackCheck::EarlierRun},
+        Case{"earlier_run_after_this_ones", [] { return Played(5, kRun + 1); }, 300,
+             LoopbackCheck::EarlierRun},
+        Case{"damaged",
+             [] {
+                 std::vector<char> frame = Played(7);
+                 frame[kBytes - 1] ^= 1;
+                 return frame;
+             },
+             -1, LoopbackCheck::Mismatched},
+        // Damaged and older: a mismatch, not a replay.
+        Case{"damaged_and_older",
+             [] {
+                 std::vector<char> frame = Played(7);
+                 frame[kBytes - 1] ^= 1;
+                 return frame;
+             },
+             100, LoopbackCheck::Mismatched},
+        Case{"other_channel", [] { return Played(7, kRun, kChannel + 1); }, -1,
+             LoopbackCheck::Mismatched},
+        Case{"unstamped",
+             [] {
+                 std::vector<char> frame(kBytes);
+                 FillTestFrame(frame, kChannel, kRun, 7);
+                 return frame;
+             },
+             -1, LoopbackCheck::Mismatched}),
+    [](const ::testing::TestParamInfo<Case>& info) { return std::string(info.param.what); });
+
+TEST(TestRun, TwoRunsGetDifferentTags) {
+    EXPECT_NE(NewTestRun(), NewTestRun());
 }
 
 }  // namespace

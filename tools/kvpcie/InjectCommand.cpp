@@ -101,11 +101,12 @@ int RunInject(const std::vector<std::string>& args) {
     std::uint64_t queued = 0;
     std::uint64_t refused = 0;
     std::uint32_t number = 0;
+    const std::uint32_t run = NewTestRun();
     const auto nextFrame = [&] {
         if (raw) {
             raw->Next(frame);
         } else {
-            FillTestFrame(frame, channel, number);
+            FillTestFrame(frame, channel, run, number);
         }
     };
     nextFrame();

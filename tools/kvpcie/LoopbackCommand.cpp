@@ -44,6 +44,7 @@ struct Channel {
     std::vector<char> buffer;    // the capture target
     std::vector<char> expected;  // scratch for the check
     std::vector<char> injected;
+    std::uint32_t run = 0;  // this run's tag in every frame it injects
     std::uint32_t nextInjected = 0;
     // Written on the capture thread, read after the stop.
     std::uint64_t captured = 0;
@@ -74,14 +75,19 @@ void OnFrame(int channel, const char* frame, void* context) {
     }
     const std::size_t bytes = state->buffer.size();
     if (AllZero(frame, bytes)) {
-        ++state->blank;  // a card buffer that nothing was played into yet
+        ++state->blank;  // the card has played nothing yet
         return;
     }
-    switch (CheckLoopbackFrame(frame, state->expected, channel,
+    switch (CheckLoopbackFrame(frame, state->expected, channel, state->run,
                                StampBytes(state->geometry.type), state->lastNumber)) {
         case LoopbackCheck::Verified:
             ++state->verified;
             state->lastNumber = TestFrameNumber(frame);
+            break;
+        case LoopbackCheck::EarlierRun:
+            // Until this run's first frame is played the card shows what an earlier run left;
+            // after it, an earlier run's frame is a replay.
+            ++(state->lastNumber < 0 ? state->blank : state->replayed);
             break;
         case LoopbackCheck::Replayed:
             ++state->replayed;
@@ -132,8 +138,9 @@ int RunLoopback(const std::vector<std::string>& args) {
     const int rate =
         static_cast<int>(ParseNumber(arguments.Value("--rate").value_or("25"), "rate", 1, 1000));
     const FrameGeometry geometry = ParseGeometry(arguments);
-    if (geometry.Bytes() < 12) {
-        throw UsageError{"frames of fewer than 12 bytes cannot carry their number"};
+    if (geometry.Bytes() < kTestFrameHeaderBytes) {
+        throw UsageError{"frames of fewer than " + std::to_string(kTestFrameHeaderBytes) +
+                         " bytes cannot carry their number"};
     }
     const bool record = arguments.Has("--record") && !arguments.Has("--no-record");
 
@@ -158,6 +165,7 @@ int RunLoopback(const std::vector<std::string>& args) {
         state.buffer.assign(geometry.Bytes(), 0);
         state.expected.assign(geometry.Bytes(), 0);
         state.injected.assign(geometry.Bytes(), 0);
+        state.run = NewTestRun();
         manager.WriteReg(ControlBlock(c), static_cast<int>(kCaptureSourceLoopback));
         recordedBefore[c] = RecordedBytes(c);
         eErrorCode error = ERR_NONE;
@@ -182,7 +190,7 @@ int RunLoopback(const std::vector<std::string>& args) {
         bool queuedAny = false;
         for (int c : channelNumbers) {
             Channel& state = channels[c];
-            FillTestFrame(state.injected, c, state.nextInjected);
+            FillTestFrame(state.injected, c, state.run, state.nextInjected);
             eErrorCode error = ERR_NONE;
             if (manager.StartInject(c, rate, geometry.width, geometry.height, geometry.type, 0,
                                     state.injected.data(), error)) {
