@@ -34,9 +34,8 @@ struct Case {
 class LoopbackCheckTable : public ::testing::TestWithParam<Case> {};
 
 TEST_P(LoopbackCheckTable, SaysWhatCameBack) {
-    std::vector<char> scratch(kBytes);
     const std::vector<char> frame = GetParam().frame();
-    EXPECT_EQ(CheckLoopbackFrame(frame.data(), scratch, kChannel, kRun, kStampBytes,
+    EXPECT_EQ(CheckLoopbackFrame(frame.data(), frame.size(), kChannel, kRun, kStampBytes,
                                  GetParam().lastVerified),
               GetParam().expected);
 }
@@ -76,6 +75,22 @@ INSTANTIATE_TEST_SUITE_P(
              },
              -1, LoopbackCheck::Mismatched}),
     [](const ::testing::TestParamInfo<Case>& info) { return std::string(info.param.what); });
+
+// The ramp is written and compared a period at a time: every byte, at every phase, is right.
+TEST(TestFrame, EveryByteIsTheHeaderOrTheRampAtItsPlace) {
+    for (std::uint32_t number : {0u, 1u, 85u, 86u, 300u}) {
+        std::vector<char> frame(1000);
+        FillTestFrame(frame, 3, kRun, number);
+        for (std::size_t k = kTestFrameHeaderBytes; k < frame.size(); ++k) {
+            ASSERT_EQ(static_cast<unsigned char>(frame[k]), (k + number * 3 + 3 * 64) & 0xFF)
+                << "byte " << k << " of frame " << number;
+        }
+        EXPECT_EQ(TestFrameNumber(frame.data()), number);
+        frame[999] ^= 1;
+        EXPECT_EQ(CheckLoopbackFrame(frame.data(), frame.size(), 3, kRun, 0, -1),
+                  LoopbackCheck::Mismatched);
+    }
+}
 
 TEST(TestRun, TwoRunsGetDifferentTags) {
     EXPECT_NE(NewTestRun(), NewTestRun());

@@ -1,12 +1,43 @@
 // kvpcie's self-checking frames.
 #include "TestFrames.h"
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstring>
 #include <random>
 
 namespace kvpcie::cli {
 namespace {
+
+constexpr std::size_t kRampPeriod = 256;
+
+// Two periods of the byte ramp 0, 1, ..., 255: a stretch of up to one period at any phase lies
+// in it, so that a frame's ramp is written and compared with memcpy and memcmp, a period at a
+// time. (The loopback checks every frame on the capture thread: byte by byte that was slow
+// enough under ThreadSanitizer for the card to drop frames.)
+const char* Ramp() {
+    static const auto ramp = [] {
+        std::array<char, 2 * kRampPeriod> bytes{};
+        for (std::size_t i = 0; i < bytes.size(); ++i) {
+            bytes[i] = static_cast<char>(i & 0xFF);
+        }
+        return bytes;
+    }();
+    return ramp.data();
+}
+
+// Byte k of a frame's ramp: (k + offset) mod 256.
+std::size_t RampOffset(int channel, std::uint32_t number) {
+    return (number * 3 + static_cast<std::size_t>(channel) * 64) & 0xFF;
+}
+
+void Header(char (&header)[kTestFrameHeaderBytes], int channel, std::uint32_t run,
+            std::uint32_t number) {
+    const std::uint32_t words[3] = {number, static_cast<std::uint32_t>(channel), run};
+    std::memset(header, 0xEE, 4);
+    std::memcpy(header + 4, words, sizeof words);
+}
 
 std::uint32_t Word(const char* frame, std::size_t at) {
     std::uint32_t word = 0;
@@ -17,16 +48,13 @@ std::uint32_t Word(const char* frame, std::size_t at) {
 }  // namespace
 
 void FillTestFrame(std::vector<char>& frame, int channel, std::uint32_t run, std::uint32_t number) {
-    const std::uint32_t words[3] = {number, static_cast<std::uint32_t>(channel), run};
-    for (std::size_t k = 0; k < frame.size(); ++k) {
-        if (k < 4) {
-            frame[k] = static_cast<char>(0xEE);
-        } else if (k < kTestFrameHeaderBytes) {
-            frame[k] = static_cast<char>(words[(k - 4) / 4] >> (8 * (k % 4)));
-        } else {
-            frame[k] =
-                static_cast<char>((k + number * 3 + static_cast<std::size_t>(channel) * 64) & 0xFF);
-        }
+    char header[kTestFrameHeaderBytes];
+    Header(header, channel, run, number);
+    std::memcpy(frame.data(), header, std::min(frame.size(), sizeof header));
+    const std::size_t offset = RampOffset(channel, number);
+    for (std::size_t k = kTestFrameHeaderBytes; k < frame.size(); k += kRampPeriod) {
+        const std::size_t length = std::min(kRampPeriod, frame.size() - k);
+        std::memcpy(frame.data() + k, Ramp() + ((k + offset) & 0xFF), length);
     }
 }
 
@@ -40,17 +68,27 @@ std::uint32_t NewTestRun() {
     return entropy() ^ static_cast<std::uint32_t>(now) ^ static_cast<std::uint32_t>(now >> 32);
 }
 
-LoopbackCheck CheckLoopbackFrame(const char* frame, std::vector<char>& scratch, int channel,
+LoopbackCheck CheckLoopbackFrame(const char* frame, std::size_t size, int channel,
                                  std::uint32_t run, int stampBytes, std::int64_t lastVerified) {
-    const std::uint32_t number = TestFrameNumber(frame);
-    const std::uint32_t frameRun =
-        scratch.size() >= kTestFrameHeaderBytes ? Word(frame, 12) : run;
-    FillTestFrame(scratch, channel, frameRun, number);
-    for (int i = 0; i < stampBytes && static_cast<std::size_t>(i) < scratch.size(); ++i) {
-        scratch[static_cast<std::size_t>(i)] = static_cast<char>(number >> (8 * i));
-    }
-    if (std::memcmp(frame, scratch.data(), scratch.size()) != 0) {
+    if (size < kTestFrameHeaderBytes) {
         return LoopbackCheck::Mismatched;
+    }
+    const std::uint32_t number = TestFrameNumber(frame);
+    const std::uint32_t frameRun = Word(frame, 12);
+    char header[kTestFrameHeaderBytes];
+    Header(header, channel, frameRun, number);
+    for (int i = 0; i < stampBytes && i < 4; ++i) {
+        header[i] = static_cast<char>(number >> (8 * i));
+    }
+    if (std::memcmp(frame, header, sizeof header) != 0) {
+        return LoopbackCheck::Mismatched;
+    }
+    const std::size_t offset = RampOffset(channel, number);
+    for (std::size_t k = kTestFrameHeaderBytes; k < size; k += kRampPeriod) {
+        const std::size_t length = std::min(kRampPeriod, size - k);
+        if (std::memcmp(frame + k, Ramp() + ((k + offset) & 0xFF), length) != 0) {
+            return LoopbackCheck::Mismatched;
+        }
     }
     if (frameRun != run) {
         return LoopbackCheck::EarlierRun;

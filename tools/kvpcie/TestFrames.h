@@ -25,10 +25,10 @@ enum class LoopbackCheck {
     EarlierRun,  // intact, but a frame of another run: what the card showed before this one
     Mismatched,  // not the bytes of any test frame
 };
-// Checks a frame that came back through the loopback against the test frame of its own
-// number, with the card's frame counter in the first `stampBytes` bytes (the frames were queued
-// in order, so the counter is the number). `scratch` has the frame's size.
-LoopbackCheck CheckLoopbackFrame(const char* frame, std::vector<char>& scratch, int channel,
+// Checks a frame of `size` bytes that came back through the loopback against the test frame of
+// its own number, with the card's frame counter in the first `stampBytes` bytes (the frames
+// were queued in order, so the counter is the number). Cheap enough for a capture callback.
+LoopbackCheck CheckLoopbackFrame(const char* frame, std::size_t size, int channel,
                                  std::uint32_t run, int stampBytes, std::int64_t lastVerified);
 
 }  // namespace kvpcie::cli
