@@ -63,10 +63,9 @@ struct CaptureRun {
     std::uint32_t run = 0;
     std::vector<char> buffer = std::vector<char>(kFrameBytes);
     std::atomic<int> delivered{0};
-    // Frames of an earlier run: until this run's first frame is played the card loops back the
+    // Frames of an earlier run: until the inject channel starts again the card loops back the
     // last frame of the previous run, for as long as the host takes to get there (under a
-    // sanitizer that is many periods). Once this run's frames come, only what was already in
-    // the ring may still be old.
+    // sanitizer that is many periods). Once this run's frames come, nothing old may.
     std::atomic<int> stale{0};
     std::atomic<int> staleAfterCurrent{0};
     std::atomic<int> replayed{0};
@@ -100,16 +99,10 @@ struct CaptureRun {
             ++wrong;
             return;
         }
-        // A host that fell behind lets the queue run dry; the card then replays what its
-        // buffers hold, the frames of the previous round of the ring. Anything further back,
-        // or out of order otherwise, is wrong.
-        const std::int64_t behind = lastSeq.load() - static_cast<std::int64_t>(seq);
-        if (behind > 0) {
-            if (behind <= kRingBuffers) {
-                ++replayed;
-            } else {
-                ++wrong;
-            }
+        // A host that fell behind lets the queue run dry; the library then hands the card the
+        // newest frame again, which is this one once more. An older one is a replay.
+        if (static_cast<std::int64_t>(seq) < lastSeq.load()) {
+            ++replayed;
             return;
         }
         lastSeq = seq;
@@ -198,16 +191,21 @@ protected:
         manager_.StopInject(channel);
         SCOPED_TRACE(::testing::Message() << "channel " << channel);
         EXPECT_EQ(run.wrong, 0) << "a captured frame that was not the next injected one";
-        EXPECT_LE(run.staleAfterCurrent, kRingBuffers)
+        EXPECT_EQ(run.replayed, 0) << "a frame older than one already captured came again";
+        EXPECT_EQ(run.staleAfterCurrent, 0)
             << "an earlier run's frame came after this run's frames had begun";
         // Made ready by the card = delivered + still in the ring at the stop. (The card counts
         // the frames it dropped for want of a free buffer apart: they were never made ready.)
         const auto delivered = static_cast<std::uint32_t>(run.delivered);
         EXPECT_LE(delivered, produced);
         EXPECT_LE(produced, delivered + kRingBuffers);
-        // Frames flowed to the end: what was not yet played waits in the queue and the ring.
-        EXPECT_GE(run.lastSeq.load(),
-                  static_cast<std::int64_t>(accepted_[channel]) - kInjectQueue - kRingBuffers - 3);
+        // Frames flowed to the end: what was not yet played waits in the queue and the card's
+        // ring, and what was played but not captured waits in the capture ring (a slow host,
+        // under a sanitizer and through FUSE, leaves up to all eight there); one period each
+        // way for the phase between the two channels' clocks.
+        const std::int64_t captureBacklog = static_cast<std::int64_t>(produced) - delivered;
+        EXPECT_GE(run.lastSeq.load(), static_cast<std::int64_t>(accepted_[channel]) -
+                                          kInjectQueue - kRingBuffers - captureBacklog - 3);
         delivered_ += run.delivered;
         dropped_ += dropped;
         stale_ += run.stale;
