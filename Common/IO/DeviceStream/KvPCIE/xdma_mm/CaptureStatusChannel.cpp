@@ -120,6 +120,9 @@ void DataCapture4XdmaMM::OnSlotCaptureCmdDataTimeOut() {
             continue;
         }
         const QByteArray data = buffer->Take();
+        if (data.isEmpty()) {
+            continue;  // switched off meanwhile: the switch counted the bytes as dropped
+        }
         if (callback != nullptr) {
             channels_[c].counters.statusBytesDelivered.Add(static_cast<std::uint64_t>(data.size()));
             callback(c, data, context);
