@@ -1,8 +1,10 @@
 """kvpcie closed from any thread, from inside a callback, and while other threads wait in get,
 iteration, inject or a drain: every waiter ends, saying so; and waits that take any time-out and
-end on Ctrl-C. Every wait here has a limit."""
+end on Ctrl-C; and a Python card beside a GStreamer source in one process, on one card. Every
+wait here has a limit."""
 
 import math
+import os
 import signal
 import threading
 import time
@@ -198,3 +200,30 @@ def test_closing_from_another_thread_while_a_capture_starts_leaves_the_channel_f
             starter.result.close()
         with kvpcie.Card() as again, again.capture(0, 64, 32) as stream:
             assert stream.get(timeout=2.0).shape == (32, 64)
+
+
+def test_a_card_and_a_gstreamer_source_in_one_process_share_the_card(card, sim_card, tmp_path):
+    plugin_dir = os.environ.get("KVPCIE_GST_PLUGIN_DIR")
+    if not plugin_dir:
+        pytest.skip("the GStreamer plugin was not built (KVPCIE_GST_PLUGIN_DIR is not set)")
+    gi = pytest.importorskip("gi", reason="PyGObject is not installed (Debian: python3-gi)")
+    gi.require_version("Gst", "1.0")
+    from gi.repository import Gst  # noqa: E402 - after the version is chosen
+
+    os.environ["GST_PLUGIN_PATH"] = plugin_dir
+    os.environ["GST_REGISTRY"] = str(tmp_path / "registry.bin")  # not the user's cache
+    Gst.init(None)
+    with card.capture(0, 64, 32) as stream:
+        pipeline = Gst.parse_launch(
+            f"kvpciesrc device={card.path} channel=1 num-buffers=5 ! "
+            "video/x-raw,format=GRAY8,width=64,height=32 ! appsink name=out sync=false")
+        try:
+            assert pipeline.set_state(Gst.State.PLAYING) != Gst.StateChangeReturn.FAILURE
+            out = pipeline.get_by_name("out")
+            samples = [out.emit("try-pull-sample", 5 * Gst.SECOND) for _ in range(5)]
+            error = pipeline.get_bus().pop_filtered(Gst.MessageType.ERROR)
+            assert error is None, error.parse_error()
+            assert all(sample is not None for sample in samples)
+            assert stream.get(timeout=2.0).shape == (32, 64)  # the card's own channel still runs
+        finally:
+            pipeline.set_state(Gst.State.NULL)
