@@ -16,6 +16,7 @@ import kvpcie
 
 CONTROL = 0x1F1000  # the simulated card's control block of channel 0; 0x1000 per channel
 INJECT_ENABLE_MASK = 0x10001C
+INJECT_FRAME_PERIOD = 0x111024  # of inject channel 0
 
 
 def control(channel, offset):
@@ -120,6 +121,14 @@ def test_ctrl_c_ends_a_wait_on_a_full_queue_promptly(card):
     frame = np.zeros((32, 64), np.uint8)
     for _ in range(16):  # one frame a second: the queue fills at once
         card.inject(0, frame, frame_rate=1)
+    # The card's frame period, in 100 MHz ticks, as long as it goes (43 s), from its next play
+    # on; the slot that play frees is filled again.
+    card.write_reg(INJECT_FRAME_PERIOD, 0xFFFFFFFF)
+    played = card.read_reg(control(0, 0x10))
+    deadline = time.monotonic() + 5.0
+    while card.read_reg(control(0, 0x10)) == played and time.monotonic() < deadline:
+        time.sleep(0.01)
+    card.inject(0, frame, frame_rate=1, timeout=5.0)
     interrupt_main_after(0.2)
     started = time.monotonic()
     with pytest.raises(KeyboardInterrupt):
