@@ -457,6 +457,68 @@ TEST(KvPcieSink, EndOfStreamWaitsUntilEveryQueuedFrameWasPlayed) {
     EXPECT_GE(played, 30u);
 }
 
+// Pushes `count` 64x32 GRAY8 frames filled with `fill` into the sink of a harness.
+void PushFilled(GstHarness* harness, guint8 fill, int count) {
+    for (int n = 0; n < count; ++n) {
+        const std::vector<guint8> frame(64 * 32, fill);
+        GstBuffer* buffer = gst_buffer_new_memdup(frame.data(), frame.size());
+        HandOver(buffer);
+        ASSERT_EQ(gst_harness_push(harness, buffer), GST_FLOW_OK);
+    }
+}
+
+std::uint32_t Played(int channel) {
+    std::uint32_t played = 0;
+    EXPECT_TRUE(KvPCIeSim::PeekRegister(TestCard(), ControlBlock(channel) + 0x10, played));
+    return played;
+}
+
+TEST(KvPcieSink, AFlushPlaysNothingOfWhatCameBeforeIt) {
+    ASSERT_TRUE(PrepareTestCard());
+    constexpr int kChannel = 3;
+    ASSERT_TRUE(KvPCIeSim::PokeRegister(TestCard(), ControlBlock(kChannel), 1));  // loopback
+    TestPipeline capture("kvpciesrc channel=3 ! video/x-raw,format=GRAY8,width=64,height=32 ! "
+                         "appsink name=out sync=false");
+    ASSERT_TRUE(capture.SetState(GST_STATE_PLAYING));
+    GstHarness* harness = gst_harness_new_parse("kvpciesink channel=3 sync=false");
+    gst_harness_set_src_caps_str(harness,
+                                 "video/x-raw,format=GRAY8,width=64,height=32,framerate=50/1");
+    PushFilled(harness, 0xA0, 16);
+    ASSERT_TRUE(WaitFor([] { return Played(kChannel) >= 16; }));
+    // The flush; the stream goes on with a new segment and one new frame, then a whole ring's
+    // worth of periods with nothing new, then more.
+    ASSERT_TRUE(gst_harness_push_event(harness, gst_event_new_flush_start()));
+    ASSERT_TRUE(gst_harness_push_event(harness, gst_event_new_flush_stop(TRUE)));
+    GstSegment segment;
+    gst_segment_init(&segment, GST_FORMAT_TIME);
+    ASSERT_TRUE(gst_harness_push_event(harness, gst_event_new_segment(&segment)));
+    PushFilled(harness, 0xB0, 1);
+    ASSERT_TRUE(WaitFor([] { return Played(kChannel) >= 10; }));
+    PushFilled(harness, 0xB0, 10);
+    // What the capture shows from the first frame of the new stream on.
+    std::vector<int> shown;
+    bool newSeen = false;
+    for (int pulled = 0; pulled < 300 && shown.size() < 20; ++pulled) {
+        GstSample* sample = PullSample(capture.Element("out"));
+        ASSERT_NE(sample, nullptr);
+        GstMapInfo map;
+        GstBuffer* buffer = gst_sample_get_buffer(sample);
+        ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
+        const int fill = map.data[8];  // past the counter stamp
+        gst_buffer_unmap(buffer, &map);
+        DropSample(sample);
+        newSeen = newSeen || fill == 0xB0;
+        if (newSeen) {
+            shown.push_back(fill);
+        }
+    }
+    gst_harness_teardown(harness);
+    KvPCIeSim::PokeRegister(TestCard(), ControlBlock(kChannel), 0);
+    ASSERT_FALSE(shown.empty());
+    EXPECT_TRUE(std::all_of(shown.begin(), shown.end(), [](int fill) { return fill == 0xB0; }))
+        << ::testing::PrintToString(shown);
+}
+
 TEST(KvPcieSink, AFullQueueHoldsTheStreamUntilAStateChangeInterruptsIt) {
     ASSERT_TRUE(PrepareTestCard());
     // 5 frames per second: 15 queued and 8 in the card's buffers, then render waits.
