@@ -67,7 +67,7 @@ Card::Card(const std::optional<std::string>& path) : core_(std::make_shared<Card
     std::string why;
     {
         py::gil_scoped_release release;
-        core_->card = KvPCIe::SharedCard::Acquire(path.value_or(""), why);  // to shared
+        core_->card = KvPCIe::SharedCard::Acquire(path.value_or(""), why);
     }
     if (!core_->card) {
         throw std::runtime_error(why);

@@ -47,6 +47,7 @@ public:
         if (card_ && PyGILState_Check() != 0) {
             pybind11::gil_scoped_release release;
             card_.reset();
+            return;
         }
         card_.reset();
     }
