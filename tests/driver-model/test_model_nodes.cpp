@@ -40,7 +40,9 @@ TEST(ModelNodes, DriverNodesAreNamedAsTheLinuxDriverNamesThem) {
                  {"/dev/xdma1_events_15", NodeKind::Events, 1, 15},
                  {"/sys/bus/pci/rescan", NodeKind::PciRescan, -1, -1},
                  {"/sys/bus/pci/devices/0000:02:00.0/vendor", NodeKind::PciVendor, 1, -1},
-                 {"/sys/bus/pci/devices/0000:01:00.0/remove", NodeKind::PciRemove, 0, -1}};
+                 {"/sys/bus/pci/devices/0000:01:00.0/remove", NodeKind::PciRemove, 0, -1},
+                 {"/wine/xdma1_event_15", NodeKind::WineEvent, 1, 15},
+                 {"/wine/xdma0_restart", NodeKind::WineRestart, 0, -1}};
     for (const auto& expected : cases) {
         SCOPED_TRACE(expected.path);
         const std::optional<Node> node = FindNode(expected.path, cards);
@@ -57,7 +59,8 @@ TEST(ModelNodes, NamesThatNoDriverMakesAreNotThere) {
          {"/dev/xdma2_user", "/dev/xdma00_user", "/dev/xdma0_events_16", "/dev/xdma0_events_01",
           "/dev/xdma0_c2h_1", "/dev/xdma0_event_0", "/dev/xdma_user", "/dev/xdma0", "/dev/riffa",
           "/sys/bus/pci/devices/0000:03:00.0", "/sys/bus/pci/devices/0000:01:00.0/config", "/proc",
-          "/dev/xdma0_user/x", ""}) {
+          "/dev/xdma0_user/x", "/wine/xdma0_events_0", "/wine/xdma0_event_16",
+          "/wine/xdma0_user", "/wine/xdma2_restart", "/dev/xdma0_restart", ""}) {
         EXPECT_FALSE(FindNode(path, cards)) << path;
     }
 }
@@ -80,7 +83,13 @@ TEST(ModelNodes, ACardOffTheBusHasNeitherNodesNorPciEntry) {
 
 TEST(ModelNodes, DirectoriesListWhatTheBackendLooksFor) {
     Cards cards;
-    EXPECT_EQ(*ListDirectory("/", cards), (std::vector<std::string>{"dev", "sys"}));
+    EXPECT_EQ(*ListDirectory("/", cards), (std::vector<std::string>{"dev", "sys", "wine"}));
+    cards.present[1] = false;
+    const auto wine = ListDirectory("/wine", cards);
+    ASSERT_TRUE(wine);
+    EXPECT_EQ(wine->size(), 16u + 1u);  // card 0's event nodes and its restart
+    EXPECT_EQ(wine->back(), "xdma0_restart");
+    cards.present[1] = true;
     EXPECT_EQ(*ListDirectory("/sys/bus/pci", cards),
               (std::vector<std::string>{"devices", "rescan"}));
     EXPECT_EQ(*ListDirectory("/sys/bus/pci/devices/0000:01:00.0", cards),

@@ -28,6 +28,8 @@ constexpr std::uint64_t kControlSpaceBytes = 0x10000;
 constexpr std::uint64_t kAttributeBytes = 4096;
 // Cards leave and return: nothing the kernel remembers about a name may outlive a call.
 constexpr double kNoCaching = 0.0;
+// The Windows driver model waits in slices; a read's offset says how long, in ms, up to this.
+constexpr std::int64_t kLongestWineEventWaitMs = 60000;
 
 // FUSE calls the operations from C: an exception must not leave them. Only allocations can
 // throw here, always before the answer, and a request that meets one is answered as the kernel
@@ -60,6 +62,8 @@ std::uint64_t NodeBytes(NodeKind kind) {
             return sim::kCardMemoryBytes;
         case NodeKind::Events:
             return 4;
+        case NodeKind::WineEvent:
+            return kLongestWineEventWaitMs + 1;
         default:
             return kAttributeBytes;
     }
@@ -74,8 +78,10 @@ mode_t NodeMode(NodeKind kind) {
             return S_IFREG | 0444;
         case NodeKind::PciRemove:
         case NodeKind::PciRescan:
+        case NodeKind::WineRestart:
             return S_IFREG | 0200;
         case NodeKind::Events:
+        case NodeKind::WineEvent:
         case NodeKind::CardToHost:
             return S_IFREG | 0444;
         case NodeKind::HostToCard:
@@ -215,7 +221,8 @@ void Open(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
         }
         ModelFileSystem& model = Model(request);
         const bool cardNode = node.card >= 0 && node.kind != NodeKind::PciVendor &&
-                              node.kind != NodeKind::PciDevice && node.kind != NodeKind::PciRemove;
+                              node.kind != NodeKind::PciDevice && node.kind != NodeKind::PciRemove &&
+                              node.kind != NodeKind::WineRestart;
         auto file = std::make_unique<ModelFileSystem::OpenFile>(
             ModelFileSystem::OpenFile{node, model.Card(node.card)});
         file->countsAsOpen = cardNode;
@@ -237,8 +244,8 @@ void Open(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
 
 void Read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info* info) {
     ModelFileSystem::OpenFile& file = FileOf(info);
-    if (file.node.kind == NodeKind::Events) {
-        Model(request).ReadEvent(request, file, size);
+    if (file.node.kind == NodeKind::Events || file.node.kind == NodeKind::WineEvent) {
+        Model(request).ReadEvent(request, file, size, offset);
         return;
     }
     const std::unique_ptr<char[]> buffer(new (std::nothrow) char[size == 0 ? 1 : size]);
@@ -419,13 +426,23 @@ int ModelFileSystem::Read(OpenFile& file, char* buffer, std::size_t size, std::i
     }
 }
 
-void ModelFileSystem::ReadEvent(fuse_req_t request, OpenFile& file, std::size_t size) {
+void ModelFileSystem::ReadEvent(fuse_req_t request, OpenFile& file, std::size_t size,
+                                std::int64_t offset) {
+    const bool wine = file.node.kind == NodeKind::WineEvent;
     if (!IsPresent(file.node.card)) {
         fuse_reply_err(request, ENODEV);
-    } else if (size < 4) {
+    } else if (size < (wine ? 1u : 4u)) {
         fuse_reply_err(request, EINVAL);
+    } else if (!wine) {
+        eventReads_.Add(request, file.card, file.node.card, file.node.event,
+                        PendingEventReads::Answer{});
     } else {
-        eventReads_.Add(request, file.card, file.node.card, file.node.event);
+        PendingEventReads::Answer answer;
+        answer.oneByte = true;
+        answer.giveUpAt = PendingEventReads::Clock::now() +
+                          std::chrono::milliseconds(std::clamp<std::int64_t>(
+                              offset, 0, kLongestWineEventWaitMs));
+        eventReads_.Add(request, file.card, file.node.card, file.node.event, answer);
     }
 }
 
@@ -461,6 +478,7 @@ int ModelFileSystem::Write(OpenFile& file, const char* buffer, std::size_t size,
             return static_cast<int>(moved);
         }
         case NodeKind::PciRemove:
+        case NodeKind::WineRestart:
             if (!SaysOne(buffer, size)) {
                 return -EINVAL;
             }
@@ -471,6 +489,10 @@ int ModelFileSystem::Write(OpenFile& file, const char* buffer, std::size_t size,
                 return -EBUSY;
             }
             RemoveCard(node.card);
+            // The Windows driver model restarts the card whole, as its device comes back.
+            if (node.kind == NodeKind::WineRestart) {
+                Rescan();
+            }
             return static_cast<int>(size);
         case NodeKind::PciRescan:
             if (!SaysOne(buffer, size)) {
@@ -485,7 +507,7 @@ int ModelFileSystem::Write(OpenFile& file, const char* buffer, std::size_t size,
 
 unsigned ModelFileSystem::Poll(OpenFile& file, fuse_pollhandle* handle) {
     const Node& node = file.node;
-    if (node.kind != NodeKind::Events) {
+    if (node.kind != NodeKind::Events && node.kind != NodeKind::WineEvent) {
         if (handle != nullptr) {
             fuse_pollhandle_destroy(handle);  // always ready: nothing to notify
         }

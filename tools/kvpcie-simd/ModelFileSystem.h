@@ -54,8 +54,9 @@ public:
     int Write(OpenFile& file, const char* buffer, std::size_t size, std::int64_t offset);
     unsigned Poll(OpenFile& file, struct fuse_pollhandle* handle);
     void Release(OpenFile& file);
-    // A read of an events node: answered now when it is refused, else once the event comes.
-    void ReadEvent(fuse_req* request, OpenFile& file, std::size_t size);
+    // A read of an events node: answered now when it is refused, else once the event comes
+    // (or, on the Windows model's nodes, once `offset` ms have passed).
+    void ReadEvent(fuse_req* request, OpenFile& file, std::size_t size, std::int64_t offset);
     std::shared_ptr<sim::SimXdmaCard> Card(int card) const;
     InodeTable& Inodes() { return inodes_; }
 

@@ -14,6 +14,8 @@ constexpr std::string_view kDevDir = "/dev/";
 constexpr std::string_view kPciDevicesDir = "/sys/bus/pci/devices/";
 constexpr std::string_view kNodePrefix = "xdma";
 constexpr std::string_view kEventsPrefix = "events_";
+constexpr std::string_view kWineDir = "/wine/";
+constexpr std::string_view kWineEventPrefix = "event_";
 
 bool StartsWith(std::string_view text, std::string_view prefix) {
     return text.substr(0, prefix.size()) == prefix;
@@ -33,14 +35,47 @@ std::optional<int> SplitCardNode(std::string_view name, std::string_view& node) 
     return sim::ParseDecimal(name.substr(0, underscore), 2, 99);
 }
 
-std::optional<Node> FindDevNode(std::string_view name, const CardPresence& cards) {
-    std::string_view node;
+// The card of "xdmaN_..." when it is present and N is written without leading zeros, so that
+// one node has one name; `node` gets what follows the underscore.
+std::optional<int> PresentCardNode(std::string_view name, std::string_view& node,
+                                   const CardPresence& cards) {
     const std::optional<int> card = SplitCardNode(name, node);
-    if (!card || !cards.IsPresent(*card)) {
+    if (!card || !cards.IsPresent(*card) ||
+        name != std::string(kNodePrefix) + std::to_string(*card) + "_" + std::string(node)) {
         return std::nullopt;
     }
-    // The number is written without leading zeros, so that one node has one name.
-    if (name != std::string(kNodePrefix) + std::to_string(*card) + "_" + std::string(node)) {
+    return card;
+}
+
+// The event number of "<prefix>E", E in canonical decimal within the card's events.
+std::optional<int> EventNumber(std::string_view node, std::string_view prefix) {
+    if (!StartsWith(node, prefix)) {
+        return std::nullopt;
+    }
+    const std::string_view digits = node.substr(prefix.size());
+    const std::optional<int> event = sim::ParseDecimal(digits, 2, sim::kUserEventCount - 1);
+    return event && digits == std::to_string(*event) ? event : std::nullopt;
+}
+
+std::optional<Node> FindWineNode(std::string_view name, const CardPresence& cards) {
+    std::string_view node;
+    const std::optional<int> card = PresentCardNode(name, node, cards);
+    if (!card) {
+        return std::nullopt;
+    }
+    if (node == "restart") {
+        return Node{NodeKind::WineRestart, *card};
+    }
+    if (const std::optional<int> event = EventNumber(node, kWineEventPrefix)) {
+        return Node{NodeKind::WineEvent, *card, *event};
+    }
+    return std::nullopt;
+}
+
+std::optional<Node> FindDevNode(std::string_view name, const CardPresence& cards) {
+    std::string_view node;
+    const std::optional<int> card = PresentCardNode(name, node, cards);
+    if (!card) {
         return std::nullopt;
     }
     if (node == "user") {
@@ -55,12 +90,8 @@ std::optional<Node> FindDevNode(std::string_view name, const CardPresence& cards
     if (node == "h2c_0") {
         return Node{NodeKind::HostToCard, *card};
     }
-    if (StartsWith(node, kEventsPrefix)) {
-        const std::string_view digits = node.substr(kEventsPrefix.size());
-        const std::optional<int> event = sim::ParseDecimal(digits, 2, sim::kUserEventCount - 1);
-        if (event && digits == std::to_string(*event)) {
-            return Node{NodeKind::Events, *card, *event};
-        }
+    if (const std::optional<int> event = EventNumber(node, kEventsPrefix)) {
+        return Node{NodeKind::Events, *card, *event};
     }
     return std::nullopt;
 }
@@ -118,7 +149,7 @@ std::string PciAttributeText(NodeKind kind) {
 std::optional<Node> FindNode(const std::string& path, const CardPresence& cards) {
     const std::string_view view = path;
     for (std::string_view directory :
-         {"/", "/dev", "/sys", "/sys/bus", "/sys/bus/pci", "/sys/bus/pci/devices"}) {
+         {"/", "/dev", "/sys", "/sys/bus", "/sys/bus/pci", "/sys/bus/pci/devices", "/wine"}) {
         if (view == directory) {
             return Node{};
         }
@@ -132,6 +163,9 @@ std::optional<Node> FindNode(const std::string& path, const CardPresence& cards)
     if (StartsWith(view, kPciDevicesDir)) {
         return FindPciNode(view.substr(kPciDevicesDir.size()), cards);
     }
+    if (StartsWith(view, kWineDir)) {
+        return FindWineNode(view.substr(kWineDir.size()), cards);
+    }
     return std::nullopt;
 }
 
@@ -142,7 +176,7 @@ std::optional<std::vector<std::string>> ListDirectory(const std::string& path,
         return std::nullopt;
     }
     if (path == "/") {
-        return std::vector<std::string>{"dev", "sys"};
+        return std::vector<std::string>{"dev", "sys", "wine"};
     }
     if (path == "/sys") {
         return std::vector<std::string>{"bus"};
@@ -166,6 +200,13 @@ std::optional<std::vector<std::string>> ListDirectory(const std::string& path,
             continue;
         }
         const std::string base = std::string(kNodePrefix) + std::to_string(card) + "_";
+        if (path == "/wine") {
+            for (int event = 0; event < sim::kUserEventCount; ++event) {
+                names.push_back(base + std::string(kWineEventPrefix) + std::to_string(event));
+            }
+            names.push_back(base + "restart");
+            continue;
+        }
         for (const char* node : {"user", "control", "c2h_0", "h2c_0"}) {
             names.push_back(base + node);
         }

@@ -1,5 +1,6 @@
-// The files that kvpcie-simd serves, as the Linux XDMA driver and sysfs present them: what a path
-// names, and what each directory lists. No FUSE here, so that the naming can be tested alone.
+// The files that kvpcie-simd serves, as the Linux XDMA driver and sysfs present them, and the
+// few that the Windows driver model forwards to: what a path names, and what each directory
+// lists. No FUSE here, so that the naming can be tested alone.
 #pragma once
 
 #include <optional>
@@ -19,6 +20,9 @@ enum class NodeKind {
     PciDevice,   // /sys/bus/pci/devices/<address>/device
     PciRemove,   // /sys/bus/pci/devices/<address>/remove
     PciRescan,   // /sys/bus/pci/rescan
+    // For the Windows driver model, whose event files answer one byte and give up:
+    WineEvent,    // /wine/xdmaN_event_E: a read waits at most its offset in ms; 1 raised, 0 not
+    WineRestart,  // /wine/xdmaN_restart: "1" restarts the card as a removal and rescan do
 };
 
 struct Node {

@@ -17,10 +17,10 @@ namespace {
 
 const std::atomic<bool> kNeverCancelled{false};
 
-void AnswerRaised(fuse_req* request) {
-    // Interrupts since the last read merge into one.
+// Interrupts since the last read merge into one.
+void AnswerRaised(fuse_req* request, bool oneByte) {
     const std::uint32_t one = 1;
-    fuse_reply_buf(request, reinterpret_cast<const char*>(&one), sizeof one);
+    fuse_reply_buf(request, reinterpret_cast<const char*>(&one), oneByte ? 1 : sizeof one);
 }
 
 }  // namespace
@@ -44,7 +44,7 @@ void PendingEventReads::Start() {
 }
 
 void PendingEventReads::Add(fuse_req* request, std::shared_ptr<sim::SimXdmaCard> card,
-                            int cardNumber, int event) {
+                            int cardNumber, int event, Answer answer) {
     // Registered before the read is visible to the answerer, so that nothing answers it while
     // FUSE may still call Interrupted from in here; that call then finds nothing, and the
     // check below sees the interruption instead.
@@ -54,7 +54,7 @@ void PendingEventReads::Add(fuse_req* request, std::shared_ptr<sim::SimXdmaCard>
         std::lock_guard<std::mutex> lock(mutex_);
         if (!stopping_ && fuse_req_interrupted(request) == 0) {
             try {
-                reads_.push_back(Read{request, std::move(card), cardNumber, event});
+                reads_.push_back(Read{request, std::move(card), cardNumber, event, answer});
                 lookAgain_ = true;
                 refusal = 0;
             } catch (...) {
@@ -119,14 +119,55 @@ void PendingEventReads::Interrupted(fuse_req* request, void* self) {
 void PendingEventReads::Run() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-        wake_.wait(lock, [this] { return stopping_ || lookAgain_; });
+        const auto due = [this] { return stopping_ || lookAgain_; };
+        lock.unlock();
+        const std::optional<Clock::time_point> giveUpAt = EarliestGiveUp();
+        lock.lock();
+        if (giveUpAt) {
+            wake_.wait_until(lock, *giveUpAt, due);
+        } else {
+            wake_.wait(lock, due);
+        }
         if (stopping_) {
             return;
         }
         lookAgain_ = false;
         lock.unlock();
         AnswerDue();
+        AnswerGivenUp();
         lock.lock();
+    }
+}
+
+std::optional<PendingEventReads::Clock::time_point> PendingEventReads::EarliestGiveUp() {
+    std::optional<Clock::time_point> earliest;
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const Read& read : reads_) {
+        if (read.answer.giveUpAt && (!earliest || *read.answer.giveUpAt < *earliest)) {
+            earliest = read.answer.giveUpAt;
+        }
+    }
+    return earliest;
+}
+
+// Reads whose time has passed get the byte 0, as the Windows driver answers a wait that ended
+// without the event.
+void PendingEventReads::AnswerGivenUp() {
+    std::list<Read> givenUp;
+    {
+        const Clock::time_point now = Clock::now();
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto at = reads_.begin(); at != reads_.end();) {
+            const auto next = std::next(at);
+            if (at->answer.giveUpAt && *at->answer.giveUpAt <= now) {
+                givenUp.splice(givenUp.end(), reads_, at);
+            }
+            at = next;
+        }
+    }
+    for (const Read& read : givenUp) {
+        const char zero = 0;
+        fuse_reply_buf(read.request, &zero, 1);
     }
 }
 
@@ -161,7 +202,7 @@ void PendingEventReads::AnswerRaisedEvent(sim::SimXdmaCard& card, int cardNumber
         // With no time to wait, the card's wait only takes the event that is pending.
         switch (card.WaitUserEvent(event, kNeverCancelled)) {
             case sim::SimXdmaCard::EventWait::Raised:
-                AnswerRaised(taken.front().request);
+                AnswerRaised(taken.front().request, taken.front().answer.oneByte);
                 break;
             case sim::SimXdmaCard::EventWait::Failed:
                 AnswerAll(taken, EIO);

@@ -5,10 +5,12 @@
 
 #include "ModelNodes.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 struct fuse_req;
@@ -30,12 +32,22 @@ public:
 
     // Starts the answering thread; once.
     void Start();
-    // Takes over `request`, a read of event `event` of card `cardNumber`: it is answered with
-    // the value 1 once the event is raised (at once if it is pending), EIO when the card fails,
-    // ENODEV when it leaves the bus, EINTR when the client is interrupted or killed. Any
+    using Clock = std::chrono::steady_clock;
+
+    // How a read is answered: as the Linux driver does (the 32-bit value 1, no time limit), or
+    // as the Windows driver does (the byte 1, or the byte 0 once `giveUpAt` has passed).
+    struct Answer {
+        bool oneByte = false;
+        std::optional<Clock::time_point> giveUpAt;
+    };
+
+    // Takes over `request`, a read of event `event` of card `cardNumber`: it is answered as
+    // `answer` says once the event is raised (at once if it is pending), EIO when the card
+    // fails, ENODEV when it leaves the bus, EINTR when the client is interrupted or killed. Any
     // serving thread; never blocks on the card. The card's event timeout must be zero, so that
     // its wait only takes an event already raised.
-    void Add(fuse_req* request, std::shared_ptr<sim::SimXdmaCard> card, int cardNumber, int event);
+    void Add(fuse_req* request, std::shared_ptr<sim::SimXdmaCard> card, int cardNumber, int event,
+             Answer answer);
     // From the card's event observer, with the card's lock held: look again. Never blocks on
     // the card.
     void Wake();
@@ -50,12 +62,15 @@ private:
         std::shared_ptr<sim::SimXdmaCard> card;
         int cardNumber;
         int event;
+        Answer answer;
     };
 
     static void Interrupted(fuse_req* request, void* self);
     static void AnswerAll(std::list<Read>& reads, int error);
     void Run();
     void AnswerDue();
+    void AnswerGivenUp();
+    std::optional<Clock::time_point> EarliestGiveUp();
     void AnswerRaisedEvent(sim::SimXdmaCard& card, int cardNumber, int event);
     std::shared_ptr<sim::SimXdmaCard> CardWaitedOn(int cardNumber);
     // Reads leave the list to be answered outside the lock; a read out of it is answered by
