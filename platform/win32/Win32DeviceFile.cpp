@@ -1,5 +1,5 @@
-// Device files through CreateFileW, SetFilePointer, ReadFile and WriteFile; event files with an
-// overlapped read that a stop can cancel.
+// Device files through CreateFileW, ReadFile and WriteFile at the position that an OVERLAPPED
+// record carries; event files with an overlapped read that a stop can cancel.
 #include "platform/win32/Win32Handle.h"
 
 #include "platform/Backend.h"
@@ -17,6 +17,10 @@ void SetLastSystemError() {
     SetLastError(static_cast<int>(::GetLastError()));
 }
 
+// The position is ours, not the handle's: each transfer names it in its OVERLAPPED record,
+// which Windows takes on a synchronous handle too, in one call (a device that does not support
+// SetFilePointer, as Wine's devices do not, still reads at the right place). Each transfer
+// moves it on by what it moved, as the file pointer would.
 class Win32File : public DeviceFile {
 public:
     explicit Win32File(HANDLE handle) : handle_(handle) {}
@@ -26,13 +30,7 @@ public:
             SetLastError(Error::InvalidParameter);
             return false;
         }
-        LONG high = static_cast<LONG>(position >> 32);
-        const DWORD low = ::SetFilePointer(handle_.Get(), static_cast<LONG>(position & 0xFFFFFFFF),
-                                           &high, FILE_BEGIN);
-        if (low == INVALID_SET_FILE_POINTER && ::GetLastError() != NO_ERROR) {
-            SetLastSystemError();
-            return false;
-        }
+        position_ = static_cast<std::uint64_t>(position);
         return true;
     }
 
@@ -41,12 +39,14 @@ public:
         if (Cancelled()) {
             return false;
         }
+        OVERLAPPED at = AtPosition();
         DWORD count = 0;
-        if (!::ReadFile(handle_.Get(), buffer, size, &count, nullptr)) {
+        if (!::ReadFile(handle_.Get(), buffer, size, &count, &at)) {
             SetLastSystemError();
             return false;
         }
         moved = count;
+        position_ += count;
         return true;
     }
 
@@ -55,18 +55,27 @@ public:
         if (Cancelled()) {
             return false;
         }
+        OVERLAPPED at = AtPosition();
         DWORD count = 0;
-        if (!::WriteFile(handle_.Get(), buffer, size, &count, nullptr)) {
+        if (!::WriteFile(handle_.Get(), buffer, size, &count, &at)) {
             SetLastSystemError();
             return false;
         }
         moved = count;
+        position_ += count;
         return true;
     }
 
     void Cancel() override { cancelled_.store(true, std::memory_order_release); }
 
 protected:
+    OVERLAPPED AtPosition() const {
+        OVERLAPPED at{};
+        at.Offset = static_cast<DWORD>(position_ & 0xFFFFFFFFu);
+        at.OffsetHigh = static_cast<DWORD>(position_ >> 32);
+        return at;
+    }
+
     bool Cancelled() {
         if (cancelled_.load(std::memory_order_acquire)) {
             SetLastError(Error::OperationAborted);
@@ -76,6 +85,7 @@ protected:
     }
 
     Handle handle_;
+    std::uint64_t position_ = 0;
     std::atomic<bool> cancelled_{false};
 };
 
@@ -91,7 +101,7 @@ public:
         if (Cancelled()) {
             return false;
         }
-        OVERLAPPED request{};
+        OVERLAPPED request = AtPosition();
         request.hEvent = done_.Get();
         ::ResetEvent(done_.Get());
         DWORD count = 0;
@@ -111,6 +121,7 @@ public:
             }
         }
         moved = count;
+        position_ += count;
         return !Cancelled();
     }
 
