@@ -1,8 +1,9 @@
 // The card that a suite drives: a fresh simulated card in the process, or, when the suite runs
 // under tests/driver-model/with-model.sh (KVPCIE_MODEL_ROOT set), the driver model's card,
-// reached through the Linux backend as a card under the XDMA driver is. Suites that run both
-// ways check the card through its registers only; the model's card lives as long as the model,
-// so what one test leaves in it the next test of the run meets.
+// reached through the Linux backend as a card under the XDMA driver is, or, on Windows, through
+// the Windows driver model (with-wine-model.sh adds KVPCIE_MODEL_CARD, its interface path).
+// Suites that run both ways check the card through its registers only; the model's card lives
+// as long as the model, so what one test leaves in it the next test of the run meets.
 #pragma once
 
 #include "Environment.h"
@@ -16,6 +17,11 @@
 #ifdef __linux__
 #include <fcntl.h>
 #include <unistd.h>
+#elif defined(_WIN32)
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
 #endif
 
 namespace kvpcie::testing {
@@ -49,19 +55,27 @@ inline bool PrepareTestCard() {
 
 // The path that OpenCard takes for card 0.
 inline std::string TestCardPath() {
-    return OnDriverModel() ? std::string(DriverModelRoot()) + "/dev/xdma0" : "sim:xdma0";
+    if (!OnDriverModel()) {
+        return "sim:xdma0";
+    }
+#ifdef _WIN32
+    const char* card = std::getenv("KVPCIE_MODEL_CARD");
+    return card != nullptr ? card : "";
+#else
+    return std::string(DriverModelRoot()) + "/dev/xdma0";
+#endif
 }
 
-// A register of the driver model's card `card`, read from or written to its register node
-// beside the library's own files; false when that failed or there is no driver model (it
-// exists only on Linux).
+// A register of the driver model's card `card`, read from or written to the register node that
+// kvpcie-simd serves, beside the library's own files (under Wine, through its drive Z:); false
+// when that failed or there is no driver model.
 inline bool MoveModelRegister(int card, std::uint32_t address, std::uint32_t& value, bool write) {
-#ifdef __linux__
     if (!OnDriverModel()) {
         return false;
     }
     const std::string node =
         std::string(DriverModelRoot()) + "/dev/xdma" + std::to_string(card) + "_user";
+#ifdef __linux__
     const int fd = ::open(node.c_str(), (write ? O_WRONLY : O_RDONLY) | O_CLOEXEC);
     if (fd < 0) {
         return false;
@@ -70,6 +84,21 @@ inline bool MoveModelRegister(int card, std::uint32_t address, std::uint32_t& va
         (write ? ::pwrite(fd, &value, 4, address) : ::pread(fd, &value, 4, address)) == 4;
     ::close(fd);
     return moved;
+#elif defined(_WIN32)
+    const std::string windowsPath = "Z:" + node;
+    const HANDLE file = ::CreateFileA(windowsPath.c_str(), write ? GENERIC_WRITE : GENERIC_READ,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        return false;
+    }
+    OVERLAPPED at{};
+    at.Offset = address;
+    DWORD count = 0;
+    const BOOL done = write ? ::WriteFile(file, &value, 4, &count, &at)
+                            : ::ReadFile(file, &value, 4, &count, &at);
+    ::CloseHandle(file);
+    return done && count == 4;
 #else
     (void)card;
     (void)address;

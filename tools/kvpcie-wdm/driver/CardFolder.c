@@ -48,12 +48,14 @@ NTSTATUS ModelReadCardFolder(void) {
                                NULL);
     status = ZwOpenKey(&handle, KEY_READ, &attributes);
     if (!NT_SUCCESS(status)) {
+        cardFolder[0] = L'\0';
         return status;
     }
     RtlInitUnicodeString(&valueName, L"CardFolder");
     status = ZwQueryValueKey(handle, &valueName, KeyValuePartialInformation, value,
                              sizeof storage - sizeof(WCHAR), &length);
     ZwClose(handle);
+    cardFolder[0] = L'\0';
     if (!NT_SUCCESS(status)) {
         return status;
     }

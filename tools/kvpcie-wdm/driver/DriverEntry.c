@@ -85,11 +85,10 @@ static NTSTATUS PlugAndPlay(PDEVICE_OBJECT device, ModelCard *card, PIRP irp) {
 
     switch (stack->MinorFunction) {
         case IRP_MN_START_DEVICE:
-            /* The card folder is read again: it may have moved since the driver loaded. */
-            status = ModelReadCardFolder();
-            if (NT_SUCCESS(status)) {
-                status = ModelStartXdmaFiles(device->DriverObject, card);
-            }
+            /* The card folder is read again: it may have moved since the driver loaded. Without
+               one (before the installer has written it) every open fails, naming the path. */
+            ModelReadCardFolder();
+            status = ModelStartXdmaFiles(device->DriverObject, card);
             if (!NT_SUCCESS(status)) {
                 return ModelComplete(irp, status, 0);
             }

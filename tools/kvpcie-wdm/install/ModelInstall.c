@@ -36,13 +36,6 @@ static int Install(const WCHAR *inf, const WCHAR *folder, int cards) {
         fwprintf(stderr, L"kvpcie-model-install: no INF at %ls\n", inf);
         return 1;
     }
-    NtPathOfLinuxFolder(folder, cardFolder, 600);
-    /* Before the devices start: the driver reads them at every start. */
-    if (!SetText(HKEY_LOCAL_MACHINE, MODEL_SERVICE_PARAMETERS, L"CardFolder", cardFolder) ||
-        !SetText(HKEY_LOCAL_MACHINE, MODEL_SERVICE_PARAMETERS, L"InfPath", infPath)) {
-        fwprintf(stderr, L"kvpcie-model-install: cannot write the driver's parameters\n");
-        return 1;
-    }
     for (card = 0; card < cards; ++card) {
         WCHAR instanceId[100];
         ModelXdmaInstanceId(card, instanceId, 100);
@@ -57,7 +50,24 @@ static int Install(const WCHAR *inf, const WCHAR *folder, int cards) {
                  GetLastError());
         return 1;
     }
-    if (!ModelWaitForXdmaInterfaces(cards, 10000)) {
+    /* Into the service's key, which the INF's installation made: the driver reads them at every
+       start, so the cards are started once more. */
+    NtPathOfLinuxFolder(folder, cardFolder, 600);
+    if (!SetText(HKEY_LOCAL_MACHINE, MODEL_SERVICE_PARAMETERS, L"CardFolder", cardFolder) ||
+        !SetText(HKEY_LOCAL_MACHINE, MODEL_SERVICE_PARAMETERS, L"InfPath", infPath)) {
+        fwprintf(stderr, L"kvpcie-model-install: cannot write the driver's parameters\n");
+        return 1;
+    }
+    for (card = 0; card < cards; ++card) {
+        WCHAR instanceId[100];
+        ModelXdmaInstanceId(card, instanceId, 100);
+        if (!ModelRemoveDevice(instanceId) || !ModelAddDevice(instanceId, MODEL_XDMA_HARDWARE_ID)) {
+            fwprintf(stderr, L"kvpcie-model-install: cannot restart %ls\n", instanceId);
+            return 1;
+        }
+    }
+    if (!ModelInstallDriver(MODEL_XDMA_HARDWARE_ID, infPath) ||
+        !ModelWaitForXdmaInterfaces(cards, 10000)) {
         fwprintf(stderr, L"kvpcie-model-install: the cards' interfaces did not appear\n");
         return 1;
     }
