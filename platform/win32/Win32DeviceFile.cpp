@@ -42,6 +42,11 @@ public:
         OVERLAPPED at = AtPosition();
         DWORD count = 0;
         if (!::ReadFile(handle_.Get(), buffer, size, &count, &at)) {
+            // Positioned this way, a read at the end of a file fails with this code where a
+            // plain read would move nothing and succeed: it is the same outcome.
+            if (::GetLastError() == ERROR_HANDLE_EOF) {
+                return true;
+            }
             SetLastSystemError();
             return false;
         }
