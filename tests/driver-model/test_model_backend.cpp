@@ -4,7 +4,9 @@
 // (KVPCIE_MODEL_ROOT, KVPCIE_LINUX_ROOT); on Windows, the Windows backend through SetupAPI and
 // the model driver that forwards to a kvpcie-simd, run through with-wine-model.sh as well
 // (KVPCIE_MODEL_CARD, the card's interface path).
+#include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDriverInterface.h"
 #include "platform/Backend.h"
+#include "platform/ControlDevice.h"
 #include "platform/DeviceInterfaces.h"
 #include "platform/SystemError.h"
 
@@ -14,6 +16,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <future>
 #include <string>
 #include <vector>
@@ -169,6 +172,85 @@ TEST_F(ModelBackend, TheRestartTakesTheDeviceAwayAndBringsItBackRestarted) {
     ASSERT_NE(user_, nullptr) << ErrorText(LastError());
     EXPECT_EQ(ReadReg(kDelayTest), 0u);
     EXPECT_EQ(ReadReg(kIdentity), 0x53494D31u);
+}
+
+// The model's RIFFA device, through DeviceIoControl with the RIFFA driver's requests and
+// records: every request is left pending and answered from the driver's work item.
+class RiffaModel : public ModelBackend {
+protected:
+    void SetUp() override {
+        ModelBackend::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        std::vector<std::string> paths;
+        ASSERT_TRUE(ListDeviceInterfaces(kRiffaInterfaceClass, paths));
+        ASSERT_EQ(paths.size(), 1u);
+        riffaPath_ = paths[0];
+        device_ = OpenControlDevice(riffaPath_, true);
+        ASSERT_NE(device_, nullptr) << ErrorText(LastError());
+    }
+
+    ControlResult Transfer(std::uint32_t code, std::int32_t channel, std::int32_t offset,
+                           std::vector<std::uint32_t>& block) {
+        riffa::RiffaIoArgs args{};
+        args.channel = channel;
+        args.lengthWords = static_cast<std::int32_t>(block.size());
+        args.offset = offset;
+        args.last = 1;
+        args.timeout = riffa::kRegisterTimeoutMs;
+        return device_->Control(code, &args, sizeof args, block.data(),
+                                static_cast<std::uint32_t>(block.size() * 4));
+    }
+
+    std::string riffaPath_;
+    ControlDevicePtr device_;
+};
+
+TEST_F(RiffaModel, TheListRequestFillsTheDevicesSlot) {
+    const ControlDevicePtr listing = OpenControlDevice(riffaPath_, false);
+    ASSERT_NE(listing, nullptr);
+    std::int32_t index = 0;
+    unsigned char record[164] = {};
+    const ControlResult result =
+        listing->Control(riffa::kListCode, &index, sizeof index, record, sizeof record);
+    ASSERT_EQ(result.outcome, ControlResult::Outcome::Completed);
+    EXPECT_EQ(result.count, sizeof record);
+    std::uint32_t vendor = 0;
+    std::memcpy(&vendor, record + 124, 4);
+    EXPECT_EQ(vendor, 0x10EEu);
+    EXPECT_STREQ(reinterpret_cast<const char*>(record + 44), "KvSimRiffa");
+}
+
+TEST_F(RiffaModel, ARegisterWrittenBySendIsReadBackBySendAndReceive) {
+    std::vector<std::uint32_t> write = {0xCAFE0042, 0x3000, 0xAAAAAAAA, 0xAAAAAAAA};
+    const ControlResult sent = Transfer(riffa::kSendCode, 0, riffa::kWriteRequestOffset, write);
+    ASSERT_EQ(sent.outcome, ControlResult::Outcome::CompletedLater);
+    EXPECT_EQ(sent.count, 4u);  // words, as the driver counts them
+    std::vector<std::uint32_t> read = {0, 0x3000, 0x55555555, 0x55555555};
+    ASSERT_EQ(Transfer(riffa::kSendCode, 0, riffa::kReadRequestOffset, read).outcome,
+              ControlResult::Outcome::CompletedLater);
+    std::vector<std::uint32_t> reply(4, 0);
+    const ControlResult received = Transfer(riffa::kReceiveCode, 0, 0, reply);
+    ASSERT_EQ(received.outcome, ControlResult::Outcome::CompletedLater);
+    EXPECT_EQ(received.count, 4u);
+    EXPECT_EQ(reply[0], 0xCAFE0042u);
+}
+
+TEST_F(RiffaModel, AFrameIsSentWholeAndAReceiveWithNothingToReceiveEndsAborted) {
+    std::vector<std::uint32_t> frame(256 * 1024);
+    for (std::size_t k = 0; k < frame.size(); ++k) {
+        frame[k] = static_cast<std::uint32_t>(k * 2654435761u);
+    }
+    const ControlResult sent = Transfer(riffa::kSendCode, 1, 0, frame);
+    ASSERT_EQ(sent.outcome, ControlResult::Outcome::CompletedLater);
+    EXPECT_EQ(sent.count, frame.size());
+    std::vector<std::uint32_t> nothing(64, 0);
+    EXPECT_EQ(Transfer(riffa::kReceiveCode, 2, 0, nothing).outcome,
+              ControlResult::Outcome::AbortedLater);
+    // A code the driver does not have is refused at once.
+    EXPECT_EQ(device_->Control(0x222412, nullptr, 0, nullptr, 0).outcome,
+              ControlResult::Outcome::Failed);
 }
 
 // With no event, a read answers the byte 0 after about 3 s, as the Windows driver does.

@@ -4,7 +4,10 @@
 #include "ModelNodes.h"
 #include "MountLock.h"
 #include "MountPoint.h"
+#include "RiffaExchange.h"
 #include "SimdOptions.h"
+
+#include "sim/SimRiffaDevice.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +16,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <vector>
 
 namespace kvpcie::simd {
 namespace {
@@ -42,7 +47,8 @@ TEST(ModelNodes, DriverNodesAreNamedAsTheLinuxDriverNamesThem) {
                  {"/sys/bus/pci/devices/0000:02:00.0/vendor", NodeKind::PciVendor, 1, -1},
                  {"/sys/bus/pci/devices/0000:01:00.0/remove", NodeKind::PciRemove, 0, -1},
                  {"/wine/xdma1_event_15", NodeKind::WineEvent, 1, 15},
-                 {"/wine/xdma0_restart", NodeKind::WineRestart, 0, -1}};
+                 {"/wine/xdma0_restart", NodeKind::WineRestart, 0, -1},
+                 {"/wine/riffa1", NodeKind::WineRiffa, 1, -1}};
     for (const auto& expected : cases) {
         SCOPED_TRACE(expected.path);
         const std::optional<Node> node = FindNode(expected.path, cards);
@@ -60,7 +66,8 @@ TEST(ModelNodes, NamesThatNoDriverMakesAreNotThere) {
           "/dev/xdma0_c2h_1", "/dev/xdma0_event_0", "/dev/xdma_user", "/dev/xdma0", "/dev/riffa",
           "/sys/bus/pci/devices/0000:03:00.0", "/sys/bus/pci/devices/0000:01:00.0/config", "/proc",
           "/dev/xdma0_user/x", "/wine/xdma0_events_0", "/wine/xdma0_event_16",
-          "/wine/xdma0_user", "/wine/xdma2_restart", "/dev/xdma0_restart", ""}) {
+          "/wine/xdma0_user", "/wine/xdma2_restart", "/dev/xdma0_restart", "/wine/riffa2",
+          "/wine/riffa01", "/dev/riffa0", ""}) {
         EXPECT_FALSE(FindNode(path, cards)) << path;
     }
 }
@@ -87,8 +94,8 @@ TEST(ModelNodes, DirectoriesListWhatTheBackendLooksFor) {
     cards.present[1] = false;
     const auto wine = ListDirectory("/wine", cards);
     ASSERT_TRUE(wine);
-    EXPECT_EQ(wine->size(), 16u + 1u);  // card 0's event nodes and its restart
-    EXPECT_EQ(wine->back(), "xdma0_restart");
+    EXPECT_EQ(wine->size(), 16u + 2u);  // card 0's event nodes, its restart and its RIFFA device
+    EXPECT_EQ(wine->back(), "riffa0");
     cards.present[1] = true;
     EXPECT_EQ(*ListDirectory("/sys/bus/pci", cards),
               (std::vector<std::string>{"devices", "rescan"}));
@@ -96,6 +103,86 @@ TEST(ModelNodes, DirectoriesListWhatTheBackendLooksFor) {
               (std::vector<std::string>{"device", "remove", "vendor"}));
     EXPECT_FALSE(ListDirectory("/dev/xdma0_user", cards));
     EXPECT_EQ(PciAttributeText(NodeKind::PciVendor), "0x10ee\n");
+}
+
+// A RIFFA request as the Windows driver model writes it: header, the 32-byte request record,
+// the data block.
+std::vector<char> RiffaRequest(std::uint32_t code, std::int32_t channel, std::int32_t words,
+                               std::int32_t offset, const std::vector<std::uint32_t>& block) {
+    const std::int32_t record[8] = {0, channel, words, offset, 1, 0, 25000, 0};
+    std::vector<std::uint32_t> words32;
+    words32.reserve(4 + 8 + block.size());
+    for (const std::uint32_t word : {code, 32u, static_cast<std::uint32_t>(block.size() * 4), 0u}) {
+        words32.push_back(word);
+    }
+    for (const std::int32_t field : record) {
+        words32.push_back(static_cast<std::uint32_t>(field));
+    }
+    for (const std::uint32_t word : block) {
+        words32.push_back(word);
+    }
+    std::vector<char> bytes(words32.size() * 4);
+    std::memcpy(bytes.data(), words32.data(), bytes.size());
+    return bytes;
+}
+
+// Writes `request` in pieces of `piece` bytes, as the kernel splits a large write; the answer's
+// four header words and its data block come back.
+std::vector<std::uint32_t> Exchange(RiffaExchange& exchange, sim::SimRiffaDevice& device,
+                                    const std::vector<char>& request, std::size_t piece) {
+    for (std::size_t at = 0; at < request.size(); at += piece) {
+        const std::size_t size = std::min(piece, request.size() - at);
+        EXPECT_EQ(exchange.Write(device, request.data() + at, size, static_cast<std::int64_t>(at)),
+                  static_cast<int>(size));
+    }
+    std::vector<std::uint32_t> answer(64, 0xDEADBEEF);
+    const int read = exchange.Read(reinterpret_cast<char*>(answer.data()), answer.size() * 4, 0);
+    answer.resize(read > 0 ? static_cast<std::size_t>(read) / 4 : 0);
+    return answer;
+}
+
+class RiffaExchangePieces : public ::testing::TestWithParam<std::size_t> {};
+
+TEST_P(RiffaExchangePieces, ARegisterWrittenAndReadBackThroughRequestsInPieces) {
+    sim::SimRiffaDevice device(0);
+    RiffaExchange exchange;
+    const std::size_t piece = GetParam();
+    const std::vector<std::uint32_t> written = Exchange(
+        exchange, device,
+        RiffaRequest(0x222402, 0, 4, 0, {0x12345678, 0x2000, 0xAAAAAAAA, 0xAAAAAAAA}), piece);
+    ASSERT_GE(written.size(), 4u);
+    EXPECT_EQ(written[0], 0u);  // completed
+    EXPECT_EQ(written[1], 4u);  // four words sent
+    Exchange(exchange, device,
+             RiffaRequest(0x222402, 0, 4, 10, {0, 0x2000, 0x55555555, 0x55555555}), piece);
+    const std::vector<std::uint32_t> reply =
+        Exchange(exchange, device, RiffaRequest(0x222406, 0, 4, 0, {0, 0, 0, 0}), piece);
+    ASSERT_EQ(reply.size(), 4u + 4u);
+    EXPECT_EQ(reply[0], 0u);
+    EXPECT_EQ(reply[1], 4u);
+    EXPECT_EQ(reply[4], 0x12345678u);
+    // Nothing more to receive: the device gives up on it.
+    const std::vector<std::uint32_t> empty =
+        Exchange(exchange, device, RiffaRequest(0x222406, 0, 4, 0, {0, 0, 0, 0}), piece);
+    ASSERT_GE(empty.size(), 4u);
+    EXPECT_EQ(empty[0], static_cast<std::uint32_t>(sim::RiffaAnswer::Kind::TimedOut));
+}
+
+INSTANTIATE_TEST_SUITE_P(Whole, RiffaExchangePieces, ::testing::Values(std::size_t{4096}));
+INSTANTIATE_TEST_SUITE_P(Split, RiffaExchangePieces, ::testing::Values(std::size_t{1}, 7, 16));
+
+TEST(RiffaExchange, PiecesOutOfOrderAndOversizedRequestsAreRefused) {
+    sim::SimRiffaDevice device(0);
+    RiffaExchange exchange;
+    const std::vector<char> request = RiffaRequest(0x222402, 0, 4, 0, {1, 2, 3, 4});
+    EXPECT_EQ(exchange.Write(device, request.data(), 8, 0), 8);
+    EXPECT_EQ(exchange.Write(device, request.data() + 12, 4, 12), -EINVAL);
+    std::vector<char> huge = request;
+    const std::uint32_t tooLarge = kRiffaLargestBlock + 4;
+    std::memcpy(huge.data() + 8, &tooLarge, 4);
+    EXPECT_EQ(exchange.Write(device, huge.data(), huge.size(), 0), -EINVAL);
+    char answer[16];
+    EXPECT_EQ(exchange.Read(answer, sizeof answer, 0), 0);  // no answer to a refused request
 }
 
 TEST(SimdOptions, MountIsRequiredAndCardsAreOneToFour) {

@@ -29,6 +29,10 @@ case "$check" in
 list)
     run list || fail "kvpcie.exe list failed"
     grep -qF "$KVPCIE_MODEL_CARD" "$scratch/out" || fail "kvpcie.exe list does not show $KVPCIE_MODEL_CARD"
+    # The RIFFA device answers the list request through DeviceIoControl.
+    run list --riffa || fail "kvpcie.exe list --riffa failed"
+    grep -q '^1 RIFFA device' "$scratch/out" || fail "kvpcie.exe list --riffa does not list the model's device"
+    grep -q 'KvSimRiffa' "$scratch/out" || fail "kvpcie.exe list --riffa does not show the device's name"
     ;;
 registers)
     # One process writes, the next reads the same card...

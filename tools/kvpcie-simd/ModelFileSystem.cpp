@@ -64,6 +64,8 @@ std::uint64_t NodeBytes(NodeKind kind) {
             return 4;
         case NodeKind::WineEvent:
             return kLongestWineEventWaitMs + 1;
+        case NodeKind::WineRiffa:
+            return kRiffaHeaderBytes + kRiffaLargestInput + kRiffaLargestBlock;
         default:
             return kAttributeBytes;
     }
@@ -222,10 +224,14 @@ void Open(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
         ModelFileSystem& model = Model(request);
         const bool cardNode = node.card >= 0 && node.kind != NodeKind::PciVendor &&
                               node.kind != NodeKind::PciDevice && node.kind != NodeKind::PciRemove &&
-                              node.kind != NodeKind::WineRestart;
+                              node.kind != NodeKind::WineRestart &&
+                              node.kind != NodeKind::WineRiffa;
         auto file = std::make_unique<ModelFileSystem::OpenFile>(
             ModelFileSystem::OpenFile{node, model.Card(node.card)});
         file->countsAsOpen = cardNode;
+        if (node.kind == NodeKind::WineRiffa) {
+            file->riffa = std::make_unique<RiffaExchange>();
+        }
         if (cardNode) {
             file->card->FileOpened();
         }
@@ -281,7 +287,10 @@ void Poll(fuse_req_t request, fuse_ino_t, fuse_file_info* info, fuse_pollhandle*
     Guarded(request, [&] { fuse_reply_poll(request, Model(request).Poll(FileOf(info), handle)); });
 }
 
-void Init(void* model, fuse_conn_info*) {
+void Init(void* model, fuse_conn_info* connection) {
+    // The pieces of one large write come one after the other, in order: a RIFFA request is
+    // put together from them.
+    connection->want &= ~FUSE_CAP_ASYNC_DIO;
     static_cast<ModelFileSystem*>(model)->Start();
 }
 
@@ -322,6 +331,7 @@ bool SaysOne(const char* buffer, std::size_t size) {
 ModelFileSystem::ModelFileSystem(int cardCount)
     : present_(std::make_unique<std::atomic<bool>[]>(static_cast<std::size_t>(cardCount))) {
     for (int number = 0; number < cardCount; ++number) {
+        riffa_.push_back(std::make_shared<sim::SimRiffaDevice>(number));
         auto card = std::make_shared<sim::SimXdmaCard>(number);
         // Event reads wait in eventReads_, not in the card: its wait need only take an event
         // already raised.
@@ -410,6 +420,8 @@ int ModelFileSystem::Read(OpenFile& file, char* buffer, std::size_t size, std::i
             }
             return static_cast<int>(moved);
         }
+        case NodeKind::WineRiffa:
+            return file.riffa->Read(buffer, size, offset);
         case NodeKind::PciVendor:
         case NodeKind::PciDevice: {
             const std::string text = PciAttributeText(node.kind);
@@ -477,6 +489,9 @@ int ModelFileSystem::Write(OpenFile& file, const char* buffer, std::size_t size,
             }
             return static_cast<int>(moved);
         }
+        case NodeKind::WineRiffa:
+            return file.riffa->Write(*riffa_[static_cast<std::size_t>(node.card)], buffer, size,
+                                     offset);
         case NodeKind::PciRemove:
         case NodeKind::WineRestart:
             if (!SaysOne(buffer, size)) {

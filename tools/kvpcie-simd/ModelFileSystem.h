@@ -6,7 +6,9 @@
 #include "ModelNodes.h"
 #include "PendingEventReads.h"
 #include "PollWaiters.h"
+#include "RiffaExchange.h"
 
+#include "sim/SimRiffaDevice.h"
 #include "sim/SimXdmaCard.h"
 
 #include <atomic>
@@ -47,6 +49,7 @@ public:
         Node node;
         std::shared_ptr<sim::SimXdmaCard> card;  // null for the bus's rescan
         bool countsAsOpen = false;               // a device file, not a sysfs attribute
+        std::unique_ptr<RiffaExchange> riffa;    // a RIFFA node's request and answer
     };
 
     // The operations' bodies; they return bytes, 0, or -errno.
@@ -62,6 +65,7 @@ public:
 
 private:
     std::vector<std::shared_ptr<sim::SimXdmaCard>> cards_;
+    std::vector<std::shared_ptr<sim::SimRiffaDevice>> riffa_;  // one per card, for Wine's model
     std::unique_ptr<std::atomic<bool>[]> present_;
     PollWaiters pollWaiters_;
     PendingEventReads eventReads_{*this};

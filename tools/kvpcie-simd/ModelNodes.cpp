@@ -16,6 +16,7 @@ constexpr std::string_view kNodePrefix = "xdma";
 constexpr std::string_view kEventsPrefix = "events_";
 constexpr std::string_view kWineDir = "/wine/";
 constexpr std::string_view kWineEventPrefix = "event_";
+constexpr std::string_view kRiffaPrefix = "riffa";
 
 bool StartsWith(std::string_view text, std::string_view prefix) {
     return text.substr(0, prefix.size()) == prefix;
@@ -58,6 +59,14 @@ std::optional<int> EventNumber(std::string_view node, std::string_view prefix) {
 }
 
 std::optional<Node> FindWineNode(std::string_view name, const CardPresence& cards) {
+    if (StartsWith(name, kRiffaPrefix)) {
+        const std::string_view digits = name.substr(kRiffaPrefix.size());
+        const std::optional<int> card = sim::ParseDecimal(digits, 2, 99);
+        if (card && digits == std::to_string(*card) && cards.IsPresent(*card)) {
+            return Node{NodeKind::WineRiffa, *card};
+        }
+        return std::nullopt;
+    }
     std::string_view node;
     const std::optional<int> card = PresentCardNode(name, node, cards);
     if (!card) {
@@ -205,6 +214,7 @@ std::optional<std::vector<std::string>> ListDirectory(const std::string& path,
                 names.push_back(base + std::string(kWineEventPrefix) + std::to_string(event));
             }
             names.push_back(base + "restart");
+            names.push_back(std::string(kRiffaPrefix) + std::to_string(card));
             continue;
         }
         for (const char* node : {"user", "control", "c2h_0", "h2c_0"}) {

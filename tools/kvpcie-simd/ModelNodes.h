@@ -23,6 +23,7 @@ enum class NodeKind {
     // For the Windows driver model, whose event files answer one byte and give up:
     WineEvent,    // /wine/xdmaN_event_E: a read waits at most its offset in ms; 1 raised, 0 not
     WineRestart,  // /wine/xdmaN_restart: "1" restarts the card as a removal and rescan do
+    WineRiffa,    // /wine/riffaN: card N's RIFFA device, one request and answer at a time
 };
 
 struct Node {

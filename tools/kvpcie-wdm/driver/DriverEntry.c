@@ -6,6 +6,8 @@
 
 DEFINE_GUID(MODEL_XDMA_CLASS, 0x74C7E4A9, 0x6D5D, 0x4A70, 0xBC, 0x0D, 0x20, 0x69, 0x1D, 0xFF, 0x9E,
             0x9D);
+DEFINE_GUID(MODEL_RIFFA_CLASS, 0x40D49FB9, 0x6085, 0x4E1D, 0x87, 0x53, 0x82, 0x2B, 0xE9, 0x44, 0xD7,
+            0xBB);
 
 DRIVER_INITIALIZE DriverEntry;
 
@@ -22,6 +24,13 @@ NTSTATUS ModelComplete(PIRP irp, NTSTATUS status, ULONG_PTR information) {
     irp->IoStatus.Information = information;
     IoCompleteRequest(irp, IO_NO_INCREMENT);
     return status;
+}
+
+static void ModelCloseHandleFile(PIO_STACK_LOCATION stack) {
+    if (stack->FileObject != NULL && stack->FileObject->FsContext != NULL) {
+        ModelCloseOpenFile(stack->FileObject->FsContext);
+        stack->FileObject->FsContext = NULL;
+    }
 }
 
 /* The instance number in "\??\ROOT#<device>#0001#{class}": the card that the device serves. */
@@ -44,10 +53,32 @@ static int CardNumberOf(const UNICODE_STRING *link) {
     return number < 100 ? number : 0;
 }
 
+/* The installer gives RIFFA devices a hardware ID that names them. */
+static BOOLEAN IsRiffaDevice(PDEVICE_OBJECT physical) {
+    WCHAR ids[128];
+    ULONG length = 0;
+    ULONG index;
+
+    RtlZeroMemory(ids, sizeof ids);
+    if (!NT_SUCCESS(IoGetDeviceProperty(physical, DevicePropertyHardwareID,
+                                        sizeof ids - sizeof(WCHAR), ids, &length))) {
+        return FALSE;
+    }
+    for (index = 0; index + 5 <= sizeof ids / sizeof(WCHAR) - 1; ++index) {
+        if ((ids[index] | 0x20) == L'r' && (ids[index + 1] | 0x20) == L'i' &&
+            (ids[index + 2] | 0x20) == L'f' && (ids[index + 3] | 0x20) == L'f' &&
+            (ids[index + 4] | 0x20) == L'a') {
+            return TRUE;
+        }
+    }
+    return FALSE;
+}
+
 static NTSTATUS AddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT physical) {
     PDEVICE_OBJECT self;
     ModelCard *card;
     NTSTATUS status;
+    const BOOLEAN riffa = IsRiffaDevice(physical);
 
     status = IoCreateDevice(driver, sizeof(ModelCard), NULL, FILE_DEVICE_UNKNOWN,
                             FILE_DEVICE_SECURE_OPEN, FALSE, &self);
@@ -56,9 +87,10 @@ static NTSTATUS AddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT physical) {
     }
     card = self->DeviceExtension;
     RtlZeroMemory(card, sizeof *card);
-    card->kind = ModelXdmaCard;
+    card->kind = riffa ? ModelRiffaCard : ModelXdmaCard;
     card->self = self;
-    status = IoRegisterDeviceInterface(physical, &MODEL_XDMA_CLASS, NULL, &card->interfaceLink);
+    status = IoRegisterDeviceInterface(physical, riffa ? &MODEL_RIFFA_CLASS : &MODEL_XDMA_CLASS,
+                                       NULL, &card->interfaceLink);
     if (!NT_SUCCESS(status)) {
         IoDeleteDevice(self);
         return status;
@@ -79,6 +111,30 @@ static NTSTATUS PassDown(ModelCard *card, PIRP irp) {
     return IoCallDriver(card->lower, irp);
 }
 
+/* A RIFFA device is its interface alone: requests go to the device itself. */
+static NTSTATUS StartCard(PDRIVER_OBJECT driver, ModelCard *card) {
+    NTSTATUS status;
+
+    if (card->kind == ModelXdmaCard) {
+        return ModelStartXdmaFiles(driver, card);
+    }
+    status = IoSetDeviceInterfaceState(&card->interfaceLink, TRUE);
+    card->started = NT_SUCCESS(status);
+    return status;
+}
+
+static void StopCard(ModelCard *card) {
+    if (card->kind == ModelXdmaCard) {
+        ModelStopXdmaFiles(card);
+        return;
+    }
+    if (card->started) {
+        IoSetDeviceInterfaceState(&card->interfaceLink, FALSE);
+        card->started = FALSE;
+    }
+    ModelCloseCardFiles(card->card, TRUE);
+}
+
 static NTSTATUS PlugAndPlay(PDEVICE_OBJECT device, ModelCard *card, PIRP irp) {
     PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
     NTSTATUS status;
@@ -88,19 +144,19 @@ static NTSTATUS PlugAndPlay(PDEVICE_OBJECT device, ModelCard *card, PIRP irp) {
             /* The card folder is read again: it may have moved since the driver loaded. Without
                one (before the installer has written it) every open fails, naming the path. */
             ModelReadCardFolder();
-            status = ModelStartXdmaFiles(device->DriverObject, card);
+            status = StartCard(device->DriverObject, card);
             if (!NT_SUCCESS(status)) {
                 return ModelComplete(irp, status, 0);
             }
             irp->IoStatus.Status = STATUS_SUCCESS;
             return PassDown(card, irp);
         case IRP_MN_SURPRISE_REMOVAL:
-            ModelStopXdmaFiles(card);
+            StopCard(card);
             irp->IoStatus.Status = STATUS_SUCCESS;
             return PassDown(card, irp);
         case IRP_MN_REMOVE_DEVICE: {
             PDEVICE_OBJECT lower = card->lower;
-            ModelStopXdmaFiles(card);
+            StopCard(card);
             RtlFreeUnicodeString(&card->interfaceLink);
             irp->IoStatus.Status = STATUS_SUCCESS;
             status = PassDown(card, irp);
@@ -131,7 +187,23 @@ static NTSTATUS CardRequest(PDEVICE_OBJECT device, ModelCard *card, PIRP irp) {
             IoSkipCurrentIrpStackLocation(irp);
             return PoCallDriver(card->lower, irp);
         default:
-            /* Only the card's files are opened. */
+            break;
+    }
+    if (card->kind != ModelRiffaCard) {
+        /* Only an XDMA card's files are opened. */
+        return ModelComplete(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
+    }
+    switch (stack->MajorFunction) {
+        case IRP_MJ_CREATE:
+            return ModelCreateRiffaFile(card, irp);
+        case IRP_MJ_CLOSE:
+            ModelCloseHandleFile(stack);
+            return ModelComplete(irp, STATUS_SUCCESS, 0);
+        case IRP_MJ_CLEANUP:
+            return ModelComplete(irp, STATUS_SUCCESS, 0);
+        case IRP_MJ_DEVICE_CONTROL:
+            return ModelRiffaRequest(device, irp);
+        default:
             return ModelComplete(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
     }
 }
@@ -143,10 +215,7 @@ static NTSTATUS FileRequest(ModelFileDevice *file, PIRP irp) {
         case IRP_MJ_CREATE:
             return ModelCreateXdmaFile(file, irp);
         case IRP_MJ_CLOSE:
-            if (stack->FileObject != NULL && stack->FileObject->FsContext != NULL) {
-                ModelCloseOpenFile(stack->FileObject->FsContext);
-                stack->FileObject->FsContext = NULL;
-            }
+            ModelCloseHandleFile(stack);
             return ModelComplete(irp, STATUS_SUCCESS, 0);
         case IRP_MJ_CLEANUP:
             return ModelComplete(irp, STATUS_SUCCESS, 0);

@@ -58,6 +58,7 @@ typedef struct ModelOpenFile {
     ModelNodeKind kind;
     int card;
     HANDLE node;
+    KMUTEX requestLock; /* RIFFA: one request and answer at a time through `node` */
 } ModelOpenFile;
 
 /* CardFolder.c */
@@ -86,7 +87,11 @@ NTSTATUS ModelQueueEventRead(ModelEventQueue *queue, PIRP irp);
 void ModelInitOpenFiles(void);
 void ModelKeepOpenFile(ModelOpenFile *file);
 void ModelCloseOpenFile(ModelOpenFile *file);
-void ModelCloseCardFiles(int card);
+void ModelCloseCardFiles(int card, BOOLEAN riffa);
+
+/* RiffaRequests.c */
+NTSTATUS ModelCreateRiffaFile(ModelCard *card, PIRP irp);
+NTSTATUS ModelRiffaRequest(PDEVICE_OBJECT device, PIRP irp);
 
 /* The data of a read, write or device-control request, wherever the I/O manager put it. */
 void *ModelRequestBuffer(PIRP irp);

@@ -27,13 +27,13 @@ void ModelCloseOpenFile(ModelOpenFile *file) {
 
 /* The handles stay, failing; the model sees its card's files closed, so that a later restart of
    the card is not refused as if a process still held them. */
-void ModelCloseCardFiles(int card) {
+void ModelCloseCardFiles(int card, BOOLEAN riffa) {
     LIST_ENTRY *entry;
 
     KeWaitForSingleObject(&lock, Executive, KernelMode, FALSE, NULL);
     for (entry = openFiles.Flink; entry != &openFiles; entry = entry->Flink) {
         ModelOpenFile *file = CONTAINING_RECORD(entry, ModelOpenFile, link);
-        if (file->card == card && file->node != NULL) {
+        if (file->card == card && (file->kind == ModelRiffaCard) == riffa && file->node != NULL) {
             ZwClose(file->node);
             file->node = NULL;
         }

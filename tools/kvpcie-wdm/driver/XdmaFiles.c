@@ -188,7 +188,7 @@ void ModelStopXdmaFiles(ModelCard *card) {
         ZwClose(card->directory);
         card->directory = NULL;
     }
-    ModelCloseCardFiles(card->card);
+    ModelCloseCardFiles(card->card, FALSE);
 }
 
 NTSTATUS ModelCreateXdmaFile(ModelFileDevice *device, PIRP irp) {

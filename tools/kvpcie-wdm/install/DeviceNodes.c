@@ -11,9 +11,15 @@
 
 DEFINE_GUID(MODEL_XDMA_INTERFACE, 0x74C7E4A9, 0x6D5D, 0x4A70, 0xBC, 0x0D, 0x20, 0x69, 0x1D, 0xFF,
             0x9E, 0x9D);
+DEFINE_GUID(MODEL_RIFFA_INTERFACE, 0x40D49FB9, 0x6085, 0x4E1D, 0x87, 0x53, 0x82, 0x2B, 0xE9, 0x44,
+            0xD7, 0xBB);
 
 void ModelXdmaInstanceId(int card, WCHAR *instanceId, DWORD chars) {
     swprintf(instanceId, chars, L"%ls%04d", MODEL_XDMA_INSTANCE_PREFIX, card);
+}
+
+void ModelRiffaInstanceId(int card, WCHAR *instanceId, DWORD chars) {
+    swprintf(instanceId, chars, L"%ls%04d", MODEL_RIFFA_INSTANCE_PREFIX, card);
 }
 
 BOOL ModelAddDevice(const WCHAR *instanceId, const WCHAR *hardwareId) {
@@ -85,8 +91,8 @@ BOOL ModelInstallDriver(const WCHAR *hardwareId, const WCHAR *infPath) {
                                               &reboot);
 }
 
-static int CountXdmaInterfaces(BOOL print) {
-    HDEVINFO set = SetupDiGetClassDevsW(&MODEL_XDMA_INTERFACE, NULL, NULL,
+static int CountInterfaces(const GUID *interfaceClass, BOOL print) {
+    HDEVINFO set = SetupDiGetClassDevsW(interfaceClass, NULL, NULL,
                                         DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
     SP_DEVICE_INTERFACE_DATA data;
     int count = 0;
@@ -96,7 +102,7 @@ static int CountXdmaInterfaces(BOOL print) {
     if (set == INVALID_HANDLE_VALUE) {
         return 0;
     }
-    while (SetupDiEnumDeviceInterfaces(set, NULL, &MODEL_XDMA_INTERFACE, (DWORD)count, &data)) {
+    while (SetupDiEnumDeviceInterfaces(set, NULL, interfaceClass, (DWORD)count, &data)) {
         union {
             SP_DEVICE_INTERFACE_DETAIL_DATA_W detail;
             WCHAR storage[300];
@@ -112,9 +118,10 @@ static int CountXdmaInterfaces(BOOL print) {
     return count;
 }
 
-BOOL ModelWaitForXdmaInterfaces(int count, DWORD milliseconds) {
+BOOL ModelWaitForInterfaces(int count, int riffaCount, DWORD milliseconds) {
     const DWORD start = GetTickCount();
-    while (CountXdmaInterfaces(FALSE) < count) {
+    while (CountInterfaces(&MODEL_XDMA_INTERFACE, FALSE) < count ||
+           (riffaCount >= 0 && CountInterfaces(&MODEL_RIFFA_INTERFACE, FALSE) < riffaCount)) {
         if (GetTickCount() - start > milliseconds) {
             return FALSE;
         }
@@ -123,6 +130,7 @@ BOOL ModelWaitForXdmaInterfaces(int count, DWORD milliseconds) {
     return TRUE;
 }
 
-void ModelPrintXdmaInterfaces(void) {
-    CountXdmaInterfaces(TRUE);
+void ModelPrintInterfaces(void) {
+    CountInterfaces(&MODEL_XDMA_INTERFACE, TRUE);
+    CountInterfaces(&MODEL_RIFFA_INTERFACE, TRUE);
 }

@@ -26,6 +26,22 @@ static void NtPathOfLinuxFolder(const WCHAR *folder, WCHAR *path, size_t chars) 
     }
 }
 
+/* Card `card`'s XDMA function (even `index`) or RIFFA device (odd). */
+static void InstanceOf(int index, WCHAR *instanceId, const WCHAR **hardwareId) {
+    if (index % 2 == 0) {
+        ModelXdmaInstanceId(index / 2, instanceId, 100);
+        *hardwareId = MODEL_XDMA_HARDWARE_ID;
+    } else {
+        ModelRiffaInstanceId(index / 2, instanceId, 100);
+        *hardwareId = MODEL_RIFFA_HARDWARE_ID;
+    }
+}
+
+static BOOL InstallDrivers(const WCHAR *infPath) {
+    return ModelInstallDriver(MODEL_XDMA_HARDWARE_ID, infPath) &&
+           ModelInstallDriver(MODEL_RIFFA_HARDWARE_ID, infPath);
+}
+
 static int Install(const WCHAR *inf, const WCHAR *folder, int cards) {
     WCHAR infPath[MAX_PATH];
     WCHAR cardFolder[600];
@@ -36,16 +52,17 @@ static int Install(const WCHAR *inf, const WCHAR *folder, int cards) {
         fwprintf(stderr, L"kvpcie-model-install: no INF at %ls\n", inf);
         return 1;
     }
-    for (card = 0; card < cards; ++card) {
+    for (card = 0; card < 2 * cards; ++card) {
         WCHAR instanceId[100];
-        ModelXdmaInstanceId(card, instanceId, 100);
-        if (!ModelAddDevice(instanceId, MODEL_XDMA_HARDWARE_ID)) {
+        const WCHAR *hardwareId;
+        InstanceOf(card, instanceId, &hardwareId);
+        if (!ModelAddDevice(instanceId, hardwareId)) {
             fwprintf(stderr, L"kvpcie-model-install: cannot add %ls (error %lu)\n", instanceId,
                      GetLastError());
             return 1;
         }
     }
-    if (!ModelInstallDriver(MODEL_XDMA_HARDWARE_ID, infPath)) {
+    if (!InstallDrivers(infPath)) {
         fwprintf(stderr, L"kvpcie-model-install: cannot install %ls (error %lu)\n", infPath,
                  GetLastError());
         return 1;
@@ -58,29 +75,30 @@ static int Install(const WCHAR *inf, const WCHAR *folder, int cards) {
         fwprintf(stderr, L"kvpcie-model-install: cannot write the driver's parameters\n");
         return 1;
     }
-    for (card = 0; card < cards; ++card) {
+    for (card = 0; card < 2 * cards; ++card) {
         WCHAR instanceId[100];
-        ModelXdmaInstanceId(card, instanceId, 100);
-        if (!ModelRemoveDevice(instanceId) || !ModelAddDevice(instanceId, MODEL_XDMA_HARDWARE_ID)) {
+        const WCHAR *hardwareId;
+        InstanceOf(card, instanceId, &hardwareId);
+        if (!ModelRemoveDevice(instanceId) || !ModelAddDevice(instanceId, hardwareId)) {
             fwprintf(stderr, L"kvpcie-model-install: cannot restart %ls\n", instanceId);
             return 1;
         }
     }
-    if (!ModelInstallDriver(MODEL_XDMA_HARDWARE_ID, infPath) ||
-        !ModelWaitForXdmaInterfaces(cards, 10000)) {
+    if (!InstallDrivers(infPath) || !ModelWaitForInterfaces(cards, cards, 10000)) {
         fwprintf(stderr, L"kvpcie-model-install: the cards' interfaces did not appear\n");
         return 1;
     }
-    ModelPrintXdmaInterfaces();
+    ModelPrintInterfaces();
     return 0;
 }
 
 static int Remove(int cards) {
     int card;
     int status = 0;
-    for (card = 0; card < cards; ++card) {
+    for (card = 0; card < 2 * cards; ++card) {
         WCHAR instanceId[100];
-        ModelXdmaInstanceId(card, instanceId, 100);
+        const WCHAR *hardwareId;
+        InstanceOf(card, instanceId, &hardwareId);
         if (!ModelRemoveDevice(instanceId)) {
             fwprintf(stderr, L"kvpcie-model-install: %ls was not there\n", instanceId);
             status = 1;

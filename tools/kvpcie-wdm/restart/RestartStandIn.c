@@ -89,5 +89,5 @@ CONFIGRET WINAPI CM_Enable_DevNode(DEVINST node, ULONG flags) {
         ModelXdmaInstanceId(slot, instanceId, 100);
         present += ModelDeviceExists(instanceId) ? 1 : 0;
     }
-    return ModelWaitForXdmaInterfaces(present, 5000) ? CR_SUCCESS : CR_FAILURE;
+    return ModelWaitForInterfaces(present, -1, 5000) ? CR_SUCCESS : CR_FAILURE;
 }
