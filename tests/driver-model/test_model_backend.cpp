@@ -10,6 +10,12 @@
 #include "platform/DeviceInterfaces.h"
 #include "platform/SystemError.h"
 
+#ifdef _WIN32
+#include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDevice.h"
+
+#include <KvPCIeInjectSdk/KvPCIeSimulation.h>
+#endif
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -251,6 +257,21 @@ TEST_F(RiffaModel, AFrameIsSentWholeAndAReceiveWithNothingToReceiveEndsAborted) 
     // A code the driver does not have is refused at once.
     EXPECT_EQ(device_->Control(0x222412, nullptr, 0, nullptr, 0).outcome,
               ControlResult::Outcome::Failed);
+}
+
+// The library's RIFFA device code itself: lookup by index, overlapped requests, the register
+// request pair.
+TEST_F(RiffaModel, TheDeviceLibraryListsOpensAndMovesRegistersThroughTheDriver) {
+    riffa::RiffaDevice device;
+    fpga_info_list list{};
+    EXPECT_EQ(device.List(&list), 0);
+    EXPECT_EQ(list.fpgaCount, 1);
+    ASSERT_NE(device.Open(0), nullptr);
+    EXPECT_EQ(device.ReadReg(KvPCIeSim::kRegIdentity), KvPCIeSim::kIdentityValue);
+    EXPECT_EQ(device.WriteReg(0x600DF00D, 0x3004), 4);
+    EXPECT_EQ(device.ReadReg(0x3004), 0x600DF00Du);
+    EXPECT_EQ(device.Open(1), nullptr);  // there is no second device
+    EXPECT_EQ(device.ReadReg(KvPCIeSim::kRegIdentity), 0u) << "the failed open closed the first";
 }
 
 // With no event, a read answers the byte 0 after about 3 s, as the Windows driver does.
