@@ -162,6 +162,26 @@ done
 timeout -s KILL 1 dd if="$dir/dev/xdma0_events_0" of=/dev/null bs=4 count=1 2>/dev/null
 [ -e "$dir/dev/xdma0_user" ] || fail "the server did not survive a killed client"
 
+# The Windows model's event nodes: a one-byte read at offset N waits at most N ms, and answers
+# 0 when no event came, 1 when one did (capture frames raise event 0).
+wine_event() {
+    timeout -s KILL 5 dd if="$dir/wine/xdma0_event_0" bs=1 count=1 skip="$1" 2>/dev/null |
+        od -An -tu1 | tr -d ' \n'
+}
+write_register() {
+    printf "$(printf '\\x%02x\\x%02x\\x%02x\\x%02x' $(($2 & 255)) $(($2 >> 8 & 255)) \
+        $(($2 >> 16 & 255)) $(($2 >> 24 & 255)))" |
+        dd of="$dir/dev/xdma0_user" bs=4 count=1 seek=$(($1 / 4)) conv=notrunc 2>/dev/null
+}
+started=$(date +%s%N)
+[ "$(wine_event 300)" = 0 ] || fail "a Windows event read without an event did not answer 0"
+waited=$((($(date +%s%N) - started) / 1000000))
+[ "$waited" -ge 250 ] || fail "a Windows event read asked to wait 300 ms answered after $waited ms"
+write_register $((0x101010)) 64     # capture frames of 64 bytes
+write_register $((0x100018)) 1      # on channel 0, at the source's 25 per second
+[ "$(wine_event 2000)" = 1 ] || fail "a Windows event read did not see the frame's event"
+write_register $((0x100018)) 0
+
 # A server that is killed leaves a stale mount; the next one clears it and serves.
 kill -KILL "$first"
 wait "$first" 2>/dev/null
