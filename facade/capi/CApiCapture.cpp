@@ -1,0 +1,219 @@
+// The C interface's capture: frames and status blocks to the host's C callbacks.
+#include "facade/capi/CApiCard.h"
+#include "facade/capi/CApiErrors.h"
+
+#include <KvPCIeInjectSdk/PCIeDataManager.h>
+
+#include <QByteArray>
+
+using kvpcie::capi::BadChannel;
+using kvpcie::capi::ChannelValid;
+using kvpcie::capi::Fail;
+using kvpcie::capi::Guarded;
+using kvpcie::capi::Succeed;
+
+namespace {
+
+// On the polling thread, per frame: no allocation, no lock. The slot is not touched after the
+// host's callback returns, since that callback may close the handle.
+void DeliverFrame(int /*channel*/, const char* frame, void* userContext, bool errorFrame) {
+    auto& slot = *static_cast<kvpcie_card::CaptureSlot*>(userContext);
+    kvpcie_frame delivered = slot.frame;
+    delivered.data = frame;
+    delivered.error_frame = errorFrame ? 1 : 0;
+    const kvpcie_frame_callback callback = slot.callback;
+    void* const context = slot.context;
+    kvpcie::capi::EnterFrameCallback(slot.card);
+    callback(&delivered, context);
+    kvpcie::capi::EnterFrameCallback(nullptr);
+}
+
+void DeliverFrameToNobody(int, const char*, void*, bool) {}
+
+// On the card thread, from the status timer.
+void DeliverStatus(int channel, const QByteArray& data, void* userContext) {
+    auto& slot = *static_cast<kvpcie_card::StatusSlot*>(userContext);
+    const kvpcie_status_callback callback = slot.callback;
+    if (callback != nullptr) {
+        callback(channel, data.constData(), static_cast<size_t>(data.size()), slot.context);
+    }
+}
+
+// The common checks of the capture calls: an XDMA handle, a channel, not in a frame callback.
+kvpcie_status CheckCaptureCall(kvpcie_card* card, int32_t channel) {
+    if (const kvpcie_status refused = kvpcie::capi::RequireXdma(card)) {
+        return refused;
+    }
+    if (!ChannelValid(channel)) {
+        return BadChannel(channel);
+    }
+    return kvpcie::capi::RequireNotInFrameCallback();
+}
+
+}  // namespace
+
+namespace {
+
+// Recording and snapshots of a channel this handle captures.
+template <typename Operation>
+kvpcie_status OnCapturingChannel(kvpcie_card* card, int32_t channel, const char* what,
+                                 Operation operation) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = CheckCaptureCall(card, channel)) {
+            return refused;
+        }
+        if (!card->capture[channel].claimed) {
+            return Fail(KVPCIE_ERROR, std::string(what) + ": this handle does not capture on "
+                                          "channel " + std::to_string(channel));
+        }
+        bool done = false;
+        std::string text;
+        kvpcie::capi::RunOnCard(card, text,
+                                [&](PCIeDataManager& manager) { done = operation(manager); });
+        return done ? Succeed() : Fail(KVPCIE_ERROR, text);
+    });
+}
+
+}  // namespace
+
+extern "C" {
+
+kvpcie_status KVPCIE_CALL kvpcie_start_capture(kvpcie_card* card, int32_t channel,
+                                               int32_t card_timing, int32_t width, int32_t height,
+                                               int32_t pixel_type, void* frame_buffer,
+                                               kvpcie_frame_callback callback, void* context) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = CheckCaptureCall(card, channel)) {
+            return refused;
+        }
+        if (frame_buffer == nullptr) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "the frame buffer is null");
+        }
+        kvpcie_card::CaptureSlot& slot = card->capture[channel];
+        if (!slot.claimed) {
+            if (!card->lease->Claim(KvPCIe::SharedCard::Direction::Capture,
+                                    static_cast<unsigned>(channel))) {
+                return Fail(KVPCIE_IN_USE, "another handle captures on channel " +
+                                               std::to_string(channel));
+            }
+            slot.claimed = true;
+        }
+        bool started = false;
+        eErrorCode error = ERR_NO_CARD;
+        std::string text;
+        kvpcie::capi::RunOnCard(card, text, [&](PCIeDataManager& manager) {
+            // A restart starts clean: the old run's callback is gone before the slot changes.
+            manager.StopCapture(channel);
+            slot.callback = callback;
+            slot.context = context;
+            slot.frame = kvpcie_frame{};
+            slot.frame.size = sizeof(kvpcie_frame);
+            slot.frame.channel = channel;
+            slot.frame.bytes = kvpcie_frame_bytes(pixel_type, width, height);
+            slot.frame.width = width;
+            slot.frame.height = height;
+            slot.frame.pixel_type = pixel_type;
+            started = manager.StartCapture(
+                static_cast<unsigned>(channel), card_timing != 0, width, height,
+                static_cast<ePixelType>(pixel_type), error,
+                callback != nullptr ? DeliverFrame : DeliverFrameToNobody, &slot,
+                static_cast<char*>(frame_buffer));
+        });
+        if (!started) {
+            card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
+                                 static_cast<unsigned>(channel));
+            slot.claimed = false;
+            return Fail(KVPCIE_NO_CARD, text);
+        }
+        return Succeed();
+    });
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_stop_capture(kvpcie_card* card, int32_t channel) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = kvpcie::capi::RequireXdma(card)) {
+            return refused;
+        }
+        if (!ChannelValid(channel)) {
+            return BadChannel(channel);
+        }
+        kvpcie_card::CaptureSlot& slot = card->capture[channel];
+        if (slot.claimed && kvpcie::capi::InFrameCallback()) {
+            // The library takes a stop from inside a frame callback on the polling thread
+            // itself; it takes effect when the callback returns.
+            card->lease->AnyThreadManager().StopCapture(channel);
+            slot.claimed = false;
+            card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
+                                 static_cast<unsigned>(channel));
+            return Succeed();
+        }
+        if (const kvpcie_status refused = kvpcie::capi::RequireNotInFrameCallback()) {
+            return refused;
+        }
+        if (slot.claimed) {
+            card->lease->Run([&](PCIeDataManager& manager) { manager.StopCapture(channel); });
+            slot.claimed = false;
+            card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
+                                 static_cast<unsigned>(channel));
+        }
+        return Succeed();
+    });
+}
+
+int32_t KVPCIE_CALL kvpcie_is_capturing(kvpcie_card* card, int32_t channel) {
+    bool capturing = false;
+    Guarded([&] {
+        if (const kvpcie_status refused = CheckCaptureCall(card, channel)) {
+            return refused;
+        }
+        if (card->capture[channel].claimed) {
+            card->lease->Run(
+                [&](PCIeDataManager& manager) { capturing = manager.IsStartCapture(channel); });
+        }
+        return Succeed();
+    });
+    return capturing ? 1 : 0;
+}
+
+
+kvpcie_status KVPCIE_CALL kvpcie_start_record(kvpcie_card* card, int32_t channel) {
+    return OnCapturingChannel(card, channel, "recording", [channel](PCIeDataManager& manager) {
+        return manager.StartRecord(channel);
+    });
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_stop_record(kvpcie_card* card, int32_t channel) {
+    return OnCapturingChannel(card, channel, "recording", [channel](PCIeDataManager& manager) {
+        manager.StopRecord(channel);
+        return true;
+    });
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_snapshot(kvpcie_card* card, int32_t channel) {
+    return OnCapturingChannel(card, channel, "a snapshot", [channel](PCIeDataManager& manager) {
+        manager.ImgSnapShot(channel);
+        return true;
+    });
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_set_status_callback(kvpcie_card* card, int32_t channel,
+                                                     kvpcie_status_callback callback,
+                                                     void* context) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = CheckCaptureCall(card, channel)) {
+            return refused;
+        }
+        kvpcie_card::StatusSlot& slot = card->status[channel];
+        std::string text;
+        kvpcie::capi::RunOnCard(card, text, [&](PCIeDataManager& manager) {
+            // Status blocks come on this thread: the slot changes between two deliveries.
+            slot.callback = callback;
+            slot.context = context;
+            manager.SetSystemStatusCallback(channel, callback != nullptr ? DeliverStatus : nullptr,
+                                            &slot, callback != nullptr);
+        });
+        return Succeed();
+    });
+}
+
+}  // extern "C"

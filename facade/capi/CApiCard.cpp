@@ -1,0 +1,242 @@
+// The C interface's card handles: open, close, registers and card memory.
+#include "facade/capi/CApiCard.h"
+
+#include "facade/capi/CApiErrors.h"
+
+#include <KvPCIeInjectSdk/PCIeDataManager.h>
+
+#include <new>
+
+using kvpcie::capi::Fail;
+using kvpcie::capi::Guarded;
+using kvpcie::capi::Succeed;
+
+namespace kvpcie::capi {
+namespace {
+
+thread_local const kvpcie_card* frameCallbackOf = nullptr;
+
+}  // namespace
+
+kvpcie_status RequireXdma(const kvpcie_card* card) {
+    if (card == nullptr) {
+        return Fail(KVPCIE_BAD_ARGUMENT, "the card handle is null");
+    }
+    if (!card->lease) {
+        return Fail(KVPCIE_WRONG_KIND, "a RIFFA device has registers only");
+    }
+    return KVPCIE_OK;
+}
+
+kvpcie_status RequireNotInFrameCallback() {
+    if (frameCallbackOf != nullptr) {
+        return Fail(KVPCIE_ERROR,
+                    "not from inside a frame callback: it would wait for the card thread");
+    }
+    return KVPCIE_OK;
+}
+
+void EnterFrameCallback(const kvpcie_card* card) {
+    frameCallbackOf = card;
+}
+
+bool InFrameCallback() {
+    return frameCallbackOf != nullptr;
+}
+
+void StopEverything(kvpcie_card* card) {
+    for (int channel = 0; channel < KVPCIE_CHANNELS; ++channel) {
+        kvpcie_card::CaptureSlot& capture = card->capture[channel];
+        const bool statusSet = card->status[channel].callback != nullptr;
+        const bool injecting = card->injectClaimed[channel];
+        if (!capture.claimed && !statusSet && !injecting) {
+            continue;
+        }
+        card->lease->Run([&](PCIeDataManager& manager) {
+            if (statusSet) {
+                manager.SetSystemStatusCallback(channel, nullptr, nullptr, false);
+            }
+            if (capture.claimed) {
+                manager.StopCapture(channel);
+            }
+            if (injecting) {
+                manager.StopInject(channel);
+            }
+        });
+        card->status[channel].callback = nullptr;
+        if (capture.claimed) {
+            capture.claimed = false;
+            card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture, channel);
+        }
+        if (injecting) {
+            card->injectClaimed[channel] = false;
+            card->lease->Unclaim(KvPCIe::SharedCard::Direction::Inject, channel);
+        }
+    }
+}
+
+}  // namespace kvpcie::capi
+
+namespace {
+
+void CloseNow(kvpcie_card* card) {
+    if (card->lease) {
+        kvpcie::capi::StopEverything(card);
+    } else if (card->riffa) {
+        card->riffa->CloseCard();
+    }
+    delete card;
+}
+
+}  // namespace
+
+namespace {
+
+kvpcie_status MoveData(kvpcie_card* card, uint32_t address, void* buffer, uint32_t bytes,
+                       bool write) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = kvpcie::capi::RequireXdma(card)) {
+            return refused;
+        }
+        if (buffer == nullptr) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "the buffer is null");
+        }
+        if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
+            return KVPCIE_ERROR;
+        }
+        bool moved = false;
+        std::string text;
+        kvpcie::capi::RunOnCard(card, text, [&](PCIeDataManager& manager) {
+            auto* bytesAt = static_cast<unsigned char*>(buffer);
+            moved = write ? manager.WriteData(address, bytes, bytesAt)
+                          : manager.ReadData(address, bytes, bytesAt);
+        });
+        return moved ? Succeed()
+                     : Fail(KVPCIE_ERROR, text.empty() ? "the card memory transfer failed" : text);
+    });
+}
+
+}  // namespace
+
+extern "C" {
+
+kvpcie_card* KVPCIE_CALL kvpcie_open(const char* path) {
+    kvpcie_card* opened = nullptr;
+    Guarded([&] {
+        if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
+            return KVPCIE_ERROR;
+        }
+        std::string error;
+        std::unique_ptr<KvPCIe::SharedCard> lease =
+            KvPCIe::SharedCard::Acquire(path != nullptr ? path : "", error);
+        if (!lease) {
+            return Fail(KVPCIE_NO_CARD, error);
+        }
+        auto card = std::make_unique<kvpcie_card>();
+        card->path = lease->Path();
+        card->lease = std::move(lease);
+        for (int channel = 0; channel < KVPCIE_CHANNELS; ++channel) {
+            card->capture[channel].card = card.get();
+            card->capture[channel].channel = channel;
+            card->status[channel].card = card.get();
+        }
+        opened = card.release();
+        return Succeed();
+    });
+    return opened;
+}
+
+kvpcie_card* KVPCIE_CALL kvpcie_open_riffa(int32_t index) {
+    kvpcie_card* opened = nullptr;
+    Guarded([&] {
+        auto manager = std::make_unique<PCIeDataManager>(RIFFA);
+        if (!manager->OpenCard(static_cast<int>(index))) {
+            const std::string text = manager->LastErrorText();
+            return Fail(KVPCIE_NO_CARD, text.empty() ? "RIFFA device " + std::to_string(index) +
+                                                           " would not open"
+                                                     : text);
+        }
+        auto card = std::make_unique<kvpcie_card>();
+        card->riffa = std::move(manager);
+        opened = card.release();
+        return Succeed();
+    });
+    return opened;
+}
+
+void KVPCIE_CALL kvpcie_close(kvpcie_card* card) {
+    if (card == nullptr) {
+        return;
+    }
+    Guarded([&] {
+        // From a callback of its own, the close follows on the card thread once the callback
+        // has returned: closing there and then would wait for the callback itself.
+        if (card->lease && (kvpcie::capi::InFrameCallback() || KvPCIe::CardThread::IsCurrent())) {
+            KvPCIe::CardThread::Hold();
+            KvPCIe::CardThread::Post([card] {
+                CloseNow(card);
+                KvPCIe::CardThread::Release();
+            });
+            return Succeed();
+        }
+        CloseNow(card);
+        return Succeed();
+    });
+}
+
+const char* KVPCIE_CALL kvpcie_card_path(const kvpcie_card* card) {
+    return card != nullptr ? card->path.c_str() : "";
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_read_reg(kvpcie_card* card, uint32_t address, uint32_t* value) {
+    return Guarded([&] {
+        if (card == nullptr || value == nullptr) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "the card handle or the value pointer is null");
+        }
+        if (card->riffa) {
+            *value = card->riffa->ReadReg(address);
+            return Succeed();
+        }
+        if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
+            return KVPCIE_ERROR;
+        }
+        card->lease->Run([&](PCIeDataManager& manager) { *value = manager.ReadReg(address); });
+        return Succeed();
+    });
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_write_reg(kvpcie_card* card, uint32_t address, uint32_t value) {
+    return Guarded([&] {
+        if (card == nullptr) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "the card handle is null");
+        }
+        if (card->riffa) {
+            card->riffa->WriteReg(address, static_cast<int>(value));
+            return Succeed();
+        }
+        if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
+            return KVPCIE_ERROR;
+        }
+        int moved = 0;
+        card->lease->Run([&](PCIeDataManager& manager) {
+            moved = manager.WriteReg(address, static_cast<int>(value));
+        });
+        return moved == 4 ? Succeed()
+                          : Fail(KVPCIE_ERROR, "the register write failed (result " +
+                                                   std::to_string(moved) + ")");
+    });
+}
+
+
+kvpcie_status KVPCIE_CALL kvpcie_read_data(kvpcie_card* card, uint32_t address, void* buffer,
+                                           uint32_t bytes) {
+    return MoveData(card, address, buffer, bytes, false);
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_write_data(kvpcie_card* card, uint32_t address,
+                                            const void* buffer, uint32_t bytes) {
+    // WriteData takes a non-const pointer but only reads the buffer.
+    return MoveData(card, address, const_cast<void*>(buffer), bytes, true);
+}
+
+}  // extern "C"

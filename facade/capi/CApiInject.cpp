@@ -1,0 +1,272 @@
+// The C interface's injection, control commands, statistics and delay records.
+#include "facade/capi/CApiCard.h"
+#include "facade/capi/CApiErrors.h"
+
+#include <KvPCIeInjectSdk/PCIeDataManager.h>
+
+#include <QByteArray>
+
+#include <algorithm>
+#include <cstring>
+
+using kvpcie::capi::BadChannel;
+using kvpcie::capi::ChannelValid;
+using kvpcie::capi::Fail;
+using kvpcie::capi::Guarded;
+using kvpcie::capi::Succeed;
+
+namespace {
+
+kvpcie_status CheckChannelCall(kvpcie_card* card, int32_t channel) {
+    if (const kvpcie_status refused = kvpcie::capi::RequireXdma(card)) {
+        return refused;
+    }
+    return ChannelValid(channel) ? KVPCIE_OK : BadChannel(channel);
+}
+
+// The caller's record gets the first `size` bytes of ours: an older caller's shorter record
+// is filled as far as it goes; `size` itself stays the caller's.
+template <typename Record>
+kvpcie_status CopyOut(const Record& ours, Record* theirs) {
+    const std::uint32_t size = theirs->size;
+    if (size < sizeof(std::uint32_t)) {
+        return Fail(KVPCIE_BAD_ARGUMENT, "set the record's size before the call");
+    }
+    std::memcpy(theirs, &ours, std::min<std::size_t>(size, sizeof(Record)));
+    theirs->size = size;
+    return Succeed();
+}
+
+}  // namespace
+
+namespace {
+
+constexpr int kCardBuffers = 8;
+
+kvpcie_status Delays(kvpcie_card* card, int32_t channel, kvpcie_delay* delays, int32_t count,
+                     int32_t* filled, bool capture) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+            return refused;
+        }
+        if (delays == nullptr || filled == nullptr || count < 0) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "the delay records or their count are null");
+        }
+        if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
+            return KVPCIE_ERROR;
+        }
+        *filled = 0;
+        const int wanted = std::min(count, kCardBuffers);
+        std::string text;
+        kvpcie::capi::RunOnCard(card, text, [&](PCIeDataManager& manager) {
+            // The library's records are overwritten by its next call: copied here, on the card
+            // thread that makes every call.
+            if (capture) {
+                const tagCaptureDelayStatusInfo* records = manager.GetCaptureDelayStatus(channel);
+                for (int i = 0; records != nullptr && i < wanted; ++i) {
+                    delays[i] = kvpcie_delay{records[i].delaySel3, records[i].delaySel1,
+                                             records[i].delaySel2, records[i].delaySel0,
+                                             records[i].delayTestCount, 0};
+                    *filled = i + 1;
+                }
+            } else {
+                const tagInjectDelayStatusInfo* records = manager.GetInjectDelayStatus(channel);
+                for (int i = 0; records != nullptr && i < wanted; ++i) {
+                    delays[i] = kvpcie_delay{records[i].delaySel3, records[i].delaySel1,
+                                             records[i].delaySel2, records[i].delaySel0, 0, 0};
+                    *filled = i + 1;
+                }
+            }
+        });
+        return *filled > 0 || wanted == 0
+                   ? Succeed()
+                   : Fail(KVPCIE_ERROR, text.empty() ? "the channel's engine does not exist" : text);
+    });
+}
+
+}  // namespace
+
+extern "C" {
+
+kvpcie_status KVPCIE_CALL kvpcie_inject(kvpcie_card* card, int32_t channel, int32_t frame_rate,
+                                        int32_t width, int32_t height, int32_t pixel_type,
+                                        const void* frame) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+            return refused;
+        }
+        if (frame == nullptr) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "the frame is null");
+        }
+        const bool firstOfRun = !card->injectClaimed[channel];
+        if (firstOfRun) {
+            if (!card->lease->Claim(KvPCIe::SharedCard::Direction::Inject,
+                                    static_cast<unsigned>(channel))) {
+                return Fail(KVPCIE_IN_USE, "another handle injects on channel " +
+                                               std::to_string(channel));
+            }
+            card->injectClaimed[channel] = true;
+        }
+        bool queued = false;
+        eErrorCode error = ERR_NO_CARD;
+        std::string text;
+        // StartInject copies the frame and does not write to it.
+        const auto queue = [&](PCIeDataManager& manager) {
+            queued = manager.StartInject(static_cast<unsigned>(channel), frame_rate, width,
+                                         height, static_cast<ePixelType>(pixel_type), 0,
+                                         static_cast<char*>(const_cast<void*>(frame)), error);
+        };
+        if (kvpcie::capi::InFrameCallback()) {
+            // The library takes injection from inside a frame callback on the polling thread.
+            PCIeDataManager& manager = card->lease->AnyThreadManager();
+            queue(manager);
+            text = manager.LastErrorText();
+        } else {
+            kvpcie::capi::RunOnCard(card, text, queue);
+        }
+        if (queued) {
+            return Succeed();
+        }
+        if (firstOfRun) {
+            // Refused before the channel started: it stays free for other handles.
+            card->injectClaimed[channel] = false;
+            card->lease->Unclaim(KvPCIe::SharedCard::Direction::Inject,
+                                 static_cast<unsigned>(channel));
+        }
+        if (error == ERR_QUEUE_FULL) {
+            return Fail(KVPCIE_QUEUE_FULL, text.empty() ? "15 frames wait on the channel" : text);
+        }
+        return Fail(error == ERR_NO_CARD ? KVPCIE_NO_CARD : KVPCIE_ERROR, text);
+    });
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_stop_inject(kvpcie_card* card, int32_t channel) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+            return refused;
+        }
+        if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
+            return KVPCIE_ERROR;
+        }
+        if (card->injectClaimed[channel]) {
+            card->lease->Run([&](PCIeDataManager& manager) { manager.StopInject(channel); });
+            card->injectClaimed[channel] = false;
+            card->lease->Unclaim(KvPCIe::SharedCard::Direction::Inject,
+                                 static_cast<unsigned>(channel));
+        }
+        return Succeed();
+    });
+}
+
+int32_t KVPCIE_CALL kvpcie_is_injecting(kvpcie_card* card, int32_t channel) {
+    bool injecting = false;
+    Guarded([&] {
+        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+            return refused;
+        }
+        if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
+            return KVPCIE_ERROR;
+        }
+        if (card->injectClaimed[channel]) {
+            card->lease->Run(
+                [&](PCIeDataManager& manager) { injecting = manager.IsStartInject(channel); });
+        }
+        return Succeed();
+    });
+    return injecting ? 1 : 0;
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_send_command(kvpcie_card* card, int32_t channel,
+                                              const void* bytes, size_t length) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+            return refused;
+        }
+        if (bytes == nullptr || length == 0 || length > 1024) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "a command has 1 to 1,024 bytes");
+        }
+        PCIeDataManager& manager = card->lease->AnyThreadManager();
+        const bool sent = manager.WriteControlCmd(
+            channel, QByteArray(static_cast<const char*>(bytes), static_cast<int>(length)));
+        if (sent) {
+            return Succeed();
+        }
+        const std::string text = manager.LastErrorText();
+        return Fail(KVPCIE_ERROR,
+                    text.empty() ? "the command did not reach the card within 40 ms" : text);
+    });
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_capture_statistics_get(kvpcie_card* card, int32_t channel,
+                                                        kvpcie_capture_statistics* statistics) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+            return refused;
+        }
+        if (statistics == nullptr) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "the statistics record is null");
+        }
+        PCIeDataManager& manager = card->lease->AnyThreadManager();
+        KvCaptureStatistics counts;
+        if (!manager.GetCaptureStatistics(channel, counts)) {
+            return Fail(KVPCIE_ERROR, manager.LastErrorText());
+        }
+        kvpcie_capture_statistics ours{};
+        ours.frames_delivered = counts.framesDelivered;
+        ours.frames_failed = counts.framesFailed;
+        ours.error_frames = counts.errorFrames;
+        ours.frames_recorded = counts.framesRecorded;
+        ours.bytes_recorded = counts.bytesRecorded;
+        ours.frames_not_recorded = counts.framesNotRecorded;
+        ours.frames_per_second = counts.framesPerSecond;
+        ours.callback_micros_max = counts.callbackMicrosMax;
+        ours.last_card_buffer = counts.lastCardBuffer;
+        ours.status_bytes_delivered = counts.statusBytesDelivered;
+        ours.status_bytes_dropped = counts.statusBytesDropped;
+        return CopyOut(ours, statistics);
+    });
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_inject_statistics_get(kvpcie_card* card, int32_t channel,
+                                                       kvpcie_inject_statistics* statistics) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+            return refused;
+        }
+        if (statistics == nullptr) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "the statistics record is null");
+        }
+        PCIeDataManager& manager = card->lease->AnyThreadManager();
+        KvInjectStatistics counts;
+        if (!manager.GetInjectStatistics(channel, counts)) {
+            return Fail(KVPCIE_ERROR, manager.LastErrorText());
+        }
+        kvpcie_inject_statistics ours{};
+        ours.frames_waiting = counts.framesWaiting;
+        ours.frames_queued = counts.framesQueued;
+        ours.frames_refused = counts.framesRefused;
+        ours.frames_to_card = counts.framesToCard;
+        ours.transfers_failed = counts.transfersFailed;
+        ours.frames_dropped_at_stop = counts.framesDroppedAtStop;
+        ours.periods_without_frame = counts.periodsWithoutFrame;
+        ours.commands_sent = counts.commandsSent;
+        ours.commands_not_sent_in_time = counts.commandsNotSentInTime;
+        ours.commands_replaced = counts.commandsReplaced;
+        return CopyOut(ours, statistics);
+    });
+}
+
+
+kvpcie_status KVPCIE_CALL kvpcie_capture_delays(kvpcie_card* card, int32_t channel,
+                                                kvpcie_delay* delays, int32_t count,
+                                                int32_t* filled) {
+    return Delays(card, channel, delays, count, filled, true);
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_inject_delays(kvpcie_card* card, int32_t channel,
+                                               kvpcie_delay* delays, int32_t count,
+                                               int32_t* filled) {
+    return Delays(card, channel, delays, count, filled, false);
+}
+
+}  // extern "C"
