@@ -9,6 +9,7 @@
 #include <QThread>
 #include <QtCore/private/qthread_p.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -34,6 +35,21 @@ private:
 
 thread_local bool onCardThread = false;
 
+QEvent::Type WakeEventType() {
+    static const auto type = static_cast<QEvent::Type>(QEvent::registerEventType());
+    return type;
+}
+
+// Wakes the loop with a posted event rather than the dispatcher's wakeUp: Windows' dispatcher
+// sends no wake while it counts one as pending, and counts the last one consumed only when its
+// next processEvents begins, so a wake in between was lost and the thread slept through a task
+// or its own stop (a close under Wine waited for ever). A posted event is delivered by that next
+// processEvents whatever the count, and interrupting then keeps it from waiting.
+class LoopWaker : public QObject {
+public:
+    bool event(QEvent* event) override;
+};
+
 class CardThreadState {
 public:
     void Hold();
@@ -57,7 +73,10 @@ private:
     std::uint64_t tasksRun_ = 0;
     bool stopping_ = false;
     bool looping_ = false;  // the loop has its dispatcher and takes tasks
-    QAbstractEventDispatcher* dispatcher_ = nullptr;
+    LoopWaker* waker_ = nullptr;  // under taskLock_, while the loop runs
+    std::atomic<bool> wakePosted_{false};
+
+    friend class LoopWaker;
 };
 
 CardThreadState& State() {
@@ -65,6 +84,16 @@ CardThreadState& State() {
     // static objects go.
     static auto* const state = new CardThreadState;
     return *state;
+}
+
+bool LoopWaker::event(QEvent* event) {
+    if (event->type() != WakeEventType()) {
+        return QObject::event(event);
+    }
+    // Cleared before the tasks are looked at: a task queued from now on posts a new wake.
+    State().wakePosted_.store(false);
+    QAbstractEventDispatcher::instance()->interrupt();
+    return true;
 }
 
 void CardThreadState::Hold() {
@@ -145,17 +174,19 @@ void CardThreadState::Post(std::function<void()> task) {
 
 void CardThreadState::WakeLoop() {
     std::lock_guard<std::mutex> lock(taskLock_);
-    if (dispatcher_ != nullptr) {
-        dispatcher_->wakeUp();  // latched: a wake before the loop waits is not lost
+    if (waker_ != nullptr && !wakePosted_.exchange(true)) {
+        QCoreApplication::postEvent(waker_, new QEvent(WakeEventType()));
     }
 }
 
 void CardThreadState::Loop() {
     onCardThread = true;
     QAbstractEventDispatcher* dispatcher = QAbstractEventDispatcher::instance();
+    LoopWaker waker;
     {
         std::lock_guard<std::mutex> lock(taskLock_);
-        dispatcher_ = dispatcher;
+        waker_ = &waker;
+        wakePosted_.store(false);  // a wake left from an earlier loop went with its waker
         looping_ = true;
     }
     taskDone_.notify_all();
@@ -164,7 +195,7 @@ void CardThreadState::Loop() {
         {
             std::lock_guard<std::mutex> lock(taskLock_);
             if (stopping_ && tasks_.empty()) {
-                dispatcher_ = nullptr;
+                waker_ = nullptr;
                 looping_ = false;
                 break;
             }

@@ -30,6 +30,11 @@ static const char* currentCase = "";
         }                                                                                   \
     } while (0)
 
+static void Begin(const char* name) {
+    currentCase = name;
+    printf("case: %s\n", name);
+}
+
 static void SleepMs(int milliseconds) {
 #ifdef _WIN32
     Sleep((DWORD)milliseconds);
@@ -78,7 +83,7 @@ static int WaitForDeliveries(kvpcie_card* card, int channel, uint64_t frames,
 }
 
 static void TheVersionAndTheFrameSizes(void) {
-    currentCase = "the version and the frame sizes";
+    Begin("the version and the frame sizes");
     CHECK(strlen(kvpcie_version()) >= 5);
     CHECK(kvpcie_frame_bytes(KVPCIE_UYVY422, 64, 32) == 64u * 32u * 2u);
     CHECK(kvpcie_frame_bytes(KVPCIE_BGR24, 10, 10) == 300u);
@@ -115,7 +120,7 @@ static void NullHandlesAndPointersAreRefused(void) {
         kvpcie_capture_delays(NULL, 0, delays, 8, &count),
         kvpcie_inject_delays(NULL, 0, delays, 8, &count),
     };
-    currentCase = "null handles and pointers are refused";
+    Begin("null handles and pointers are refused");
     for (row = 0; row < sizeof nullHandle / sizeof nullHandle[0]; ++row) {
         if (nullHandle[row] != KVPCIE_BAD_ARGUMENT) {
             ++failures;
@@ -158,7 +163,7 @@ static void BadArgumentsSayWhy(void) {
     kvpcie_card* card = FreshCard();
     unsigned char frame[64 * 32];
     unsigned char command[1025];
-    currentCase = "bad arguments say why";
+    Begin("bad arguments say why");
     CHECK(card != NULL);
     memset(frame, 0, sizeof frame);
     memset(command, 1, sizeof command);
@@ -186,7 +191,7 @@ static void ListingNamesTheSimulatedCards(void) {
     kvpcie_list* list;
     kvpcie_riffa_device devices[2];
     int32_t count = -1;
-    currentCase = "listing names the simulated cards";
+    Begin("listing names the simulated cards");
     CHECK(kvpcie_sim_configure("xdma:2,riffa:1") == KVPCIE_OK);
     list = kvpcie_list_xdma();
     CHECK(list != NULL);
@@ -219,7 +224,7 @@ static void RegistersAndMemoryOfXdmaAndRiffa(void) {
     unsigned char out[256];
     unsigned char back[256];
     int i;
-    currentCase = "registers and memory of XDMA and RIFFA";
+    Begin("registers and memory of XDMA and RIFFA");
     CHECK(card != NULL);
     CHECK(strcmp(kvpcie_card_path(card), "sim:xdma0") == 0);
     CHECK(kvpcie_read_reg(card, 0x1F0000, &value) == KVPCIE_OK && value == 0x53494D31u);
@@ -283,7 +288,7 @@ static void CaptureDeliversTheCardsPatternByteForByte(void) {
     static unsigned char buffer[64 * 32];
     kvpcie_card* card = FreshCard();
     kvpcie_capture_statistics statistics;
-    currentCase = "capture delivers the card's pattern byte for byte";
+    Begin("capture delivers the card's pattern byte for byte");
     memset(&seen, 0, sizeof seen);
     seen.channel = 2;
     CHECK(card != NULL);
@@ -327,7 +332,7 @@ static void ACallbackThatStopsItsOwnChannelGetsNoFurtherFrame(void) {
     static Seen seen;
     static unsigned char buffer[64 * 32];
     kvpcie_card* card = FreshCard();
-    currentCase = "a callback that stops its own channel gets no further frame";
+    Begin("a callback that stops its own channel gets no further frame");
     memset(&seen, 0, sizeof seen);
     seen.card = card;
     seen.stopResult = -100;
@@ -369,7 +374,7 @@ static void InjectedFramesComeBackInTheLoopback(void) {
     int32_t filled = 0;
     int i;
     int waited;
-    currentCase = "injected frames come back in the loopback";
+    Begin("injected frames come back in the loopback");
     memset(&seen, 0, sizeof seen);
     CHECK(card != NULL);
     for (i = 0; i < (int)sizeof frame; ++i) {
@@ -423,7 +428,7 @@ static void StatusBlocksReachTheCallbackWithoutAnEventLoop(void) {
     static unsigned char buffer[64 * 32];
     kvpcie_card* card = FreshCard();
     uint32_t word;
-    currentCase = "status blocks reach the callback without an event loop";
+    Begin("status blocks reach the callback without an event loop");
     memset(&seen, 0, sizeof seen);
     CHECK(card != NULL);
     CHECK(kvpcie_start_capture(card, 3, 0, 64, 32, KVPCIE_Y8, buffer, NULL, NULL) == KVPCIE_OK);
@@ -446,7 +451,7 @@ static void TwoHandlesShareOneCardButNotOneChannel(void) {
     kvpcie_card* first = FreshCard();
     kvpcie_card* second = kvpcie_open("sim:xdma0");
     uint32_t value = 0;
-    currentCase = "two handles share one card but not one channel";
+    Begin("two handles share one card but not one channel");
     CHECK(first != NULL && second != NULL);
     CHECK(kvpcie_start_capture(first, 0, 0, 64, 32, KVPCIE_Y8, buffer, NULL, NULL) == KVPCIE_OK);
     CHECK(kvpcie_start_capture(second, 0, 0, 64, 32, KVPCIE_Y8, buffer, NULL, NULL) ==
@@ -460,7 +465,9 @@ static void TwoHandlesShareOneCardButNotOneChannel(void) {
 }
 
 int main(void) {
-    /* Recordings would go below the program's folder: no case records. */
+    /* Unbuffered, so that a case that hangs shows where. No case records (recordings would go
+       below the program's folder). */
+    setvbuf(stdout, NULL, _IONBF, 0);
     TheVersionAndTheFrameSizes();
     NullHandlesAndPointersAreRefused();
     BadArgumentsSayWhy();
