@@ -51,6 +51,15 @@ if(PACKAGE_GENERATOR)
         file(GLOB_RECURSE libraries RELATIVE "${prefix}" "${prefix}/lib*/libKvPCIeInjectSdk.so")
         set(packaged bin/kvpcie ${libraries})
     endif()
+    # The .NET assembly, where the build had Mono's compiler.
+    if(NET_ASSEMBLY AND TOOLCHAIN)
+        list(APPEND packaged bin/KvPCIeInjectSdk.Net.dll)
+    elseif(NET_ASSEMBLY)
+        file(GLOB_RECURSE assemblies RELATIVE "${prefix}" "${prefix}/lib*/KvPCIeInjectSdk.Net.dll")
+        if(NOT assemblies)
+            message(FATAL_ERROR "The package lacks KvPCIeInjectSdk.Net.dll")
+        endif()
+    endif()
     list(APPEND packaged include/KvPCIeInjectSdk/PCIeDataManager.h include/KvPCIeInjectSdk/kvpcie.h
          ${docs}README.md ${docs}CHANGELOG.md ${docs}examples/card_info/CMakeLists.txt
          ${docs}examples/card_info/main.cpp)

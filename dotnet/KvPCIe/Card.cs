@@ -1,0 +1,384 @@
+// An open card for .NET hosts: capture, injection, commands, status blocks, registers and
+// card memory, over the C interface.
+using System;
+using System.Runtime.InteropServices;
+using System.Threading;
+
+namespace KvPCIe
+{
+    /// <summary>Gets each captured frame, on the card's polling thread; it must return quickly.
+    /// An exception it throws stays in .NET (see Card.LastHandlerException).</summary>
+    public delegate void FrameHandler(Frame frame);
+
+    /// <summary>Gets each status block the card posts for a channel, on the library's card
+    /// thread.</summary>
+    public delegate void StatusHandler(int channel, byte[] block);
+
+    /// <summary>One open card (or RIFFA device). Dispose it to stop what it started and close
+    /// it; the card closes with the last Card of its path in the process.</summary>
+    public sealed class Card : IDisposable
+    {
+        /// <summary>Capture and inject channels of a card: 0 to 3.</summary>
+        public const int Channels = 4;
+
+        // The library calls these two, which live as long as the program: a callback that
+        // held the Card itself (through a GC handle, which is a root) would keep a Card that the
+        // program dropped from ever being finalized and closed. Their context is a weak handle
+        // to the channel's state: once the Card has gone, a late call finds nothing and returns.
+        private static readonly NativeMethods.FrameCallback FrameCallback = DeliverFrame;
+        private static readonly NativeMethods.StatusCallback StatusCallback = DeliverStatus;
+
+        private sealed class ChannelState
+        {
+            internal Card Owner;
+            internal FrameHandler FrameHandler;
+            internal Frame Frame;
+            internal StatusHandler StatusHandler;
+        }
+
+        private readonly CardHandle handle_;
+        private readonly ChannelState[] capture_ = new ChannelState[Channels];
+        private readonly ChannelState[] status_ = new ChannelState[Channels];
+        private Exception lastHandlerException_;
+
+        private Card(CardHandle handle)
+        {
+            handle_ = handle;
+        }
+
+        /// <summary>The library's version, "major.minor.patch".</summary>
+        public static string Version
+        {
+            get { return NativeMethods.Text(NativeMethods.kvpcie_version()); }
+        }
+
+        /// <summary>Bytes of one frame of the format; 0 for a bad one.</summary>
+        public static long FrameBytes(PixelType pixelType, int width, int height)
+        {
+            return (long)NativeMethods.kvpcie_frame_bytes((int)pixelType, width, height);
+        }
+
+        /// <summary>The XDMA card paths the library lists.</summary>
+        public static string[] ListXdma()
+        {
+            IntPtr list = NativeMethods.kvpcie_list_xdma();
+            if (list == IntPtr.Zero)
+            {
+                KvPCIeException.ThrowIfFailed((int)Status.Error);
+            }
+            try
+            {
+                var paths = new string[NativeMethods.kvpcie_list_count(list)];
+                for (int i = 0; i < paths.Length; ++i)
+                {
+                    paths[i] = NativeMethods.Text(NativeMethods.kvpcie_list_path(list, i));
+                }
+                return paths;
+            }
+            finally
+            {
+                NativeMethods.kvpcie_list_free(list);
+            }
+        }
+
+        /// <summary>The RIFFA devices the driver lists (five at most).</summary>
+        public static RiffaDevice[] ListRiffa()
+        {
+            var devices = new RiffaDevice[5];
+            for (int i = 0; i < devices.Length; ++i)
+            {
+                devices[i].Size = (uint)Marshal.SizeOf(typeof(RiffaDevice));
+            }
+            int count;
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_list_riffa(devices, devices.Length,
+                                                                          out count));
+            Array.Resize(ref devices, Math.Min(count, devices.Length));
+            return devices;
+        }
+
+        /// <summary>Opens the XDMA card at <paramref name="path"/> (null: the first listed).</summary>
+        public static Card Open(string path = null)
+        {
+            return Opened(NativeMethods.kvpcie_open(NativeMethods.Utf8(path)));
+        }
+
+        /// <summary>Opens RIFFA device <paramref name="index"/>: registers only.</summary>
+        public static Card OpenRiffa(int index)
+        {
+            return Opened(NativeMethods.kvpcie_open_riffa(index));
+        }
+
+        private static Card Opened(CardHandle handle)
+        {
+            if (handle.IsInvalid)
+            {
+                string why = NativeMethods.Text(NativeMethods.kvpcie_last_error());
+                handle.SetHandleAsInvalid();
+                throw new KvPCIeException(Status.NoCard, why);
+            }
+            return new Card(handle);
+        }
+
+        /// <summary>The card's path ("" for a RIFFA device).</summary>
+        public string Path
+        {
+            get { return NativeMethods.Text(NativeMethods.kvpcie_card_path(handle_)); }
+        }
+
+        /// <summary>The last exception a handler of this card threw, or null.</summary>
+        public Exception LastHandlerException
+        {
+            get { return Volatile.Read(ref lastHandlerException_); }
+        }
+
+        /// <summary>XDMA: the user register at byte <paramref name="address"/>; RIFFA: a register request.</summary>
+        public uint ReadRegister(uint address)
+        {
+            uint value;
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_read_reg(handle_, address, out value));
+            return value;
+        }
+
+        /// <summary>Writes a register (XDMA or RIFFA).</summary>
+        public void WriteRegister(uint address, uint value)
+        {
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_write_reg(handle_, address, value));
+        }
+
+        /// <summary>Card memory by DMA.</summary>
+        public byte[] ReadData(uint address, int bytes)
+        {
+            var data = new byte[bytes];
+            KvPCIeException.ThrowIfFailed(
+                NativeMethods.kvpcie_read_data(handle_, address, data, (uint)bytes));
+            return data;
+        }
+
+        /// <summary>Writes card memory by DMA.</summary>
+        public void WriteData(uint address, byte[] data)
+        {
+            if (data == null)
+            {
+                throw new ArgumentNullException("data");
+            }
+            KvPCIeException.ThrowIfFailed(
+                NativeMethods.kvpcie_write_data(handle_, address, data, (uint)data.Length));
+        }
+
+        /// <summary>Starts capturing <paramref name="channel"/>; each frame goes to
+        /// <paramref name="handler"/> (null: frames are only recorded) in a buffer of the
+        /// channel's own, which the card fills by DMA and no copy is made of.</summary>
+        public void StartCapture(int channel, bool cardTiming, int width, int height,
+                                 PixelType pixelType, FrameHandler handler)
+        {
+            long bytes = FrameBytes(pixelType, width, height);
+            if (channel < 0 || channel >= Channels || bytes <= 0 || bytes > int.MaxValue)
+            {
+                // The library says why in its own words.
+                KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_start_capture(
+                    handle_, channel, cardTiming ? 1 : 0, width, height, (int)pixelType,
+                    IntPtr.Zero, null, IntPtr.Zero));
+            }
+            // A started channel stops first: its old buffer is let go only once the library no
+            // longer uses it.
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_stop_capture(handle_, channel));
+            handle_.Forget("buffer" + channel);
+            var buffer = new byte[bytes];
+            GCHandle pinned = handle_.Keep("buffer" + channel, buffer, GCHandleType.Pinned);
+            var state = new ChannelState
+            {
+                Owner = this,
+                FrameHandler = handler,
+                Frame = new Frame(buffer) { Channel = channel, Width = width, Height = height,
+                                            PixelType = pixelType },
+            };
+            capture_[channel] = state;
+            GCHandle context = handle_.Keep("capture" + channel, state, GCHandleType.Weak);
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_start_capture(
+                handle_, channel, cardTiming ? 1 : 0, width, height, (int)pixelType,
+                pinned.AddrOfPinnedObject(), handler == null ? null : FrameCallback,
+                GCHandle.ToIntPtr(context)));
+        }
+
+        // On the polling thread, per frame: the channel's one Frame is updated, nothing else.
+        private static void DeliverFrame(IntPtr nativeFrame, IntPtr context)
+        {
+            var state = GCHandle.FromIntPtr(context).Target as ChannelState;
+            if (state == null || state.FrameHandler == null)
+            {
+                return;
+            }
+            Frame frame = state.Frame;
+            frame.Length = (int)Marshal.ReadInt64(nativeFrame, 16);
+            frame.ErrorFrame = Marshal.ReadInt32(nativeFrame, 36) != 0;
+            try
+            {
+                state.FrameHandler(frame);
+            }
+            catch (Exception exception)
+            {
+                // An exception must not cross into the library's thread.
+                Volatile.Write(ref state.Owner.lastHandlerException_, exception);
+            }
+        }
+
+        /// <summary>Stops the channel; no handler call of it runs once this returns (or, called
+        /// from the channel's own handler, once the handler returns).</summary>
+        public void StopCapture(int channel)
+        {
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_stop_capture(handle_, channel));
+            // Called from the channel's own handler, the library lets go of the buffer when the
+            // handler returns; the handler holds the array meanwhile, so unpinning is safe.
+            handle_.Forget("buffer" + channel);
+        }
+
+        /// <summary>True while this Card captures on the channel.</summary>
+        public bool IsCapturing(int channel)
+        {
+            return NativeMethods.kvpcie_is_capturing(handle_, channel) != 0;
+        }
+
+        /// <summary>Records the capturing channel below the program's folder ("VideoRecord").</summary>
+        public void StartRecord(int channel)
+        {
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_start_record(handle_, channel));
+        }
+
+        /// <summary>Ends the recording; the frames on their way are written first.</summary>
+        public void StopRecord(int channel)
+        {
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_stop_record(handle_, channel));
+        }
+
+        /// <summary>Status blocks of the channel to <paramref name="handler"/>; null switches
+        /// them off.</summary>
+        public void SetStatusHandler(int channel, StatusHandler handler)
+        {
+            var state = new ChannelState { Owner = this, StatusHandler = handler };
+            // Kept under a key of its own until the library has switched to it.
+            GCHandle context = handle_.Keep("status" + channel + "+", state, GCHandleType.Weak);
+            int status = NativeMethods.kvpcie_set_status_callback(
+                handle_, channel, handler == null ? null : StatusCallback, GCHandle.ToIntPtr(context));
+            if (status != 0)
+            {
+                handle_.Forget("status" + channel + "+");
+                KvPCIeException.ThrowIfFailed(status);
+            }
+            // The library switched on the card thread: the old state is no longer handed back.
+            status_[channel] = state;
+            handle_.Forget("status" + channel);
+            handle_.Rename("status" + channel + "+", "status" + channel);
+        }
+
+        // On the card thread: the block is copied into an array of its own.
+        private static void DeliverStatus(int channel, IntPtr data, UIntPtr bytes, IntPtr context)
+        {
+            var state = GCHandle.FromIntPtr(context).Target as ChannelState;
+            if (state == null || state.StatusHandler == null)
+            {
+                return;
+            }
+            var block = new byte[(int)bytes.ToUInt64()];
+            Marshal.Copy(data, block, 0, block.Length);
+            try
+            {
+                state.StatusHandler(channel, block);
+            }
+            catch (Exception exception)
+            {
+                Volatile.Write(ref state.Owner.lastHandlerException_, exception);
+            }
+        }
+
+        /// <summary>Queues one frame (copied); false when 15 frames wait (offer it again later).
+        /// The first frame of a run programs the channel with the format and rate.</summary>
+        public bool Inject(int channel, int frameRate, int width, int height, PixelType pixelType,
+                           byte[] frame)
+        {
+            int status = NativeMethods.kvpcie_inject(handle_, channel, frameRate, width, height,
+                                                     (int)pixelType, frame);
+            if (status == (int)Status.QueueFull)
+            {
+                return false;
+            }
+            KvPCIeException.ThrowIfFailed(status);
+            return true;
+        }
+
+        /// <summary>Stops the channel's injection; frames still queued are dropped.</summary>
+        public void StopInject(int channel)
+        {
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_stop_inject(handle_, channel));
+        }
+
+        /// <summary>True while this Card injects on the channel.</summary>
+        public bool IsInjecting(int channel)
+        {
+            return NativeMethods.kvpcie_is_injecting(handle_, channel) != 0;
+        }
+
+        /// <summary>Sends a control command (1 to 1,024 bytes); false when the card did not
+        /// take it within 40 ms (it still goes out once the card is free).</summary>
+        public bool SendCommand(int channel, byte[] command)
+        {
+            int status = NativeMethods.kvpcie_send_command(
+                handle_, channel, command, new UIntPtr(command == null ? 0u : (uint)command.Length));
+            if (status == (int)Status.Error)
+            {
+                return false;
+            }
+            KvPCIeException.ThrowIfFailed(status);
+            return true;
+        }
+
+        /// <summary>The channel's capture counts; any thread, handlers too.</summary>
+        public CaptureStatistics GetCaptureStatistics(int channel)
+        {
+            var statistics = new CaptureStatistics();
+            statistics.Size = (uint)Marshal.SizeOf(typeof(CaptureStatistics));
+            KvPCIeException.ThrowIfFailed(
+                NativeMethods.kvpcie_capture_statistics_get(handle_, channel, ref statistics));
+            return statistics;
+        }
+
+        /// <summary>The channel's inject and command counts; any thread, handlers too.</summary>
+        public InjectStatistics GetInjectStatistics(int channel)
+        {
+            var statistics = new InjectStatistics();
+            statistics.Size = (uint)Marshal.SizeOf(typeof(InjectStatistics));
+            KvPCIeException.ThrowIfFailed(
+                NativeMethods.kvpcie_inject_statistics_get(handle_, channel, ref statistics));
+            return statistics;
+        }
+
+        /// <summary>Stops what this Card started and closes it.</summary>
+        public void Dispose()
+        {
+            handle_.Dispose();
+        }
+    }
+
+    /// <summary>The simulated card, for tests and examples: no hardware needed.</summary>
+    public static class Simulation
+    {
+        /// <summary>As KVPCIE_SIM: "1", "xdma:N,riffa:M" or "" (none).</summary>
+        public static void Configure(string spec)
+        {
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_sim_configure(NativeMethods.Utf8(spec)));
+        }
+
+        /// <summary>A register of simulated card <paramref name="card"/> as the card holds it.</summary>
+        public static uint PeekRegister(int card, uint address)
+        {
+            uint value;
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_sim_peek_register(card, address, out value));
+            return value;
+        }
+
+        /// <summary>Simulated card <paramref name="card"/> drops off the bus, or comes back.</summary>
+        public static void SetRemoved(int card, bool removed)
+        {
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_sim_set_removed(card, removed ? 1 : 0));
+        }
+    }
+}

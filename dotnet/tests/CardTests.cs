@@ -1,0 +1,242 @@
+// The .NET binding on the simulated card, through the Linux library: listing, capture, loopback
+// byte for byte, statistics, errors, status blocks, and garbage collections while frames arrive.
+using System;
+using System.Threading;
+using KvPCIe;
+using NUnit.Framework;
+
+namespace KvPCIe.Tests
+{
+    [TestFixture]
+    public class CardTests
+    {
+        private const int Width = 64;
+        private const int Height = 32;
+        private const int FrameBytes = Width * Height;
+
+        private static uint ControlBlock(int channel, uint offset)
+        {
+            return 0x1F1000u + (uint)channel * 0x1000u + offset;
+        }
+
+        [SetUp]
+        public void FreshSimulatedCard()
+        {
+            Simulation.Configure("xdma:1,riffa:1");
+        }
+
+        // Waits up to 5 s for `done`, looking every 10 ms.
+        private static bool Eventually(Func<bool> done)
+        {
+            for (int waited = 0; waited < 5000; waited += 10)
+            {
+                if (done())
+                {
+                    return true;
+                }
+                Thread.Sleep(10);
+            }
+            return done();
+        }
+
+        [Test]
+        public void ListsTheSimulatedCardsAndTheVersion()
+        {
+            Assert.That(Card.Version, Is.StringMatching(@"^\d+\.\d+\.\d+$"));
+            Assert.That(Card.ListXdma(), Is.EqualTo(new[] { "sim:xdma0" }));
+            RiffaDevice[] riffa = Card.ListRiffa();
+            Assert.That(riffa.Length, Is.EqualTo(1));
+            Assert.That(riffa[0].Name, Is.EqualTo("KvSimRiffa"));
+            Assert.That(riffa[0].VendorId, Is.EqualTo(0x10EE));
+            Assert.That(Card.FrameBytes(PixelType.Bgr24, 10, 10), Is.EqualTo(300));
+        }
+
+        [Test]
+        public void CapturesTheCardsPatternByteForByte()
+        {
+            using (Card card = Card.Open())
+            {
+                int frames = 0;
+                int wrong = 0;
+                card.WriteRegister(ControlBlock(2, 0x04), 200);
+                card.StartCapture(2, false, Width, Height, PixelType.Y8, frame =>
+                {
+                    byte[] bytes = frame.Buffer;
+                    uint number = BitConverter.ToUInt32(bytes, 0);
+                    bool ok = frame.Length == FrameBytes && frame.Channel == 2 && bytes[4] == 2;
+                    for (int k = 8; ok && k < frame.Length; ++k)
+                    {
+                        ok = bytes[k] == (byte)((k + number) % 256);
+                    }
+                    Interlocked.Increment(ref frames);
+                    if (!ok)
+                    {
+                        Interlocked.Increment(ref wrong);
+                    }
+                });
+                Assert.That(card.IsCapturing(2), Is.True);
+                Assert.That(Eventually(() => Volatile.Read(ref frames) >= 5), Is.True);
+                card.StopCapture(2);
+                Assert.That(card.IsCapturing(2), Is.False);
+                Assert.That(wrong, Is.EqualTo(0));
+                CaptureStatistics statistics = card.GetCaptureStatistics(2);
+                Assert.That(statistics.FramesDelivered, Is.EqualTo((ulong)frames));
+                Assert.That(statistics.FramesFailed, Is.EqualTo(0UL));
+                Assert.That(card.LastHandlerException, Is.Null);
+            }
+        }
+
+        [Test]
+        public void InjectedFramesComeBackInTheLoopbackByteForByte()
+        {
+            var sent = new byte[FrameBytes];
+            for (int i = 0; i < sent.Length; ++i)
+            {
+                sent[i] = (byte)(i * 3 + 1);
+            }
+            byte[] received = null;
+            using (Card card = Card.Open())
+            {
+                card.WriteRegister(ControlBlock(1, 0x00), 1); // capture from inject channel 1
+                card.WriteRegister(ControlBlock(1, 0x04), 100);
+                card.StartCapture(1, false, Width, Height, PixelType.Y8, frame =>
+                {
+                    // A played frame, not the blank one before the first: copy it once.
+                    if (frame.Buffer[10] == sent[10] && frame.Buffer[100] == sent[100] &&
+                        Volatile.Read(ref received) == null)
+                    {
+                        var copy = new byte[frame.Length];
+                        Buffer.BlockCopy(frame.Buffer, 0, copy, 0, frame.Length);
+                        Volatile.Write(ref received, copy);
+                    }
+                });
+                for (int i = 0; i < 10; ++i)
+                {
+                    Assert.That(card.Inject(1, 100, Width, Height, PixelType.Y8, sent), Is.True);
+                }
+                Assert.That(Eventually(() => Volatile.Read(ref received) != null), Is.True);
+                card.StopCapture(1);
+                InjectStatistics statistics = card.GetInjectStatistics(1);
+                Assert.That(statistics.FramesQueued, Is.EqualTo(10UL));
+                card.StopInject(1);
+                Assert.That(card.IsInjecting(1), Is.False);
+            }
+            // The first pixel carries the frame's counter stamp; every other byte is the frame's.
+            Assert.That(received.Length, Is.EqualTo(sent.Length));
+            for (int k = 1; k < sent.Length; ++k)
+            {
+                Assert.That(received[k], Is.EqualTo(sent[k]), "byte " + k);
+            }
+        }
+
+        [Test]
+        public void StatusBlocksReachTheirHandler()
+        {
+            byte[] block = null;
+            int channelSeen = -1;
+            using (Card card = Card.Open())
+            {
+                card.StartCapture(3, false, Width, Height, PixelType.Y8, null);
+                card.SetStatusHandler(3, (channel, data) =>
+                {
+                    channelSeen = channel;
+                    Volatile.Write(ref block, data);
+                });
+                card.WriteRegister(ControlBlock(3, 0x400), 0xC0DE0042);
+                card.WriteRegister(ControlBlock(3, 0x28), 4); // post 4 bytes
+                Assert.That(Eventually(() => Volatile.Read(ref block) != null), Is.True);
+                card.SetStatusHandler(3, null);
+            }
+            Assert.That(channelSeen, Is.EqualTo(3));
+            Assert.That(block, Is.EqualTo(new byte[] { 0x42, 0x00, 0xDE, 0xC0 }));
+        }
+
+        [Test]
+        public void BadArgumentsThrowWithTheLibrarysText()
+        {
+            using (Card card = Card.Open())
+            {
+                var error = Assert.Throws<KvPCIeException>(
+                    () => card.StartCapture(7, false, Width, Height, PixelType.Y8, null));
+                Assert.That(error.Status, Is.EqualTo(Status.BadArgument));
+                Assert.That(error.Message, Is.StringContaining("outside 0 to 3"));
+                error = Assert.Throws<KvPCIeException>(() => card.SendCommand(0, new byte[2000]));
+                Assert.That(error.Status, Is.EqualTo(Status.BadArgument));
+                error = Assert.Throws<KvPCIeException>(() => card.ReadData(0x80000000u, 4));
+                Assert.That(error.Message, Is.Not.Empty);
+            }
+            var missing = Assert.Throws<KvPCIeException>(() => Card.Open("sim:xdma9"));
+            Assert.That(missing.Status, Is.EqualTo(Status.NoCard));
+            Assert.Throws<KvPCIeException>(() => Simulation.Configure("xdma:99"));
+        }
+
+        [Test]
+        public void RegistersOfXdmaAndRiffaAndACommand()
+        {
+            using (Card card = Card.Open())
+            {
+                Assert.That(card.ReadRegister(0x1F0000), Is.EqualTo(0x53494D31u));
+                card.WriteData(0x50000000u, new byte[] { 1, 2, 3, 4, 5, 6, 7, 8 });
+                Assert.That(card.ReadData(0x50000000u, 8), Is.EqualTo(new byte[] { 1, 2, 3, 4, 5, 6, 7, 8 }));
+                Assert.That(card.SendCommand(0, new byte[] { 0xA5, 0x5A }), Is.True);
+                Assert.That(card.ReadRegister(ControlBlock(0, 0x2C)), Is.EqualTo(2u)); // its length
+            }
+            using (Card riffa = Card.OpenRiffa(0))
+            {
+                riffa.WriteRegister(0x2000, 0x1234);
+                Assert.That(riffa.ReadRegister(0x2000), Is.EqualTo(0x1234u));
+            }
+        }
+
+        [Test]
+        public void GarbageCollectionsWhileFramesArriveLoseNothing()
+        {
+            int frames = 0;
+            using (Card card = Card.Open())
+            {
+                card.WriteRegister(ControlBlock(0, 0x04), 200);
+                // The handler and the frame buffer exist only through the card: the binding
+                // keeps them for the library, the collector must neither free nor move them.
+                card.StartCapture(0, false, Width, Height, PixelType.Y8,
+                                  frame => Interlocked.Increment(ref frames));
+                for (int round = 0; round < 20; ++round)
+                {
+                    var garbage = new byte[64][];
+                    for (int i = 0; i < garbage.Length; ++i)
+                    {
+                        garbage[i] = new byte[16384];
+                    }
+                    GC.Collect();
+                    GC.WaitForPendingFinalizers();
+                    Thread.Sleep(10);
+                }
+                Assert.That(Eventually(() => Volatile.Read(ref frames) >= 20), Is.True);
+                card.StopCapture(0);
+                CaptureStatistics statistics = card.GetCaptureStatistics(0);
+                Assert.That(statistics.FramesFailed, Is.EqualTo(0UL));
+                Assert.That(statistics.FramesDelivered, Is.EqualTo((ulong)frames));
+                Assert.That(card.LastHandlerException, Is.Null);
+            }
+        }
+
+        [Test]
+        public void ACardLeftToTheFinalizerIsClosedAndItsChannelFreed()
+        {
+            OpenAndForget();
+            GC.Collect();
+            GC.WaitForPendingFinalizers();
+            // The channel the forgotten card captured on is free again.
+            using (Card card = Card.Open())
+            {
+                card.StartCapture(0, false, Width, Height, PixelType.Y8, frame => { });
+                card.StopCapture(0);
+            }
+        }
+
+        private static void OpenAndForget()
+        {
+            Card card = Card.Open();
+            card.StartCapture(0, false, Width, Height, PixelType.Y8, frame => { });
+        }
+    }
+}
