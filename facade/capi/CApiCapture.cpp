@@ -142,9 +142,10 @@ kvpcie_status KVPCIE_CALL kvpcie_stop_capture(kvpcie_card* card, int32_t channel
             // The library takes a stop from inside a frame callback on the polling thread
             // itself; it takes effect when the callback returns.
             card->lease->AnyThreadManager().StopCapture(channel);
-            slot.claimed = false;
-            card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
-                                 static_cast<unsigned>(channel));
+            if (slot.claimed.exchange(false)) {
+                card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
+                                     static_cast<unsigned>(channel));
+            }
             return Succeed();
         }
         if (const kvpcie_status refused = kvpcie::capi::RequireNotInFrameCallback()) {
@@ -152,9 +153,10 @@ kvpcie_status KVPCIE_CALL kvpcie_stop_capture(kvpcie_card* card, int32_t channel
         }
         if (slot.claimed) {
             card->lease->Run([&](PCIeDataManager& manager) { manager.StopCapture(channel); });
-            slot.claimed = false;
-            card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
-                                 static_cast<unsigned>(channel));
+            if (slot.claimed.exchange(false)) {
+                card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
+                                     static_cast<unsigned>(channel));
+            }
         }
         return Succeed();
     });

@@ -64,12 +64,11 @@ void StopEverything(kvpcie_card* card) {
             }
         });
         card->status[channel].callback = nullptr;
-        if (capture.claimed) {
-            capture.claimed = false;
+        // Whoever clears the flag gives the channel back: a frame callback may stop it too.
+        if (capture.claimed.exchange(false)) {
             card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture, channel);
         }
-        if (injecting) {
-            card->injectClaimed[channel] = false;
+        if (card->injectClaimed[channel].exchange(false)) {
             card->lease->Unclaim(KvPCIe::SharedCard::Direction::Inject, channel);
         }
     }

@@ -16,7 +16,8 @@ struct kvpcie_card {
         kvpcie_frame_callback callback = nullptr;
         void* context = nullptr;
         kvpcie_frame frame{};  // filled in once at the start; only data and the flag vary
-        bool claimed = false;
+        // Also cleared by a stop from inside the channel's own frame callback.
+        std::atomic<bool> claimed{false};
     };
     struct StatusSlot {
         kvpcie_card* card = nullptr;
@@ -29,7 +30,7 @@ struct kvpcie_card {
     std::unique_ptr<PCIeDataManager> riffa;       // RIFFA
     CaptureSlot capture[KVPCIE_CHANNELS];
     StatusSlot status[KVPCIE_CHANNELS];
-    bool injectClaimed[KVPCIE_CHANNELS] = {};
+    std::atomic<bool> injectClaimed[KVPCIE_CHANNELS] = {};  // also set from frame callbacks
 };
 
 namespace kvpcie::capi {

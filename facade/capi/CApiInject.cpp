@@ -127,9 +127,8 @@ kvpcie_status KVPCIE_CALL kvpcie_inject(kvpcie_card* card, int32_t channel, int3
         if (queued) {
             return Succeed();
         }
-        if (firstOfRun) {
+        if (firstOfRun && card->injectClaimed[channel].exchange(false)) {
             // Refused before the channel started: it stays free for other handles.
-            card->injectClaimed[channel] = false;
             card->lease->Unclaim(KvPCIe::SharedCard::Direction::Inject,
                                  static_cast<unsigned>(channel));
         }
@@ -150,9 +149,10 @@ kvpcie_status KVPCIE_CALL kvpcie_stop_inject(kvpcie_card* card, int32_t channel)
         }
         if (card->injectClaimed[channel]) {
             card->lease->Run([&](PCIeDataManager& manager) { manager.StopInject(channel); });
-            card->injectClaimed[channel] = false;
-            card->lease->Unclaim(KvPCIe::SharedCard::Direction::Inject,
-                                 static_cast<unsigned>(channel));
+            if (card->injectClaimed[channel].exchange(false)) {
+                card->lease->Unclaim(KvPCIe::SharedCard::Direction::Inject,
+                                     static_cast<unsigned>(channel));
+            }
         }
         return Succeed();
     });
