@@ -362,9 +362,9 @@ namespace KvPCIe
     public static class Simulation
     {
         /// <summary>As KVPCIE_SIM: "1", "xdma:N,riffa:M" or "" (none).</summary>
-        public static void Configure(string spec)
+        public static void Configure(string cards)
         {
-            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_sim_configure(NativeMethods.Utf8(spec)));
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_sim_configure(NativeMethods.Utf8(cards)));
         }
 
         /// <summary>A register of simulated card <paramref name="card"/> as the card holds it.</summary>

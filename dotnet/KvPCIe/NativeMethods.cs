@@ -91,7 +91,7 @@ namespace KvPCIe
                                                                 ref InjectStatistics statistics);
 
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
-        internal static extern int kvpcie_sim_configure(byte[] specUtf8);
+        internal static extern int kvpcie_sim_configure(byte[] cardsUtf8);
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern int kvpcie_sim_peek_register(int card, uint address, out uint value);
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]

@@ -95,14 +95,14 @@ kvpcie_status KVPCIE_CALL kvpcie_list_riffa(kvpcie_riffa_device* devices, int32_
     });
 }
 
-kvpcie_status KVPCIE_CALL kvpcie_sim_configure(const char* spec) {
+kvpcie_status KVPCIE_CALL kvpcie_sim_configure(const char* cards) {
     return Guarded([&] {
-        if (spec == nullptr) {
-            return Fail(KVPCIE_BAD_ARGUMENT, "the specification is null");
+        if (cards == nullptr) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "the cards' description is null");
         }
-        return KvPCIeSim::Configure(spec)
+        return KvPCIeSim::Configure(cards)
                    ? Succeed()
-                   : Fail(KVPCIE_BAD_ARGUMENT, std::string("\"") + spec +
+                   : Fail(KVPCIE_BAD_ARGUMENT, std::string("\"") + cards +
                                                    "\" is not \"1\", \"\" or \"xdma:N,riffa:M\"");
     });
 }

@@ -292,7 +292,7 @@ KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_inject_delays(kvpcie_card* card, int
 /* --- the simulated card (KvPCIeSimulation.h), for tests and examples in any language --- */
 
 /** As KVPCIE_SIM: "1", "xdma:N,riffa:M" or "" (none); replaces the simulated cards. */
-KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_sim_configure(const char* spec);
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_sim_configure(const char* cards);
 /** A register of simulated card `card` as the card holds it, without the card acting on it. */
 KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_sim_peek_register(int32_t card, uint32_t address,
                                                               uint32_t* value);
