@@ -40,11 +40,12 @@ QEvent::Type WakeEventType() {
     return type;
 }
 
-// Wakes the loop with a posted event rather than the dispatcher's wakeUp: Windows' dispatcher
-// sends no wake while it counts one as pending, and counts the last one consumed only when its
-// next processEvents begins, so a wake in between was lost and the thread slept through a task
-// or its own stop (a close under Wine waited for ever). A posted event is delivered by that next
-// processEvents whatever the count, and interrupting then keeps it from waiting.
+// On Windows, wakes the loop with a posted event rather than the dispatcher's wakeUp: Windows'
+// dispatcher sends no wake while it counts one as pending, and counts the last one consumed only
+// when its next processEvents begins, so a wake in between was lost and the thread slept through
+// a task or its own stop (a close under Wine waited for ever). A posted event is delivered by
+// that next processEvents whatever the count, and interrupting then keeps it from waiting.
+// Elsewhere the dispatcher's wakeUp is latched (an eventfd or a pipe) and costs no allocation.
 class LoopWaker : public QObject {
 public:
     bool event(QEvent* event) override;
@@ -74,6 +75,7 @@ private:
     bool stopping_ = false;
     bool looping_ = false;  // the loop has its dispatcher and takes tasks
     LoopWaker* waker_ = nullptr;  // under taskLock_, while the loop runs
+    QAbstractEventDispatcher* dispatcher_ = nullptr;  // the loop's, under taskLock_ likewise
     std::atomic<bool> wakePosted_{false};
 
     friend class LoopWaker;
@@ -174,9 +176,16 @@ void CardThreadState::Post(std::function<void()> task) {
 
 void CardThreadState::WakeLoop() {
     std::lock_guard<std::mutex> lock(taskLock_);
-    if (waker_ != nullptr && !wakePosted_.exchange(true)) {
+    if (waker_ == nullptr) {
+        return;
+    }
+#ifdef Q_OS_WIN
+    if (!wakePosted_.exchange(true)) {
         QCoreApplication::postEvent(waker_, new QEvent(WakeEventType()));
     }
+#else
+    dispatcher_->wakeUp();
+#endif
 }
 
 void CardThreadState::Loop() {
@@ -186,6 +195,7 @@ void CardThreadState::Loop() {
     {
         std::lock_guard<std::mutex> lock(taskLock_);
         waker_ = &waker;
+        dispatcher_ = dispatcher;
         wakePosted_.store(false);  // a wake left from an earlier loop went with its waker
         looping_ = true;
     }
@@ -196,6 +206,7 @@ void CardThreadState::Loop() {
             std::lock_guard<std::mutex> lock(taskLock_);
             if (stopping_ && tasks_.empty()) {
                 waker_ = nullptr;
+                dispatcher_ = nullptr;
                 looping_ = false;
                 break;
             }
