@@ -369,9 +369,17 @@ bool PCIeDataManager::StartInject(unsigned int channel, int frameRate, int width
     format.pixelType = pixelType;
     format.linePeriod = linePeriod;
     format.injectSyncMode = 0;
+    // Once the channel injects, a frame's other fields are not looked at: the run's format was
+    // fixed by its first call, so only the channel and the data count.
+    bool injecting = false;
+    if (ChannelInRange(static_cast<int>(channel)) && frameData != nullptr) {
+        const auto engines = SharedEngines(d);
+        injecting = d->xdmaInject && d->xdmaInject->IsStartInject(static_cast<int>(channel));
+    }
     // Refused before any card is opened or touched; a parameter line switched on for the
     // channel is checked by the engine when it starts the channel.
-    if (!IsInjectRequestAcceptable(format, frameData) || !OpenFirstXdmaCardIfNone(*this)) {
+    if (!injecting &&
+        (!IsInjectRequestAcceptable(format, frameData) || !OpenFirstXdmaCardIfNone(*this))) {
         error = ERR_NO_CARD;
         return false;
     }

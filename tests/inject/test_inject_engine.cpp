@@ -133,6 +133,37 @@ TEST_F(Inject, TheFirstFrameProgramsTheChannelInOrderWithAndWithoutAParameterLin
     EXPECT_EQ(Peek(kInjectEnableMask), 0u);
 }
 
+// The first call fixes the run's format; later calls are looked at for their channel and data
+// only, so a later frame with fields the first call would have refused still queues.
+TEST_F(Inject, ALaterFrameIsQueuedWhateverItsOtherFields) {
+    std::vector<char> frame(64 * 32 * 2, 1);
+    eErrorCode error = ERR_NO_CARD;
+    ASSERT_TRUE(manager.StartInject(1, 50, 64, 32, Y16, 0, frame.data(), error));
+    const struct {
+        int frameRate;
+        int width;
+        int height;
+        ePixelType type;
+    } later[] = {{0, 64, 32, Y16}, {50, 0, 32, Y16}, {50, 64, 70000, Y16}, {-3, -1, -1, PIXEL32}};
+    for (const auto& row : later) {
+        error = ERR_NO_CARD;
+        EXPECT_TRUE(manager.StartInject(1, row.frameRate, row.width, row.height, row.type, 0,
+                                        frame.data(), error))
+            << manager.LastErrorText();
+        EXPECT_EQ(error, ERR_NONE);
+    }
+    KvInjectStatistics counts;
+    ASSERT_TRUE(manager.GetInjectStatistics(1, counts));
+    EXPECT_EQ(counts.framesQueued, 5u);
+    // The channel and the data still count.
+    EXPECT_FALSE(manager.StartInject(1, 0, 64, 32, Y16, 0, nullptr, error));
+    EXPECT_FALSE(manager.StartInject(4, 50, 64, 32, Y16, 0, frame.data(), error));
+    manager.StopInject(1);
+    // A first call after the stop is checked whole again.
+    EXPECT_FALSE(manager.StartInject(1, 0, 64, 32, Y16, 0, frame.data(), error));
+    EXPECT_STREQ(manager.LastErrorText(), "frame rate 0 is below 1");
+}
+
 TEST_F(Inject, BuffersGoOverInRingOrderEachWithAFrameAndTheSixteenthFrameWaitsForATake) {
     KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or memory");
     constexpr int kWidth = 64, kHeight = 16;  // Y16: 2048 bytes

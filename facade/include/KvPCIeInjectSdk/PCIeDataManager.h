@@ -150,9 +150,10 @@ public:
     /// free goes back with the newest frame again (an underrun repeats the newest picture). Results: true with ERR_NONE when queued; false with ERR_QUEUE_FULL
     /// when 15 frames wait (the frame is not taken: offer it again later); false with
     /// ERR_NO_CARD when no card could be opened. Refused with false and ERR_NO_CARD before
-    /// anything reaches the card, on every call: a channel outside 0 to 3, a null `frameData`,
-    /// a frame rate below 1, a pixel type outside UYVY422..BGR24 (PIXEL32 cannot be injected), a
-    /// width or line count outside 1 to 65535, and a frame larger than one 20 MiB card buffer.
+    /// anything reaches the card: on every call a channel outside 0 to 3 and a null
+    /// `frameData`; on the first call of a run also a frame rate below 1, a pixel type outside
+    /// UYVY422..BGR24 (PIXEL32 cannot be injected), a width or line count outside 1 to 65535,
+    /// and a frame larger than one 20 MiB card buffer.
     /// False with ERR_NONE: a frame that outgrows those limits only with its parameter line.
     /// RIFFA mode returns false and leaves `error` alone.
     /// The counter stamp: as a frame goes to the card, the library writes its number (0 for the
