@@ -5,6 +5,7 @@
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -158,6 +159,20 @@ TEST_F(XdmaDevice, TransfersReportEachResultCode) {
     const unsigned value = 1;
     EXPECT_EQ(XdmaWriteReg(0x100, &value), kTransferCallFailed);
 }
+
+#ifdef __linux__
+// Without a device set the process ends with status -1 and prints nothing of its own.
+TEST(XdmaDeviceDeathTest, NoDeviceSetEndsTheProcessSilently) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            ::setenv("KVPCIE_LINUX_ROOT", "/nonexistent/kvpcie-root", 1);
+            PathList list;
+            XdmaGetDevices(platform::kXdmaInterfaceClass, list.paths);
+        },
+        ::testing::ExitedWithCode(255), ::testing::Not(::testing::HasSubstr("information set")));
+}
+#endif
 
 TEST_F(XdmaDevice, ListingFillsAtMostFourBuffers) {
     for (const char* config : {"xdma:0", "xdma:1", "xdma:5"}) {

@@ -129,9 +129,7 @@ int XdmaGetDevices(const platform::Guid& interfaceClass, char** paths) {
     }
     std::vector<std::string> found;
     if (!platform::ListDeviceInterfaces(interfaceClass, found)) {
-        std::fprintf(stderr, "Error getting the device information set, win32 error code: %ld\n",
-                     static_cast<long>(platform::LastError()));
-        std::exit(-1);
+        std::exit(-1);  // no device set: the process ends, and says nothing of its own
     }
     int listed = 0;
     for (const std::string& path : found) {
