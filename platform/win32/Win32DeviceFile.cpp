@@ -153,9 +153,10 @@ namespace native {
 DeviceFilePtr OpenDeviceFile(const std::string& path, unsigned access) {
     const bool event = IsEventNode(path);
     const std::wstring wide = win32::Widen(path);
+    // Unshared: while the library holds a device file, no other handle opens it.
     const HANDLE handle =
-        ::CreateFileW(wide.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                      OPEN_EXISTING, event ? FILE_FLAG_OVERLAPPED : FILE_ATTRIBUTE_NORMAL, nullptr);
+        ::CreateFileW(wide.c_str(), access, 0, nullptr, OPEN_EXISTING,
+                      event ? FILE_FLAG_OVERLAPPED : FILE_ATTRIBUTE_NORMAL, nullptr);
     if (handle == INVALID_HANDLE_VALUE) {
         SetLastSystemError();
         return nullptr;

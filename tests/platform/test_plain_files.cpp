@@ -74,5 +74,19 @@ TEST_F(PlainFiles, MissingFilesAndForbiddenDirectionsAreRefusedWithTheSystemsCod
     EXPECT_FALSE(file->Write(&byte, 1, moved));
 }
 
+#ifdef _WIN32
+// Device files are opened unshared, as the XDMA driver's files are: a second open of a file that
+// the library holds fails with the system's sharing violation.
+TEST_F(PlainFiles, AFileTheLibraryHoldsOpensNoSecondTime) {
+    const std::string path = Make("user.bin");
+    DeviceFilePtr held = OpenDeviceFile(path, kAccessReadWrite);
+    ASSERT_NE(held, nullptr);
+    EXPECT_EQ(OpenDeviceFile(path, kAccessRead), nullptr);
+    EXPECT_EQ(LastError(), 32);  // ERROR_SHARING_VIOLATION
+    held.reset();
+    EXPECT_NE(OpenDeviceFile(path, kAccessRead), nullptr);
+}
+#endif
+
 }  // namespace
 }  // namespace kvpcie::platform
