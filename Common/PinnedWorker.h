@@ -19,14 +19,20 @@ public:
     PinnedWorker& operator=(const PinnedWorker&) = delete;
 
     // Stops a running worker first. `body` runs once and is expected to loop while IsRunning().
-    // With a null `cores` the thread is not pinned.
+    // With a null `cores` the thread is not pinned. From the worker itself, after a stop it
+    // asked for, its own body simply goes on (`body` is not run a second time).
     void Start(CpuCoreSource* cores, std::function<void()> body, const char* name);
-    // Nothing when not running. Never call it from the worker itself.
+    // Clears the flag, gives the core back and joins. From the worker itself it only asks: the
+    // body ends once it sees the flag cleared, the core is given back at once, and the next
+    // Start or Stop reaps the thread.
     void Stop();
 
     bool IsRunning() const { return running_.load(std::memory_order_acquire); }
 
 private:
+    bool OnWorker() const;
+    void ReturnCore();
+
     std::atomic<bool> running_{false};
     std::thread thread_;
     CpuCoreSource* cores_ = nullptr;

@@ -39,10 +39,26 @@ protected:
     bool StartQuiet(int channel, CallingSink& sink) {
         return StartQuietCapture(channel, kWidth, kHeight, &CallingSink::OnFrame, sink);
     }
+    // How many cores of the manager's table are free now (taken and given back again).
+    std::size_t FreeCores() {
+        std::vector<unsigned> taken;
+        for (;;) {
+            const unsigned core = manager.GetIdealCpuCoreIndex();
+            if (*manager.LastErrorText() != '\0') {
+                break;  // every core is in use: this one is shared
+            }
+            taken.push_back(core);
+        }
+        for (const unsigned core : taken) {
+            manager.ResetUsedCpuCoreIndex(core);
+        }
+        return taken.size();
+    }
 };
 
 TEST_F(Reentrant, AStopOfTheOwnChannelTakesEffectWhenTheCallbackReturns) {
     ReturnsWithin("the test", [&] {
+        const std::size_t idleCores = FreeCores();
         CallingSink sink(kFrameBytes);
         sink.onFrame = [&](int seen) {
             if (seen == 3) {
@@ -61,7 +77,11 @@ TEST_F(Reentrant, AStopOfTheOwnChannelTakesEffectWhenTheCallbackReturns) {
         KvCaptureStatistics stats;
         ASSERT_TRUE(manager.GetCaptureStatistics(0, stats));
         EXPECT_EQ(stats.framesDelivered, 3u);
-        // The idle polling thread serves the next start from the control thread.
+        // The last channel stopped: once the callback has returned, the polling thread has
+        // ended and every core the capture took is free again.
+        EXPECT_TRUE(WaitFor([&] { return FreeCores() == idleCores; }))
+            << FreeCores() << " cores free, " << idleCores << " before the capture";
+        // A new polling thread serves the next start from the control thread.
         CallingSink next(kFrameBytes);
         ASSERT_TRUE(StartQuiet(0, next));
         ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 0, 2));

@@ -195,7 +195,9 @@ void DataCapture4XdmaMM::StopCapture(int c) {
     for (const Channel& other : channels_) {
         anyStarted = anyStarted || other.started.load(std::memory_order_acquire);
     }
-    if (!anyStarted && !OnPollingThread()) {
+    // From the channel's own callback the polling thread cannot wait for itself: it ends, and
+    // gives its core back, once the callback has returned.
+    if (!anyStarted) {
         pollingThread_.Stop();
     }
     WriteEnableMask(c, false);
