@@ -1,6 +1,7 @@
 // Log files: stamped and cut lines, lines queued before the start, rotation and its index, and a
 // log whose folder cannot be written.
 #include "Common/LogFile.h"
+#include "Common/thread.h"
 #include "platform/TextFiles.h"
 
 #include "TempDir.h"
@@ -50,6 +51,30 @@ constexpr int kStampBytes = 24;
 // A line feed on disk: CR LF on Windows, where the log is a text-mode stream.
 constexpr qint64 kFeed = platform::kTextLineFeedBytes;
 constexpr qint64 kRotateBytes = 10485760;
+
+// A second start, or a join of a thread that is not started, is a programming error: debug
+// builds stop with the assertion text that names the helper's file and line.
+TEST(ThreadDeathTest, MisuseAssertsWithTheHelpersFileAndLine) {
+#ifdef NDEBUG
+    GTEST_SKIP() << "assertions are compiled out of this release build";
+#else
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto nothing = [](void*) {};
+    EXPECT_DEATH(
+        {
+            Thread thread(nullptr, nothing);
+            thread.Start();
+            thread.Start();
+        },
+        "Assertion failed: !started_, file \\.\\.\\\\Common\\\\thread, line 20");
+    EXPECT_DEATH(
+        {
+            Thread thread(nullptr, nothing);
+            thread.Join();
+        },
+        "Assertion failed: started_, file \\.\\.\\\\Common\\\\thread, line 35");
+#endif
+}
 
 TEST(LogFile, LinesQueuedBeforeTheStartReachTheFirstFileStampedAndCut) {
     testing::ScratchDir scratch(/*enter=*/true);
