@@ -1,6 +1,8 @@
 // The simulated RIFFA device: the driver's requests and the card's register logic on channel 0.
 #include "SimRiffaDevice.h"
 
+#include "LittleEndianWords.h"
+
 #include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDriverInterface.h"
 
 #include <algorithm>
@@ -26,17 +28,6 @@ constexpr char kDeviceName[] = "KvSimRiffa";
 constexpr std::uint32_t kVendorId = 0x10EE;
 constexpr std::uint32_t kDeviceId = 0x7028;
 static_assert(sizeof(kDeviceName) <= kListNameBytes, "the name and its terminator fit the slot");
-
-std::uint32_t LoadWord(const std::uint8_t* bytes) {
-    return std::uint32_t{bytes[0]} | std::uint32_t{bytes[1]} << 8 | std::uint32_t{bytes[2]} << 16 |
-           std::uint32_t{bytes[3]} << 24;
-}
-
-void StoreWord(std::uint8_t* bytes, std::uint32_t value) {
-    for (int byte = 0; byte < 4; ++byte) {
-        bytes[byte] = static_cast<std::uint8_t>(value >> (8 * byte));
-    }
-}
 
 bool AllBytesAre(const std::uint8_t* bytes, std::size_t size, std::uint8_t fill) {
     return std::all_of(bytes, bytes + size, [fill](std::uint8_t byte) { return byte == fill; });

@@ -37,6 +37,28 @@ kvpcie_status CopyOut(const Record& ours, Record* theirs) {
     return Succeed();
 }
 
+// The statistics calls: checked, read from any thread, translated and copied out by size.
+template <typename Counts, typename Record, typename Translate>
+kvpcie_status StatisticsCall(kvpcie_card* card, int32_t channel, Record* statistics,
+                             bool (PCIeDataManager::*get)(int, Counts&), Translate translate) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+            return refused;
+        }
+        if (statistics == nullptr) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "the statistics record is null");
+        }
+        PCIeDataManager& manager = card->lease->AnyThreadManager();
+        Counts counts;
+        if (!(manager.*get)(channel, counts)) {
+            return Fail(KVPCIE_ERROR, manager.LastErrorText());
+        }
+        Record ours{};
+        translate(counts, ours);
+        return CopyOut(ours, statistics);
+    });
+}
+
 }  // namespace
 
 namespace {
@@ -199,61 +221,39 @@ kvpcie_status KVPCIE_CALL kvpcie_send_command(kvpcie_card* card, int32_t channel
 
 kvpcie_status KVPCIE_CALL kvpcie_capture_statistics_get(kvpcie_card* card, int32_t channel,
                                                         kvpcie_capture_statistics* statistics) {
-    return Guarded([&] {
-        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
-            return refused;
-        }
-        if (statistics == nullptr) {
-            return Fail(KVPCIE_BAD_ARGUMENT, "the statistics record is null");
-        }
-        PCIeDataManager& manager = card->lease->AnyThreadManager();
-        KvCaptureStatistics counts;
-        if (!manager.GetCaptureStatistics(channel, counts)) {
-            return Fail(KVPCIE_ERROR, manager.LastErrorText());
-        }
-        kvpcie_capture_statistics ours{};
-        ours.frames_delivered = counts.framesDelivered;
-        ours.frames_failed = counts.framesFailed;
-        ours.error_frames = counts.errorFrames;
-        ours.frames_recorded = counts.framesRecorded;
-        ours.bytes_recorded = counts.bytesRecorded;
-        ours.frames_not_recorded = counts.framesNotRecorded;
-        ours.frames_per_second = counts.framesPerSecond;
-        ours.callback_micros_max = counts.callbackMicrosMax;
-        ours.last_card_buffer = counts.lastCardBuffer;
-        ours.status_bytes_delivered = counts.statusBytesDelivered;
-        ours.status_bytes_dropped = counts.statusBytesDropped;
-        return CopyOut(ours, statistics);
-    });
+    return StatisticsCall<KvCaptureStatistics>(
+        card, channel, statistics, &PCIeDataManager::GetCaptureStatistics,
+        [](const KvCaptureStatistics& counts, kvpcie_capture_statistics& ours) {
+            ours.frames_delivered = counts.framesDelivered;
+            ours.frames_failed = counts.framesFailed;
+            ours.error_frames = counts.errorFrames;
+            ours.frames_recorded = counts.framesRecorded;
+            ours.bytes_recorded = counts.bytesRecorded;
+            ours.frames_not_recorded = counts.framesNotRecorded;
+            ours.frames_per_second = counts.framesPerSecond;
+            ours.callback_micros_max = counts.callbackMicrosMax;
+            ours.last_card_buffer = counts.lastCardBuffer;
+            ours.status_bytes_delivered = counts.statusBytesDelivered;
+            ours.status_bytes_dropped = counts.statusBytesDropped;
+        });
 }
 
 kvpcie_status KVPCIE_CALL kvpcie_inject_statistics_get(kvpcie_card* card, int32_t channel,
                                                        kvpcie_inject_statistics* statistics) {
-    return Guarded([&] {
-        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
-            return refused;
-        }
-        if (statistics == nullptr) {
-            return Fail(KVPCIE_BAD_ARGUMENT, "the statistics record is null");
-        }
-        PCIeDataManager& manager = card->lease->AnyThreadManager();
-        KvInjectStatistics counts;
-        if (!manager.GetInjectStatistics(channel, counts)) {
-            return Fail(KVPCIE_ERROR, manager.LastErrorText());
-        }
-        kvpcie_inject_statistics ours{};
-        ours.frames_waiting = counts.framesWaiting;
-        ours.frames_queued = counts.framesQueued;
-        ours.frames_refused = counts.framesRefused;
-        ours.frames_to_card = counts.framesToCard;
-        ours.transfers_failed = counts.transfersFailed;
-        ours.frames_dropped_at_stop = counts.framesDroppedAtStop;
-        ours.periods_without_frame = counts.periodsWithoutFrame;
-        ours.commands_sent = counts.commandsSent;
-        ours.commands_not_sent_in_time = counts.commandsNotSentInTime;
-        ours.commands_replaced = counts.commandsReplaced;
-        return CopyOut(ours, statistics);
-    });
+    return StatisticsCall<KvInjectStatistics>(
+        card, channel, statistics, &PCIeDataManager::GetInjectStatistics,
+        [](const KvInjectStatistics& counts, kvpcie_inject_statistics& ours) {
+            ours.frames_waiting = counts.framesWaiting;
+            ours.frames_queued = counts.framesQueued;
+            ours.frames_refused = counts.framesRefused;
+            ours.frames_to_card = counts.framesToCard;
+            ours.transfers_failed = counts.transfersFailed;
+            ours.frames_dropped_at_stop = counts.framesDroppedAtStop;
+            ours.periods_without_frame = counts.periodsWithoutFrame;
+            ours.commands_sent = counts.commandsSent;
+            ours.commands_not_sent_in_time = counts.commandsNotSentInTime;
+            ours.commands_replaced = counts.commandsReplaced;
+        });
 }
 
 

@@ -1,6 +1,7 @@
 // RIFFA requests of the Windows driver model, answered by the simulated device.
 #include "RiffaExchange.h"
 
+#include "sim/LittleEndianWords.h"
 #include "sim/SimRiffaDevice.h"
 
 #include <algorithm>
@@ -8,20 +9,9 @@
 #include <cstring>
 
 namespace kvpcie::simd {
-namespace {
 
-std::uint32_t LoadWord(const std::uint8_t* bytes) {
-    return std::uint32_t{bytes[0]} | std::uint32_t{bytes[1]} << 8 | std::uint32_t{bytes[2]} << 16 |
-           std::uint32_t{bytes[3]} << 24;
-}
-
-void StoreWord(std::uint8_t* bytes, std::uint32_t value) {
-    for (int byte = 0; byte < 4; ++byte) {
-        bytes[byte] = static_cast<std::uint8_t>(value >> (8 * byte));
-    }
-}
-
-}  // namespace
+using sim::LoadWord;
+using sim::StoreWord;
 
 int RiffaExchange::Write(sim::SimRiffaDevice& device, const char* data, std::size_t size,
                          std::int64_t offset) {
