@@ -1,6 +1,6 @@
-// The control command channel: one worker hands each channel's latest command to the card's
-// mailbox when the card is free.
-#include "DataInject4XdmaMM.h"
+// The control command channel: the commands' handover to the worker, its mailbox writes and
+// the messages that trace each command.
+#include "ControlCommandChannel.h"
 
 #include "XdmaDevice.h"
 
@@ -33,60 +33,61 @@ void EmitCommandMessage(const char* literal, const char* tail = "") {
 
 }  // namespace
 
-bool DataInject4XdmaMM::WriteControlCmd(int channel, QByteArray command) {
-    // Longer commands would spill into the control word's start bit.
-    if (!ValidChannel(channel) || command.size() > kCommandMaxBytes) {
-        return false;
+ControlCommandChannel::ControlCommandChannel(CpuCoreSource* cores) : cores_(cores) {
+    for (std::atomic<bool>& sent : sent_) {
+        sent.store(true, std::memory_order_relaxed);
     }
-    const auto c = static_cast<unsigned>(channel);
+}
+
+bool ControlCommandChannel::Write(unsigned c, QByteArray command) {
     // Printed outside every lock: a stalled stderr must not hold up the other callers.
     EmitCommandMessage("1.Call WriteControlCmd: ");
     {
-        std::lock_guard<std::mutex> lock(cmdLock_);
-        if (!cmdSent_[c].load(std::memory_order_acquire) && !cmdData_[c].isEmpty()) {
-            cmdCounters_[c].replaced.Add();
+        std::lock_guard<std::mutex> lock(lock_);
+        if (!sent_[c].load(std::memory_order_acquire) && !pending_[c].isEmpty()) {
+            counters_[c].replaced.Add();
         }
-        cmdData_[c] = std::move(command);
-        ++cmdGeneration_[c];
-        cmdSent_[c].store(false, std::memory_order_release);
-        if (!cmdThreadRun_.load(std::memory_order_acquire)) {
-            cmdThreadRun_.store(true, std::memory_order_release);
-            cmdThread_.Start(cores_, [this] { ThreadFun_WriteCmdControlData(); }, "kvpcie-command");
+        pending_[c] = std::move(command);
+        ++generation_[c];
+        sent_[c].store(false, std::memory_order_release);
+        if (!run_.load(std::memory_order_acquire)) {
+            run_.store(true, std::memory_order_release);
+            worker_.Start(cores_, [this] { WorkerLoop(); }, "kvpcie-command");
         }
-        cmdWakeUp_.notify_one();
+        wakeUp_.notify_one();
     }
     bool sent = false;
     {
-        std::unique_lock<std::mutex> done(cmdDoneLock_);
-        sent = cmdDone_.wait_for(done, kCommandWait,
-                                 [&] { return cmdSent_[c].load(std::memory_order_acquire); });
+        std::unique_lock<std::mutex> done(doneLock_);
+        sent = done_.wait_for(done, kCommandWait,
+                                 [&] { return sent_[c].load(std::memory_order_acquire); });
     }
     if (!sent) {
-        cmdCounters_[c].notSentInTime.Add();
+        counters_[c].notSentInTime.Add();
     }
     EmitCommandMessage("4.WriteControlCmd Function return true: ", "\n\n");
     return sent;
 }
 
-void DataInject4XdmaMM::ThreadFun_WriteCmdControlData() {
+void ControlCommandChannel::WorkerLoop() {
     const auto anyPending = [this] {
-        return std::any_of(cmdSent_.begin(), cmdSent_.end(), [](const std::atomic<bool>& sent) {
+        return std::any_of(sent_.begin(), sent_.end(), [](const std::atomic<bool>& sent) {
             return !sent.load(std::memory_order_acquire);
         });
     };
-    while (cmdThreadRun_.load(std::memory_order_acquire)) {
+    while (run_.load(std::memory_order_acquire)) {
         {
-            std::unique_lock<std::mutex> lock(cmdLock_);
-            cmdWakeUp_.wait(lock, [&] {
-                return !cmdThreadRun_.load(std::memory_order_acquire) || anyPending();
+            std::unique_lock<std::mutex> lock(lock_);
+            wakeUp_.wait(lock, [&] {
+                return !run_.load(std::memory_order_acquire) || anyPending();
             });
         }
-        if (!cmdThreadRun_.load(std::memory_order_acquire)) {
+        if (!run_.load(std::memory_order_acquire)) {
             return;
         }
         EmitCommandMessage("2.ThreadWakeUp: ");
         for (unsigned c = 0; c < static_cast<unsigned>(kChannelCount); ++c) {
-            if (SendPendingCommand(c)) {
+            if (SendPending(c)) {
                 EmitCommandMessage("3.Finish Send To Fpga: ");
             }
         }
@@ -94,16 +95,16 @@ void DataInject4XdmaMM::ThreadFun_WriteCmdControlData() {
     }
 }
 
-bool DataInject4XdmaMM::SendPendingCommand(unsigned c) {
+bool ControlCommandChannel::SendPending(unsigned c) {
     QByteArray command;
     std::uint64_t generation = 0;
     {
-        std::lock_guard<std::mutex> lock(cmdLock_);
-        if (cmdSent_[c].load(std::memory_order_acquire)) {
+        std::lock_guard<std::mutex> lock(lock_);
+        if (sent_[c].load(std::memory_order_acquire)) {
             return false;
         }
-        command = cmdData_[c];
-        generation = cmdGeneration_[c];
+        command = pending_[c];
+        generation = generation_[c];
     }
     if (command.isEmpty()) {
         return false;  // stays pending until a real command replaces it
@@ -122,31 +123,37 @@ bool DataInject4XdmaMM::SendPendingCommand(unsigned c) {
     }
     const unsigned control = static_cast<unsigned>(length - 1) | kCommandBusy;
     XdmaWriteReg(block + kInjCommandControl, &control);
-    cmdCounters_[c].sent.Add();
+    counters_[c].sent.Add();
     {
         // A command handed in while this one went out stays pending: its caller must not be
         // told that the older one was its own.
-        std::lock_guard<std::mutex> lock(cmdLock_);
-        std::lock_guard<std::mutex> done(cmdDoneLock_);
-        if (cmdGeneration_[c] == generation) {
-            cmdSent_[c].store(true, std::memory_order_release);
+        std::lock_guard<std::mutex> lock(lock_);
+        std::lock_guard<std::mutex> done(doneLock_);
+        if (generation_[c] == generation) {
+            sent_[c].store(true, std::memory_order_release);
         }
         // Every waiter re-checks its own channel, so none misses its completion.
-        cmdDone_.notify_all();
+        done_.notify_all();
     }
     return true;
 }
 
-void DataInject4XdmaMM::StopCommandWorker() {
-    if (!cmdThreadRun_.load(std::memory_order_acquire)) {
+void ControlCommandChannel::StopWorker() {
+    if (!run_.load(std::memory_order_acquire)) {
         return;
     }
     {
-        std::lock_guard<std::mutex> lock(cmdLock_);
-        cmdThreadRun_.store(false, std::memory_order_release);
-        cmdWakeUp_.notify_all();
+        std::lock_guard<std::mutex> lock(lock_);
+        run_.store(false, std::memory_order_release);
+        wakeUp_.notify_all();
     }
-    cmdThread_.Stop();
+    worker_.Stop();
+}
+
+void ControlCommandChannel::AddTo(unsigned c, KvInjectStatistics& out) const {
+    out.commandsSent = counters_[c].sent.Get();
+    out.commandsNotSentInTime = counters_[c].notSentInTime.Get();
+    out.commandsReplaced = counters_[c].replaced.Get();
 }
 
 }  // namespace kvpcie::xdma

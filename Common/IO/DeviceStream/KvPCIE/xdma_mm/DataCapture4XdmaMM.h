@@ -3,18 +3,12 @@
 // the card's status data channel.
 #pragma once
 
-#include "StatusDataBuffer.h"
-#include "StreamCounters.h"
+#include "CaptureChannel.h"
 #include "XdmaChannelRegisters.h"
 
-#include "Common/AutoResetEvent.h"
 #include "Common/CpuCoreSource.h"
-#include "Common/KvCycleQueue.h"
 #include "Common/LogFile.h"
 #include "Common/PinnedWorker.h"
-#include "EventFile.h"
-#include "LossBurst.h"
-#include "record/RecordThread.h"
 
 #include <KvPCIeInjectSdk/KvPCIeStatistics.h>
 #include <KvPCIeInjectSdk/KvPCIeTypes.h>
@@ -24,7 +18,7 @@
 
 #include <array>
 #include <atomic>
-#include <memory>
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -85,84 +79,26 @@ public slots:
     void OnSlotCaptureCmdDataTimeOut();
 
 private:
-    struct Channel {
-        // Held by the polling thread for the channel's whole turn, and by the host while it
-        // fills or resets the channel, so a stop never races a frame in flight.
-        std::mutex turnLock;
-        // Held by the recording thread while it feeds the recorder, and by the host while it
-        // replaces the recorder or its queue.
-        std::mutex recordLock;
-        std::atomic<bool> started{false};
-        // Counts starts and stops (under the turn lock), so that the polling thread notices a
-        // callback that stopped or restarted its own channel.
-        std::uint32_t generation = 0;
-        int lastHandledBuffer = -1;
-        KvFrameFormat format;
-        int frameSize = 0;
-        char* frameBuffer = nullptr;
-        CaptureFrameCallback frameCallback = nullptr;
-        CaptureFrameCallbackEx frameCallbackEx = nullptr;
-        void* frameContext = nullptr;
-        std::unique_ptr<RecordThread> recorder;
-        std::unique_ptr<KvCycleQueue> recordQueue;
-        std::unique_ptr<EventFile> eventFile;
-        PinnedWorker eventThread;
-        AutoResetEvent eventObject;
-        CaptureCounters counters;
-        // Losses in a row, so that a burst of them is logged once when it begins and once when
-        // it ends rather than per frame: frames the engine's recording queue refused (polling
-        // thread), frames the recorder lost (recording thread), status bytes dropped (status
-        // thread).
-        LossBurst queueLosses;
-        std::uint64_t recorderLossesSeen = 0;
-        LossBurst recorderLosses;
-        LossBurst statusLosses;
-        bool snapshotRequest = false;
-        bool delayTest = false;
-        int delayTestCount = 0;
-
-        // The status data channel; guarded by statusLock_.
-        SystemStatusCallback statusCallback = nullptr;
-        void* statusContext = nullptr;
-        std::shared_ptr<StatusDataBuffer> statusBuffer;
-    };
-
-    // The channel's turn lock, or nothing when this thread holds it already: a frame callback
-    // calling in about its own channel.
-    std::unique_lock<std::mutex> LockTurn(int channel);
     void WriteEnableMask(int channel, bool on);
     bool StartChannel(const KvFrameFormat& format, CaptureFrameCallback callback,
                       CaptureFrameCallbackEx callbackEx, void* userContext, char* frameBuffer);
-    void ProgramChannel(unsigned channel, const KvFrameFormat& format, int frameSize);
-    void StartEventThread(int channel);
-    void StopEventThread(int channel);
-    void StopRecorder(Channel& channel);
     bool AnyRecorderRecording();
 
     void PollingLoop();
-    void PollChannel(int channel);
-    // False when the callback stopped or restarted the channel: its turn ends there.
-    bool HandleBuffer(int channel, Channel& state, unsigned buffer, std::uint32_t status);
     void RecordingLoop();
-    void FeedRecorder(Channel& state);
-    void EventLoop(int channel);
     void StatusLoop();
-    // True when a block was taken from the card's mailbox (kept or counted as dropped).
-    bool ReadStatusBlock(int channel, StatusDataBuffer& buffer);
-    // Counts what the channel's status buffer holds as dropped and empties it; statusLock_ held.
-    void DropStatusBytesLocked(int channel);
 
     static bool ValidChannel(int channel) { return channel >= 0 && channel < kChannelCount; }
 
     CpuCoreSource* const cores_;
     const std::string devicePath_;
-    std::unique_ptr<LogFile> log_;
-    std::array<Channel, kChannelCount> channels_;
+    std::atomic<bool> saveLog_{false};
+    LogFile log_;
+    std::array<CaptureChannel, kChannelCount> channels_;
     PinnedWorker pollingThread_;
     PinnedWorker recordingThread_;
     PinnedWorker statusThread_;
     QTimer statusTimer_;
-    std::mutex statusLock_;
     // The polling thread (a callback) and the control thread may both start and stop channels.
     std::mutex enableMaskLock_;
     std::uint32_t enableMask_ = 0;
@@ -170,7 +106,6 @@ private:
     std::atomic<bool> deliveringStatus_{false};
     std::uint32_t delayClockHz_ = 0;
     std::array<tagCaptureDelayStatusInfo, kCardBufferCount> delayStatus_{};
-    std::atomic<bool> saveLog_{false};
     bool osdHidden_ = false;
     bool showErrorFrame_ = false;
 };

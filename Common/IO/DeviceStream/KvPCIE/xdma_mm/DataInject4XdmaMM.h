@@ -3,11 +3,11 @@
 // command channel.
 #pragma once
 
-#include "StreamCounters.h"
+#include "ControlCommandChannel.h"
+#include "InjectChannel.h"
 #include "XdmaChannelRegisters.h"
 
 #include "Common/CpuCoreSource.h"
-#include "Common/KvCycleQueue.h"
 #include "Common/LogFile.h"
 #include "Common/PinnedWorker.h"
 
@@ -18,13 +18,7 @@
 #include <QObject>
 
 #include <array>
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <memory>
-#include <mutex>
-#include <optional>
 
 namespace kvpcie::xdma {
 
@@ -71,47 +65,7 @@ public:
     void SetOsdHidden(bool on) { osdHidden_ = on; }
 
 private:
-    struct Channel {
-        // Held by the worker while it hands a buffer over, and by the host while it resets
-        // the channel, so a stop never takes effect in the middle of a handshake.
-        std::mutex turnLock;
-        std::atomic<bool> injecting{false};
-        bool hasFormat = false;
-        KvFrameFormat format;
-        int lastBufferIndex = -1;
-        bool paramSimulate = false;
-        bool hasThermalParams = false;
-        tagThermalImgParams thermalParams{};
-        int imageSize = 0;
-        int frameSize = 0;
-        int transferSize = 0;
-        std::unique_ptr<KvCycleQueue> queue;
-        // The slot of the frame handed over last (valid until the worker's next take), which
-        // goes back to the card again when the queue is dry; none until the run's first frame.
-        char* newestFrame = nullptr;
-        std::uint32_t frameCounter = 0;
-        InjectCounters counters;
-        // The worker's wait plan (reset with each start): when the card's next release is
-        // due, whether the worker found the next buffer busy, and until when there is nothing
-        // to look at.
-        std::optional<std::chrono::steady_clock::time_point> expectedRelease;
-        bool sawBusy = false;
-        std::chrono::steady_clock::time_point quietUntil{};
-    };
-
-    bool InitInjectChannel(const KvFrameFormat& format);
-    void StartThread_InjectData();
-    void StopThread_InjectData();
-    void ThreadFun_InjectData();
-    using WorkerClock = std::chrono::steady_clock;
-    // Steps one channel's ring by at most one buffer; true when a buffer was handed over.
-    // Otherwise `wake` is brought forward to when the channel is worth looking at again.
-    bool ServeChannel(unsigned channel, WorkerClock::time_point now, WorkerClock::time_point& wake);
-
-    void ThreadFun_WriteCmdControlData();
-    // Writes channel c's pending command when the card is free; true when it went out.
-    bool SendPendingCommand(unsigned channel);
-    void StopCommandWorker();
+    void WorkerLoop();
 
     static bool ValidChannel(int channel) { return channel >= 0 && channel < kChannelCount; }
 
@@ -120,27 +74,15 @@ private:
     std::uint32_t injectChannelMask_ = 0;
     bool injectThreadStarted_ = false;
     PinnedWorker injectThread_;
-    std::unique_ptr<LogFile> logAllChannel_;
-    std::unique_ptr<LogFile> logReadFile_;
+    LogFile logAllChannel_;
+    LogFile logReadFile_;
     bool saveLog_ = false;
     bool osdHidden_ = false;
     // The records are packed; aligned here, a host can read their doubles in place.
     alignas(double) std::array<tagInjectDelayStatusInfo, kCardBufferCount> delayStatus_{};
-    std::array<Channel, kChannelCount> channels_;
-
-    // The control command channel.
-    std::array<QByteArray, kChannelCount> cmdData_;
-    std::array<std::atomic<bool>, kChannelCount> cmdSent_{};
-    // Counts the commands handed in per channel, so that a command replaced while the worker
-    // sent it is not reported as sent.
-    std::array<std::uint64_t, kChannelCount> cmdGeneration_{};
-    std::array<CommandCounters, kChannelCount> cmdCounters_;
-    std::mutex cmdLock_;
-    std::condition_variable cmdWakeUp_;
-    std::mutex cmdDoneLock_;
-    std::condition_variable cmdDone_;
-    std::atomic<bool> cmdThreadRun_{false};
-    PinnedWorker cmdThread_;
+    std::array<InjectChannel, kChannelCount> channels_{
+        {InjectChannel{0}, InjectChannel{1}, InjectChannel{2}, InjectChannel{3}}};
+    ControlCommandChannel commands_;
 };
 
 }  // namespace kvpcie::xdma

@@ -35,19 +35,14 @@ struct CaptureCounters {
     RelaxedCount delivered;
     RelaxedCount failed;
     RelaxedCount errorFrames;
-    RelaxedCount notQueuedForRecording;  // the engine's recording queue was full
     RelaxedCount callbackMicrosMax;
     std::atomic<std::int32_t> lastCardBuffer{-1};
     std::atomic<double> framesPerSecond{0.0};
-    // Kept apart from the frame counts: the status channel runs from the open, not the start.
-    RelaxedCount statusBytesDelivered;
-    RelaxedCount statusBytesDropped;
 
     void ResetFrames(Clock::time_point now) {
         delivered.Set(0);
         failed.Set(0);
         errorFrames.Set(0);
-        notQueuedForRecording.Set(0);
         callbackMicrosMax.Set(0);
         lastCardBuffer.store(-1, std::memory_order_relaxed);
         framesPerSecond.store(0.0, std::memory_order_relaxed);
