@@ -1,5 +1,5 @@
 // Turning the arguments of StartCapture into a channel's complete frame format.
-#include "AutoOpen.h"
+#include "CardOpening.h"
 #include "CaptureRequest.h"
 #include "ErrorText.h"
 
@@ -54,7 +54,7 @@ bool IsCaptureRequestAcceptable(unsigned channel, int width, int height, ePixelT
 
 bool PCIeDataManager::PreProcCapture(KvFrameFormat& format, unsigned int channel, bool cardTiming,
                                      int width, int height, ePixelType pixelType) {
-    if (!OpenFirstXdmaCardIfNone(*this)) {
+    if (!kvpcie::OpenFirstXdmaCardIfNone(d)) {
         return false;  // the error text is set
     }
     format.channel = channel;

@@ -1,19 +1,18 @@
-// The exported facade: card handling, register and memory access, and forwarding to engines.
-#include "AutoOpen.h"
+// The exported facade: card handling and the operations that forward to the engines.
 #include "CaptureRequest.h"
 #include "CardHolder.h"
+#include "CardOpening.h"
+#include "EngineCall.h"
 #include "ErrorText.h"
 #include "InjectRequest.h"
 #include "PCIeDataManagerPrivate.h"
 
 #include "Common/ApplicationDir.h"
-#include "Common/IO/DeviceStream/KvPCIE/xdma_mm/InjectFormat.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
 
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
 #include <algorithm>
-#include <shared_mutex>
 
 using namespace kvpcie;
 
@@ -39,17 +38,6 @@ PCIeDataManager& PCIeDataManager::operator=(PCIeDataManager&& other) {
 // ---------------------------------------------------------------- cards
 
 namespace {
-// The path that an engine-only OpenCard gives the capture engine; no such interface exists, so
-// its event files do not open.
-constexpr const char* kNoCardPath = "7028";
-
-bool ChannelInRange(int channel) {
-    if (channel >= 0 && channel < xdma::kChannelCount) {
-        return true;
-    }
-    SetErrorText("channel %d is outside 0 to 3", channel);
-    return false;
-}
 
 // False, with the reason, when the manager drives RIFFA: the operation is XDMA's.
 bool IsXdma(const PCIeDataManagerPrivate* d, const char* operation) {
@@ -60,36 +48,6 @@ bool IsXdma(const PCIeDataManagerPrivate* d, const char* operation) {
     return false;
 }
 
-// Held while an operation uses an engine: a frame callback may call in while the control
-// thread replaces the engines.
-std::shared_lock<WriterFirstSharedMutex> SharedEngines(PCIeDataManagerPrivate* d) {
-    return std::shared_lock<WriterFirstSharedMutex>(d->xdmaEngineLock);
-}
-
-// True, with the reason, when the caller is inside one of the engines' callbacks, where the
-// engines must not be destroyed.
-bool InsideCallback(PCIeDataManagerPrivate* d, const char* operation) {
-    const auto engines = SharedEngines(d);
-    const auto* capture = d->xdmaCapture.get();
-    if (capture == nullptr || (!capture->OnPollingThread() && !capture->InStatusDelivery())) {
-        return false;
-    }
-    SetErrorText(
-        "%s is refused inside a frame or status callback: it would destroy the engine "
-        "that runs the callback; call it from the control thread",
-        operation);
-    return true;
-}
-
-template <typename Engine>
-bool HasEngine(const std::unique_ptr<Engine>& engine, const char* kind) {
-    if (engine != nullptr) {
-        return true;
-    }
-    SetErrorText("no %s engine: no XDMA card has been opened, or CloseCard closed it", kind);
-    return false;
-}
-
 }  // namespace
 
 const char* PCIeDataManager::LastErrorText() {
@@ -97,33 +55,7 @@ const char* PCIeDataManager::LastErrorText() {
 }
 
 bool PCIeDataManager::OpenCard(char* devicePath) {
-    ClearErrorText();
-    if (InsideCallback(d, "OpenCard") || CardHeldByAnother(d, "OpenCard")) {
-        return false;
-    }
-    bool opened = true;
-    if (devicePath != nullptr) {
-        CloseCard();
-        opened = xdma::XdmaOpen(devicePath);
-        SetCardHolder(opened ? d : nullptr);
-        ClearErrorText();
-        if (!opened) {
-            SetErrorText("the XDMA card \"%s\" did not open; its engines were created anyway",
-                         devicePath);
-        }
-    } else {
-        ClearErrorText();
-        // Engines that exist are replaced here too, not leaked: their threads must stop.
-        PCIeDataManagerPrivate::XdmaEngines old = d->TakeXdmaEngines();
-        old.inject.reset();
-        old.capture.reset();
-    }
-    PCIeDataManagerPrivate::XdmaEngines engines;
-    engines.capture = std::make_unique<xdma::DataCapture4XdmaMM>(
-        d, devicePath != nullptr ? devicePath : kNoCardPath);
-    engines.inject = std::make_unique<xdma::DataInject4XdmaMM>(d);
-    d->InstallXdmaEngines(std::move(engines));
-    return opened;
+    return OpenXdmaCard(d, devicePath);
 }
 
 bool PCIeDataManager::OpenCard(int deviceIndex) {
@@ -145,18 +77,7 @@ bool PCIeDataManager::OpenCard(int deviceIndex) {
 }
 
 void PCIeDataManager::CloseCard() {
-    ClearErrorText();
-    if (InsideCallback(d, "CloseCard")) {
-        return;
-    }
-    // A manager that does not hold the card only lets go of its engines.
-    if (!IsCardHeldByAnother(d)) {
-        xdma::XdmaClose();
-        SetCardHolder(nullptr);
-    }
-    PCIeDataManagerPrivate::XdmaEngines old = d->TakeXdmaEngines();
-    old.capture.reset();
-    old.inject.reset();
+    CloseXdmaCard(d);
 }
 
 bool PCIeDataManager::IsCardOpen() {
@@ -257,26 +178,21 @@ void PCIeDataManager::StopCapture(int channel) {
 }
 
 bool PCIeDataManager::IsStartCapture(int channel) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    if (!ChannelInRange(channel) || !HasEngine(d->xdmaCapture, "capture")) {
-        return false;
-    }
-    const bool started = d->xdmaCapture->IsStartCapture(channel);
-    if (!started) {
+    const auto capture = CaptureEngine(d, channel);
+    const bool started = capture && capture->IsStartCapture(channel);
+    if (capture && !started) {
         SetErrorText("channel %d is not capturing", channel);
     }
     return started;
 }
 
 bool PCIeDataManager::StartRecord(int channel) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    if (!ChannelInRange(channel) || !HasEngine(d->xdmaCapture, "capture")) {
+    const auto capture = CaptureEngine(d, channel);
+    if (!capture) {
         return false;
     }
-    const bool started = d->xdmaCapture->StartRecord(channel);
-    if (!started && !d->xdmaCapture->IsStartCapture(channel)) {
+    const bool started = capture->StartRecord(channel);
+    if (!started && !capture->IsStartCapture(channel)) {
         SetErrorText("channel %d is not capturing: start it before recording it", channel);
     } else if (!started) {
         SetErrorText(
@@ -288,62 +204,49 @@ bool PCIeDataManager::StartRecord(int channel) {
 }
 
 void PCIeDataManager::StopRecord(int channel) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
-        d->xdmaCapture->StopRecord(channel);
+    if (const auto capture = CaptureEngine(d, channel)) {
+        capture->StopRecord(channel);
     }
 }
 
 void PCIeDataManager::ImgSnapShot(int channel) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
-        d->xdmaCapture->ImgSnapShot(channel);
+    if (const auto capture = CaptureEngine(d, channel)) {
+        capture->ImgSnapShot(channel);
     }
 }
 
 void PCIeDataManager::SetSystemStatusCallback(int channel, SystemStatusCallback callback,
                                               void* userContext, bool enable) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
-        d->xdmaCapture->SetSystemStatusCallback(channel, callback, userContext, enable);
+    if (const auto capture = CaptureEngine(d, channel)) {
+        capture->SetSystemStatusCallback(channel, callback, userContext, enable);
     }
 }
 
 tagCaptureDelayStatusInfo* PCIeDataManager::GetCaptureDelayStatus(int channel) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    if (!ChannelInRange(channel) || !HasEngine(d->xdmaCapture, "capture")) {
+    const auto capture = CaptureEngine(d, channel);
+    if (!capture) {
         return nullptr;
     }
-    const tagCaptureDelayStatusInfo* records = d->xdmaCapture->GetCaptureDelayStatus(channel);
+    const tagCaptureDelayStatusInfo* records = capture->GetCaptureDelayStatus(channel);
     std::copy(records, records + d->captureDelay.size(), d->captureDelay.begin());
     return d->captureDelay.data();
 }
 
 void PCIeDataManager::SetImgDisplayDelayTest(int channel, bool enable) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
-        d->xdmaCapture->SetImgDisplayDelayTest(channel, enable);
+    if (const auto capture = CaptureEngine(d, channel)) {
+        capture->SetImgDisplayDelayTest(channel, enable);
     }
 }
 
 void PCIeDataManager::SetCaptureFullScreenWgt(int channel, void* widget) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    if (ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture")) {
-        d->xdmaCapture->SetCaptureFullScreenWgt(channel, widget);
+    if (const auto capture = CaptureEngine(d, channel)) {
+        capture->SetCaptureFullScreenWgt(channel, widget);
     }
 }
 
 bool PCIeDataManager::GetCaptureStatistics(int channel, KvCaptureStatistics& out) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    return ChannelInRange(channel) && HasEngine(d->xdmaCapture, "capture") &&
-           d->xdmaCapture->GetCaptureStatistics(channel, out);
+    const auto capture = CaptureEngine(d, channel);
+    return capture && capture->GetCaptureStatistics(channel, out);
 }
 
 // ---------------------------------------------------------------- injection
@@ -379,7 +282,7 @@ bool PCIeDataManager::StartInject(unsigned int channel, int frameRate, int width
     // Refused before any card is opened or touched; a parameter line switched on for the
     // channel is checked by the engine when it starts the channel.
     if (!injecting &&
-        (!IsInjectRequestAcceptable(format, frameData) || !OpenFirstXdmaCardIfNone(*this))) {
+        (!IsInjectRequestAcceptable(format, frameData) || !OpenFirstXdmaCardIfNone(d))) {
         error = ERR_NO_CARD;
         return false;
     }
@@ -403,58 +306,46 @@ bool PCIeDataManager::StartInject(unsigned int channel, int frameRate, int width
 }
 
 void PCIeDataManager::StopInject(int channel) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    if (ChannelInRange(channel) && HasEngine(d->xdmaInject, "inject")) {
-        d->xdmaInject->StopInject(channel);
+    if (const auto inject = InjectEngine(d, channel)) {
+        inject->StopInject(channel);
     }
 }
 
 bool PCIeDataManager::IsStartInject(int channel) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    if (!ChannelInRange(channel) || !HasEngine(d->xdmaInject, "inject")) {
-        return false;
-    }
-    const bool started = d->xdmaInject->IsStartInject(channel);
-    if (!started) {
+    const auto inject = InjectEngine(d, channel);
+    const bool started = inject && inject->IsStartInject(channel);
+    if (inject && !started) {
         SetErrorText("channel %d is not injecting", channel);
     }
     return started;
 }
 
 tagInjectDelayStatusInfo* PCIeDataManager::GetInjectDelayStatus(int channel) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    if (!ChannelInRange(channel) || !HasEngine(d->xdmaInject, "inject")) {
+    const auto inject = InjectEngine(d, channel);
+    if (!inject) {
         return nullptr;
     }
-    const tagInjectDelayStatusInfo* records = d->xdmaInject->GetInjectDelayStatus(channel);
+    const tagInjectDelayStatusInfo* records = inject->GetInjectDelayStatus(channel);
     std::copy(records, records + d->injectDelay.size(), d->injectDelay.begin());
     return d->injectDelay.data();
 }
 
 void PCIeDataManager::SetInjectFullScreenWgt(int channel, void* widget) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    if (ChannelInRange(channel) && HasEngine(d->xdmaInject, "inject")) {
-        d->xdmaInject->SetInjectFullScreenWgt(channel, widget);
+    if (const auto inject = InjectEngine(d, channel)) {
+        inject->SetInjectFullScreenWgt(channel, widget);
     }
 }
 
 void PCIeDataManager::UpdateParamSimulate(int channel, bool enable, tagThermalImgParams params) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    if (ChannelInRange(channel) && HasEngine(d->xdmaInject, "inject")) {
-        d->xdmaInject->UpdateParamSimulate(channel, enable, params);
+    if (const auto inject = InjectEngine(d, channel)) {
+        inject->UpdateParamSimulate(channel, enable, params);
     }
 }
 
 bool PCIeDataManager::WriteControlCmd(int channel, QByteArray command) {
-    ClearErrorText();
     // From any thread: the engine stays while this call uses it.
-    const auto engines = SharedEngines(d);
-    if (!ChannelInRange(channel) || !HasEngine(d->xdmaInject, "inject")) {
+    const auto inject = InjectEngine(d, channel);
+    if (!inject) {
         return false;
     }
     const int size = command.size();
@@ -463,7 +354,7 @@ bool PCIeDataManager::WriteControlCmd(int channel, QByteArray command) {
                      GroupedDigits(static_cast<std::uint64_t>(size)).c_str());
         return false;
     }
-    if (d->xdmaInject->WriteControlCmd(channel, std::move(command))) {
+    if (inject->WriteControlCmd(channel, std::move(command))) {
         return true;
     }
     if (size == 0) {
@@ -478,83 +369,8 @@ bool PCIeDataManager::WriteControlCmd(int channel, QByteArray command) {
 }
 
 bool PCIeDataManager::GetInjectStatistics(int channel, KvInjectStatistics& out) {
-    ClearErrorText();
-    const auto engines = SharedEngines(d);
-    return ChannelInRange(channel) && HasEngine(d->xdmaInject, "inject") &&
-           d->xdmaInject->GetInjectStatistics(channel, out);
-}
-
-// ---------------------------------------------------------------- registers and memory
-
-namespace {
-
-bool XdmaCardOpen() {
-    if (xdma::XdmaIsOpen()) {
-        return true;
-    }
-    SetErrorText("no XDMA card is open");
-    return false;
-}
-
-bool TransferDone(bool done, const char* direction, unsigned address, unsigned size) {
-    if (!done) {
-        SetErrorText("%s %s bytes at card address 0x%08X failed%s", direction,
-                     GroupedDigits(size).c_str(), address,
-                     address >= 0x80000000u ? ": the address is at or past 2 GiB" : "");
-    }
-    return done;
-}
-
-}  // namespace
-
-unsigned int PCIeDataManager::ReadReg(unsigned int address) {
-    ClearErrorText();
-    if (d->framework == XDMA_MM) {
-        return XdmaCardOpen() ? xdma::XdmaReadReg(address) : 0;
-    }
-    if (d->framework == RIFFA) {
-        return d->riffaDevice->ReadReg(address);
-    }
-    return 0;  // other values name no framework
-}
-
-int PCIeDataManager::WriteReg(unsigned int address, int value) {
-    ClearErrorText();
-    if (d->framework == XDMA_MM) {
-        if (!XdmaCardOpen()) {
-            return 0;
-        }
-        const auto word = static_cast<unsigned>(value);
-        const int result = xdma::XdmaWriteReg(address, &word);
-        if (result != 4) {
-            SetErrorText("writing register 0x%08X failed (%d)", address, result);
-        }
-        return result;
-    }
-    if (d->framework == RIFFA) {
-        d->riffaDevice->WriteReg(static_cast<unsigned>(value), address);
-    }
-    return 0;
-}
-
-bool PCIeDataManager::ReadData(unsigned int address, unsigned int size, unsigned char* buffer) {
-    ClearErrorText();
-    if (buffer == nullptr) {
-        SetErrorText("buffer is null");
-        return false;
-    }
-    return XdmaCardOpen() &&
-           TransferDone(xdma::XdmaReadData(address, size, buffer), "reading", address, size);
-}
-
-bool PCIeDataManager::WriteData(unsigned int address, unsigned int size, unsigned char* buffer) {
-    ClearErrorText();
-    if (buffer == nullptr) {
-        SetErrorText("buffer is null");
-        return false;
-    }
-    return XdmaCardOpen() &&
-           TransferDone(xdma::XdmaWriteData(address, size, buffer), "writing", address, size);
+    const auto inject = InjectEngine(d, channel);
+    return inject && inject->GetInjectStatistics(channel, out);
 }
 
 // ---------------------------------------------------------------- settings

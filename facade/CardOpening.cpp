@@ -1,0 +1,100 @@
+// Opening and closing the XDMA card with its engines, on request or on a first start.
+#include "CardOpening.h"
+
+#include "CardHolder.h"
+#include "EngineCall.h"
+#include "ErrorText.h"
+#include "PCIeDataManagerPrivate.h"
+
+#include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
+
+#include <cstdlib>
+
+namespace kvpcie {
+namespace {
+
+// The path that an engine-only open gives the capture engine; no such interface exists, so
+// its event files do not open.
+constexpr const char* kNoCardPath = "7028";
+
+// True, with the reason, when the caller is inside one of the engines' callbacks, where the
+// engines must not be destroyed.
+bool InsideCallback(PCIeDataManagerPrivate* d, const char* operation) {
+    const auto engines = SharedEngines(d);
+    const auto* capture = d->xdmaCapture.get();
+    if (capture == nullptr || (!capture->OnPollingThread() && !capture->InStatusDelivery())) {
+        return false;
+    }
+    SetErrorText(
+        "%s is refused inside a frame or status callback: it would destroy the engine "
+        "that runs the callback; call it from the control thread",
+        operation);
+    return true;
+}
+
+}  // namespace
+
+bool OpenXdmaCard(PCIeDataManagerPrivate* d, char* devicePath) {
+    ClearErrorText();
+    if (InsideCallback(d, "OpenCard") || CardHeldByAnother(d, "OpenCard")) {
+        return false;
+    }
+    bool opened = true;
+    if (devicePath != nullptr) {
+        CloseXdmaCard(d);
+        opened = xdma::XdmaOpen(devicePath);
+        SetCardHolder(opened ? d : nullptr);
+        ClearErrorText();
+        if (!opened) {
+            SetErrorText("the XDMA card \"%s\" did not open; its engines were created anyway",
+                         devicePath);
+        }
+    } else {
+        ClearErrorText();
+        // Engines that exist are replaced here too, not leaked: their threads must stop.
+        PCIeDataManagerPrivate::XdmaEngines old = d->TakeXdmaEngines();
+        old.inject.reset();
+        old.capture.reset();
+    }
+    PCIeDataManagerPrivate::XdmaEngines engines;
+    engines.capture = std::make_unique<xdma::DataCapture4XdmaMM>(
+        d, devicePath != nullptr ? devicePath : kNoCardPath);
+    engines.inject = std::make_unique<xdma::DataInject4XdmaMM>(d);
+    d->InstallXdmaEngines(std::move(engines));
+    return opened;
+}
+
+void CloseXdmaCard(PCIeDataManagerPrivate* d) {
+    ClearErrorText();
+    if (InsideCallback(d, "CloseCard")) {
+        return;
+    }
+    // A manager that does not hold the card only lets go of its engines.
+    if (!IsCardHeldByAnother(d)) {
+        xdma::XdmaClose();
+        SetCardHolder(nullptr);
+    }
+    PCIeDataManagerPrivate::XdmaEngines old = d->TakeXdmaEngines();
+    old.capture.reset();
+    old.inject.reset();
+}
+
+bool OpenFirstXdmaCardIfNone(PCIeDataManagerPrivate* d) {
+    if (xdma::XdmaIsOpen()) {
+        return true;
+    }
+    char* paths[xdma::kPathSlots] = {};
+    const int found = xdma::XdmaGetDevices(platform::kXdmaInterfaceClass, paths);
+    bool opened = false;
+    if (found <= 0) {
+        SetErrorText("no XDMA card is listed");
+    } else if (!(opened = OpenXdmaCard(d, paths[0]))) {
+        SetErrorText("the first XDMA card, \"%s\", did not open", paths[0]);
+    }
+    for (char* path : paths) {
+        std::free(path);
+    }
+    return opened;
+}
+
+}  // namespace kvpcie
