@@ -65,7 +65,9 @@ public:
     // --- cards ---
     /// Closes the open card, opens the XDMA card at `devicePath` (a path from GetDevices: this
     /// restarts the device and writes the host-attach word) and creates the engines, even when
-    /// the open failed; returns the open's result. A null path only creates the engines.
+    /// the open failed; returns the open's result. A null path only creates the engines: the card
+    /// stays as it is, and engines that existed are destroyed (their threads stopped) rather than
+    /// left running out of reach.
     bool OpenCard(char* devicePath);
     /// Opens RIFFA device number `deviceIndex` (0 for the first listed), closing the RIFFA device
     /// that was open first, and replaces the RIFFA engines. False when there is no such device
