@@ -7,7 +7,7 @@
 #include <functional>
 #include <vector>
 
-namespace kvpcie::cli {
+namespace kvpcie::tools {
 namespace {
 
 constexpr std::size_t kBytes = 4096;
@@ -97,4 +97,4 @@ TEST(TestRun, TwoRunsGetDifferentTags) {
 }
 
 }  // namespace
-}  // namespace kvpcie::cli
+}  // namespace kvpcie::tools

@@ -3,16 +3,20 @@
 #include "FrameOptions.h"
 #include "InjectDrain.h"
 #include "JsonOutput.h"
+#include "RawFrameFile.h"
 #include "RawRecordingName.h"
 #include "TestFrames.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
+#include <memory>
 #include <thread>
 
 namespace kvpcie::cli {
+
+using tools::FillTestFrame;
+using tools::NewTestRun;
 namespace {
 
 const char kHelp[] =
@@ -23,35 +27,6 @@ const char kHelp[] =
     "until N frames were queued, S seconds passed (10 by default) or Ctrl-C. Prints the frames\n"
     "queued and how often the 15-frame queue was full once a second, and at the end what went\n"
     "to the card (--json: as one JSON document).\n";
-
-// The frames of a raw recording, read one after the other and from the start again.
-class RawFrames {
-public:
-    RawFrames(const std::string& path, std::size_t frameBytes)
-        : in_((RequireReadableFile(path), path), std::ios::binary), frameBytes_(frameBytes) {
-        if (!in_) {
-            throw RuntimeError{"cannot read " + path};
-        }
-        in_.seekg(0, std::ios::end);
-        const auto size = static_cast<std::uint64_t>(in_.tellg());
-        if (size == 0 || size % frameBytes != 0) {
-            throw UsageError{path + " is not a whole number of " + std::to_string(frameBytes) +
-                             "-byte frames"};
-        }
-        in_.seekg(0);
-    }
-    void Next(std::vector<char>& frame) {
-        if (!in_.read(frame.data(), static_cast<std::streamsize>(frameBytes_))) {
-            in_.clear();
-            in_.seekg(0);
-            in_.read(frame.data(), static_cast<std::streamsize>(frameBytes_));
-        }
-    }
-
-private:
-    std::ifstream in_;
-    std::size_t frameBytes_;
-};
 
 }  // namespace
 
@@ -74,7 +49,7 @@ int RunInject(const std::vector<std::string>& args) {
     const std::uint64_t frameLimit = limits.frames;
     const std::uint64_t seconds = limits.seconds;
     FrameGeometry geometry;
-    std::unique_ptr<RawFrames> raw;
+    std::unique_ptr<tools::RawFrameFile> raw;
     if (const auto file = arguments.Value("--file")) {
         const auto info = tools::ParseRawRecordingName(*file);
         if (!info) {
@@ -86,7 +61,17 @@ int RunInject(const std::vector<std::string>& args) {
         geometry = ParseGeometry(
             arguments,
             FrameGeometry{info->width, info->height + info->paramLines, info->pixelType});
-        raw = std::make_unique<RawFrames>(*file, geometry.Bytes());
+        RequireReadableFile(*file);
+        raw = std::make_unique<tools::RawFrameFile>();
+        switch (raw->Open(*file, geometry.Bytes())) {
+            case tools::RawFrameFile::OpenResult::Opened:
+                break;
+            case tools::RawFrameFile::OpenResult::Unreadable:
+                throw RuntimeError{"cannot read " + *file};
+            case tools::RawFrameFile::OpenResult::NotWholeFrames:
+                throw UsageError{*file + " is not a whole number of " +
+                                 std::to_string(geometry.Bytes()) + "-byte frames"};
+        }
     } else {
         geometry = ParseGeometry(arguments);
     }
@@ -104,7 +89,8 @@ int RunInject(const std::vector<std::string>& args) {
     const std::uint32_t run = NewTestRun();
     const auto nextFrame = [&] {
         if (raw) {
-            raw->Next(frame);
+            bool wrapped = false;
+            raw->Next(frame.data(), wrapped);
         } else {
             FillTestFrame(frame, channel, run, number);
         }

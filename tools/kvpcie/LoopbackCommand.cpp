@@ -20,6 +20,13 @@
 #include <thread>
 
 namespace kvpcie::cli {
+
+using tools::CheckLoopbackFrame;
+using tools::FillTestFrame;
+using tools::kTestFrameHeaderBytes;
+using tools::LoopbackCheck;
+using tools::NewTestRun;
+using tools::TestFrameNumber;
 namespace {
 
 const char kHelp[] =

@@ -1,4 +1,4 @@
-// The frames kvpcie injects: each carries its number and its run, so that a frame that comes
+// The frames the tools inject: each carries its number and its run, so that a frame that comes
 // back through the card's loopback can be checked byte for byte and told from an earlier run's.
 #pragma once
 
@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace kvpcie::cli {
+namespace kvpcie::tools {
 
 // The fewest bytes that hold a test frame's header.
 constexpr std::size_t kTestFrameHeaderBytes = 16;
@@ -31,4 +31,4 @@ enum class LoopbackCheck {
 LoopbackCheck CheckLoopbackFrame(const char* frame, std::size_t size, int channel,
                                  std::uint32_t run, int stampBytes, std::int64_t lastVerified);
 
-}  // namespace kvpcie::cli
+}  // namespace kvpcie::tools

@@ -1,4 +1,4 @@
-// kvpcie's self-checking frames.
+// The tools' self-checking frames.
 #include "TestFrames.h"
 
 #include <algorithm>
@@ -7,7 +7,7 @@
 #include <cstring>
 #include <random>
 
-namespace kvpcie::cli {
+namespace kvpcie::tools {
 namespace {
 
 constexpr std::size_t kRampPeriod = 256;
@@ -97,4 +97,4 @@ LoopbackCheck CheckLoopbackFrame(const char* frame, std::size_t size, int channe
                                                               : LoopbackCheck::Replayed;
 }
 
-}  // namespace kvpcie::cli
+}  // namespace kvpcie::tools
