@@ -1,3 +1,4 @@
+// The bounded hand-over of captured frames from the polling thread to the streaming thread.
 #include "CaptureQueue.h"
 
 namespace kvpcie::gst {

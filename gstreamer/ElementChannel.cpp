@@ -1,3 +1,4 @@
+// The card and channel properties of an element, and claiming the channel for it.
 #include "ElementChannel.h"
 
 namespace kvpcie::gst {

@@ -1,3 +1,4 @@
+// kvpciesink: caps negotiation, playout of each buffer on an inject channel, and its statistics.
 #include "KvPcieSink.h"
 
 #include "ElementChannel.h"

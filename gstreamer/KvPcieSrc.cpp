@@ -1,3 +1,4 @@
+// kvpciesrc: caps negotiation, the capture channel's start and stop, and buffers for each frame.
 #include "KvPcieSrc.h"
 
 #include "CaptureQueue.h"

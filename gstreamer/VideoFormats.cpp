@@ -1,3 +1,4 @@
+// GStreamer raw video formats as the card's pixel types, and row copies between strides.
 #include "VideoFormats.h"
 
 #include <cstring>

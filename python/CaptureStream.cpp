@@ -1,3 +1,4 @@
+// card.capture(...): a ring of NumPy arrays filled by the polling thread and taken by Python.
 #include "CaptureStream.h"
 
 #include "Arguments.h"

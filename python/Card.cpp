@@ -1,3 +1,4 @@
+// kvpcie.Card's calls: registers, memory, capture, inject, commands and status callbacks.
 #include "Card.h"
 
 #include "Arguments.h"

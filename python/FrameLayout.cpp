@@ -1,3 +1,4 @@
+// Pixel type names, and the NumPy shapes and dtypes of the card's frames.
 #include "FrameLayout.h"
 
 #include <array>

@@ -1,3 +1,4 @@
+// kvpcie.sim: the binding of the simulated card's control into the module.
 #pragma once
 
 #include <pybind11/pybind11.h>

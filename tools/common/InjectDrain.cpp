@@ -1,3 +1,4 @@
+// Waiting for an inject channel's queue to empty and its last frames to play.
 #include "InjectDrain.h"
 
 #include <algorithm>
