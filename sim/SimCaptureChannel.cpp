@@ -11,13 +11,14 @@ void SimCaptureChannel::Start(TimePoint now, Clock::duration period) {
     clock_.Start(now, period);
     position_ = 0;
     number_ = 0;
+    counts_ = Counts{};
     // Times of an earlier run would pass for this run's in the read-back.
     buffers_.fill(BufferTimes{});
     previousReady_.reset();
     readyTimes_.fill(ReadyRecord{});
 }
 
-int SimCaptureChannel::Plan(const CaptureSettings& settings, int count, TimePoint start) {
+void SimCaptureChannel::Plan(const CaptureSettings& settings, int count, TimePoint start) {
     claimed_ = true;
     batch_.count = 0;
     batchGeneration_ = clock_.Run();
@@ -25,21 +26,19 @@ int SimCaptureChannel::Plan(const CaptureSettings& settings, int count, TimePoin
     batchLoopback_ = settings.loopback;
     batchLoopbackFrame_ = settings.loopback ? loopbackFrame_ : nullptr;
     if (settings.frameBytes == 0 || settings.frameBytes > xdma::kCardBufferBytes) {
-        return 0;
+        return;
     }
     count = std::min(count, xdma::kCardBufferCount);
-    int dropped = 0;
     for (int i = 0; i < count; ++i) {
         const std::uint32_t number = number_++;
         if (settings.held[position_]) {
-            ++dropped;
+            ++counts_.framesDropped;
             continue;
         }
         const bool error = settings.errorEvery != 0 && (number + 1) % settings.errorEvery == 0;
         batch_.frames[batch_.count++] = Frame{number, position_, error, start, {}};
         position_ = (position_ + 1) % xdma::kCardBufferCount;
     }
-    return dropped;
 }
 
 void SimCaptureChannel::WriteFrames(CardMemory& memory) {
@@ -78,6 +77,7 @@ void SimCaptureChannel::RecordReady(const Frame& frame, TimePoint ready) {
     times.sincePreviousReady = previousReady_ ? ready - *previousReady_ : Clock::duration::zero();
     previousReady_ = ready;
     readyTimes_[frame.number % readyTimes_.size()] = ReadyRecord{true, frame.number, ready};
+    ++counts_.framesProduced;
 }
 
 void SimCaptureChannel::RecordRelease(unsigned buffer, TimePoint now) {

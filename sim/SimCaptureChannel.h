@@ -49,6 +49,11 @@ public:
         std::uint32_t length;              // bytes
         std::vector<std::uint32_t> words;  // the last one zero-padded
     };
+    // Since Start; the control block shows them.
+    struct Counts {
+        std::uint32_t framesProduced = 0;
+        std::uint32_t framesDropped = 0;
+    };
 
     explicit SimCaptureChannel(unsigned channel);
 
@@ -69,13 +74,14 @@ public:
     // One producer at a time: the clock and ProduceCaptureFrames both claim the channel.
     bool Claimed() const { return claimed_; }
     // Claims the channel and numbers `count` (at most the ring size) frames starting at `start`.
-    // Returns how many were dropped because the host still held their buffer.
-    int Plan(const CaptureSettings& settings, int count, TimePoint start);
+    // Frames whose buffer the host still holds are dropped and counted.
+    void Plan(const CaptureSettings& settings, int count, TimePoint start);
     void WriteFrames(CardMemory& memory);
     // Ends the claim. False when the channel stopped or started again since Plan: then nothing
     // of the batch is published.
     bool Finish();
     const Batch& Planned() const { return batch_; }
+    // The frame was made ready: it counts as produced.
     void RecordReady(const Frame& frame, TimePoint ready);
     void RecordRelease(unsigned buffer, TimePoint now);
     // Frames in loopback take this one, cut or zero-filled; none gives zeros.
@@ -85,6 +91,11 @@ public:
     // Delay-clock ticks for `selector`, saturated to the register's count field.
     std::uint32_t DelayTicks(unsigned buffer, unsigned selector, TimePoint now) const;
     bool ReadyTime(std::uint32_t number, TimePoint& ready) const;
+
+    // --- counts ---
+    const Counts& Counted() const { return counts_; }
+    // The control API sets them as the card itself would.
+    void SetCounted(const Counts& counts) { counts_ = counts; }
 
     // --- the mailbox ---
     // False when the queue is full.
@@ -111,6 +122,7 @@ private:
     SimFrameClock clock_;
     unsigned position_ = 0;
     std::uint32_t number_ = 0;
+    Counts counts_;
 
     bool claimed_ = false;
     Batch batch_;

@@ -1,5 +1,5 @@
 // What the simulated XDMA card answers that a real card has no registers for, and how an address
-// splits into a channel's block.
+// decodes into a channel's block.
 #pragma once
 
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaChannelRegisters.h"
@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <utility>
 
 namespace kvpcie::sim {
 
@@ -62,8 +63,7 @@ constexpr std::chrono::microseconds kMinFramePeriod{100};
 // Frame period registers count these.
 using TimingClockTicks = std::chrono::duration<std::int64_t, std::ratio<1, kTimingClockHz>>;
 
-// Where an address falls among the per-channel register blocks of one kind, which start at
-// `first`: the channel and the offset inside its block.
+// The per-channel register blocks: every kind is laid out alike.
 constexpr std::uint32_t kBlockStride = xdma::CaptureBlock(1) - xdma::CaptureBlock(0);
 constexpr std::uint32_t kBufferStride = xdma::CapBufferStatus(1) - xdma::CapBufferStatus(0);
 static_assert(xdma::InjectBlock(1) - xdma::InjectBlock(0) == kBlockStride &&
@@ -71,14 +71,27 @@ static_assert(xdma::InjectBlock(1) - xdma::InjectBlock(0) == kBlockStride &&
                   xdma::InjBufferStatus(1) - xdma::InjBufferStatus(0) == kBufferStride,
               "every kind of channel block is laid out alike");
 
-inline bool InChannelBlock(std::uint32_t address, std::uint32_t first, unsigned& channel,
-                           std::uint32_t& offset) {
-    if (address < first || address - first >= xdma::kChannelCount * kBlockStride) {
-        return false;
+// An address as the card routes it: a channel's capture, inject or control block and the offset
+// inside it, or a word of the card itself (channel 0, offset = the address).
+struct RegisterAddress {
+    enum class Kind { Card, Capture, Inject, Control };
+    Kind kind;
+    unsigned channel;
+    std::uint32_t offset;
+};
+
+inline RegisterAddress DecodeRegister(std::uint32_t address) {
+    constexpr std::uint32_t kBlocksBytes = xdma::kChannelCount * kBlockStride;
+    const std::pair<RegisterAddress::Kind, std::uint32_t> blocks[] = {
+        {RegisterAddress::Kind::Capture, xdma::CaptureBlock(0)},
+        {RegisterAddress::Kind::Inject, xdma::InjectBlock(0)},
+        {RegisterAddress::Kind::Control, ControlBlock(0)}};
+    for (const auto& [kind, first] : blocks) {
+        if (address >= first && address - first < kBlocksBytes) {
+            return {kind, (address - first) / kBlockStride, (address - first) % kBlockStride};
+        }
     }
-    channel = (address - first) / kBlockStride;
-    offset = (address - first) % kBlockStride;
-    return true;
+    return {RegisterAddress::Kind::Card, 0, address};
 }
 
 // Whether `offset` is the word at `first` of one of the per-buffer register groups.

@@ -10,6 +10,8 @@ namespace kvpcie::sim {
 void SimInjectChannel::Start(TimePoint now, Clock::duration period) {
     clock_.Start(now, period);
     position_ = 0;
+    counts_.framesPlayed = 0;
+    counts_.underruns = 0;
     // The host's hand-over times stay: it may fill the ring before it enables the channel.
     for (BufferTimes& times : buffers_) {
         times.readyToPlay = times.playInterval = times.writingToPlay = Clock::duration::zero();
@@ -38,6 +40,7 @@ bool SimInjectChannel::FinishPlay(TimePoint end) {
     times.released = end;
     previousPlay_ = end;
     position_ = (position_ + 1) % xdma::kCardBufferCount;
+    ++counts_.framesPlayed;
     return true;
 }
 
@@ -86,6 +89,7 @@ bool SimInjectChannel::CommandBusy(TimePoint now) const {
 void SimInjectChannel::TakeCommand(TimePoint busyUntil) {
     commandBusyUntil_ = busyUntil;
     untakenStart_ = false;
+    ++counts_.commandsTaken;
 }
 
 void SimInjectChannel::ResetCommand() {

@@ -19,6 +19,13 @@ class SimInjectChannel {
 public:
     using Clock = SimFrameClock::Clock;
     using TimePoint = SimFrameClock::TimePoint;
+    // The control block shows them. Plays and underruns count since Start, commands since the
+    // card was made.
+    struct Counts {
+        std::uint32_t framesPlayed = 0;
+        std::uint32_t underruns = 0;
+        std::uint32_t commandsTaken = 0;
+    };
 
     // --- the clock ---
     // The first tick comes one period from now and looks at buffer 0.
@@ -39,6 +46,8 @@ public:
     // False when the channel stopped or started again since BeginPlay: nothing was played.
     // Otherwise the buffer at Position() counts as played at `end` and the ring moves on.
     bool FinishPlay(TimePoint end);
+    // A tick found the buffer at Position() not handed over.
+    void CountUnderrun() { ++counts_.underruns; }
 
     // --- the delay read-back ---
     // The host wrote a buffer's status: it began filling it, or handed it over.
@@ -57,10 +66,16 @@ public:
     bool CommandBusy(TimePoint now) const;
     // What bit 10 of the control word reads: busy, or a start the card left untaken.
     bool CommandStarted(TimePoint now) const { return untakenStart_ || CommandBusy(now); }
+    // Counted as taken.
     void TakeCommand(TimePoint busyUntil);
     void SetUntakenStart(bool untaken) { untakenStart_ = untaken; }
     // A restarted card is idle.
     void ResetCommand();
+
+    // --- counts ---
+    const Counts& Counted() const { return counts_; }
+    // The control API sets them as the card itself would.
+    void SetCounted(const Counts& counts) { counts_ = counts; }
 
 private:
     struct BufferTimes {
@@ -78,6 +93,7 @@ private:
     SimFrameClock clock_;
     std::uint64_t playGeneration_ = 0;
     unsigned position_ = 0;
+    Counts counts_;
 
     std::array<BufferTimes, xdma::kCardBufferCount> buffers_{};
     std::optional<TimePoint> previousPlay_;

@@ -6,6 +6,7 @@
 #include "SimCaptureChannel.h"
 #include "SimCardRegisters.h"
 #include "SimInjectChannel.h"
+#include "SimUserEvents.h"
 #include "CardMemory.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
@@ -18,6 +19,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -52,7 +54,7 @@ public:
                      std::uint32_t& moved);
     void CountRefusedTransfer();
 
-    enum class EventWait { Raised, TimedOut, Failed };
+    using EventWait = SimUserEvents::Outcome;
     // Blocks until the event is raised, the timeout passes, `cancelled` is set (then call
     // WakeEventWaiters) or the card is removed.
     EventWait WaitUserEvent(int event, const std::atomic<bool>& cancelled);
@@ -98,17 +100,25 @@ private:
     using TimePoint = SimCaptureChannel::TimePoint;
     static constexpr std::size_t kAccessLogCapacity = 65536;
 
+    // The register file: an address is decoded once, then served by its block's kind.
     std::uint32_t RegisterValueLocked(std::uint32_t address) const;
     void StoreRegisterLocked(std::uint32_t address, std::uint32_t value);
+    // The word as last stored, for registers that are nothing more.
+    std::uint32_t StoredLocked(std::uint32_t address) const;
+    std::uint32_t ControlRegisterValueLocked(unsigned channel, std::uint32_t offset) const;
+    void ControlRegisterWrittenLocked(unsigned channel, std::uint32_t offset, std::uint32_t value);
+    // The control block's counts live in the channels; nothing for another offset.
+    std::optional<std::uint32_t> CountLocked(unsigned channel, std::uint32_t offset) const;
+    bool SetCountLocked(unsigned channel, std::uint32_t offset, std::uint32_t value);
+
     void LogLocked(KvPCIeSim::CardAccess::Kind kind, std::uint32_t address, std::uint32_t value);
     void RaiseUserEventLocked(int event);
-    void ObserveEventLocked(int event);
     bool TakeDmaFaultLocked(std::uint64_t address);
 
-    // Capture registers written by the host.
+    // Capture registers written or read by the host (SimXdmaCardCapture.cpp).
     void SetCaptureEnableLocked(std::uint32_t mask);
     void CaptureRegisterWrittenLocked(unsigned channel, std::uint32_t offset, std::uint32_t value);
-    void ControlRegisterWrittenLocked(unsigned channel, std::uint32_t offset, std::uint32_t value);
+    std::uint32_t CaptureRegisterValueLocked(unsigned channel, std::uint32_t offset) const;
     void RetimeLocked(unsigned channel);
     void PostStatusLocked(unsigned channel, std::uint32_t length);
     void ShowStatusBlockLocked(unsigned channel, const SimCaptureChannel::StatusBlock& block);
@@ -121,7 +131,7 @@ private:
     void CommandControlWrittenLocked(unsigned channel, std::uint32_t value);
     void TakeCommandLocked(unsigned channel, std::uint32_t length);
 
-    // Frame production and play.
+    // Frame production and play; the timing thread is in SimXdmaCardClock.cpp.
     Clock::duration FramePeriodLocked(unsigned channel) const;
     Clock::duration InjectFramePeriodLocked(unsigned channel) const;
     CaptureSettings CaptureSettingsLocked(unsigned channel) const;
@@ -142,11 +152,8 @@ private:
     std::atomic<bool> removed_{false};
 
     mutable std::mutex mutex_;
-    std::condition_variable eventRaised_;
     std::unordered_map<std::uint32_t, std::uint32_t> registers_;
-    std::array<bool, kUserEventCount> eventPending_{};
-    std::function<void(int event)> eventObserver_;
-    std::chrono::milliseconds eventTimeout_;
+    SimUserEvents events_;
     std::set<std::string> absentNodes_;
     std::deque<KvPCIeSim::CardAccess> accessLog_;
     KvPCIeSim::CardCounters counters_{};

@@ -19,8 +19,6 @@ void SimXdmaCard::SetInjectEnableLocked(std::uint32_t mask) {
         SimInjectChannel& inject = inject_[channel];
         const bool enabled = (mask >> channel & 1) != 0;
         if (enabled && !inject.Running()) {
-            registers_[ControlBlock(channel) + kCtlInjectPlayed] = 0;
-            registers_[ControlBlock(channel) + kCtlInjectUnderruns] = 0;
             inject.Start(now, InjectFramePeriodLocked(channel));
             // A new run has played nothing yet: the loopback shows no picture of the last one.
             capture_[channel].SetLoopbackFrame(nullptr);
@@ -56,8 +54,7 @@ void SimXdmaCard::InjectRegisterWrittenLocked(unsigned channel, std::uint32_t of
 }
 
 std::uint32_t SimXdmaCard::InjectRegisterValueLocked(unsigned channel, std::uint32_t offset) const {
-    const auto found = registers_.find(xdma::InjectBlock(channel) + offset);
-    const std::uint32_t stored = found == registers_.end() ? 0 : found->second;
+    const std::uint32_t stored = StoredLocked(xdma::InjectBlock(channel) + offset);
     unsigned buffer = 0;
     if (offset == xdma::kInjCommandControl) {
         // Evaluated at each read: the busy time needs no thread to end it.
@@ -111,7 +108,6 @@ void SimXdmaCard::TakeCommandLocked(unsigned channel, std::uint32_t length) {
         registers_[control + kCtlLastCommand + first] = word;
     }
     registers_[control + kCtlLastCommandLength] = length;
-    ++registers_[control + kCtlCommandsTaken];
 }
 
 SimXdmaCard::Clock::duration SimXdmaCard::InjectFramePeriodLocked(unsigned channel) const {
@@ -130,7 +126,7 @@ bool SimXdmaCard::PlayLocked(std::unique_lock<std::mutex>& lock, unsigned channe
     const std::uint32_t control = ControlBlock(channel);
     const unsigned buffer = inject.Position();
     if (RegisterValueLocked(block + xdma::InjBufferStatus(buffer)) != xdma::kStatusInjectReady) {
-        ++registers_[control + kCtlInjectUnderruns];  // the loopback frame stays the last one
+        inject.CountUnderrun();  // the loopback frame stays the last one
         return true;
     }
     const std::uint32_t length = std::min(
@@ -150,9 +146,21 @@ bool SimXdmaCard::PlayLocked(std::unique_lock<std::mutex>& lock, unsigned channe
         head |= std::uint32_t{(*frame)[byte]} << (8 * byte);
     }
     registers_[block + xdma::InjBufferStatus(buffer)] = 0;
-    ++registers_[control + kCtlInjectPlayed];
     registers_[control + kCtlLastInjectHead] = head;
     capture_[channel].SetLoopbackFrame(std::move(frame));
+    return true;
+}
+
+bool SimXdmaCard::InjectRefillTimes(int channel, std::int64_t& longestNanos,
+                                    std::uint64_t& count) const {
+    if (channel < 0 || channel >= xdma::kChannelCount) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    const SimInjectChannel& inject = inject_[channel];
+    longestNanos =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(inject.LongestRefill()).count();
+    count = inject.RefillsTimed();
     return true;
 }
 
