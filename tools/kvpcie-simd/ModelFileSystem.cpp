@@ -2,16 +2,18 @@
 #define FUSE_USE_VERSION 312
 #include "ModelFileSystem.h"
 
-#include "sim/SimCardRegisters.h"
+#include "DmaNode.h"
+#include "EventNode.h"
+#include "NodeSizes.h"
+#include "PciAttributeNode.h"
+#include "RegisterNode.h"
+#include "RiffaNode.h"
 
 #include <fuse_lowlevel.h>
-#include <poll.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <memory>
 #include <new>
 #include <optional>
@@ -22,14 +24,8 @@
 namespace kvpcie::simd {
 namespace {
 
-// The XDMA driver's control (config BAR) space.
-constexpr std::uint64_t kControlSpaceBytes = 0x10000;
-// What sysfs shows as the size of every attribute.
-constexpr std::uint64_t kAttributeBytes = 4096;
 // Cards leave and return: nothing the kernel remembers about a name may outlive a call.
 constexpr double kNoCaching = 0.0;
-// The Windows driver model waits in slices; a read's offset says how long, in ms, up to this.
-constexpr std::int64_t kLongestWineEventWaitMs = 60000;
 
 // FUSE calls the operations from C: an exception must not leave them. Only allocations can
 // throw here, always before the answer, and a request that meets one is answered as the kernel
@@ -49,26 +45,6 @@ ModelFileSystem& Model(fuse_req_t request) {
 
 ModelFileSystem::OpenFile& FileOf(fuse_file_info* info) {
     return *reinterpret_cast<ModelFileSystem::OpenFile*>(info->fh);
-}
-
-std::uint64_t NodeBytes(NodeKind kind) {
-    switch (kind) {
-        case NodeKind::User:
-            return sim::kUserSpaceBytes;
-        case NodeKind::Control:
-            return kControlSpaceBytes;
-        case NodeKind::CardToHost:
-        case NodeKind::HostToCard:
-            return sim::kCardMemoryBytes;
-        case NodeKind::Events:
-            return 4;
-        case NodeKind::WineEvent:
-            return kLongestWineEventWaitMs + 1;
-        case NodeKind::WineRiffa:
-            return kRiffaHeaderBytes + kRiffaLargestInput + kRiffaLargestBlock;
-        default:
-            return kAttributeBytes;
-    }
 }
 
 mode_t NodeMode(NodeKind kind) {
@@ -221,27 +197,14 @@ void Open(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
             fuse_reply_err(request, EISDIR);
             return;
         }
-        ModelFileSystem& model = Model(request);
-        const bool cardNode = node.card >= 0 && node.kind != NodeKind::PciVendor &&
-                              node.kind != NodeKind::PciDevice && node.kind != NodeKind::PciRemove &&
-                              node.kind != NodeKind::WineRestart &&
-                              node.kind != NodeKind::WineRiffa;
-        auto file = std::make_unique<ModelFileSystem::OpenFile>(
-            ModelFileSystem::OpenFile{node, model.Card(node.card)});
-        file->countsAsOpen = cardNode;
-        if (node.kind == NodeKind::WineRiffa) {
-            file->riffa = std::make_unique<RiffaExchange>();
-        }
-        if (cardNode) {
-            file->card->FileOpened();
-        }
+        std::unique_ptr<ModelFileSystem::OpenFile> file = Model(request).Open(node);
         info->fh = reinterpret_cast<std::uint64_t>(file.get());
         // Every call reaches the card with its own offset and size, as on a driver's node: no
         // page cache, no read-ahead, no merged writes.
         info->direct_io = 1;
         info->keep_cache = 0;
         if (fuse_reply_open(request, info) == -ENOENT) {
-            model.Release(*file);  // the open was interrupted: no release will come for it
+            file->handler->Release();  // the open was interrupted: no release will come for it
             return;
         }
         file.release();
@@ -250,8 +213,7 @@ void Open(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
 
 void Read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info* info) {
     ModelFileSystem::OpenFile& file = FileOf(info);
-    if (file.node.kind == NodeKind::Events || file.node.kind == NodeKind::WineEvent) {
-        Model(request).ReadEvent(request, file, size, offset);
+    if (file.handler->TakeRead(request, size, offset)) {
         return;
     }
     const std::unique_ptr<char[]> buffer(new (std::nothrow) char[size == 0 ? 1 : size]);
@@ -279,12 +241,12 @@ void Write(fuse_req_t request, fuse_ino_t, const char* buffer, size_t size, off_
 
 void Release(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
     const std::unique_ptr<ModelFileSystem::OpenFile> file(&FileOf(info));
-    Model(request).Release(*file);
+    file->handler->Release();
     fuse_reply_err(request, 0);
 }
 
 void Poll(fuse_req_t request, fuse_ino_t, fuse_file_info* info, fuse_pollhandle* handle) {
-    Guarded(request, [&] { fuse_reply_poll(request, Model(request).Poll(FileOf(info), handle)); });
+    Guarded(request, [&] { fuse_reply_poll(request, FileOf(info).handler->Poll(handle)); });
 }
 
 void Init(void* model, fuse_conn_info* connection) {
@@ -307,23 +269,6 @@ fuse_lowlevel_ops MakeOperations() {
     operations.release = Release;
     operations.poll = Poll;
     return operations;
-}
-
-// The driver moves exactly one aligned 32-bit word per register call; past the register space
-// nothing moves. What the call returns instead of the access, or nullopt to go on.
-std::optional<int> RefuseRegisterAccess(NodeKind kind, std::size_t size, std::int64_t offset) {
-    if (size != 4 || offset % 4 != 0) {
-        return -EINVAL;
-    }
-    if (offset < 0 || static_cast<std::uint64_t>(offset) >= NodeBytes(kind)) {
-        return 0;
-    }
-    return std::nullopt;
-}
-
-// "1" (with or without a newline) is what sysfs's remove and rescan take.
-bool SaysOne(const char* buffer, std::size_t size) {
-    return size >= 1 && buffer[0] == '1' && (size == 1 || buffer[1] == '\n');
 }
 
 }  // namespace
@@ -390,159 +335,57 @@ void ModelFileSystem::Rescan() {
     }
 }
 
-int ModelFileSystem::Read(OpenFile& file, char* buffer, std::size_t size, std::int64_t offset) {
-    const Node& node = file.node;
-    if (node.card >= 0 && !IsPresent(node.card)) {
-        return -ENODEV;
-    }
+std::unique_ptr<ModelFileSystem::OpenFile> ModelFileSystem::Open(const Node& node) {
+    auto file = std::make_unique<OpenFile>(OpenFile{node, nullptr});
+    std::shared_ptr<sim::SimXdmaCard> card = Card(node.card);
     switch (node.kind) {
         case NodeKind::User:
-        case NodeKind::Control: {
-            if (const std::optional<int> refusal = RefuseRegisterAccess(node.kind, size, offset)) {
-                return *refusal;
-            }
-            std::uint32_t value = 0;
-            if (node.kind == NodeKind::User &&
-                !file.card->ReadRegister(static_cast<std::uint32_t>(offset), value)) {
-                return -EIO;
-            }
-            std::memcpy(buffer, &value, 4);
-            return 4;
-        }
-        case NodeKind::CardToHost: {
-            if (offset < 0) {
-                return -EINVAL;
-            }
-            std::uint32_t moved = 0;
-            if (!file.card->ReadMemory(static_cast<std::uint64_t>(offset), buffer,
-                                       static_cast<std::uint32_t>(size), moved)) {
-                return -EIO;
-            }
-            return static_cast<int>(moved);
-        }
+        case NodeKind::Control:
+            file->handler = std::make_unique<RegisterNode>(std::move(card), node.kind);
+            break;
+        case NodeKind::CardToHost:
+            file->handler =
+                std::make_unique<DmaNode>(std::move(card), DmaNode::Direction::CardToHost);
+            break;
+        case NodeKind::HostToCard:
+            file->handler =
+                std::make_unique<DmaNode>(std::move(card), DmaNode::Direction::HostToCard);
+            break;
+        case NodeKind::Events:
+        case NodeKind::WineEvent:
+            file->handler = std::make_unique<EventNode>(std::move(card), node, *this, eventReads_,
+                                                        pollWaiters_);
+            break;
         case NodeKind::WineRiffa:
-            return file.riffa->Read(buffer, size, offset);
+            file->handler =
+                std::make_unique<RiffaNode>(riffa_[static_cast<std::size_t>(node.card)]);
+            break;
         case NodeKind::PciVendor:
-        case NodeKind::PciDevice: {
-            const std::string text = PciAttributeText(node.kind);
-            if (offset < 0 || static_cast<std::size_t>(offset) >= text.size()) {
-                return 0;
-            }
-            const std::size_t length =
-                std::min(size, text.size() - static_cast<std::size_t>(offset));
-            std::memcpy(buffer, text.data() + offset, length);
-            return static_cast<int>(length);
-        }
-        default:
-            return -EINVAL;  // host-to-card, remove and rescan are written only; events wait
+        case NodeKind::PciDevice:
+        case NodeKind::PciRemove:
+        case NodeKind::PciRescan:
+        case NodeKind::WineRestart:
+            file->handler = std::make_unique<PciAttributeNode>(*this, node, std::move(card));
+            break;
+        case NodeKind::Directory:
+            return nullptr;  // refused before, with EISDIR
     }
+    return file;
 }
 
-void ModelFileSystem::ReadEvent(fuse_req_t request, OpenFile& file, std::size_t size,
-                                std::int64_t offset) {
-    const bool wine = file.node.kind == NodeKind::WineEvent;
-    if (!IsPresent(file.node.card)) {
-        fuse_reply_err(request, ENODEV);
-    } else if (size < (wine ? 1u : 4u)) {
-        fuse_reply_err(request, EINVAL);
-    } else if (!wine) {
-        eventReads_.Add(request, file.card, file.node.card, file.node.event,
-                        PendingEventReads::Answer{});
-    } else {
-        PendingEventReads::Answer answer;
-        answer.oneByte = true;
-        answer.giveUpAt = PendingEventReads::Clock::now() +
-                          std::chrono::milliseconds(std::clamp<std::int64_t>(
-                              offset, 0, kLongestWineEventWaitMs));
-        eventReads_.Add(request, file.card, file.node.card, file.node.event, answer);
+int ModelFileSystem::Read(OpenFile& file, char* buffer, std::size_t size, std::int64_t offset) {
+    if (file.node.card >= 0 && !IsPresent(file.node.card)) {
+        return -ENODEV;
     }
+    return file.handler->Read(buffer, size, offset);
 }
 
 int ModelFileSystem::Write(OpenFile& file, const char* buffer, std::size_t size,
                            std::int64_t offset) {
-    const Node& node = file.node;
-    if (node.card >= 0 && !IsPresent(node.card)) {
+    if (file.node.card >= 0 && !IsPresent(file.node.card)) {
         return -ENODEV;
     }
-    switch (node.kind) {
-        case NodeKind::User:
-        case NodeKind::Control: {
-            if (const std::optional<int> refusal = RefuseRegisterAccess(node.kind, size, offset)) {
-                return *refusal;
-            }
-            std::uint32_t value = 0;
-            std::memcpy(&value, buffer, 4);
-            if (node.kind == NodeKind::User &&
-                !file.card->WriteRegister(static_cast<std::uint32_t>(offset), value)) {
-                return -EIO;
-            }
-            return 4;
-        }
-        case NodeKind::HostToCard: {
-            if (offset < 0) {
-                return -EINVAL;
-            }
-            std::uint32_t moved = 0;
-            if (!file.card->WriteMemory(static_cast<std::uint64_t>(offset), buffer,
-                                        static_cast<std::uint32_t>(size), moved)) {
-                return -EIO;
-            }
-            return static_cast<int>(moved);
-        }
-        case NodeKind::WineRiffa:
-            return file.riffa->Write(*riffa_[static_cast<std::size_t>(node.card)], buffer, size,
-                                     offset);
-        case NodeKind::PciRemove:
-        case NodeKind::WineRestart:
-            if (!SaysOne(buffer, size)) {
-                return -EINVAL;
-            }
-            // Every process restarts the card when it opens it. A card whose files another
-            // process holds is not pulled from under that process: the removal is refused, as
-            // a device in use vetoes it, and the opener goes on without a restart.
-            if (file.card->ReadCounters().openFiles > 0) {
-                return -EBUSY;
-            }
-            RemoveCard(node.card);
-            // The Windows driver model restarts the card whole, as its device comes back.
-            if (node.kind == NodeKind::WineRestart) {
-                Rescan();
-            }
-            return static_cast<int>(size);
-        case NodeKind::PciRescan:
-            if (!SaysOne(buffer, size)) {
-                return -EINVAL;
-            }
-            Rescan();
-            return static_cast<int>(size);
-        default:
-            return -EINVAL;  // card-to-host, events and the read-only attributes
-    }
-}
-
-unsigned ModelFileSystem::Poll(OpenFile& file, fuse_pollhandle* handle) {
-    const Node& node = file.node;
-    if (node.kind != NodeKind::Events && node.kind != NodeKind::WineEvent) {
-        if (handle != nullptr) {
-            fuse_pollhandle_destroy(handle);  // always ready: nothing to notify
-        }
-        return POLLIN | POLLRDNORM | POLLOUT | POLLWRNORM;
-    }
-    // Kept before the test, so that an event raised in between still notifies the handle.
-    if (handle != nullptr) {
-        pollWaiters_.Keep(&file, node.card, node.event, handle);
-    }
-    if (!IsPresent(node.card) || file.card->IsRemoved()) {
-        return POLLERR | POLLHUP;
-    }
-    return file.card->IsUserEventPending(node.event) ? POLLIN | POLLRDNORM : 0;
-}
-
-void ModelFileSystem::Release(OpenFile& file) {
-    pollWaiters_.Forget(&file);
-    if (file.countsAsOpen) {
-        file.card->FileClosed();
-    }
+    return file.handler->Write(buffer, size, offset);
 }
 
 }  // namespace kvpcie::simd

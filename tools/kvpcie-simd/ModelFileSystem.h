@@ -4,9 +4,9 @@
 
 #include "InodeTable.h"
 #include "ModelNodes.h"
+#include "NodeHandler.h"
 #include "PendingEventReads.h"
 #include "PollWaiters.h"
-#include "RiffaExchange.h"
 
 #include "sim/SimRiffaDevice.h"
 #include "sim/SimXdmaCard.h"
@@ -16,7 +16,6 @@
 #include <vector>
 
 struct fuse_lowlevel_ops;
-struct fuse_req;
 
 namespace kvpcie::simd {
 
@@ -44,22 +43,18 @@ public:
     void RemoveCard(int card);
     void Rescan();
 
-    // One open file.
+    // One open file: its node, and the handler of the node's kind.
     struct OpenFile {
         Node node;
-        std::shared_ptr<sim::SimXdmaCard> card;  // null for the bus's rescan
-        bool countsAsOpen = false;               // a device file, not a sysfs attribute
-        std::unique_ptr<RiffaExchange> riffa;    // a RIFFA node's request and answer
+        std::unique_ptr<NodeHandler> handler;
     };
 
-    // The operations' bodies; they return bytes, 0, or -errno.
+    // A file of `node`, which is no directory. A device file counts as open on its card from
+    // here until its handler's Release.
+    std::unique_ptr<OpenFile> Open(const Node& node);
+    // The handler's read or write while the node's card is on the bus; -ENODEV once it left.
     int Read(OpenFile& file, char* buffer, std::size_t size, std::int64_t offset);
     int Write(OpenFile& file, const char* buffer, std::size_t size, std::int64_t offset);
-    unsigned Poll(OpenFile& file, struct fuse_pollhandle* handle);
-    void Release(OpenFile& file);
-    // A read of an events node: answered now when it is refused, else once the event comes
-    // (or, on the Windows model's nodes, once `offset` ms have passed).
-    void ReadEvent(fuse_req* request, OpenFile& file, std::size_t size, std::int64_t offset);
     std::shared_ptr<sim::SimXdmaCard> Card(int card) const;
     InodeTable& Inodes() { return inodes_; }
 
