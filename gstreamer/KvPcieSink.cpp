@@ -3,6 +3,8 @@
 
 #include "ElementChannel.h"
 #include "InjectDrain.h"
+#include "PropertyTable.h"
+#include "StatisticsTables.h"
 #include "ThreadSanitizer.h"
 #include "VideoFormats.h"
 
@@ -52,6 +54,16 @@ struct KvPcieSinkState {
     std::condition_variable wake;
     bool flushing = false;
 };
+
+namespace {
+
+const kvpcie::gst::PropertyRow<KvPcieSinkState> kProperties[] = {
+    {PROP_LINE_PERIOD, "line-period", "Line period",
+     "The channel's line period, as the card takes it (0: the card's own)",
+     &KvPcieSinkState::linePeriod, 0},
+};
+
+}  // namespace
 
 #define gst_kvpcie_sink_parent_class parent_class
 G_DEFINE_TYPE(GstKvPcieSink, gst_kvpcie_sink, GST_TYPE_BASE_SINK)
@@ -252,32 +264,14 @@ GstStructure* StatsOf(GstKvPcieSink* self) {
     s.card.ReadWhileOpen([&](PCIeDataManager& manager, int channel) {
         manager.GetInjectStatistics(channel, stats);
     });
-    return gst_structure_new(
-        "kvpcie-inject-stats",
-        "frames-queued", G_TYPE_UINT64, guint64(stats.framesQueued),
-        "frames-refused", G_TYPE_UINT64, guint64(stats.framesRefused),
-        "frames-to-card", G_TYPE_UINT64, guint64(stats.framesToCard),
-        "transfers-failed", G_TYPE_UINT64, guint64(stats.transfersFailed),
-        "frames-dropped-at-stop", G_TYPE_UINT64, guint64(stats.framesDroppedAtStop),
-        "periods-without-frame", G_TYPE_UINT64, guint64(stats.periodsWithoutFrame),
-        "frames-waiting", G_TYPE_UINT, guint(stats.framesWaiting),
-        "commands-sent", G_TYPE_UINT64, guint64(stats.commandsSent),
-        "commands-not-sent-in-time", G_TYPE_UINT64, guint64(stats.commandsNotSentInTime),
-        "commands-replaced", G_TYPE_UINT64, guint64(stats.commandsReplaced),
-        nullptr);
+    return kvpcie::gst::InjectStatsStructure(stats);
 }
 
 void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* param) {
     KvPcieSinkState& s = StateOf(object);
     GST_OBJECT_LOCK(object);
-    switch (id) {
-        case PROP_LINE_PERIOD:
-            s.linePeriod = g_value_get_int(value);
-            break;
-        default:
-            if (!s.card.SetProperty(id, value)) {
-                G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, param);
-            }
+    if (!kvpcie::gst::SetFromRow(kProperties, s, id, value) && !s.card.SetProperty(id, value)) {
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, param);
     }
     GST_OBJECT_UNLOCK(object);
 }
@@ -289,14 +283,8 @@ void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* param) {
         return;
     }
     GST_OBJECT_LOCK(object);
-    switch (id) {
-        case PROP_LINE_PERIOD:
-            g_value_set_int(value, s.linePeriod);
-            break;
-        default:
-            if (!s.card.GetProperty(id, value)) {
-                G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, param);
-            }
+    if (!kvpcie::gst::GetFromRow(kProperties, s, id, value) && !s.card.GetProperty(id, value)) {
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, param);
     }
     GST_OBJECT_UNLOCK(object);
 }
@@ -318,17 +306,9 @@ static void gst_kvpcie_sink_class_init(GstKvPcieSinkClass* klass) {
     object->finalize = Finalize;
 
     kvpcie::gst::InstallCardProperties(object, "Inject channel of the card");
-    g_object_class_install_property(
-        object, PROP_LINE_PERIOD,
-        g_param_spec_int("line-period", "Line period",
-                         "The channel's line period, as the card takes it (0: the card's own)",
-                         0, G_MAXINT, 0, kvpcie::gst::kReadAtStart));
-    g_object_class_install_property(
-        object, PROP_STATS,
-        g_param_spec_boxed("stats", "Statistics",
-                           "The channel's inject statistics since its start",
-                           GST_TYPE_STRUCTURE,
-                           GParamFlags(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
+    kvpcie::gst::InstallProperties<KvPcieSinkState>(object, kProperties);
+    kvpcie::gst::InstallStatsProperty(object, PROP_STATS,
+                                      "The channel's inject statistics since its start");
 
     gst_element_class_add_static_pad_template(element, &sink_template);
     gst_element_class_set_static_metadata(

@@ -1,23 +1,20 @@
-// kvpciesrc: caps negotiation, the capture channel's start and stop, and buffers for each frame.
+// kvpciesrc: properties, caps negotiation and the base class's calls; CaptureSession captures.
 #include "KvPcieSrc.h"
 
-#include "CaptureQueue.h"
+#include "CaptureSession.h"
 #include "ElementChannel.h"
-#include "ThreadSanitizer.h"
+#include "PropertyTable.h"
+#include "StatisticsTables.h"
 #include "VideoFormats.h"
 
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
 #include <gst/video/video.h>
 
-#include <atomic>
-#include <memory>
-#include <mutex>
 #include <string>
-#include <vector>
 
 using kvpcie::gst::CapturedFrame;
-using kvpcie::gst::CaptureQueue;
+using kvpcie::gst::CaptureSession;
 using kvpcie::gst::ElementChannel;
 using KvPCIe::SharedCard;
 
@@ -25,9 +22,6 @@ GST_DEBUG_CATEGORY_STATIC(kvpcie_src_debug);
 #define GST_CAT_DEFAULT kvpcie_src_debug
 
 namespace {
-
-constexpr GstClockTime kCardFramePeriod = GST_SECOND / 25;  // the card's own frame timing
-constexpr guint kPoolBuffersAtStart = 8;
 
 enum Property : guint {
     PROP_CARD_TIMING = kvpcie::gst::kFirstElementProperty,
@@ -38,6 +32,8 @@ enum Property : guint {
 }  // namespace
 
 struct KvPcieSrcState {
+    explicit KvPcieSrcState(GstElement* element) : session(element, card) {}
+
     // Properties, under the object lock; they take effect at the next start.
     ElementChannel card{SharedCard::Direction::Capture};  // and from start to stop, the card
     bool cardTiming = true;
@@ -45,24 +41,24 @@ struct KvPcieSrcState {
 
     // From start to stop, on the streaming and state-change threads.
     bool errorPosted = false;  // set_caps said why the channel did not start
-    bool capturing = false;
-    bool recording = false;
-    bool cardTimingInUse = true;
-    GstVideoInfo info{};
-    gsize rowBytes = 0;
-    std::vector<char> frameBuffer;  // the library's DMA target: one frame
-    GstBufferPool* pool = nullptr;
-    CaptureQueue queue;
-    guint64 buffersPushed = 0;
-    guint64 framesLost = 0;
-    bool discontNext = true;
-
-    // The library's polling thread's, from a start of the channel to its stop.
-    guint64 nextSequence = 0;
-    guint64 failedSeen = 0;
-    guint64 lostPending = 0;
-    std::atomic<guint64> droppedForNoBuffer{0};
+    CaptureSession session;
 };
+
+namespace {
+
+const kvpcie::gst::PropertyRow<KvPcieSrcState> kProperties[] = {
+    {PROP_CARD_TIMING, "card-timing", "Card timing",
+     "The card times the frames (25 per second); false: the source connected to the channel "
+     "does",
+     &KvPcieSrcState::cardTiming, TRUE},
+    {PROP_RECORD, "record", "Record",
+     "The library also records the channel's frames to raw files below "
+     "VideoRecord/Capture<channel + 1>/ of the application folder (the current folder without "
+     "a Qt application)",
+     &KvPcieSrcState::record, FALSE},
+};
+
+}  // namespace
 
 #define gst_kvpcie_src_parent_class parent_class
 G_DEFINE_TYPE(GstKvPcieSrc, gst_kvpcie_src, GST_TYPE_PUSH_SRC)
@@ -73,102 +69,6 @@ static GstStaticPadTemplate src_template =
 namespace {
 
 KvPcieSrcState& StateOf(gpointer element) { return *GST_KVPCIE_SRC(element)->state; }
-
-// Running time of the element's clock now; NONE without a clock (not playing).
-GstClockTime RunningTimeNow(GstElement* element) {
-    GST_OBJECT_LOCK(element);
-    GstClock* clock = GST_ELEMENT_CLOCK(element);
-    if (clock == nullptr) {
-        GST_OBJECT_UNLOCK(element);
-        return GST_CLOCK_TIME_NONE;
-    }
-    gst_object_ref(clock);
-    const GstClockTime base = element->base_time;
-    GST_OBJECT_UNLOCK(element);
-    const GstClockTime now = gst_clock_get_time(clock);
-    gst_object_unref(clock);
-    return now > base ? now - base : 0;
-}
-
-// On the library's polling thread, once per frame: the one copy, into a pool buffer. It never
-// waits for the streaming thread; a frame with no free buffer is counted as lost.
-void OnFrame(int channel, const char* frame, void* context) {
-    auto* self = static_cast<GstKvPcieSrc*>(context);
-    KvPcieSrcState& s = *self->state;
-    guint64 lost = 0;
-    KvCaptureStatistics stats;
-    if (s.card.Card().AnyThreadManager().GetCaptureStatistics(channel, stats) &&
-        stats.framesFailed > s.failedSeen) {
-        lost = stats.framesFailed - s.failedSeen;  // read from the card without success
-        s.failedSeen = stats.framesFailed;
-    }
-    CapturedFrame captured;
-    captured.arrival = RunningTimeNow(GST_ELEMENT(self));  // before the copy: when it came
-    captured.sequence = s.nextSequence + lost;
-    s.nextSequence = captured.sequence + 1;
-
-    GstBufferPoolAcquireParams params{};
-    params.flags = GST_BUFFER_POOL_ACQUIRE_FLAG_DONTWAIT;
-    if (gst_buffer_pool_acquire_buffer(s.pool, &captured.buffer, &params) != GST_FLOW_OK) {
-        s.lostPending += lost + 1;
-        s.droppedForNoBuffer.fetch_add(1, std::memory_order_relaxed);
-        return;
-    }
-    kvpcie::gst::ReceivedThroughGStreamer(captured.buffer);  // from the pool
-    GstMapInfo map;
-    if (!gst_buffer_map(captured.buffer, &map, GST_MAP_WRITE)) {
-        gst_buffer_unref(captured.buffer);
-        s.lostPending += lost + 1;
-        return;
-    }
-    kvpcie::gst::CopyRows(reinterpret_cast<const guint8*>(frame), s.rowBytes, map.data,
-                          GST_VIDEO_INFO_PLANE_STRIDE(&s.info, 0), s.rowBytes,
-                          GST_VIDEO_INFO_HEIGHT(&s.info));
-    gst_buffer_unmap(captured.buffer, &map);
-    captured.lostBefore = s.lostPending + lost;
-    if (s.queue.Push(captured)) {
-        s.lostPending = 0;
-    } else {
-        gst_buffer_unref(captured.buffer);
-        s.lostPending += lost + 1;
-    }
-}
-
-void StopCapturing(GstKvPcieSrc* self) {
-    KvPcieSrcState& s = *self->state;
-    if (s.capturing) {
-        const int channel = static_cast<int>(s.card.Channel());
-        const bool recording = s.recording;
-        s.card.Card().Run([&](PCIeDataManager& manager) {
-            if (recording) {
-                manager.StopRecord(channel);
-            }
-            manager.StopCapture(channel);  // no callback runs once it returns
-        });
-        s.capturing = false;
-        s.recording = false;
-    }
-    s.queue.Clear();
-    if (s.pool != nullptr) {
-        gst_buffer_pool_set_active(s.pool, FALSE);
-        gst_object_unref(s.pool);
-        s.pool = nullptr;
-    }
-}
-
-GstBufferPool* NewPool(GstCaps* caps, gsize frameBytes) {
-    GstBufferPool* pool = gst_buffer_pool_new();
-    GstStructure* config = gst_buffer_pool_get_config(pool);
-    // Eight made at the start; more only while downstream holds that many (a queue, an
-    // appsink that is read late), and those are reused from then on.
-    gst_buffer_pool_config_set_params(config, caps, static_cast<guint>(frameBytes),
-                                      kPoolBuffersAtStart, CaptureQueue::kCapacity);
-    if (!gst_buffer_pool_set_config(pool, config) || !gst_buffer_pool_set_active(pool, TRUE)) {
-        gst_object_unref(pool);
-        return nullptr;
-    }
-    return pool;
-}
 
 gboolean SetCaps(GstBaseSrc* base, GstCaps* caps) {
     auto* self = GST_KVPCIE_SRC(base);
@@ -182,56 +82,29 @@ gboolean SetCaps(GstBaseSrc* base, GstCaps* caps) {
         s.errorPosted = true;
         return FALSE;
     }
-    StopCapturing(self);
+    s.session.Stop();
     const guint channel = s.card.Channel();  // the one claimed at the start
     GST_OBJECT_LOCK(self);
     const bool cardTiming = s.cardTiming;
     const bool record = s.record;
     GST_OBJECT_UNLOCK(self);
 
-    s.info = info;
-    const int width = GST_VIDEO_INFO_WIDTH(&info);
-    const int height = GST_VIDEO_INFO_HEIGHT(&info);
-    s.rowBytes = gsize(KvBytesPerPixel(pixelType)) * gsize(width);
-    s.frameBuffer.assign(KvFrameSizeBytes(pixelType, width, height), 0);
-    s.pool = NewPool(caps, GST_VIDEO_INFO_SIZE(&info));
-    if (s.pool == nullptr) {
+    if (!s.session.Prepare(caps, info, pixelType)) {
         GST_ELEMENT_ERROR(self, RESOURCE, NO_SPACE_LEFT,
                           ("no buffers of %" G_GSIZE_FORMAT " bytes for the frames",
                            GST_VIDEO_INFO_SIZE(&info)), (nullptr));
         s.errorPosted = true;
         return FALSE;
     }
-    s.nextSequence = 0;
-    s.failedSeen = 0;
-    s.lostPending = 0;
-    s.discontNext = true;
-
-    bool started = false;
     bool recording = false;
     std::string why;
-    s.card.Card().Run([&](PCIeDataManager& manager) {
-        eErrorCode error = ERR_NONE;
-        started = manager.StartCapture(channel, cardTiming, width, height, pixelType, error,
-                                       OnFrame, self, s.frameBuffer.data());
-        if (!started) {
-            why = manager.LastErrorText();
-            return;
-        }
-        if (record) {
-            recording = manager.StartRecord(static_cast<int>(channel));
-            if (!recording) {
-                why = manager.LastErrorText();
-            }
-        }
-    });
-    if (!started) {
+    if (!s.session.Start(cardTiming, record, recording, why)) {
         GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS,
                           ("channel %u of %s would not start capturing %dx%d %s: %s", channel,
-                           s.card.Card().Path().c_str(), width, height,
-                           GST_VIDEO_INFO_NAME(&info), why.c_str()),
+                           s.card.Card().Path().c_str(), GST_VIDEO_INFO_WIDTH(&info),
+                           GST_VIDEO_INFO_HEIGHT(&info), GST_VIDEO_INFO_NAME(&info), why.c_str()),
                           (nullptr));
-        StopCapturing(self);
+        s.session.Stop();
         s.errorPosted = true;
         return FALSE;
     }
@@ -240,9 +113,6 @@ gboolean SetCaps(GstBaseSrc* base, GstCaps* caps) {
                             ("channel %u is captured but not recorded: %s", channel, why.c_str()),
                             (nullptr));
     }
-    s.capturing = true;
-    s.recording = recording;
-    s.cardTimingInUse = cardTiming;
     GST_INFO_OBJECT(self, "capturing channel %u of %s: %" GST_PTR_FORMAT, channel,
                     s.card.Card().Path().c_str(), static_cast<void*>(caps));
     return TRUE;
@@ -304,49 +174,33 @@ gboolean Start(GstBaseSrc* base) {
         return FALSE;
     }
     s.errorPosted = false;
-    s.buffersPushed = 0;
-    s.framesLost = 0;
-    s.droppedForNoBuffer = 0;
-    s.queue.SetFlushing(false);
+    s.session.Reset();
+    s.session.SetFlushing(false);
     return TRUE;
 }
 
 gboolean Stop(GstBaseSrc* base) {
-    StopCapturing(GST_KVPCIE_SRC(base));
+    StateOf(base).session.Stop();
     StateOf(base).card.Close();
     return TRUE;
 }
 
 gboolean Unlock(GstBaseSrc* base) {
-    StateOf(base).queue.SetFlushing(true);
+    StateOf(base).session.SetFlushing(true);
     return TRUE;
 }
 
 gboolean UnlockStop(GstBaseSrc* base) {
-    StateOf(base).queue.SetFlushing(false);
+    StateOf(base).session.SetFlushing(false);
     return TRUE;
 }
 
-GstClockTime FramePeriod(const KvPcieSrcState& s) {
-    if (s.cardTimingInUse) {
-        return kCardFramePeriod;
-    }
-    if (GST_VIDEO_INFO_FPS_N(&s.info) > 0) {
-        return gst_util_uint64_scale_int(GST_SECOND, GST_VIDEO_INFO_FPS_D(&s.info),
-                                         GST_VIDEO_INFO_FPS_N(&s.info));
-    }
-    return GST_CLOCK_TIME_NONE;
-}
-
 gboolean Query(GstBaseSrc* base, GstQuery* query) {
-    KvPcieSrcState& s = StateOf(base);
-    if (GST_QUERY_TYPE(query) == GST_QUERY_LATENCY && s.capturing) {
-        // A frame is complete one period after it began; then it may wait in the queue.
-        GstClockTime period = FramePeriod(s);
-        if (!GST_CLOCK_TIME_IS_VALID(period)) {
-            period = kCardFramePeriod;
-        }
-        gst_query_set_latency(query, TRUE, period, period * CaptureQueue::kCapacity);
+    GstClockTime minimum = 0;
+    GstClockTime maximum = 0;
+    if (GST_QUERY_TYPE(query) == GST_QUERY_LATENCY &&
+        StateOf(base).session.Latency(minimum, maximum)) {
+        gst_query_set_latency(query, TRUE, minimum, maximum);
         return TRUE;
     }
     return GST_BASE_SRC_CLASS(parent_class)->query(base, query);
@@ -354,34 +208,26 @@ gboolean Query(GstBaseSrc* base, GstQuery* query) {
 
 GstFlowReturn Create(GstPushSrc* push, GstBuffer** out) {
     auto* self = GST_KVPCIE_SRC(push);
-    KvPcieSrcState& s = *self->state;
+    CaptureSession& session = self->state->session;
     CapturedFrame frame;
-    if (!s.queue.Pop(frame)) {
+    if (!session.Take(frame)) {
         return GST_FLOW_FLUSHING;
     }
-    GstBuffer* buffer = frame.buffer;
-    GST_BUFFER_OFFSET(buffer) = frame.sequence;
-    GST_BUFFER_OFFSET_END(buffer) = frame.sequence + 1;
-    const GstClockTime period = FramePeriod(s);
-    GST_BUFFER_DURATION(buffer) = s.cardTimingInUse ? period : GST_CLOCK_TIME_NONE;
     if (!gst_base_src_get_do_timestamp(GST_BASE_SRC(push))) {
-        GST_BUFFER_PTS(buffer) = frame.arrival;
-    }
-    if (frame.lostBefore > 0 || s.discontNext) {
-        GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DISCONT);
-        s.discontNext = false;
+        GST_BUFFER_PTS(frame.buffer) = frame.arrival;
     }
     if (frame.lostBefore > 0) {
-        s.framesLost += frame.lostBefore;
         GST_WARNING_OBJECT(self, "%" G_GUINT64_FORMAT " frames lost before frame %" G_GUINT64_FORMAT,
                            frame.lostBefore, frame.sequence);
         GstMessage* qos = gst_message_new_qos(GST_OBJECT(self), TRUE, frame.arrival,
-                                              GST_CLOCK_TIME_NONE, frame.arrival, period);
-        gst_message_set_qos_stats(qos, GST_FORMAT_BUFFERS, s.buffersPushed, s.framesLost);
+                                              GST_CLOCK_TIME_NONE, frame.arrival,
+                                              session.FramePeriod());
+        gst_message_set_qos_stats(qos, GST_FORMAT_BUFFERS, session.BuffersPushed(),
+                                  session.FramesLost());
         gst_element_post_message(GST_ELEMENT(self), qos);
     }
-    ++s.buffersPushed;
-    *out = buffer;
+    session.CountPushed();
+    *out = frame.buffer;
     return GST_FLOW_OK;
 }
 
@@ -392,37 +238,17 @@ GstStructure* StatsOf(GstKvPcieSrc* self) {
     s.card.ReadWhileOpen([&](PCIeDataManager& manager, int channel) {
         manager.GetCaptureStatistics(channel, stats);
     });
-    return gst_structure_new(
-        "kvpcie-capture-stats",
-        "frames-delivered", G_TYPE_UINT64, guint64(stats.framesDelivered),
-        "frames-failed", G_TYPE_UINT64, guint64(stats.framesFailed),
-        "error-frames", G_TYPE_UINT64, guint64(stats.errorFrames),
-        "frames-recorded", G_TYPE_UINT64, guint64(stats.framesRecorded),
-        "bytes-recorded", G_TYPE_UINT64, guint64(stats.bytesRecorded),
-        "frames-not-recorded", G_TYPE_UINT64, guint64(stats.framesNotRecorded),
-        "frames-per-second", G_TYPE_DOUBLE, stats.framesPerSecond,
-        "callback-micros-max", G_TYPE_UINT64, guint64(stats.callbackMicrosMax),
-        "last-card-buffer", G_TYPE_INT, gint(stats.lastCardBuffer),
-        "status-bytes-delivered", G_TYPE_UINT64, guint64(stats.statusBytesDelivered),
-        "status-bytes-dropped", G_TYPE_UINT64, guint64(stats.statusBytesDropped),
-        "frames-dropped-no-buffer", G_TYPE_UINT64, guint64(s.droppedForNoBuffer.load()),
-        nullptr);
+    GstStructure* structure = kvpcie::gst::CaptureStatsStructure(stats);
+    gst_structure_set(structure, "frames-dropped-no-buffer", G_TYPE_UINT64,
+                      s.session.DroppedForNoBuffer(), nullptr);
+    return structure;
 }
 
 void SetProperty(GObject* object, guint id, const GValue* value, GParamSpec* param) {
     KvPcieSrcState& s = StateOf(object);
     GST_OBJECT_LOCK(object);
-    switch (id) {
-        case PROP_CARD_TIMING:
-            s.cardTiming = g_value_get_boolean(value);
-            break;
-        case PROP_RECORD:
-            s.record = g_value_get_boolean(value);
-            break;
-        default:
-            if (!s.card.SetProperty(id, value)) {
-                G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, param);
-            }
+    if (!kvpcie::gst::SetFromRow(kProperties, s, id, value) && !s.card.SetProperty(id, value)) {
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, param);
     }
     GST_OBJECT_UNLOCK(object);
 }
@@ -434,17 +260,8 @@ void GetProperty(GObject* object, guint id, GValue* value, GParamSpec* param) {
         return;
     }
     GST_OBJECT_LOCK(object);
-    switch (id) {
-        case PROP_CARD_TIMING:
-            g_value_set_boolean(value, s.cardTiming);
-            break;
-        case PROP_RECORD:
-            g_value_set_boolean(value, s.record);
-            break;
-        default:
-            if (!s.card.GetProperty(id, value)) {
-                G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, param);
-            }
+    if (!kvpcie::gst::GetFromRow(kProperties, s, id, value) && !s.card.GetProperty(id, value)) {
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, param);
     }
     GST_OBJECT_UNLOCK(object);
 }
@@ -467,26 +284,10 @@ static void gst_kvpcie_src_class_init(GstKvPcieSrcClass* klass) {
     object->finalize = Finalize;
 
     kvpcie::gst::InstallCardProperties(object, "Capture channel of the card");
-    g_object_class_install_property(
-        object, PROP_CARD_TIMING,
-        g_param_spec_boolean("card-timing", "Card timing",
-                             "The card times the frames (25 per second); false: the source "
-                             "connected to the channel does",
-                             TRUE, kvpcie::gst::kReadAtStart));
-    g_object_class_install_property(
-        object, PROP_RECORD,
-        g_param_spec_boolean("record", "Record",
-                             "The library also records the channel's frames to raw files below "
-                             "VideoRecord/Capture<channel + 1>/ of the application folder (the current "
-                             "folder without a Qt application)",
-                             FALSE, kvpcie::gst::kReadAtStart));
-    g_object_class_install_property(
-        object, PROP_STATS,
-        g_param_spec_boxed("stats", "Statistics",
-                           "The channel's capture statistics since its start, and the frames "
-                           "lost here for want of a free buffer",
-                           GST_TYPE_STRUCTURE,
-                           GParamFlags(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
+    kvpcie::gst::InstallProperties<KvPcieSrcState>(object, kProperties);
+    kvpcie::gst::InstallStatsProperty(object, PROP_STATS,
+                                      "The channel's capture statistics since its start, and the "
+                                      "frames lost here for want of a free buffer");
 
     gst_element_class_add_static_pad_template(element, &src_template);
     gst_element_class_set_static_metadata(
@@ -507,7 +308,7 @@ static void gst_kvpcie_src_class_init(GstKvPcieSrcClass* klass) {
 }
 
 static void gst_kvpcie_src_init(GstKvPcieSrc* self) {
-    self->state = new KvPcieSrcState;
+    self->state = new KvPcieSrcState(GST_ELEMENT(self));
     gst_base_src_set_live(GST_BASE_SRC(self), TRUE);
     gst_base_src_set_format(GST_BASE_SRC(self), GST_FORMAT_TIME);
 }
