@@ -4,6 +4,7 @@
 #include <QCoreApplication>
 #include <QImage>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QRect>
 #include <QRegularExpression>
 #include <QStringList>
@@ -81,6 +82,10 @@ protected:
     ViewerRun Run(const QStringList& args) {
         QProcess viewer;
         viewer.setWorkingDirectory(scratch.path());
+        // The settings a user's sessions keep stay out of the way, and these runs keep none.
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("XDG_CONFIG_HOME"), scratch.path());
+        viewer.setProcessEnvironment(environment);
         viewer.start(QStringLiteral(KVVIEWER_PATH), args);
         const bool finished =
             viewer.waitForStarted(kRunLimitMs) && viewer.waitForFinished(kRunLimitMs);

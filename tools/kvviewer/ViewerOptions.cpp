@@ -12,17 +12,22 @@ namespace kvpcie::viewer {
 
 const char* const kUsage =
     "usage: kvviewer [--sim] [--card N] [--card-timing] [--width W] [--height H] [--type TYPE]\n"
-    "                [--channels LIST] [--autostart] [--screenshot FILE] [--quit-after MS]\n"
+    "                [--channels LIST] [--autostart] [--screenshot FILE]\n"
+    "                [--window-screenshot FILE] [--no-settings] [--quit-after MS]\n"
     "\n"
-    "Shows capture channels 0-3 of an XDMA card live, each with Start and Record.\n"
+    "The bench's window: capture channels 0-3 of an XDMA card live, with their format chosen at\n"
+    "run time, recording and snapshots, a histogram and pixel inspector, and panels to inject,\n"
+    "send commands, watch status blocks and read and write registers.\n"
     "  --sim              use the simulated card (as KVPCIE_SIM=1)\n"
-    "  --card N           card N of the listing, 0 to 3 (0, the first)\n"
+    "  --card N           card N of the listing, 0 to 3 (the last one used, or the first)\n"
     "  --card-timing      the card generates the frame timing (25 frames per second)\n"
-    "  --width, --height  frame size, 1 to 65535 (640 x 512)\n"
+    "  --width, --height  frame size, 1 to 65535 (the last one used, or 640 x 512)\n"
     "  --type             UYVY422, Y8, Y16 (default), Y16&Y8 or BGR24\n"
     "  --channels         the channels to use, e.g. 0,2 (all); the others stay greyed out\n"
     "  --autostart        start the channels at once\n"
-    "  --screenshot FILE  save a picture of the window when it closes\n"
+    "  --screenshot FILE  save a picture of the four channels when the window closes\n"
+    "  --window-screenshot FILE  save a picture of the whole window when it closes\n"
+    "  --no-settings      neither use nor keep the last card, formats and window layout\n"
     "  --quit-after MS    close the window after MS milliseconds\n";
 
 namespace {
@@ -81,6 +86,7 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
         }
         const bool takesValue = name == "--width" || name == "--height" || name == "--type" ||
                                 name == "--channels" || name == "--screenshot" ||
+                                name == "--window-screenshot" ||
                                 name == "--quit-after" || name == "--card";
         if (takesValue && !value) {
             if (i + 1 == args.size()) {
@@ -97,6 +103,9 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
             options.simulated = true;
         } else if (name == "--card-timing") {
             options.cardTiming = true;
+            options.formatGiven = true;
+        } else if (name == "--no-settings") {
+            options.noSettings = true;
         } else if (name == "--autostart") {
             options.autostart = true;
         } else if (name == "--width" || name == "--height") {
@@ -105,6 +114,7 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
                 return fail(name + " must be from 1 to 65535: " + *value);
             }
             (name == "--width" ? options.width : options.height) = *size;
+            options.formatGiven = true;
         } else if (name == "--type") {
             const auto type = tools::PixelTypeFromName(*value);
             if (!type) {
@@ -112,6 +122,7 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
                             "\" (UYVY422, Y8, Y16, Y16&Y8, BGR24)");
             }
             options.pixelType = *type;
+            options.formatGiven = true;
         } else if (name == "--channels") {
             const auto channels = ParseChannels(*value);
             if (!channels) {
@@ -123,12 +134,18 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
                 return fail("--screenshot needs a file name");
             }
             options.screenshot = *value;
+        } else if (name == "--window-screenshot") {
+            if (value->empty()) {
+                return fail("--window-screenshot needs a file name");
+            }
+            options.windowScreenshot = *value;
         } else if (name == "--card") {
             const auto card = ParseNumber(*value, 0, 3);
             if (!card) {
                 return fail("--card takes a card number from 0 to 3: " + *value);
             }
             options.card = *card;
+            options.cardGiven = true;
         } else if (name == "--quit-after") {
             const auto ms = ParseNumber(*value, 0, INT_MAX);
             if (!ms) {

@@ -11,15 +11,19 @@ namespace kvpcie::viewer {
 
 struct ViewerOptions {
     bool simulated = false;
-    int card = 0;  // index in the XDMA listing
+    int card = 0;  // index in the card picker's listing
+    bool cardGiven = false;
     bool cardTiming = false;
     // Small enough that four channels fit a screen at full size.
     int width = 640;
     int height = 512;
     ePixelType pixelType = Y16;
+    bool formatGiven = false;  // the format kept from the last session is not used then
     std::array<bool, 4> channels = {true, true, true, true};
     bool autostart = false;
-    std::string screenshot;  // empty: none
+    std::string screenshot;        // the four pictures; empty: none
+    std::string windowScreenshot;  // the whole window; empty: none
+    bool noSettings = false;       // neither read nor write the kept settings
     int quitAfterMs = -1;    // negative: run until closed
 };
 

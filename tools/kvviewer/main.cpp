@@ -1,6 +1,6 @@
-// kvviewer: capture channels 0-3 of an XDMA frame card, live.
+// kvviewer: the bench's window onto an XDMA frame card.
 #include "ViewerOptions.h"
-#include "ViewerWindow.h"
+#include "StudioWindow.h"
 
 #include <QApplication>
 #include <QTimer>
@@ -44,7 +44,7 @@ int main(int argc, char** argv) {
     // Kept to the end of the process: destroying it closes the X connection, which unloads the
     // OpenGL driver with blocks it still holds, and leak checkers then blame them on us.
     QApplication& app = *new QApplication(qtArgc, argv);
-    kvpcie::viewer::ViewerWindow window(options);
+    kvpcie::viewer::StudioWindow window(options);
     window.show();
     if (options.autostart && !window.StartChosenChannels()) {
         std::fprintf(stderr, "kvviewer: not every channel started\n");

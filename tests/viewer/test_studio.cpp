@@ -1,0 +1,346 @@
+// kvviewer's window driven as an engineer drives it, in-process, on the simulated card (or on
+// the driver model's card when KVPCIE_MODEL_ROOT points at a kvpcie-simd).
+#include "StudioWindow.h"
+#include "TestFrames.h"
+#include "ZoomView.h"
+
+#include <KvPCIeInjectSdk/GLWidget.h>
+
+#include <QApplication>
+#include <QComboBox>
+#include <QMouseEvent>
+#include <QPushButton>
+#include <QSpinBox>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <cstring>
+#include <memory>
+
+using namespace kvpcie::viewer;
+
+namespace {
+
+constexpr int kWaitMs = 15000;
+// The simulated card's control block of channel c.
+constexpr unsigned ControlBlock(int c) {
+    return 0x1F1000u + static_cast<unsigned>(c) * 0x1000u;
+}
+
+std::uint32_t FrameNumber(const std::vector<char>& frame) {
+    std::uint32_t n = 0;
+    std::memcpy(&n, frame.data(), sizeof n);
+    return n;
+}
+
+// Byte k of frame n of the card's test pattern (k >= 8).
+unsigned PatternByte(std::size_t k, std::uint32_t n) {
+    return static_cast<unsigned>((k + n) % 256);
+}
+
+}  // namespace
+
+class StudioTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void aStartedChannelCountsFrames();
+    void theFormatChangesWhileTheChannelRuns();
+    void theInspectorShowsTheCardPatternsValue_data();
+    void theInspectorShowsTheCardPatternsValue();
+    void anInjectedPatternComesBackInThatChannelsPicture();
+    void aCommandIsSentAndCounted();
+    void aStatusBlockOfTheCardAppears();
+    void aRegisterWrittenInThePanelReadsBack();
+    void theFormatAndCardAreKeptForTheNextSession();
+
+private:
+    std::unique_ptr<StudioWindow> MakeWindow(bool keepSettings = false);
+    bool WriteRegister(unsigned address, unsigned value);
+
+    QTemporaryDir scratch_;
+    std::unique_ptr<StudioWindow> window_;
+};
+
+void StudioTest::initTestCase() {
+    QVERIFY(scratch_.isValid());
+    qputenv("XDG_CONFIG_HOME", scratch_.path().toLocal8Bit());
+    if (qEnvironmentVariableIsEmpty("KVPCIE_MODEL_ROOT")) {
+        qputenv("KVPCIE_SIM", "1");
+    }
+    QDir::setCurrent(scratch_.path());
+}
+
+std::unique_ptr<StudioWindow> StudioTest::MakeWindow(bool keepSettings) {
+    ViewerOptions options;
+    options.noSettings = !keepSettings;
+    options.width = 320;
+    options.height = 256;
+    options.pixelType = Y8;
+    auto window = std::make_unique<StudioWindow>(options);
+    window->resize(1400, 900);
+    window->show();
+    return window;
+}
+
+void StudioTest::init() {
+    window_ = MakeWindow();
+    QVERIFY(QTest::qWaitForWindowExposed(window_.get()));
+    QVERIFY2(window_->IsCardOpen(), qPrintable(window_->Log()->toPlainText()));
+}
+
+void StudioTest::cleanup() {
+    if (window_ != nullptr) {
+        // Leaves the card as it found it for the next case.
+        for (int c = 0; c < 4; ++c) {
+            window_->Manager().WriteReg(ControlBlock(c), 0);
+            window_->Manager().WriteReg(ControlBlock(c) + 0x04, 25);
+        }
+        window_->Shutdown();
+    }
+    window_.reset();
+}
+
+bool StudioTest::WriteRegister(unsigned address, unsigned value) {
+    window_->Registers()->SetConfirmation([](const QString&) { return true; });
+    return window_->Registers()->Write(address, value);
+}
+
+void StudioTest::aStartedChannelCountsFrames() {
+    CapturePanel* panel = window_->Capture(2);
+    QTest::mouseClick(panel->findChild<QPushButton*>(QStringLiteral("start")), Qt::LeftButton);
+    QVERIFY2(panel->IsRunning(), qPrintable(window_->Log()->toPlainText()));
+    QTRY_VERIFY_WITH_TIMEOUT(panel->Frames() >= 10, kWaitMs);
+    window_->SetCurrentChannel(2);
+    QTRY_VERIFY_WITH_TIMEOUT(window_->Inspect()->StatisticsText().contains(
+                                 QRegularExpression(QStringLiteral("delivered [1-9]"))),
+                             kWaitMs);
+    QVERIFY(window_->Log()->toPlainText().contains(QStringLiteral("channel 2: capturing")));
+    // Stopped, it counts no more.
+    panel->Stop();
+    const auto frames = panel->Frames();
+    QTest::qWait(200);
+    QCOMPARE(panel->Frames(), frames);
+}
+
+void StudioTest::theFormatChangesWhileTheChannelRuns() {
+    CapturePanel* panel = window_->Capture(0);
+    QVERIFY(panel->Start());
+    QTRY_VERIFY_WITH_TIMEOUT(panel->Frames() >= 3, kWaitMs);
+    // Chosen in the panel's own controls, as a user does.
+    auto* type = panel->findChild<QComboBox*>(QStringLiteral("type"));
+    type->setCurrentIndex(type->findText(QStringLiteral("Y16")));
+    panel->findChild<QSpinBox*>(QStringLiteral("width"))->setValue(200);
+    panel->findChild<QSpinBox*>(QStringLiteral("height"))->setValue(100);
+    QTest::mouseClick(panel->findChild<QPushButton*>(QStringLiteral("apply")), Qt::LeftButton);
+    QVERIFY(panel->IsRunning());
+    QCOMPARE(panel->Format().pixelType, Y16);
+    QCOMPARE(panel->Format().width, 200);
+    QCOMPARE(panel->Format().height, 100);
+    // The current channel's inspector takes the new copies: the latest one is read here.
+    std::vector<char> frame;
+    CaptureFormat shown;
+    QTRY_VERIFY_WITH_TIMEOUT((panel->AskForFrame(), panel->LatestFrame(frame, shown)), kWaitMs);
+    QCOMPARE(frame.size(), std::size_t{200 * 100 * 2});
+    // The frames of the new format are the card's pattern for it.
+    QCOMPARE(static_cast<unsigned char>(frame[20]), PatternByte(20, FrameNumber(frame)));
+}
+
+void StudioTest::theInspectorShowsTheCardPatternsValue_data() {
+    QTest::addColumn<int>("type");
+    QTest::addColumn<int>("x");
+    QTest::addColumn<int>("y");
+    QTest::addColumn<int>("zoom");  // screen pixels per picture pixel
+    QTest::newRow("Y8 1:1") << int(Y8) << 37 << 5 << 1;
+    QTest::newRow("Y16 zoomed") << int(Y16) << 100 << 2 << 2;
+    QTest::newRow("UYVY422 odd pixel") << int(UYVY422) << 41 << 3 << 1;
+    QTest::newRow("Y16&Y8 zoomed") << int(Y16_Y8) << 12 << 7 << 2;
+    QTest::newRow("BGR24 1:1") << int(BGR24) << 250 << 1 << 1;
+}
+
+void StudioTest::theInspectorShowsTheCardPatternsValue() {
+    QFETCH(int, type);
+    QFETCH(int, x);
+    QFETCH(int, y);
+    QFETCH(int, zoom);
+    CapturePanel* panel = window_->Capture(1);
+    CaptureFormat format;
+    format.width = 320;
+    format.height = 256;
+    format.pixelType = static_cast<ePixelType>(type);
+    QVERIFY(panel->SetFormat(format));
+    QVERIFY(panel->Start());
+    window_->SetCurrentChannel(1);
+    QTRY_VERIFY_WITH_TIMEOUT(!window_->Inspect()->InspectedFrame().empty(), kWaitMs);
+    panel->Stop();  // the inspected frame stays as it is from here
+
+    // The cursor over the middle of pixel (x, y) of the picture shown 1:1 or zoomed.
+    ZoomView* view = panel->View();
+    view->ActualSize();
+    view->ZoomBy(zoom);
+    GLWidget* display = view->Display();
+    QCOMPARE(display->width(), format.width * zoom);
+    const QPoint at(x * zoom + zoom / 2, y * zoom + zoom / 2);
+    QMouseEvent move(QEvent::MouseMove, at, Qt::NoButton, Qt::NoButton, Qt::NoModifier);
+    QApplication::sendEvent(display, &move);
+
+    const std::vector<char>& frame = window_->Inspect()->InspectedFrame();
+    const std::uint32_t n = FrameNumber(frame);
+    const std::size_t pixel = std::size_t(y) * format.width + x;
+    QString expected;
+    switch (format.pixelType) {
+        case Y8:
+            expected = QString::number(PatternByte(pixel, n));
+            break;
+        case Y16: {
+            const unsigned value = PatternByte(2 * pixel, n) | PatternByte(2 * pixel + 1, n) << 8;
+            expected = QStringLiteral("%1 (0x%2)").arg(value).arg(value, 4, 16, QLatin1Char('0'));
+            break;
+        }
+        case UYVY422: {
+            const std::size_t pair = (pixel & ~std::size_t{1}) * 2;
+            expected = QStringLiteral("Y %1 U %2 V %3")
+                           .arg(PatternByte(pair + 1 + (pixel & 1) * 2, n))
+                           .arg(PatternByte(pair, n))
+                           .arg(PatternByte(pair + 2, n));
+            break;
+        }
+        case Y16_Y8: {
+            const unsigned value = PatternByte(3 * pixel, n) | PatternByte(3 * pixel + 1, n) << 8;
+            expected = QStringLiteral("%1 (0x%2), Y8 %3")
+                           .arg(value)
+                           .arg(value, 4, 16, QLatin1Char('0'))
+                           .arg(PatternByte(3 * pixel + 2, n));
+            break;
+        }
+        default:
+            expected = QStringLiteral("B %1 G %2 R %3")
+                           .arg(PatternByte(3 * pixel, n))
+                           .arg(PatternByte(3 * pixel + 1, n))
+                           .arg(PatternByte(3 * pixel + 2, n));
+            break;
+    }
+    QCOMPARE(window_->Inspect()->InspectorText().toLower(),
+             QStringLiteral("pixel (%1, %2): %3").arg(x).arg(y).arg(expected).toLower());
+    // The pattern's levels are spread evenly: nearly nothing is clipped at either end.
+    QVERIFY(window_->Inspect()->Histogram()->Levels().pixels > 0);
+    QVERIFY(window_->Inspect()->Histogram()->Levels().ClippedHighShare() < 0.05);
+}
+
+void StudioTest::anInjectedPatternComesBackInThatChannelsPicture() {
+    constexpr int kChannel = 3;
+    QVERIFY(WriteRegister(ControlBlock(kChannel), 1));  // capture channel 3 plays inject channel 3
+    InjectPage* inject = window_->Inject();
+    window_->SetCurrentChannel(kChannel);
+    InjectSource source;
+    source.width = 320;
+    source.height = 256;
+    source.pixelType = Y8;
+    source.frameRate = 25;
+    inject->ChooseSource(source);
+    QVERIFY2(inject->Play(), qPrintable(window_->Log()->toPlainText()));
+    CapturePanel* panel = window_->Capture(kChannel);
+    QVERIFY(panel->Start());
+    // A frame that went through the card whole: its header, channel and moving ramp.
+    bool verified = false;
+    std::vector<char> frame;
+    CaptureFormat shown;
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (panel->AskForFrame(), panel->LatestFrame(frame, shown)) &&
+            (verified = kvpcie::tools::CheckLoopbackFrame(frame.data(), frame.size(), kChannel,
+                                                          inject->RunTag(kChannel), 1, -1) ==
+                        kvpcie::tools::LoopbackCheck::Verified),
+        kWaitMs);
+    QVERIFY(verified);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        inject->StatisticsText().contains(QRegularExpression(QStringLiteral("played [1-9]"))),
+        kWaitMs);
+    inject->StopChannel(kChannel);
+    QVERIFY(!inject->IsPlaying(kChannel));
+}
+
+void StudioTest::aCommandIsSentAndCounted() {
+    window_->SetCurrentChannel(1);
+    CommandPage* commands = window_->Commands();
+    QVERIFY(commands->Send(QStringLiteral("55 aa 01 02 03")));
+    // The card took the command's 5 bytes from its mailbox.
+    QTRY_COMPARE_WITH_TIMEOUT(window_->Manager().ReadReg(ControlBlock(1) + 0x2C), 5u, kWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(commands->StatisticsText().contains(QStringLiteral("sent 1 ")),
+                             kWaitMs);
+    QCOMPARE(commands->History().value(0), QStringLiteral("55 aa 01 02 03"));
+    // Not hex: refused before the card, said in the log.
+    QVERIFY(!commands->Send(QStringLiteral("55 zz")));
+    QVERIFY(window_->Log()->toPlainText().contains(QStringLiteral("\"55 zz\" is not hex bytes")));
+    // Longer than the mailbox: the library's reason is logged.
+    QVERIFY(!commands->Send(QString(QStringLiteral("00")).repeated(1025)));
+    QVERIFY(window_->Log()->toPlainText().contains(QStringLiteral("exceeds 1,024 bytes")));
+}
+
+void StudioTest::aStatusBlockOfTheCardAppears() {
+    constexpr int kChannel = 2;
+    window_->SetCurrentChannel(kChannel);
+    StatusPage* status = window_->Status();
+    QVERIFY(status->Listen(kChannel, true));
+    const QByteArray block = QByteArray::fromHex("0102030405060708090a");
+    for (int word = 0; word < 3; ++word) {
+        unsigned value = 0;
+        std::memcpy(&value, block.constData() + 4 * word,
+                    std::min<std::size_t>(4, std::size_t(block.size()) - 4 * word));
+        QVERIFY(WriteRegister(ControlBlock(kChannel) + 0x400 + 4 * unsigned(word), value));
+    }
+    QVERIFY(WriteRegister(ControlBlock(kChannel) + 0x28, unsigned(block.size())));
+    QTRY_COMPARE_WITH_TIMEOUT(status->Blocks(kChannel), std::uint64_t{1}, kWaitMs);
+    QCOMPARE(status->LastBlock(kChannel), block);
+    QCOMPARE(status->Bytes(kChannel), std::uint64_t(block.size()));
+    const QString file = scratch_.filePath(QStringLiteral("status.bin"));
+    QVERIFY(status->SaveTo(kChannel, file));
+    QFile saved(file);
+    QVERIFY(saved.open(QIODevice::ReadOnly));
+    QCOMPARE(saved.readAll(), block);
+}
+
+void StudioTest::aRegisterWrittenInThePanelReadsBack() {
+    RegisterPage* registers = window_->Registers();
+    const unsigned rate = ControlBlock(3) + 0x04;
+    registers->Watch(rate);
+    // Declined: nothing is written.
+    registers->SetConfirmation([](const QString&) { return false; });
+    QVERIFY(!registers->Write(rate, 30));
+    QCOMPARE(registers->Read(rate).value_or(0), 25u);
+    QVERIFY(WriteRegister(rate, 30));
+    QCOMPARE(registers->Read(rate).value_or(0), 30u);
+    QTRY_COMPARE_WITH_TIMEOUT(registers->WatchedText(rate), QStringLiteral("0x0000001E"), kWaitMs);
+    QCOMPARE(RegisterPage::ParseNumber(QStringLiteral("1F1004h")).value_or(0), 0x1F1004u);
+    QVERIFY(!RegisterPage::ParseNumber(QStringLiteral("0x1FFFFFFFF")));
+    QVERIFY(!RegisterPage::ParseNumber(QStringLiteral("-4")));
+}
+
+void StudioTest::theFormatAndCardAreKeptForTheNextSession() {
+    window_->Shutdown();
+    window_.reset();
+    {
+        auto first = MakeWindow(true);
+        QVERIFY(first->IsCardOpen());
+        CaptureFormat format;
+        format.width = 100;
+        format.height = 60;
+        format.pixelType = BGR24;
+        format.cardTiming = true;
+        QVERIFY(first->Capture(2)->SetFormat(format));
+        first->Shutdown();
+    }
+    auto second = MakeWindow(true);
+    const CaptureFormat kept = second->Capture(2)->Format();
+    QCOMPARE(kept.width, 100);
+    QCOMPARE(kept.height, 60);
+    QCOMPARE(kept.pixelType, BGR24);
+    QVERIFY(kept.cardTiming);
+    QCOMPARE(second->Capture(1)->Format().width, 320);
+    second->Shutdown();
+}
+
+QTEST_MAIN(StudioTest)
+#include "test_studio.moc"

@@ -1,0 +1,383 @@
+// One capture channel in the viewer.
+#include "CapturePanel.h"
+
+#include "PixelConversion.h"
+#include "PixelTypeNames.h"
+#include "ZoomView.h"
+
+#include <KvPCIeInjectSdk/GLWidget.h>
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QDir>
+#include <QEvent>
+#include <QFileInfo>
+#include <QHBoxLayout>
+#include <QImage>
+#include <QLabel>
+#include <QPushButton>
+#include <QSignalBlocker>
+#include <QSpinBox>
+#include <QTimer>
+#include <QVBoxLayout>
+
+#include <new>
+
+namespace kvpcie::viewer {
+namespace {
+
+constexpr int kStatePeriodMs = 500;
+constexpr ePixelType kShownTypes[] = {UYVY422, Y8, Y16, Y16_Y8, BGR24};
+
+QString TypeName(ePixelType type) {
+    return QString::fromLatin1(tools::PixelTypeName(type));
+}
+
+// The library writes each take into a folder of its own below this one.
+QString RecordingRoot(int channel) {
+    return QCoreApplication::applicationDirPath() + QStringLiteral("/VideoRecord/Capture") +
+           QString::number(channel + 1);
+}
+
+QString NewestFolder(const QString& root) {
+    const QFileInfoList takes =
+        QDir(root).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Time);
+    return takes.isEmpty() ? QString() : takes.front().absoluteFilePath();
+}
+
+}  // namespace
+
+CapturePanel::CapturePanel(StudioContext& context, int channel, const CaptureFormat& format,
+                           QWidget* parent)
+    : QWidget(parent),
+      context_(context),
+      channel_(channel),
+      format_(format),
+      view_(new ZoomView(this)),
+      state_(new QLabel(this)),
+      typeBox_(new QComboBox(this)),
+      widthBox_(new QSpinBox(this)),
+      heightBox_(new QSpinBox(this)),
+      cardTimingBox_(new QCheckBox(tr("card timing"), this)),
+      applyButton_(new QPushButton(tr("Apply"), this)),
+      startButton_(new QPushButton(tr("Start"), this)),
+      recordButton_(new QPushButton(tr("Record"), this)),
+      snapshotButton_(new QPushButton(tr("Snapshot"), this)) {
+    setObjectName(QStringLiteral("capture%1").arg(channel));
+    typeBox_->setObjectName(QStringLiteral("type"));
+    widthBox_->setObjectName(QStringLiteral("width"));
+    heightBox_->setObjectName(QStringLiteral("height"));
+    applyButton_->setObjectName(QStringLiteral("apply"));
+    startButton_->setObjectName(QStringLiteral("start"));
+    recordButton_->setObjectName(QStringLiteral("record"));
+    snapshotButton_->setObjectName(QStringLiteral("snapshot"));
+    for (ePixelType type : kShownTypes) {
+        typeBox_->addItem(TypeName(type), static_cast<int>(type));
+    }
+    for (QSpinBox* box : {widthBox_, heightBox_}) {
+        box->setRange(1, 65535);
+        box->setAccelerated(true);
+    }
+    widthBox_->setToolTip(tr("width in pixels"));
+    heightBox_->setToolTip(tr("height in lines"));
+    startButton_->setCheckable(true);
+    recordButton_->setCheckable(true);
+    // Wrapped rather than clipped: with recording and loss counts the line outgrows a panel.
+    state_->setWordWrap(true);
+    state_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Minimum);
+    view_->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
+
+    auto* formatRow = new QHBoxLayout;
+    formatRow->addWidget(typeBox_);
+    formatRow->addWidget(widthBox_);
+    formatRow->addWidget(new QLabel(QStringLiteral("x"), this));
+    formatRow->addWidget(heightBox_);
+    formatRow->addWidget(cardTimingBox_);
+    formatRow->addWidget(applyButton_);
+    formatRow->addStretch(1);
+    auto* controls = new QHBoxLayout;
+    controls->addWidget(startButton_);
+    controls->addWidget(recordButton_);
+    controls->addWidget(snapshotButton_);
+    controls->addStretch(1);
+    auto* layout = new QVBoxLayout(this);
+    layout->setContentsMargins(2, 2, 2, 2);
+    layout->addLayout(formatRow);
+    layout->addWidget(view_, 1);
+    layout->addWidget(state_);
+    layout->addLayout(controls);
+
+    connect(applyButton_, &QPushButton::clicked, this, &CapturePanel::OnApplyClicked);
+    connect(startButton_, &QPushButton::toggled, this, &CapturePanel::OnStartToggled);
+    connect(recordButton_, &QPushButton::toggled, this, &CapturePanel::OnRecordToggled);
+    connect(snapshotButton_, &QPushButton::clicked, this, &CapturePanel::OnSnapshotClicked);
+    connect(view_, &ZoomView::clicked, this, [this] { emit selected(channel_); });
+    connect(view_, &ZoomView::pixelHovered, this,
+            [this](int x, int y) { emit pixelHovered(channel_, x, y); });
+    auto* stateTimer = new QTimer(this);
+    connect(stateTimer, &QTimer::timeout, this, &CapturePanel::ShowState);
+    stateTimer->start(kStatePeriodMs);
+    view_->SetImageSize(format_.width, format_.height);
+    ShowFormat();
+    SyncButtons();
+    ShowState();
+}
+
+CapturePanel::~CapturePanel() {
+    Stop();
+}
+
+GLWidget* CapturePanel::Display() const {
+    return view_->Display();
+}
+
+void CapturePanel::SetCurrent(bool current) {
+    setStyleSheet(current ? QStringLiteral("kvpcie--viewer--CapturePanel { border: 2px solid "
+                                           "palette(highlight); }")
+                          : QString());
+    setAttribute(Qt::WA_StyledBackground, current);
+}
+
+bool CapturePanel::Start() {
+    if (running_) {
+        return true;
+    }
+    problem_.clear();
+    const auto frameBytes = static_cast<std::size_t>(
+        KvFrameSizeBytes(format_.pixelType, format_.width, format_.height));
+    try {
+        frame_.assign(frameBytes, 0);
+        rgba_.assign(static_cast<std::size_t>(format_.width) * format_.height * 4, 0);
+        tap_.Reset(frameBytes);
+    } catch (const std::bad_alloc&) {
+        ShowProblem(tr("no memory for the frames"));
+        context_.Did(tr("channel %1: no memory for %2 x %3 frames")
+                         .arg(channel_)
+                         .arg(format_.width)
+                         .arg(format_.height));
+        return false;
+    }
+    // No push may overlap this, and none runs before StartCapture.
+    view_->SetImageSize(format_.width, format_.height);
+    frames_.store(0);
+    eErrorCode error = ERR_NO_CARD;
+    running_ = context_.manager.StartCapture(static_cast<unsigned>(channel_), format_.cardTiming,
+                                             format_.width, format_.height, format_.pixelType,
+                                             error, &CapturePanel::OnFrame, this, frame_.data());
+    if (!running_) {
+        Display()->SetBackImage(0);
+        ShowProblem(context_.Refused(tr("channel %1: start capture").arg(channel_)));
+        SyncButtons();
+        return false;
+    }
+    context_.Did(tr("channel %1: capturing %2 x %3 %4%5")
+                     .arg(channel_)
+                     .arg(format_.width)
+                     .arg(format_.height)
+                     .arg(TypeName(format_.pixelType))
+                     .arg(format_.cardTiming ? tr(", card timing") : QString()));
+    SyncButtons();
+    ShowState();
+    return true;
+}
+
+void CapturePanel::Stop() {
+    if (!running_) {
+        return;
+    }
+    StopRecording();
+    context_.manager.StopCapture(channel_);
+    running_ = false;
+    Display()->SetBackImage(0);
+    context_.Did(tr("channel %1: stopped after %2 frames").arg(channel_).arg(Frames()));
+    SyncButtons();
+    ShowState();
+}
+
+bool CapturePanel::SetFormat(const CaptureFormat& format) {
+    const bool wasRunning = running_;
+    Stop();
+    format_ = format;
+    ShowFormat();
+    view_->SetImageSize(format_.width, format_.height);
+    return !wasRunning || Start();
+}
+
+void CapturePanel::OnFrame(int, const char* frame, void* context) {
+    auto* panel = static_cast<CapturePanel*>(context);
+    const CaptureFormat& format = panel->format_;
+    panel->frames_.fetch_add(1);
+    panel->tap_.Offer(frame);
+    if (tools::ConvertToRgba(format.pixelType, format.width, format.height,
+                             reinterpret_cast<const unsigned char*>(frame), panel->frame_.size(),
+                             panel->rgba_.data())) {
+        // The widget copies the picture, so the buffer is free again for the next frame.
+        panel->Display()->PushImageData(panel->rgba_.data());
+    }
+}
+
+bool CapturePanel::StartRecording() {
+    if (recording_) {
+        return true;
+    }
+    recording_ = context_.manager.StartRecord(channel_);
+    if (!recording_) {
+        ShowProblem(context_.Refused(tr("channel %1: record").arg(channel_)));
+        SyncButtons();
+        return false;
+    }
+    takeFolder_ = NewestFolder(RecordingRoot(channel_));
+    context_.Did(tr("channel %1: recording into %2").arg(channel_).arg(takeFolder_));
+    problem_.clear();
+    SyncButtons();
+    ShowState();
+    return true;
+}
+
+void CapturePanel::StopRecording() {
+    if (!recording_) {
+        return;
+    }
+    context_.manager.StopRecord(channel_);
+    recording_ = false;
+    KvCaptureStatistics stats;
+    if (context_.manager.GetCaptureStatistics(channel_, stats)) {
+        context_.Did(tr("channel %1: take ended, %2 frames written, %3 not written")
+                         .arg(channel_)
+                         .arg(stats.framesRecorded)
+                         .arg(stats.framesNotRecorded));
+    }
+    SyncButtons();
+    ShowState();
+}
+
+bool CapturePanel::LatestFrame(std::vector<char>& frame, CaptureFormat& format) {
+    format = format_;
+    return tap_.Latest(frame) && !frame.empty();
+}
+
+bool CapturePanel::SaveSnapshot(const QString& file) {
+    std::vector<char> frame;
+    CaptureFormat format;
+    if (!LatestFrame(frame, format)) {
+        context_.Did(tr("channel %1: no frame for a snapshot yet").arg(channel_));
+        tap_.Ask();
+        return false;
+    }
+    QImage image(format.width, format.height, QImage::Format_RGBA8888);
+    const bool converted =
+        !image.isNull() &&
+        tools::ConvertToRgba(format.pixelType, format.width, format.height,
+                             reinterpret_cast<const unsigned char*>(frame.data()), frame.size(),
+                             image.bits());
+    if (!converted || !image.save(file, "PNG")) {
+        context_.Did(tr("channel %1: the snapshot %2 could not be saved").arg(channel_).arg(file));
+        return false;
+    }
+    context_.Did(tr("channel %1: snapshot saved as %2").arg(channel_).arg(file));
+    return true;
+}
+
+void CapturePanel::OnApplyClicked() {
+    SetFormat(ChosenFormat());
+}
+
+void CapturePanel::OnStartToggled(bool on) {
+    if (on) {
+        Start();
+    } else {
+        Stop();
+    }
+    SyncButtons();
+}
+
+void CapturePanel::OnRecordToggled(bool on) {
+    if (on) {
+        StartRecording();
+    } else {
+        StopRecording();
+    }
+    SyncButtons();
+}
+
+void CapturePanel::OnSnapshotClicked() {
+    const QString file = QDir::current().filePath(
+        QStringLiteral("snapshot_ch%1_%2.png")
+            .arg(channel_)
+            .arg(QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd_hhmmss_zzz"))));
+    SaveSnapshot(file);
+}
+
+void CapturePanel::ShowFormat() {
+    const QSignalBlocker typeBlocker(typeBox_);
+    typeBox_->setCurrentIndex(typeBox_->findData(static_cast<int>(format_.pixelType)));
+    widthBox_->setValue(format_.width);
+    heightBox_->setValue(format_.height);
+    cardTimingBox_->setChecked(format_.cardTiming);
+}
+
+CaptureFormat CapturePanel::ChosenFormat() const {
+    CaptureFormat format;
+    format.pixelType = static_cast<ePixelType>(typeBox_->currentData().toInt());
+    format.width = widthBox_->value();
+    format.height = heightBox_->value();
+    format.cardTiming = cardTimingBox_->isChecked();
+    return format;
+}
+
+void CapturePanel::SyncButtons() {
+    const QSignalBlocker startBlocker(startButton_);
+    const QSignalBlocker recordBlocker(recordButton_);
+    startButton_->setChecked(running_);
+    startButton_->setText(running_ ? tr("Stop") : tr("Start"));
+    recordButton_->setEnabled(running_);
+    recordButton_->setChecked(recording_);
+    recordButton_->setText(recording_ ? tr("Stop recording") : tr("Record"));
+    snapshotButton_->setEnabled(running_);
+}
+
+void CapturePanel::ShowState() {
+    QString text = tr("Channel %1").arg(channel_);
+    KvCaptureStatistics stats;
+    const bool counted = running_ && context_.manager.GetCaptureStatistics(channel_, stats);
+    if (!isEnabled()) {
+        text += tr(": not used");
+    } else if (!problem_.isEmpty()) {
+        text += ": " + problem_;
+    } else if (running_) {
+        text += QStringLiteral(": %1 x %2 %3, %4 fps, %5 frames")
+                    .arg(format_.width)
+                    .arg(format_.height)
+                    .arg(TypeName(format_.pixelType))
+                    .arg(counted ? stats.framesPerSecond : 0.0, 0, 'f', 1)
+                    .arg(Frames());
+        if (counted) {
+            text += tr(", %1 failed, %2 flagged").arg(stats.framesFailed).arg(stats.errorFrames);
+        }
+        if (recording_ && counted) {
+            text += tr(", recording into %1: %2 written, %3 not written")
+                        .arg(QDir::toNativeSeparators(takeFolder_))
+                        .arg(stats.framesRecorded)
+                        .arg(stats.framesNotRecorded);
+        }
+    } else {
+        text += tr(": stopped");
+    }
+    state_->setText(text);
+}
+
+void CapturePanel::changeEvent(QEvent* event) {
+    QWidget::changeEvent(event);
+    if (event->type() == QEvent::EnabledChange) {
+        ShowState();
+    }
+}
+
+void CapturePanel::ShowProblem(const QString& problem) {
+    problem_ = problem;
+    ShowState();
+}
+
+}  // namespace kvpcie::viewer

@@ -1,0 +1,115 @@
+// One capture channel in the viewer: its format chosen at run time, Start/Stop, Record and
+// Snapshot, its picture (zoomable) and a line with its state.
+#pragma once
+
+#include "FrameTap.h"
+#include "StudioContext.h"
+
+#include <KvPCIeInjectSdk/PCIeDataManager.h>
+
+#include <QString>
+#include <QWidget>
+
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+class GLWidget;
+class QCheckBox;
+class QComboBox;
+class QLabel;
+class QPushButton;
+class QSpinBox;
+
+namespace kvpcie::viewer {
+
+class ZoomView;
+
+struct CaptureFormat {
+    int width = 640;
+    int height = 512;
+    ePixelType pixelType = Y16;
+    bool cardTiming = false;
+};
+
+class CapturePanel : public QWidget {
+    Q_OBJECT
+
+public:
+    CapturePanel(StudioContext& context, int channel, const CaptureFormat& format,
+                 QWidget* parent = nullptr);
+    ~CapturePanel() override;
+
+    // False, with the reason on the panel and in the log, when the card refused.
+    bool Start();
+    // Returns once the library no longer calls back for this channel.
+    void Stop();
+    bool IsRunning() const { return running_; }
+    // Takes the format; a running channel is started again with it. False when that failed.
+    bool SetFormat(const CaptureFormat& format);
+    CaptureFormat Format() const { return format_; }
+
+    bool StartRecording();
+    void StopRecording();
+    bool IsRecording() const { return recording_; }
+    // The take's folder while recording (empty before the first take).
+    QString TakeFolder() const { return takeFolder_; }
+    // Saves the latest frame as a PNG; false (logged) when there is none or it cannot be saved.
+    bool SaveSnapshot(const QString& file);
+
+    // The latest analysis copy of a frame in the format it came in; false when none came yet.
+    bool LatestFrame(std::vector<char>& frame, CaptureFormat& format);
+    // Asks for a new analysis copy; TakeNewFrame hands it over once it came.
+    void AskForFrame() { tap_.Ask(); }
+    bool TakeNewFrame(std::vector<char>& frame) { return tap_.TakeNew(frame); }
+
+    std::uint64_t Frames() const { return frames_.load(); }
+    int Channel() const { return channel_; }
+    ZoomView* View() const { return view_; }
+    GLWidget* Display() const;
+    void SetCurrent(bool current);
+
+signals:
+    void selected(int channel);
+    void pixelHovered(int channel, int x, int y);
+
+protected:
+    void changeEvent(QEvent* event) override;
+
+private:
+    static void OnFrame(int channel, const char* frame, void* context);
+    void OnApplyClicked();
+    void OnStartToggled(bool on);
+    void OnRecordToggled(bool on);
+    void OnSnapshotClicked();
+    void ShowFormat();
+    CaptureFormat ChosenFormat() const;
+    void ShowState();
+    void ShowProblem(const QString& problem);
+    void SyncButtons();
+
+    StudioContext& context_;
+    const int channel_;
+    CaptureFormat format_;
+    ZoomView* view_;
+    QLabel* state_;
+    QComboBox* typeBox_;
+    QSpinBox* widthBox_;
+    QSpinBox* heightBox_;
+    QCheckBox* cardTimingBox_;
+    QPushButton* applyButton_;
+    QPushButton* startButton_;
+    QPushButton* recordButton_;
+    QPushButton* snapshotButton_;
+    bool running_ = false;
+    bool recording_ = false;
+    QString takeFolder_;
+    QString problem_;
+    // Owned here, written by the library's polling thread while running.
+    std::vector<char> frame_;
+    std::vector<unsigned char> rgba_;
+    FrameTap tap_;
+    std::atomic<std::uint64_t> frames_{0};
+};
+
+}  // namespace kvpcie::viewer

@@ -1,0 +1,28 @@
+// A picture's level histogram, with the share of clipped pixels at both ends.
+#pragma once
+
+#include "PixelLevels.h"
+
+#include <QWidget>
+
+namespace kvpcie::viewer {
+
+class HistogramView : public QWidget {
+    Q_OBJECT
+
+public:
+    explicit HistogramView(QWidget* parent = nullptr);
+    void Show(const tools::LevelHistogram& levels);
+    void Clear();
+    const tools::LevelHistogram& Levels() const { return levels_; }
+    QSize sizeHint() const override { return {280, 120}; }
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+
+private:
+    tools::LevelHistogram levels_;
+    bool shown_ = false;
+};
+
+}  // namespace kvpcie::viewer

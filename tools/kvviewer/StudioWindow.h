@@ -1,0 +1,94 @@
+// The viewer's window, the bench's one window: a card picker, four capture channels, and for
+// the current channel the inspector, inject, command, status and register panels, with a log.
+#pragma once
+
+#include "CapturePanel.h"
+#include "CardPicker.h"
+#include "CommandPage.h"
+#include "InjectPage.h"
+#include "InspectPage.h"
+#include "LogPane.h"
+#include "RegisterPage.h"
+#include "StatusPage.h"
+#include "StudioContext.h"
+#include "ViewerOptions.h"
+
+#include <KvPCIeInjectSdk/PCIeDataManager.h>
+
+#include <QImage>
+#include <QMainWindow>
+
+#include <array>
+
+class QComboBox;
+class QLabel;
+class QTabWidget;
+
+namespace kvpcie::viewer {
+
+class StudioWindow : public QMainWindow {
+    Q_OBJECT
+
+public:
+    explicit StudioWindow(const ViewerOptions& options, QWidget* parent = nullptr);
+    ~StudioWindow() override;
+
+    // Opens the card the picker shows; false (logged) when it did not open.
+    bool OpenChosenCard();
+    bool IsCardOpen() const { return cardOpen_; }
+    // Starts the channels that the command line chose; false when one did not start.
+    bool StartChosenChannels();
+    void SetCurrentChannel(int channel);
+    int CurrentChannel() const { return current_; }
+
+    // The four pictures as on screen, channel n in quarter n.
+    QImage PicturesShot();
+    // The whole window as on screen.
+    QImage WindowShot();
+    // Stops every channel and closes the card. Safe to call again.
+    void Shutdown();
+    // False when a screenshot was asked for and could not be saved.
+    bool ScreenshotSaved() const { return screenshotSaved_; }
+
+    CardPicker* Picker() const { return picker_; }
+    CapturePanel* Capture(int channel) const { return panels_[static_cast<std::size_t>(channel)]; }
+    InspectPage* Inspect() const { return inspect_; }
+    InjectPage* Inject() const { return inject_; }
+    CommandPage* Commands() const { return commands_; }
+    StatusPage* Status() const { return status_; }
+    RegisterPage* Registers() const { return registers_; }
+    LogPane* Log() const { return log_; }
+    PCIeDataManager& Manager() { return manager_; }
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+
+private:
+    void BuildActions();
+    void RestoreSettings();
+    void SaveSettings();
+    bool SaveShot(const std::string& file, const QImage& image);
+
+    const ViewerOptions options_;
+    PCIeDataManager manager_;
+    PCIeDataManager riffaManager_;
+    LogPane* log_;
+    StudioContext context_;
+    CardPicker* picker_;
+    QLabel* banner_;
+    QWidget* pictures_;
+    std::array<CapturePanel*, 4> panels_ = {};
+    QComboBox* channelBox_;
+    QTabWidget* tabs_;
+    InspectPage* inspect_;
+    InjectPage* inject_;
+    CommandPage* commands_;
+    StatusPage* status_;
+    RegisterPage* registers_;
+    int current_ = 0;
+    bool cardOpen_ = false;
+    bool shutDown_ = false;
+    bool screenshotSaved_ = true;
+};
+
+}  // namespace kvpcie::viewer
