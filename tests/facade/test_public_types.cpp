@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 namespace {
 
 TEST(PublicTypes, BytesPerPixelAndFrameSize) {
@@ -33,23 +31,6 @@ TEST(PublicTypes, FrameFormatDefaults) {
     EXPECT_EQ(format.frameRate, 50);
     EXPECT_EQ(format.param6, 2);
     EXPECT_EQ(format.linePeriod, 0);
-}
-
-TEST(PublicTypes, DelayRecordsArePackedBackToBack) {
-    tagCaptureDelayStatusInfo capture[8];
-    tagInjectDelayStatusInfo inject[8];
-    const auto* captureBytes = reinterpret_cast<const unsigned char*>(capture);
-    const auto* injectBytes = reinterpret_cast<const unsigned char*>(inject);
-    EXPECT_EQ(reinterpret_cast<const unsigned char*>(&capture[5]) - captureBytes, 36 * 5);
-    EXPECT_EQ(reinterpret_cast<const unsigned char*>(&inject[7]) - injectBytes, 32 * 7);
-
-    // The packed count sits right after the four doubles, whatever the host's alignment.
-    tagCaptureDelayStatusInfo record{};
-    record.delayTestCount = 0x01020304;
-    unsigned char raw[36];
-    std::memcpy(raw, &record, sizeof raw);
-    EXPECT_EQ(raw[32], 0x04);
-    EXPECT_EQ(raw[35], 0x01);
 }
 
 TEST(PublicTypes, VersionOfHeadersAndLibraryAgree) {
