@@ -130,19 +130,6 @@ TEST_F(Facade, OpenCardWithANullPathLeavesTheCardAsItWas) {
     EXPECT_EQ(manager.ReadReg(0x1F0000), 0u) << "the open card was closed first";
 }
 
-TEST_F(Facade, RiffaModeRefusesStartsWithoutTouchingTheErrorCode) {
-    kvpcie::testing::SetEnvironment("KVPCIE_SIM", "1");
-    PCIeDataManager manager(RIFFA);
-    eErrorCode error = ERR_QUEUE_FULL;
-    char frame[16] = {};
-    EXPECT_FALSE(
-        manager.StartCapture(0, false, 4, 4, Y8, error, CaptureFrameCallbackEx{}, nullptr, frame));
-    EXPECT_FALSE(manager.StartInject(0, 25, 4, 4, Y8, 0, frame, error));
-    EXPECT_EQ(error, ERR_QUEUE_FULL);
-    EXPECT_EQ(manager.ReadReg(0x1F0000), 0u);
-    EXPECT_EQ(manager.WriteReg(0x100, 1), 0);
-}
-
 TEST_F(Facade, ASecondManagerLeavesTheCardOfOneWithRunningChannelsAlone) {
     kvpcie::testing::SetEnvironment("KVPCIE_SIM", "1");
     char path[] = "sim:xdma0";
