@@ -216,31 +216,6 @@ std::vector<Row> MakeRows() {
              }
          }},
 
-        // --- commands
-        {"CommandOnChannel4",
-         [](PCIeDataManager& m) {
-             EXPECT_FALSE(m.WriteControlCmd(4, QByteArray(4, 1)));
-             ExpectReason(m, "channel 4 is outside 0 to 3");
-         }},
-        {"CommandOnChannelMinus1",
-         [](PCIeDataManager& m) { EXPECT_FALSE(m.WriteControlCmd(-1, QByteArray(4, 1))); }},
-        {"CommandEmpty",
-         [](PCIeDataManager& m) {
-             EXPECT_FALSE(m.WriteControlCmd(0, QByteArray()));
-             ExpectReason(m, "the command is empty");
-         }},
-        {"CommandOf1025Bytes",
-         [](PCIeDataManager& m) {
-             EXPECT_FALSE(m.WriteControlCmd(0, QByteArray(1025, 1)));
-             ExpectReason(m, "command of 1,025 bytes exceeds 1,024 bytes");
-             std::uint32_t taken = 1;
-             EXPECT_TRUE(
-                 KvPCIeSim::PeekRegister(0, ControlBlock(0) + KvPCIeSim::kCtlCommandsTaken, taken));
-             EXPECT_EQ(taken, 0u);
-             EXPECT_TRUE(m.WriteControlCmd(0, QByteArray(1024, 1)));  // the limit itself goes
-             EXPECT_STREQ(m.LastErrorText(), "");
-         }},
-
         // --- registers and memory
         {"ReadDataIntoNull",
          [](PCIeDataManager& m) {

@@ -33,6 +33,10 @@ protected:
         }
         return writes;
     }
+    void ExpectReason(const char* reason) {
+        const std::string text = manager.LastErrorText();
+        EXPECT_EQ(text.rfind(reason, 0), 0u) << "error text: " << text;
+    }
 };
 
 QByteArray Bytes(int size, int seed) {
@@ -64,8 +68,16 @@ TEST_F(Command, ASixByteCommandGoesOutAsTwoWordsAndControlWord0x405) {
 
 TEST_F(Command, The1024ByteLimitIsTheMailboxAndLongerOrMisdirectedCommandsAreRefused) {
     KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log");
+    EXPECT_FALSE(manager.WriteControlCmd(3, Bytes(1025, 0)));
+    ExpectReason("command of 1,025 bytes exceeds 1,024 bytes");
+    EXPECT_FALSE(manager.WriteControlCmd(4, Bytes(4, 0)));
+    ExpectReason("channel 4 is outside 0 to 3");
+    EXPECT_FALSE(manager.WriteControlCmd(-1, Bytes(4, 0)));
+    EXPECT_TRUE(Accesses(CardAccess::RegisterWrite).empty());
+
     const QByteArray full = Bytes(1024, 5);
     EXPECT_TRUE(manager.WriteControlCmd(3, full));
+    EXPECT_STREQ(manager.LastErrorText(), "") << "a command that goes clears the last refusal";
     const std::vector<CardAccess> writes = MailboxWrites(3);
     ASSERT_EQ(writes.size(), 257u);
     for (std::uint32_t k = 0; k < 256; ++k) {
@@ -76,11 +88,6 @@ TEST_F(Command, The1024ByteLimitIsTheMailboxAndLongerOrMisdirectedCommandsAreRef
     }
     EXPECT_EQ(writes[256].address, InjectBlock(3) + 0x028);
     EXPECT_EQ(writes[256].value, 0x7FFu);
-
-    EXPECT_FALSE(manager.WriteControlCmd(3, Bytes(1025, 0)));
-    EXPECT_FALSE(manager.WriteControlCmd(4, Bytes(4, 0)));
-    EXPECT_FALSE(manager.WriteControlCmd(-1, Bytes(4, 0)));
-    EXPECT_TRUE(Accesses(CardAccess::RegisterWrite).empty());
 }
 
 TEST_F(Command, ABusyCardDelaysTheNewestCommandAndDropsTheOlderOne) {
@@ -126,6 +133,7 @@ TEST_F(Command, AnEmptyCommandIsNeverSent) {
     KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log");
     const auto started = std::chrono::steady_clock::now();
     EXPECT_FALSE(manager.WriteControlCmd(0, QByteArray()));
+    ExpectReason("the command is empty");
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(40));
     EXPECT_TRUE(MailboxWrites(0).empty());
     EXPECT_EQ(Peek(ControlBlock(0) + kCtlCommandsTaken), 0u);
