@@ -258,16 +258,6 @@ std::vector<Row> MakeRows() {
              EXPECT_EQ(m.ReadReg(KvPCIeSim::kRegIdentity), 0u);  // the old card was closed
              ExpectReason(m, "no XDMA card is open");
          }},
-        {"FifthXdmaCardIsNotListed",
-         [](PCIeDataManager& m) {
-             ASSERT_TRUE(KvPCIeSim::Configure("xdma:5"));
-             char* paths[4] = {};
-             EXPECT_EQ(m.GetDevices(paths), 4);
-             EXPECT_STREQ(paths[3], "sim:xdma3");
-             for (char* path : paths) {
-                 std::free(path);
-             }
-         }},
         {"SixthRiffaDeviceStopsTheListing",
          [](PCIeDataManager& m) {
              ASSERT_TRUE(KvPCIeSim::Configure("xdma:1,riffa:6"));
