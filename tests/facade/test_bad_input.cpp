@@ -139,7 +139,10 @@ std::vector<Row> MakeRows() {
                                         buffer.data()));
              EXPECT_EQ(error, ERR_NONE);
              EXPECT_TRUE(KvPCIeSim::ProduceCaptureFrames(0, 0, 3));
-             std::this_thread::sleep_for(std::chrono::milliseconds(20));
+             KvCaptureStatistics stats;
+             EXPECT_TRUE(WaitFor([&] {
+                 return m.GetCaptureStatistics(0, stats) && stats.framesDelivered == 3;
+             }));
              m.StopCapture(0);
          }},
         {"ChannelOutsideOnEveryOtherCaptureCall",
