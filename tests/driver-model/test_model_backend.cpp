@@ -1,6 +1,6 @@
-// The OS layer on the driver models: the very calls that drive a card under the XDMA driver
-// (register words, DMA at the position, event reads that a cancel ends, listing and the
-// restart). On Linux, the Linux backend against kvpcie-simd's files, run through with-model.sh
+// The OS layer on the driver models: the listing and the restart of a card under the XDMA
+// driver, and on Windows the RIFFA requests (register words, DMA and event reads are the device
+// file contract's, test_device_file_contract, run on the model as driver_model_device_files). On Linux, the Linux backend against kvpcie-simd's files, run through with-model.sh
 // (KVPCIE_MODEL_ROOT, KVPCIE_LINUX_ROOT); on Windows, the Windows backend through SetupAPI and
 // the model driver that forwards to a kvpcie-simd, run through with-wine-model.sh as well
 // (KVPCIE_MODEL_CARD, the card's interface path).
@@ -23,7 +23,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <future>
 #include <string>
 #include <vector>
 
@@ -33,12 +32,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::uint32_t kIdentity = 0x1F0000;
-constexpr std::uint32_t kStaging = 0x1F1400;  // channel 0's status staging area
 constexpr std::uint32_t kDelayTest = 0x100024;
 constexpr std::uint32_t kCaptureEnable = 0x100018;
-constexpr std::uint32_t kCaptureFrameSize = 0x101010;
-constexpr std::uint32_t kExternalRate = 0x1F1004;
-constexpr std::uint32_t kFrameEventOff = 0x1F1034;
 
 class ModelBackend : public ::testing::Test {
 protected:
@@ -90,76 +85,6 @@ TEST_F(ModelBackend, TheCardIsListedUnderTheRootAndAnswersItsRegisters) {
     EXPECT_EQ(paths[0], card_);
     EXPECT_EQ(ReadReg(kIdentity), 0x53494D31u);
     EXPECT_EQ(ReadReg(0x100028), 100000000u);
-}
-
-TEST_F(ModelBackend, BlocksOfRegistersMoveAsWordsAndOddSizesAreRefused) {
-    const std::uint32_t words[3] = {0x11223344, 0x55667788, 0x99AABBCC};
-    std::uint32_t moved = 0;
-    ASSERT_TRUE(user_->Seek(kStaging) && user_->Write(words, sizeof words, moved));
-    EXPECT_EQ(moved, sizeof words);
-    std::uint32_t back[3] = {};
-    ASSERT_TRUE(user_->Seek(kStaging) && user_->Read(back, sizeof back, moved));
-    EXPECT_EQ(std::vector<std::uint32_t>(back, back + 3),
-              std::vector<std::uint32_t>(words, words + 3));
-    EXPECT_FALSE(user_->Seek(kStaging) && user_->Read(back, 6, moved));
-    EXPECT_FALSE(user_->Seek(kStaging + 2) && user_->Read(back, 4, moved));
-}
-
-TEST_F(ModelBackend, DmaMovesAtThePositionAndAdvancesIt) {
-    const DeviceFilePtr toCard = Open("h2c_0", kAccessWrite);
-    const DeviceFilePtr fromCard = Open("c2h_0", kAccessRead);
-    ASSERT_NE(toCard, nullptr);
-    ASSERT_NE(fromCard, nullptr);
-    // More than FUSE moves in one request, at an address above what 32 bits of offset in
-    // megabytes would reach, so that both the split and the offset show.
-    std::vector<unsigned char> block(3 << 20);
-    for (std::size_t k = 0; k < block.size(); ++k) {
-        block[k] = static_cast<unsigned char>(k * 13 + k / 4096);
-    }
-    const std::int64_t address = 0x70000000;
-    std::uint32_t moved = 0;
-    ASSERT_TRUE(toCard->Seek(address) &&
-                toCard->Write(block.data(), static_cast<std::uint32_t>(block.size()), moved));
-    EXPECT_EQ(moved, block.size());
-    // Two reads in a row continue where the first ended.
-    std::vector<unsigned char> back(block.size());
-    const std::uint32_t half = static_cast<std::uint32_t>(block.size() / 2);
-    ASSERT_TRUE(fromCard->Seek(address) && fromCard->Read(back.data(), half, moved));
-    EXPECT_EQ(moved, half);
-    ASSERT_TRUE(fromCard->Read(back.data() + half, half, moved));
-    EXPECT_EQ(back, block);
-    // A direction the node does not have is refused.
-    EXPECT_FALSE(fromCard->Write(block.data(), 4, moved));
-}
-
-TEST_F(ModelBackend, AnEventReadWaitsForTheCardAndACancelEndsIt) {
-    const DeviceFilePtr event = Open("event_0", kAccessRead);
-    ASSERT_NE(event, nullptr);
-    // Frames of 64 bytes at 200 per second raise user event 0.
-    WriteReg(kFrameEventOff, 0);
-    WriteReg(kCaptureFrameSize, 64);
-    WriteReg(kExternalRate, 200);
-    WriteReg(kCaptureEnable, 1);
-    unsigned char byte = 0;
-    std::uint32_t moved = 0;
-    ASSERT_TRUE(event->Read(&byte, 1, moved));
-    EXPECT_EQ(moved, 1u);
-    EXPECT_EQ(byte, 1);
-    WriteReg(kCaptureEnable, 0);
-    WriteReg(kFrameEventOff, 1);
-    // Nothing raises the event now: only the cancel ends the wait, and promptly.
-    std::future<bool> waiting = std::async(std::launch::async, [&] {
-        unsigned char ignored = 0;
-        std::uint32_t count = 0;
-        // One pending from before the switch may still be there: take it first.
-        while (event->Read(&ignored, 1, count)) {
-        }
-        return LastError() == SystemCode(Error::OperationAborted);
-    });
-    EXPECT_EQ(waiting.wait_for(300ms), std::future_status::timeout);
-    event->Cancel();
-    ASSERT_EQ(waiting.wait_for(2s), std::future_status::ready);
-    EXPECT_TRUE(waiting.get());
 }
 
 #ifdef _WIN32
