@@ -7,6 +7,10 @@
 #include <array>
 #include <cmath>
 #include <map>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <utility>
 
 namespace kvpcie::testing {
 namespace {
@@ -58,80 +62,160 @@ private:
     std::vector<CardAccess> pending_;
 };
 
-std::vector<CardAccess> ExpectedInit(int channel, std::uint32_t code, std::uint32_t geometry,
-                                     std::uint32_t transfer, std::uint32_t linePeriod,
-                                     std::uint32_t framePeriod) {
-    const std::uint32_t b = InjectBlock(channel);
-    std::vector<CardAccess> writes = {{CardAccess::RegisterWrite, b + 0x000, code},
-                                      {CardAccess::RegisterWrite, b + 0x004, geometry},
-                                      {CardAccess::RegisterWrite, b + 0x008, 8},
-                                      {CardAccess::RegisterWrite, b + 0x00C, transfer}};
-    for (int i = 0; i < 8; ++i) {
-        writes.push_back(
-            {CardAccess::RegisterWrite, b + 0x100 + i * 0x10, InjectBufferAddress(channel, i)});
-        writes.push_back({CardAccess::RegisterWrite, InjectStatus(channel, i), 0});
+// Capture and inject channels are programmed alike: a start writes the channel's block in one
+// order (a head, the ring of eight buffers, a tail) and then the channel's enable bit, and the
+// timing read-back writes each buffer's four selectors. Each row is one direction's.
+using Writes = std::vector<std::pair<std::uint32_t, std::uint32_t>>;  // address, value
+
+Writes BlockWrites(const Writes& head, std::uint32_t status0, std::uint32_t buffer0,
+                   const Writes& tail) {
+    Writes writes = head;
+    for (std::uint32_t i = 0; i < 8; ++i) {
+        writes.push_back({status0 - 8 + i * 0x10, buffer0 + i * 0x1400000});
+        writes.push_back({status0 + i * 0x10, 0});
     }
-    writes.push_back({CardAccess::RegisterWrite, b + 0x01C, 0});
-    writes.push_back({CardAccess::RegisterWrite, b + 0x020, linePeriod});
-    writes.push_back({CardAccess::RegisterWrite, b + 0x024, framePeriod});
+    writes.insert(writes.end(), tail.begin(), tail.end());
     return writes;
 }
 
-TEST_F(Inject, TheFirstFrameProgramsTheChannelInOrderWithAndWithoutAParameterLine) {
-    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or memory");
-    struct Case {
-        int channel;
-        bool parameterLine;
-        ePixelType type;
-        int width, height, rate, linePeriod;
-        std::uint32_t code, geometry, frameBytes, transfer;
-    };
-    const Case cases[] = {
-        {2, false, Y8, 640, 480, 50, 777, 1, 0x028001E0, 307200, 307200},
-        {1, true, UYVY422, 640, 512, 25, 900, 0, 0x02800201, 656640, 657408},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.channel);
-        manager.UpdateParamSimulate(c.channel, c.parameterLine, tagThermalImgParams{});
-        KvPCIeSim::TakeAccessLog(kCard);
-        std::vector<char> frame(c.frameBytes, 0x11);
-        eErrorCode error = ERR_NO_CARD;
-        ASSERT_TRUE(manager.StartInject(c.channel, c.rate, c.width, c.height, c.type, c.linePeriod,
-                                        frame.data(), error));
-        EXPECT_EQ(error, ERR_NONE);
-        EXPECT_TRUE(manager.IsStartInject(c.channel));
+struct StartRow {
+    const char* name;
+    int channel;
+    bool capture;
+    std::function<bool(PCIeDataManager&)> start;
+    Writes expected;
+    std::uint32_t enableMask;
+    std::uint32_t frameBytes, transfer;  // an inject start's first transfer and length register
+};
 
-        std::vector<CardAccess> writes;
-        std::vector<CardAccess> transfers;
-        ASSERT_TRUE(WaitFor([&] {
-            for (const CardAccess& access : KvPCIeSim::TakeAccessLog(kCard)) {
-                (access.kind == CardAccess::HostToCard ? transfers : writes).push_back(access);
-            }
-            return !transfers.empty();
-        }));
-        const auto expected = ExpectedInit(c.channel, c.code, c.geometry, c.transfer, c.linePeriod,
-                                           100000000u / c.rate);
-        ASSERT_GE(writes.size(), expected.size());
-        for (std::size_t k = 0; k < expected.size(); ++k) {
-            EXPECT_EQ(writes[k].address, expected[k].address) << "write " << k;
-            EXPECT_EQ(writes[k].value, expected[k].value) << "write " << k;
-        }
-        const auto mask = std::find_if(writes.begin(), writes.end(), [](const CardAccess& a) {
-            return a.address == kInjectEnableMask;
-        });
-        ASSERT_NE(mask, writes.end());
-        EXPECT_EQ(mask->value, 1u << c.channel);
-        // The transfer moves the frame; the length register gets the rounded transfer size.
-        EXPECT_EQ(transfers.front().value, c.frameBytes);
-        const std::uint32_t buffer =
-            (transfers.front().address - InjectBufferAddress(c.channel, 0)) / 0x1400000;
-        EXPECT_TRUE(WaitFor(
-            [&] { return Peek(InjectLength(c.channel, static_cast<int>(buffer))) == c.transfer; }));
-        manager.StopInject(c.channel);
-        EXPECT_FALSE(manager.IsStartInject(c.channel));
-    }
-    EXPECT_EQ(Peek(kInjectEnableMask), 0u);
+void PrintTo(const StartRow& row, std::ostream* out) {
+    *out << row.name;
 }
+
+StartRow CaptureStart(const char* name, bool cardTiming) {
+    constexpr int kWidth = 160, kHeight = 120, kBytes = kWidth * kHeight * 2;
+    const std::uint32_t b = CaptureBlock(2);
+    auto sink = std::make_shared<FrameSink>(kBytes);
+    Writes tail = {{b + 0x020, kWidth + (cardTiming ? 200u : 100u)}};
+    if (cardTiming) {
+        tail.push_back({b + 0x024, 100000000 / 25});
+    }
+    tail.push_back({b + 0x01C, cardTiming ? 0x201u : 0u});
+    return {name, 2, true,
+            [=](PCIeDataManager& m) {
+                eErrorCode error = ERR_NO_CARD;
+                const bool quiet = m.WriteReg(ControlBlock(2) + kCtlExternalRate, 0) == 4;
+                KvPCIeSim::TakeAccessLog(0);
+                return quiet && m.StartCapture(2, cardTiming, kWidth, kHeight, Y16, error,
+                                      &FrameSink::OnFrame, sink.get(), sink->buffer.data());
+            },
+            BlockWrites({{b, 2}, {b + 4, (kWidth << 16) | kHeight}, {b + 8, 8},
+                         {b + 0xC, 0x1400000}, {b + 0x10, kBytes}},
+                        StatusRegister(2, 0), BufferAddress(2, 0), tail),
+            0x100018, 0, 0};
+}
+
+StartRow InjectStart(const char* name, int channel, bool parameterLine, ePixelType type,
+                     int width, int height, int rate, int linePeriod, std::uint32_t code,
+                     std::uint32_t geometry, std::uint32_t frameBytes, std::uint32_t transfer) {
+    const std::uint32_t b = InjectBlock(channel);
+    return {name, channel, false,
+            [=](PCIeDataManager& m) {
+                m.UpdateParamSimulate(channel, parameterLine, tagThermalImgParams{});
+                KvPCIeSim::TakeAccessLog(0);
+                std::vector<char> frame(frameBytes, 0x11);
+                eErrorCode error = ERR_NO_CARD;
+                return m.StartInject(channel, rate, width, height, type, linePeriod,
+                                     frame.data(), error) && error == ERR_NONE &&
+                       m.IsStartInject(channel);
+            },
+            BlockWrites({{b, code}, {b + 4, geometry}, {b + 8, 8}, {b + 0xC, transfer}},
+                        InjectStatus(channel, 0), InjectBufferAddress(channel, 0),
+                        {{b + 0x1C, 0}, {b + 0x20, std::uint32_t(linePeriod)},
+                         {b + 0x24, 100000000u / rate}}),
+            kInjectEnableMask, frameBytes, transfer};
+}
+
+class ChannelStart : public InjectTest, public ::testing::WithParamInterface<StartRow> {};
+
+TEST_P(ChannelStart, ProgramsTheBlockInOrderThenEnablesTheChannel) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log");
+    const StartRow& row = GetParam();
+    ASSERT_TRUE(row.start(manager)) << manager.LastErrorText();
+    std::vector<CardAccess> writes;
+    std::vector<CardAccess> transfers;
+    const auto enabled = [&] {
+        return std::find_if(writes.begin() + std::min(writes.size(), row.expected.size()),
+                            writes.end(),
+                            [&](const CardAccess& a) { return a.address == row.enableMask; });
+    };
+    ASSERT_TRUE(WaitFor([&] {
+        for (const CardAccess& access : KvPCIeSim::TakeAccessLog(kCard)) {
+            (access.kind == CardAccess::HostToCard ? transfers : writes).push_back(access);
+        }
+        return enabled() != writes.end() && (row.frameBytes == 0 || !transfers.empty());
+    }));
+    for (std::size_t k = 0; k < row.expected.size(); ++k) {
+        EXPECT_EQ(writes[k].address, row.expected[k].first) << "write " << k;
+        EXPECT_EQ(writes[k].value, row.expected[k].second) << "write " << k;
+    }
+    EXPECT_EQ(enabled()->value, 1u << row.channel);
+    if (row.frameBytes != 0) {
+        // The transfer moves the frame; the length register gets the rounded transfer size.
+        EXPECT_EQ(transfers.front().value, row.frameBytes);
+        const int buffer = static_cast<int>(
+            (transfers.front().address - InjectBufferAddress(row.channel, 0)) / 0x1400000);
+        EXPECT_TRUE(WaitFor([&] { return Peek(InjectLength(row.channel, buffer)) == row.transfer; }));
+    }
+    row.capture ? manager.StopCapture(row.channel) : manager.StopInject(row.channel);
+    EXPECT_EQ(Peek(row.enableMask), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ChannelStart,
+    ::testing::Values(CaptureStart("CaptureWithCardTiming", true),
+                      CaptureStart("CaptureWithExternalTiming", false),
+                      InjectStart("InjectY8", 2, false, Y8, 640, 480, 50, 777, 1, 0x028001E0,
+                                  307200, 307200),
+                      // The parameter line is one more line of the geometry.
+                      InjectStart("InjectUyvyWithAParameterLine", 1, true, UYVY422, 640, 512, 25,
+                                  900, 0, 0x02800201, 656640, 657408)),
+    [](const ::testing::TestParamInfo<StartRow>& info) { return std::string(info.param.name); });
+
+struct ReadBackRow {
+    const char* name;
+    std::uint32_t block;  // of the channel read
+    std::uint32_t selectors[4];
+    std::function<const void*(PCIeDataManager&)> read;
+};
+
+void PrintTo(const ReadBackRow& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class TimingReadBack : public InjectTest, public ::testing::WithParamInterface<ReadBackRow> {};
+
+TEST_P(TimingReadBack, WritesEachBuffersFourSelectorsInOrder) {
+    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log");
+    const ReadBackRow& row = GetParam();
+    ASSERT_NE(row.read(manager), nullptr);
+    const std::vector<CardAccess> writes = Accesses(CardAccess::RegisterWrite);
+    ASSERT_EQ(writes.size(), 32u);
+    for (std::uint32_t k = 0; k < 32; ++k) {
+        EXPECT_EQ(writes[k].address, row.block + 0x10C + k / 4 * 0x10) << "write " << k;
+        EXPECT_EQ(writes[k].value, row.selectors[k % 4] << 28) << "write " << k;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, TimingReadBack,
+    ::testing::Values(
+        ReadBackRow{"Capture", CaptureBlock(1), {3, 1, 0, 2},
+                    [](PCIeDataManager& m) -> const void* { return m.GetCaptureDelayStatus(1); }},
+        // A channel never started reads channel 0's registers.
+        ReadBackRow{"InjectOfAChannelNeverStarted", InjectBlock(0), {3, 1, 2, 0},
+                    [](PCIeDataManager& m) -> const void* { return m.GetInjectDelayStatus(2); }}),
+    [](const ::testing::TestParamInfo<ReadBackRow>& info) { return std::string(info.param.name); });
 
 // The first call fixes the run's format; later calls are looked at for their channel and data
 // only, so a later frame with fields the first call would have refused still queues.
@@ -414,21 +498,8 @@ TEST_F(Inject, StopAndRestartWhileFramesFlowBeginAgainAtBufferZeroAndCounterZero
     }
 }
 
-TEST_F(Inject, TheTimingReadBackUsesSelectors3120AndTheDelayClock) {
+TEST_F(Inject, TheTimingReadBackGivesBoundedTimesOnTheDelayClock) {
     KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or memory");
-    // A channel never started reads channel 0's registers.
-    ASSERT_NE(manager.GetInjectDelayStatus(2), nullptr);
-    std::vector<CardAccess> writes = Accesses(CardAccess::RegisterWrite);
-    ASSERT_EQ(writes.size(), 32u);
-    for (int b = 0; b < 8; ++b) {
-        for (int s = 0; s < 4; ++s) {
-            const CardAccess& write = writes[static_cast<std::size_t>(b * 4 + s)];
-            EXPECT_EQ(write.address, InjectBlock(0) + 0x10C + static_cast<std::uint32_t>(b) * 0x10);
-            constexpr std::uint32_t kSelectors[] = {3, 1, 2, 0};
-            EXPECT_EQ(write.value, kSelectors[s] << 28);
-        }
-    }
-
     constexpr int kWidth = 32, kHeight = 8;
     std::vector<char> frame(kWidth * kHeight, 0x44);
     for (int n = 0; n < 12; ++n) {
