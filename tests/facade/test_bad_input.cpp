@@ -252,6 +252,9 @@ std::vector<Row> MakeRows() {
          [](PCIeDataManager& m) {
              EXPECT_TRUE(m.OpenCard(static_cast<char*>(nullptr)));
              EXPECT_EQ(m.ReadReg(KvPCIeSim::kRegIdentity), KvPCIeSim::kIdentityValue);
+             m.CloseCard();  // and with no card open, it opens none
+             EXPECT_TRUE(m.OpenCard(static_cast<char*>(nullptr)));
+             EXPECT_EQ(m.ReadReg(KvPCIeSim::kRegIdentity), 0u);
          }},
         {"OpenCardOfAPathNotListed",
          [](PCIeDataManager& m) {

@@ -116,20 +116,6 @@ TEST_F(Facade, StartCaptureOpensTheFirstCardByItself) {
     manager.CloseCard();
 }
 
-TEST_F(Facade, OpenCardWithANullPathLeavesTheCardAsItWas) {
-    kvpcie::testing::SetEnvironment("KVPCIE_SIM", "1");
-    PCIeDataManager manager;
-    EXPECT_TRUE(manager.OpenCard(static_cast<char*>(nullptr)));
-    EXPECT_EQ(manager.ReadReg(0x1F0000), 0u);
-    char path[] = "sim:xdma0";
-    ASSERT_TRUE(manager.OpenCard(path));
-    EXPECT_TRUE(manager.OpenCard(static_cast<char*>(nullptr)));
-    EXPECT_EQ(manager.ReadReg(0x1F0000), 0x53494D31u);
-    char missing[] = "sim:xdma5";
-    EXPECT_FALSE(manager.OpenCard(missing));
-    EXPECT_EQ(manager.ReadReg(0x1F0000), 0u) << "the open card was closed first";
-}
-
 TEST_F(Facade, ASecondManagerLeavesTheCardOfOneWithRunningChannelsAlone) {
     kvpcie::testing::SetEnvironment("KVPCIE_SIM", "1");
     char path[] = "sim:xdma0";
