@@ -1,9 +1,6 @@
 // Capture through the facade on the simulated card: the programming of a channel, the buffer
 // ring, frame delivery, DMA faults, recording, the timing read-back, stop and restart.
-#include "../support/Environment.h"
-#include "CaptureTestSupport.h"
-
-#include "../support/TempDir.h"
+#include "../inject/InjectTestSupport.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -16,43 +13,16 @@
 namespace kvpcie::testing {
 namespace {
 
-using KvPCIeSim::CardAccess;
-constexpr int kCard = 0;
 constexpr int kWidth = 160;
 constexpr int kHeight = 120;
 constexpr std::size_t kFrameBytes = kWidth * kHeight * 2;  // Y16
 
-class Capture : public ::testing::Test {
+class Capture : public InjectTest {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(PrepareTestCard());
-        std::snprintf(path, sizeof path, "%s", TestCardPath().c_str());
-        // The log opens ./Log/<name>/ in the current directory, which need not be the
-        // application's directory where the log creates its folder.
-        QDir().mkpath("Log/Capture_AllChannel");
-        ASSERT_TRUE(manager.OpenCard(path));
-    }
-    void TearDown() override { manager.CloseCard(); }
-
-    void Write(std::uint32_t address, std::uint32_t value) {
-        ASSERT_EQ(manager.WriteReg(address, static_cast<int>(value)), 4);
-    }
-    // Channel started with the external source stopped, so frames come only when a test
-    // produces them.
     bool StartQuiet(int channel, FrameSink& sink, bool extended = false) {
-        Write(ControlBlock(channel) + kCtlExternalRate, 0);
-        eErrorCode error = ERR_NO_CARD;
-        const bool started =
-            extended ? manager.StartCapture(channel, false, kWidth, kHeight, Y16, error,
-                                            &FrameSink::OnFrameEx, &sink, sink.buffer.data())
-                     : manager.StartCapture(channel, false, kWidth, kHeight, Y16, error,
-                                            &FrameSink::OnFrame, &sink, sink.buffer.data());
-        EXPECT_EQ(error, ERR_NONE);
-        return started;
+        return extended ? StartQuietCapture(channel, kWidth, kHeight, &FrameSink::OnFrameEx, sink)
+                        : StartQuietCapture(channel, kWidth, kHeight, &FrameSink::OnFrame, sink);
     }
-    ScratchDir scratch{true};  // the engine's log goes to ./Log
-    char path[4096] = {};  // the card's, TestCardPath()
-    PCIeDataManager manager;
 };
 
 TEST_F(Capture, TheRingIsReadInOrderAcrossItsWrap) {

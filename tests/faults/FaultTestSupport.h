@@ -91,9 +91,6 @@ protected:
         ReturnsWithin("CloseCard", [this] { manager.CloseCard(); });
     }
 
-    void Write(std::uint32_t address, std::uint32_t value) {
-        ASSERT_EQ(manager.WriteReg(address, static_cast<int>(value)), 4);
-    }
     // `rate` frames per second from the channel's external source; 0 for none.
     bool StartCapture(int channel, GuardedSink& sink, std::uint32_t rate) {
         Write(ControlBlock(channel) + KvPCIeSim::kCtlExternalFrameRate, rate);

@@ -1,5 +1,5 @@
-// What the inject suites share: a facade on a fresh simulated card, its inject registers and
-// the accesses the host made to it.
+// What the engine suites share: a facade on a fresh card (simulated, or the driver model's), its
+// inject registers and the accesses the host made to it.
 #pragma once
 
 #include "../capture/CaptureTestSupport.h"
@@ -57,8 +57,10 @@ protected:
     bool StartQuietCapture(int channel, int width, int height, Callback callback, Sink& sink) {
         Write(ControlBlock(channel) + kCtlExternalRate, 0);
         eErrorCode error = ERR_NO_CARD;
-        return manager.StartCapture(channel, false, width, height, Y16, error, callback, &sink,
-                                    sink.buffer.data());
+        const bool started = manager.StartCapture(channel, false, width, height, Y16, error,
+                                                  callback, &sink, sink.buffer.data());
+        EXPECT_EQ(error, ERR_NONE);
+        return started;
     }
     void Poke(std::uint32_t address, std::uint32_t value) {
         ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, address, value));
