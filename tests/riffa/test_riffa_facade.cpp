@@ -1,5 +1,6 @@
 // The facade in RIFFA mode on simulated RIFFA devices: listing, opening by index with the
-// engines' logs, register access over the device library, and what RIFFA mode refuses.
+// engines' logs, register access over the device library, and what RIFFA mode refuses. A
+// device's failures are the device library's (test_riffa_device); bad input is BadInput's.
 #include "../support/Environment.h"
 #include "../support/TempDir.h"
 
@@ -39,17 +40,12 @@ protected:
     PCIeDataManager manager{RIFFA};
 };
 
-TEST_F(RiffaFacade, ListsTheDevicesAndRefusesANullList) {
+TEST_F(RiffaFacade, ListsTheDevices) {
     fpga_info_list list{};
     list.fpgaCount = 99;
     EXPECT_TRUE(manager.GetDevices(&list));
     EXPECT_EQ(list.fpgaCount, 2);
     EXPECT_STREQ(list.name[1], "KvSimRiffa");
-    EXPECT_FALSE(manager.GetDevices(static_cast<fpga_info_list*>(nullptr)));
-    // A sixth device has no slot: the listing says so, and keeps the five.
-    ASSERT_TRUE(KvPCIeSim::Configure("riffa:6"));
-    EXPECT_FALSE(manager.GetDevices(&list));
-    EXPECT_EQ(list.fpgaCount, 5);
 }
 
 TEST_F(RiffaFacade, RegistersGoOverTheDeviceOpenedByIndex) {
@@ -84,21 +80,10 @@ TEST_F(RiffaFacade, ASecondOpenReplacesBothEnginesAndAMissingIndexClosesTheDevic
     manager.StopCapture(9);  // no channel captures in RIFFA mode, in range or not
 }
 
-TEST_F(RiffaFacade, ADeviceThatFailsGivesZeroAndAReopenAfterItsReturnWorks) {
+TEST_F(RiffaFacade, ADeviceRemovedWhileOpenIsListedNoMoreAndReopensAfterItsReturn) {
     ASSERT_TRUE(manager.OpenCard(1));
-    // A device that takes requests but never answers: each read ends with the driver's
-    // time-out and gives 0; writes are taken and not applied.
-    ASSERT_TRUE(KvPCIeSim::SetRiffaNeverAnswers(1, true));
-    EXPECT_EQ(manager.ReadReg(KvPCIeSim::kRegIdentity), 0u);
-    EXPECT_EQ(manager.WriteReg(kScratch, 7), 0);
-    ASSERT_TRUE(KvPCIeSim::SetRiffaNeverAnswers(1, false));
-    EXPECT_EQ(manager.ReadReg(kScratch), 0u);
-    EXPECT_EQ(manager.ReadReg(KvPCIeSim::kRegIdentity), KvPCIeSim::kIdentityValue);
-
-    // Removed while open: every request fails, and the results stay those of no reply.
     ASSERT_TRUE(KvPCIeSim::RemoveRiffaDevice(1));
     EXPECT_EQ(manager.ReadReg(KvPCIeSim::kRegIdentity), 0u);
-    EXPECT_EQ(manager.WriteReg(kScratch, 7), 0);
     fpga_info_list list{};
     EXPECT_TRUE(manager.GetDevices(&list));
     EXPECT_EQ(list.fpgaCount, 1);
