@@ -9,6 +9,7 @@
 #include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDriverInterface.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
+#include <KvPCIeInjectSdk/KvPCIeTypes.h>
 
 #include <gtest/gtest.h>
 
@@ -27,19 +28,6 @@ using platform::ControlResult;
 using platform::Error;
 using Outcome = ControlResult::Outcome;
 using Words = std::array<std::uint8_t, 16>;
-
-// fpga_info_list, whose own header needs Qt.
-#pragma pack(push, 1)
-struct ListRecord {
-    std::int32_t fpgaCount;
-    std::int32_t id[5];
-    std::int32_t channelCount[5];
-    char name[5][16];
-    std::int32_t vendorId[5];
-    std::int32_t deviceId[5];
-};
-#pragma pack(pop)
-static_assert(sizeof(ListRecord) == 164, "the driver's list record");
 
 // Only the sim: part of the RIFFA listing, whatever real devices there are.
 std::vector<std::string> SimulatedPaths() {
@@ -142,7 +130,7 @@ TEST_F(SimRiffa, AReplyGoesOnlyToItsChannelAndAResetDropsIt) {
 TEST_F(SimRiffa, UnknownCodesAndListRequestsOutsideTheRecordAreRefused) {
     const ControlDevicePtr second = platform::OpenControlDevice("sim:riffa2", false);
     ASSERT_NE(second, nullptr);
-    std::vector<std::uint8_t> buffer(sizeof(ListRecord) + 8, 0xC3);  // 8 guard bytes after it
+    std::vector<std::uint8_t> buffer(sizeof(fpga_info_list) + 8, 0xC3);  // 8 guard bytes after it
     const std::vector<std::uint8_t> untouched = buffer;
     struct Refused {
         std::uint32_t code;
@@ -160,10 +148,10 @@ TEST_F(SimRiffa, UnknownCodesAndListRequestsOutsideTheRecordAreRefused) {
 
     const std::int32_t index = 3;
     const ControlResult listed =
-        second->Control(riffa::kListCode, &index, 4, buffer.data(), sizeof(ListRecord));
+        second->Control(riffa::kListCode, &index, 4, buffer.data(), sizeof(fpga_info_list));
     ASSERT_EQ(listed.outcome, Outcome::Completed);
     EXPECT_EQ(listed.count, 164u);
-    ListRecord record;
+    fpga_info_list record;
     std::memcpy(&record, buffer.data(), sizeof(record));
     EXPECT_EQ(record.id[3], 2);
     EXPECT_EQ(record.deviceId[3], 0x7028);
