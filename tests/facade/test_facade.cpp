@@ -61,7 +61,6 @@ TEST_F(Facade, WithoutACardNothingOpensAndEveryAccessGivesItsNeutralResult) {
     EXPECT_EQ(manager.GetInjectDelayStatus(0), nullptr);
     EXPECT_FALSE(manager.WriteControlCmd(0, QByteArray("\x01", 1)));
     EXPECT_FALSE(manager.OpenCard(0));
-    EXPECT_FALSE(manager.GetDevices(static_cast<fpga_info_list*>(nullptr)));
 }
 
 TEST_F(Facade, OpensTheSimulatedCardReadsItsRegistersAndRoundTripsCardMemory) {
@@ -78,7 +77,6 @@ TEST_F(Facade, OpensTheSimulatedCardReadsItsRegistersAndRoundTripsCardMemory) {
     EXPECT_EQ(log[2].value, 0xFFFF0000u);
 
     EXPECT_EQ(manager.ReadReg(0x1F0000), 0x53494D31u);
-    EXPECT_EQ(manager.ReadReg(0x100028), 100000000u);
     EXPECT_EQ(manager.WriteReg(0x101020, -2), 4);
     EXPECT_EQ(manager.ReadReg(0x101020), 0xFFFFFFFEu);
 
@@ -91,8 +89,6 @@ TEST_F(Facade, OpensTheSimulatedCardReadsItsRegistersAndRoundTripsCardMemory) {
     ASSERT_TRUE(manager.WriteData(0x3000000, size, written.data()));
     ASSERT_TRUE(manager.ReadData(0x3000000, size, back.data()));
     EXPECT_EQ(back, written);
-    EXPECT_FALSE(manager.ReadData(0, 16, nullptr));
-    EXPECT_FALSE(manager.ReadData(0x80000000u, 16, back.data()));
 
     manager.CloseCard();
     EXPECT_EQ(manager.ReadReg(0x1F0000), 0u);
