@@ -16,6 +16,7 @@
 #include <QPushButton>
 #include <QSettings>
 #include <QTabWidget>
+#include <QTimer>
 #include <QToolBar>
 #include <QVBoxLayout>
 
@@ -203,6 +204,45 @@ bool StudioWindow::StartChosenChannels() {
         }
     }
     return allStarted;
+}
+
+bool StudioWindow::StartDemo() {
+    constexpr unsigned kIdentity = 0x1F0000;
+    constexpr unsigned kSimulatedCard = 0x53494D31;
+    constexpr unsigned kLoopbackOfChannel1 = 0x1F2000;
+    constexpr int kLoopChannel = 1;
+    if (!cardOpen_ || manager_.ReadReg(kIdentity) != kSimulatedCard) {
+        log_->Add(tr("the demo needs the simulated card (--sim)"));
+        return false;
+    }
+    manager_.WriteReg(kLoopbackOfChannel1, 1);
+    log_->Add(tr("demo: capture channel 1 plays what inject channel 1 plays"));
+    const CaptureFormat format = Capture(kLoopChannel)->Format();
+    InjectSource source;
+    source.width = format.width;
+    source.height = format.height;
+    source.pixelType = format.pixelType;
+    SetCurrentChannel(kLoopChannel);
+    inject_->ChooseSource(source);
+    const bool started = Capture(0)->Start() && inject_->Play() && Capture(kLoopChannel)->Start();
+    if (started) {
+        // A pixel of the ramp under the inspector, as if the cursor were there.
+        QTimer::singleShot(1000, this, [this, format] {
+            inspect_->Hover(kLoopChannel, format.width / 3, format.height / 2);
+        });
+    }
+    return started;
+}
+
+void StudioWindow::ShowTab(const QString& name) {
+    for (int i = 0; i < tabs_->count(); ++i) {
+        if (tabs_->tabText(i).compare(name, Qt::CaseInsensitive) == 0 ||
+            (name == QStringLiteral("registers") && tabs_->widget(i) == registers_) ||
+            (name == QStringLiteral("command") && tabs_->widget(i) == commands_)) {
+            tabs_->setCurrentIndex(i);
+            return;
+        }
+    }
 }
 
 void StudioWindow::SetCurrentChannel(int channel) {

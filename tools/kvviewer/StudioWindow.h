@@ -38,6 +38,11 @@ public:
     bool IsCardOpen() const { return cardOpen_; }
     // Starts the channels that the command line chose; false when one did not start.
     bool StartChosenChannels();
+    // The simulated card's tour: channel 0 live, a pattern injected into channel 1 and seen
+    // there through the card's loopback. False (logged) on another card.
+    bool StartDemo();
+    // Shows the channel panel of that name (inspect, inject, command, status, registers).
+    void ShowTab(const QString& name);
     void SetCurrentChannel(int channel);
     int CurrentChannel() const { return current_; }
 

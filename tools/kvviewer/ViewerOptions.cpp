@@ -1,6 +1,9 @@
 // What the kvviewer command line asks for.
 #include "ViewerOptions.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "PixelTypeNames.h"
 
 #include <climits>
@@ -13,7 +16,8 @@ namespace kvpcie::viewer {
 const char* const kUsage =
     "usage: kvviewer [--sim] [--card N] [--card-timing] [--width W] [--height H] [--type TYPE]\n"
     "                [--channels LIST] [--autostart] [--screenshot FILE]\n"
-    "                [--window-screenshot FILE] [--no-settings] [--quit-after MS]\n"
+    "                [--window-screenshot FILE] [--no-settings] [--demo] [--tab NAME]\n"
+    "                [--quit-after MS]\n"
     "\n"
     "The bench's window: capture channels 0-3 of an XDMA card live, with their format chosen at\n"
     "run time, recording and snapshots, a histogram and pixel inspector, and panels to inject,\n"
@@ -28,6 +32,9 @@ const char* const kUsage =
     "  --screenshot FILE  save a picture of the four channels when the window closes\n"
     "  --window-screenshot FILE  save a picture of the whole window when it closes\n"
     "  --no-settings      neither use nor keep the last card, formats and window layout\n"
+    "  --demo             on the simulated card: channel 0 live, and a moving pattern injected\n"
+    "                     into channel 1 and captured back through the card's loopback\n"
+    "  --tab NAME         the channel panel shown: inspect, inject, command, status, registers\n"
     "  --quit-after MS    close the window after MS milliseconds\n";
 
 namespace {
@@ -86,7 +93,7 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
         }
         const bool takesValue = name == "--width" || name == "--height" || name == "--type" ||
                                 name == "--channels" || name == "--screenshot" ||
-                                name == "--window-screenshot" ||
+                                name == "--window-screenshot" || name == "--tab" ||
                                 name == "--quit-after" || name == "--card";
         if (takesValue && !value) {
             if (i + 1 == args.size()) {
@@ -106,6 +113,16 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
             options.formatGiven = true;
         } else if (name == "--no-settings") {
             options.noSettings = true;
+        } else if (name == "--demo") {
+            options.demo = true;
+        } else if (name == "--tab") {
+            static const char* const kTabs[] = {"inspect", "inject", "command", "status",
+                                                "registers"};
+            if (std::find(std::begin(kTabs), std::end(kTabs), *value) == std::end(kTabs)) {
+                return fail("--tab takes inspect, inject, command, status or registers: " +
+                            *value);
+            }
+            options.tab = *value;
         } else if (name == "--autostart") {
             options.autostart = true;
         } else if (name == "--width" || name == "--height") {

@@ -24,6 +24,8 @@ struct ViewerOptions {
     std::string screenshot;        // the four pictures; empty: none
     std::string windowScreenshot;  // the whole window; empty: none
     bool noSettings = false;       // neither read nor write the kept settings
+    bool demo = false;             // the simulated card's tour: a live channel and a loopback
+    std::string tab;               // the channel panel shown first: inspect, inject, ...
     int quitAfterMs = -1;    // negative: run until closed
 };
 

@@ -46,6 +46,12 @@ int main(int argc, char** argv) {
     QApplication& app = *new QApplication(qtArgc, argv);
     kvpcie::viewer::StudioWindow window(options);
     window.show();
+    if (!options.tab.empty()) {
+        window.ShowTab(QString::fromStdString(options.tab));
+    }
+    if (options.demo && !window.StartDemo()) {
+        std::fprintf(stderr, "kvviewer: the demo needs the simulated card (--sim)\n");
+    }
     if (options.autostart && !window.StartChosenChannels()) {
         std::fprintf(stderr, "kvviewer: not every channel started\n");
     }
