@@ -23,7 +23,7 @@ case "$runs" in ''|*[!0-9]*|0) echo "bench/run.sh: --runs takes a number from 1 
 scripts/setup.sh >/dev/null
 scripts/configure.sh >/dev/null
 programs=(bench_device_access bench_cycle_queue bench_log_file bench_recorder bench_capture
-          bench_inject)
+          bench_inject bench_viewer)
 cmake --build build --target "${programs[@]}" >/dev/null
 
 results=$(mktemp)
