@@ -110,6 +110,34 @@ protected:
         return manager.StartInject(static_cast<unsigned>(channel), 50, kFaultWidth, kFaultHeight,
                                    Y16, 0, frame.data(), error);
     }
+    // Channels 0 to `count` - 1 capturing `rate` frames a second, each into a sink of its own.
+    std::vector<std::unique_ptr<GuardedSink>> StartSinks(int count, std::uint32_t rate) {
+        std::vector<std::unique_ptr<GuardedSink>> sinks;
+        for (int channel = 0; channel < count; ++channel) {
+            sinks.push_back(std::make_unique<GuardedSink>());
+            EXPECT_TRUE(StartCapture(channel, *sinks.back(), rate)) << "channel " << channel;
+        }
+        return sinks;
+    }
+    // Beyond `expectedMissing`, every frame the channel missed was counted by the card; none
+    // was wrong, out of order or late.
+    void ExpectNoUncountedLoss(int channel, GuardedSink& sink, long expectedMissing = 0) {
+        SCOPED_TRACE(channel);
+        EXPECT_EQ(sink.badFrames, 0);
+        const std::vector<std::uint32_t> numbers = sink.Numbers();
+        EXPECT_TRUE(StrictlyIncreasing(numbers));
+        const std::uint32_t dropped = Peek(ControlBlock(channel) + KvPCIeSim::kCtlFramesDropped);
+        EXPECT_LE(UncountedLosses(numbers, dropped, expectedMissing), 0);
+        EXPECT_EQ(sink.lateFrames, 0);
+    }
+    // A fresh capture of `channel` delivers `count` frames without a loss.
+    void ExpectCaptureWorks(int channel, int count) {
+        GuardedSink sink;
+        ASSERT_TRUE(StartCapture(channel, sink, 200));
+        EXPECT_TRUE(WaitFor([&] { return sink.delivered >= count; }, std::chrono::seconds(10)));
+        StopCapture(channel, sink);
+        ExpectNoUncountedLoss(channel, sink);
+    }
     static bool AllDelivered(const std::vector<std::unique_ptr<GuardedSink>>& sinks, int count) {
         for (const auto& sink : sinks) {
             if (sink->delivered < count) {
