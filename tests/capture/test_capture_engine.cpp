@@ -1,10 +1,6 @@
 // Capture through the facade on the simulated card: the programming of a channel, the buffer
-// ring, frame delivery, DMA faults, recording, the timing read-back, stop and restart.
+// ring, frame delivery, DMA faults, the timing read-back, stop and restart.
 #include "../inject/InjectTestSupport.h"
-
-#include <QCoreApplication>
-#include <QDir>
-#include <QFile>
 
 #include <cstdlib>
 #include <future>
@@ -88,58 +84,7 @@ TEST_F(Capture, AFailedDmaReadReleasesTheBufferAndIsLogged) {
     EXPECT_EQ(sink.Numbers(), std::vector<std::uint32_t>{1});
     EXPECT_EQ(Peek(StatusRegister(3, 0)), 0u);
     manager.StopCapture(3);
-    const QString logDir = QDir::currentPath() + "/Log/Capture_AllChannel";
-    const auto logged = [&] {
-        for (const QString& name : QDir(logDir).entryList(QDir::Files)) {
-            QFile file(logDir + "/" + name);
-            if (file.open(QIODevice::ReadOnly) && file.readAll().contains("采集失败")) {
-                return true;
-            }
-        }
-        return false;
-    };
-    EXPECT_TRUE(WaitFor(logged));
-}
-
-TEST_F(Capture, RecordingWritesExactlyTheFramesDelivered) {
-    KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log or makes frames on demand");
-    // Recordings go below the application's directory when there is an application object.
-    const QString appDir = QCoreApplication::instance() != nullptr
-                               ? QCoreApplication::applicationDirPath()
-                               : QDir::currentPath();
-    const QString base = appDir + "/VideoRecord/Capture1";
-    QDir(base).removeRecursively();  // an earlier take in the same second would be appended to
-    FrameSink sink(kFrameBytes);
-    ASSERT_TRUE(StartQuiet(0, sink));
-    EXPECT_FALSE(manager.StartRecord(1)) << "channel 1 is not capturing";
-    ASSERT_TRUE(manager.StartRecord(0));
-    QString file;
-    const auto recorded = [&](qint64 frames) {
-        const QStringList takes = QDir(base).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
-        if (takes.isEmpty()) {
-            return false;
-        }
-        file = base + "/" + takes.last() + "/0_160x120_ParamLine0_Fps25_Y16.raw";
-        return QFile(file).size() == frames * qint64(kFrameBytes);
-    };
-    // Each batch is written before the next comes: the recorder's queue drops frames when the
-    // disk falls behind, and this test is about the frames, not about a slow disk.
-    for (int batch = 1; batch <= 3; ++batch) {
-        ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 0, 8));
-        ASSERT_TRUE(WaitFor([&] { return sink.delivered == 8 * batch; }));
-        ASSERT_TRUE(WaitFor([&] { return recorded(8 * batch); }))
-            << file.toStdString() << " holds " << QFile(file).size() << " bytes";
-    }
-    manager.StopRecord(0);
-    QFile recording(file);
-    ASSERT_TRUE(recording.open(QIODevice::ReadOnly));
-    const QByteArray bytes = recording.readAll();
-    ASSERT_EQ(bytes.size(), qint64(24 * kFrameBytes));
-    for (std::uint32_t n = 0; n < 24; ++n) {
-        EXPECT_TRUE(IsPatternFrame(bytes.constData() + n * kFrameBytes, kFrameBytes, 0, n)) << n;
-    }
-    recording.close();
-    QDir(base).removeRecursively();
+    EXPECT_TRUE(WaitFor([] { return LogText("Capture_AllChannel").contains("采集失败"); }));
 }
 
 TEST_F(Capture, TimingReadBackCountsTheDelayClockAndOutlivesTheEngine) {

@@ -4,10 +4,8 @@
 #include "../support/Application.h"
 
 #include <QCoreApplication>
-#include <QDirIterator>
 #include <QFile>
 
-#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -196,17 +194,6 @@ TEST_F(StatusStatistics, BytesTakenFromTheCardAndSwitchedOffBeforeDeliveryCountA
     EXPECT_EQ(stats.statusBytesDropped, 700u);
 }
 
-std::vector<QString> TakeFiles(int channel) {
-    std::vector<QString> files;
-    QDirIterator it(QString("VideoRecord/Capture%1").arg(channel + 1), QDir::Files,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        files.push_back(it.next());
-    }
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
 TEST_F(Statistics, FramesOnTheirWayAtStopRecordAreWrittenAndEachTakeHasItsOwnFile) {
     FrameSink sink(kFrameBytes);
     ASSERT_TRUE(StartQuiet(0, sink));
@@ -222,10 +209,11 @@ TEST_F(Statistics, FramesOnTheirWayAtStopRecordAreWrittenAndEachTakeHasItsOwnFil
     EXPECT_EQ(stats.framesRecorded, 16u);
     EXPECT_EQ(stats.bytesRecorded, 16 * kFrameBytes);
     EXPECT_EQ(stats.framesNotRecorded, 0u);
-    const std::vector<QString> files = TakeFiles(0);
-    ASSERT_EQ(files.size(), 2u);
+    const QStringList files = RecordedFiles("VideoRecord/Capture1");
+    ASSERT_EQ(files.size(), 2);
     for (int take = 0; take < 2; ++take) {
-        QFile file(files[static_cast<std::size_t>(take)]);
+        QFile file(files[take]);
+        EXPECT_TRUE(file.fileName().endsWith("/0_64x48_ParamLine0_Fps25_Y16.raw"));
         ASSERT_TRUE(file.open(QIODevice::ReadOnly));
         const QByteArray bytes = file.readAll();
         ASSERT_EQ(bytes.size(), static_cast<int>(8 * kFrameBytes)) << file.fileName().toStdString();

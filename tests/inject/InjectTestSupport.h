@@ -7,7 +7,11 @@
 #include "../support/TempDir.h"
 #include "../support/TestCard.h"
 
+#include <QByteArray>
 #include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QStringList>
 
 #include <cstdio>
 #include <cstdlib>
@@ -30,6 +34,27 @@ constexpr std::uint32_t InjectBufferAddress(int channel, int buffer) {
            static_cast<std::uint32_t>(buffer) * 0x1400000;
 }
 constexpr std::uint32_t kInjectEnableMask = 0x10001C;
+
+// What the engines' log `name` (./Log/<name>/) holds so far, its files one after the other.
+inline QByteArray LogText(const QString& name) {
+    QByteArray text;
+    for (const QString& file : QDir("Log/" + name).entryList(QDir::Files, QDir::Name)) {
+        QFile in("Log/" + name + "/" + file);
+        text += in.open(QIODevice::ReadOnly) ? in.readAll() : QByteArray();
+    }
+    return text;
+}
+
+// The files of every take below `dir`, in name order.
+inline QStringList RecordedFiles(const QString& dir = "VideoRecord") {
+    QStringList files;
+    QDirIterator it(dir, QDir::Files, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        files << it.next();
+    }
+    files.sort();
+    return files;
+}
 
 class InjectTest : public ::testing::Test {
 protected:
