@@ -16,6 +16,7 @@
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -52,6 +53,12 @@ inline std::uint32_t Peek(std::uint32_t address, int card = 0) {
     }
     EXPECT_TRUE(KvPCIeSim::PeekRegister(card, address, value));
     return value;
+}
+
+// The facade's last error text on this thread begins with `reason`.
+inline void ExpectReason(PCIeDataManager& manager, const char* reason) {
+    const std::string text = manager.LastErrorText();
+    EXPECT_EQ(text.rfind(reason, 0), 0u) << "error text: " << text;
 }
 
 inline std::uint32_t FrameNumberOf(const char* frame) {

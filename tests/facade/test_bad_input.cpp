@@ -82,11 +82,6 @@ char* DataFor(const FrameRequest& request) {
     return request.nullData ? nullptr : frame.data();
 }
 
-void ExpectReason(PCIeDataManager& manager, const char* reason) {
-    const std::string text = manager.LastErrorText();
-    EXPECT_EQ(text.rfind(reason, 0), 0u) << "error text: " << text;
-}
-
 // Nothing of a refused request reaches the card, and no channel starts.
 void ExpectCardUntouched(PCIeDataManager& manager) {
     EXPECT_TRUE(KvPCIeSim::TakeAccessLog(0).empty());

@@ -33,10 +33,6 @@ protected:
         }
         return writes;
     }
-    void ExpectReason(const char* reason) {
-        const std::string text = manager.LastErrorText();
-        EXPECT_EQ(text.rfind(reason, 0), 0u) << "error text: " << text;
-    }
 };
 
 QByteArray Bytes(int size, int seed) {
@@ -69,9 +65,9 @@ TEST_F(Command, ASixByteCommandGoesOutAsTwoWordsAndControlWord0x405) {
 TEST_F(Command, The1024ByteLimitIsTheMailboxAndLongerOrMisdirectedCommandsAreRefused) {
     KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log");
     EXPECT_FALSE(manager.WriteControlCmd(3, Bytes(1025, 0)));
-    ExpectReason("command of 1,025 bytes exceeds 1,024 bytes");
+    ExpectReason(manager, "command of 1,025 bytes exceeds 1,024 bytes");
     EXPECT_FALSE(manager.WriteControlCmd(4, Bytes(4, 0)));
-    ExpectReason("channel 4 is outside 0 to 3");
+    ExpectReason(manager, "channel 4 is outside 0 to 3");
     EXPECT_FALSE(manager.WriteControlCmd(-1, Bytes(4, 0)));
     EXPECT_TRUE(Accesses(CardAccess::RegisterWrite).empty());
 
@@ -133,7 +129,7 @@ TEST_F(Command, AnEmptyCommandIsNeverSent) {
     KVPCIE_IN_PROCESS_CARD_ONLY("it reads the card's access log");
     const auto started = std::chrono::steady_clock::now();
     EXPECT_FALSE(manager.WriteControlCmd(0, QByteArray()));
-    ExpectReason("the command is empty");
+    ExpectReason(manager, "the command is empty");
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(40));
     EXPECT_TRUE(MailboxWrites(0).empty());
     EXPECT_EQ(Peek(ControlBlock(0) + kCtlCommandsTaken), 0u);
