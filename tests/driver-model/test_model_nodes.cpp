@@ -9,9 +9,9 @@
 
 #include "sim/SimRiffaDevice.h"
 
-#include <gtest/gtest.h>
+#include "../support/ScratchPath.h"
 
-#include <unistd.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -227,33 +227,8 @@ TEST(InodeTable, EachPathKeepsOneNumberAndTheRootIsFusesRoot) {
     EXPECT_EQ(InodeTable::ChildPath("/dev", "xdma0_user"), "/dev/xdma0_user");
 }
 
-// A directory of its own under the temporary directory, removed with everything in it.
-class ScratchDirectory {
-public:
-    ScratchDirectory() {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "simd-mount.XXXXXX").string();
-        if (::mkdtemp(pattern.data()) != nullptr) {
-            path_ = std::filesystem::canonical(pattern).string();
-        }
-    }
-    ~ScratchDirectory() {
-        std::error_code ignored;
-        if (!path_.empty()) {
-            std::filesystem::remove_all(path_, ignored);
-        }
-    }
-    ScratchDirectory(const ScratchDirectory&) = delete;
-    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-    const std::string& Path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
 TEST(MountTablePath, EveryNameOfADirectoryResolvesToItsOnePath) {
-    ScratchDirectory scratch;
-    ASSERT_FALSE(scratch.Path().empty());
+    const testing::ScratchPath scratch;
     const std::string root = scratch.Path() + "/root";
     std::filesystem::create_directories(root + "/sub");
     std::filesystem::create_directory_symlink(root, scratch.Path() + "/link");
@@ -272,8 +247,7 @@ TEST(MountTablePath, EveryNameOfADirectoryResolvesToItsOnePath) {
 }
 
 TEST(MountTablePath, ALoopOfLinksIsRefused) {
-    ScratchDirectory scratch;
-    ASSERT_FALSE(scratch.Path().empty());
+    const testing::ScratchPath scratch;
     std::filesystem::create_symlink("b", scratch.Path() + "/a");
     std::filesystem::create_symlink("a", scratch.Path() + "/b");
     errno = 0;
@@ -284,8 +258,7 @@ TEST(MountTablePath, ALoopOfLinksIsRefused) {
 }
 
 TEST(MountLock, OneHolderPerDirectoryUnderAnyNameUntilItGoes) {
-    ScratchDirectory scratch;
-    ASSERT_FALSE(scratch.Path().empty());
+    const testing::ScratchPath scratch;
     const std::string root = scratch.Path() + "/root";
     std::filesystem::create_directory(root);
     std::filesystem::create_directory_symlink(root, scratch.Path() + "/link");

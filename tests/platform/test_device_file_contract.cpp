@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #ifdef __linux__
+#include "../support/ScratchPath.h"
 #include "platform/linux/LinuxDeviceFile.h"
 
 #include <fcntl.h>
@@ -65,14 +66,8 @@ public:
                 ::close(fd);
             }
         }
-        if (!dir_.empty()) {
-            std::filesystem::remove_all(dir_);
-        }
     }
     std::string Prepare() {
-        char pattern[] = "/tmp/kvpcie-contract-XXXXXX";
-        EXPECT_NE(::mkdtemp(pattern), nullptr);
-        dir_ = pattern;
         EXPECT_EQ(::pipe2(pipe_, O_CLOEXEC), 0);
         for (const auto& [name, size] :
              {std::pair{"user", kRegisterBytes}, std::pair{"memory", kMemoryBytes}}) {
@@ -97,7 +92,8 @@ public:
     void Quiet() {}
 
 private:
-    std::filesystem::path dir_;
+    ::kvpcie::testing::ScratchPath scratch_;
+    const std::filesystem::path dir_ = scratch_.Dir();
     int pipe_[2] = {-1, -1};
 };
 #endif

@@ -7,6 +7,8 @@
 #include "platform/linux/LinuxDeviceFile.h"
 #include "platform/linux/LinuxDeviceInterfaces.h"
 
+#include "../support/ScratchPath.h"
+
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -31,12 +33,6 @@ using linux_backend::NodeKind;
 
 class TempDir : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/kvpcie-linux-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(dir_); }
     std::string Put(const std::string& name, const std::string& text) {
         const fs::path path = dir_ / name;
         fs::create_directories(path.parent_path());
@@ -47,7 +43,8 @@ protected:
         std::ifstream in(dir_ / name);
         return std::string(std::istreambuf_iterator<char>(in), {});
     }
-    fs::path dir_;
+    testing::ScratchPath scratch_;
+    const fs::path dir_ = scratch_.Dir();
 };
 
 using LinuxFiles = TempDir;
@@ -117,9 +114,9 @@ TEST_F(LinuxRestart, RemovesAndRescansOnlyXilinxDevices) {
     Put("devices/0000:00:02.0/vendor", "0x8086\n");
     Put("devices/0000:00:02.0/remove", "");
     Put("rescan", "");
-    testing::internal::CaptureStderr();
+    ::testing::internal::CaptureStderr();
     linux_backend::RestartXilinxDevicesUnder(dir_.string());
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(Get("devices/0000:01:00.0/remove"), "1");
     EXPECT_EQ(Get("rescan"), "1");
     EXPECT_EQ(Get("devices/0000:00:02.0/remove"), "");
@@ -129,9 +126,9 @@ TEST_F(LinuxRestart, SaysOnceWhenTheRestartIsNotPermitted) {
     Put("devices/0000:01:00.0/vendor", "0x10EE\n");  // no writable "remove" in either device
     Put("devices/0000:02:00.0/vendor", "0x10ee\n");
     Put("rescan", "");
-    testing::internal::CaptureStderr();
+    ::testing::internal::CaptureStderr();
     linux_backend::RestartXilinxDevicesUnder(dir_.string());
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
               "kvpcie: cannot restart PCI device 0000:01:00.0: " + ErrorText(ENOENT) +
                   "; continuing without a restart\n");
     EXPECT_EQ(Get("rescan"), "");

@@ -4,6 +4,8 @@
 #include "platform/DeviceFile.h"
 #include "platform/SystemError.h"
 
+#include "../support/ScratchPath.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -16,27 +18,18 @@ namespace kvpcie::platform {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::ScratchPath;
 
 class PlainFiles : public ::testing::Test {
 protected:
-    void SetUp() override {
-        dir_ = fs::temp_directory_path() /
-               ("kvpcie-files-" +
-                std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-        fs::remove_all(dir_);
-        fs::create_directories(dir_);
-    }
-    void TearDown() override {
-        std::error_code ignored;
-        fs::remove_all(dir_, ignored);
-    }
     std::string Make(const char* name) {
         const fs::path path = dir_ / name;
         std::ofstream(path, std::ios::binary).flush();
         return path.string();
     }
 
-    fs::path dir_;
+    ScratchPath scratch_;
+    const fs::path dir_ = scratch_.Dir();
 };
 
 TEST_F(PlainFiles, SixteenMebibytesGoOutInPiecesAndComeBackWhole) {
