@@ -17,32 +17,15 @@ TEST(CoreTable, HandsOutTheLowestFreeCoreAndSharesCoreZeroWhenExhausted) {
     }
     EXPECT_EQ(manager.GetIdealCpuCoreIndex(), 0u);
     EXPECT_EQ(manager.GetIdealCpuCoreIndex(), 0u);
-
-    manager.ResetUsedCpuCoreIndex(cores - 1);
-    EXPECT_EQ(manager.GetIdealCpuCoreIndex(), cores - 1);
+    // Cores outside the table are never handed out.
+    manager.ResetUsedCpuCoreIndex(cores + 3);
+    manager.ResetUsedCpuCoreIndex(0xFFFFFFFFu);
     EXPECT_EQ(manager.GetIdealCpuCoreIndex(), 0u);
-}
-
-TEST(CoreTable, AReturnedCoreBelowOthersIsTakenFirst) {
-    PCIeDataManager manager;
-    const unsigned cores = static_cast<unsigned>(std::max(1, QThread::idealThreadCount()));
-    for (unsigned core = 0; core < cores; ++core) {
-        manager.GetIdealCpuCoreIndex();
-    }
+    // Returned cores are taken again, the lowest first.
     manager.ResetUsedCpuCoreIndex(cores - 1);
     manager.ResetUsedCpuCoreIndex(0);
     EXPECT_EQ(manager.GetIdealCpuCoreIndex(), 0u);
     EXPECT_EQ(manager.GetIdealCpuCoreIndex(), cores - 1);
-}
-
-TEST(CoreTable, CoresOutsideTheTableAreNeverHandedOut) {
-    PCIeDataManager manager;
-    const unsigned cores = static_cast<unsigned>(std::max(1, QThread::idealThreadCount()));
-    for (unsigned core = 0; core < cores; ++core) {
-        manager.GetIdealCpuCoreIndex();
-    }
-    manager.ResetUsedCpuCoreIndex(cores + 3);
-    manager.ResetUsedCpuCoreIndex(0xFFFFFFFFu);
     EXPECT_EQ(manager.GetIdealCpuCoreIndex(), 0u);
 }
 
