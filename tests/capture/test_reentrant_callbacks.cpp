@@ -74,9 +74,7 @@ TEST_F(Reentrant, AStopOfTheOwnChannelTakesEffectWhenTheCallbackReturns) {
         EXPECT_EQ(sink.afterStop, 0);
         EXPECT_FALSE(manager.IsStartCapture(0));
         // Every frame handed to the callback is counted, the one that stopped the channel too.
-        KvCaptureStatistics stats;
-        ASSERT_TRUE(manager.GetCaptureStatistics(0, stats));
-        EXPECT_EQ(stats.framesDelivered, 3u);
+        EXPECT_EQ(CaptureStats(0).framesDelivered, 3u);
         // The last channel stopped: once the callback has returned, the polling thread has
         // ended and every core the capture took is free again.
         EXPECT_TRUE(WaitFor([&] { return FreeCores() == idleCores; }))
@@ -118,9 +116,7 @@ TEST_F(Reentrant, ARestartOfTheOwnChannelDeliversTheNewRunToTheNewContext) {
         EXPECT_EQ(second.badFrames, 0);
         EXPECT_EQ(second.Numbers(), (std::vector<std::uint32_t>{0, 1, 2}));
         // The counts start again with the new run: the frame of the old one is not among them.
-        KvCaptureStatistics stats;
-        ASSERT_TRUE(manager.GetCaptureStatistics(0, stats));
-        EXPECT_EQ(stats.framesDelivered, 3u);
+        EXPECT_EQ(CaptureStats(0).framesDelivered, 3u);
         manager.StopCapture(0);
     });
 }
@@ -148,8 +144,7 @@ TEST_F(Reentrant, OtherChannelsRecordingsCommandsAndInjectionFromInsideACallback
                 manager.StopRecord(0);
                 manager.StopCapture(1);
                 manager.StopInject(2);
-                KvCaptureStatistics stats;
-                EXPECT_TRUE(manager.GetCaptureStatistics(0, stats));
+                CaptureStats(0);
                 ++steps;
             }
         };
@@ -164,9 +159,7 @@ TEST_F(Reentrant, OtherChannelsRecordingsCommandsAndInjectionFromInsideACallback
         EXPECT_FALSE(manager.IsStartCapture(1));
         EXPECT_FALSE(manager.IsStartInject(2));
         // The recording held the one frame that came while it ran.
-        KvCaptureStatistics stats;
-        ASSERT_TRUE(manager.GetCaptureStatistics(0, stats));
-        EXPECT_EQ(stats.framesRecorded, 1u);
+        EXPECT_EQ(CaptureStats(0).framesRecorded, 1u);
         manager.StopCapture(0);
     });
 }

@@ -28,16 +28,6 @@ protected:
     bool StartQuiet(int channel, FrameSink& sink) {
         return StartQuietCapture(channel, kWidth, kHeight, &FrameSink::OnFrameEx, sink);
     }
-    KvCaptureStatistics CaptureStats(int channel) {
-        KvCaptureStatistics stats;
-        EXPECT_TRUE(manager.GetCaptureStatistics(channel, stats));
-        return stats;
-    }
-    KvInjectStatistics InjectStats(int channel) {
-        KvInjectStatistics stats;
-        EXPECT_TRUE(manager.GetInjectStatistics(channel, stats));
-        return stats;
-    }
 };
 
 TEST_F(Statistics, CaptureCountsMatchTheCardsAndStartAgainWithEachStart) {

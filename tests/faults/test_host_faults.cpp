@@ -86,8 +86,7 @@ TEST_F(HostFaults, AFullDiskStopsTheRecordingFileButNeverTheCapture) {
     EXPECT_GE(QFileInfo(files[0]).size(), static_cast<qint64>(10 * kFaultFrameBytes));
     EXPECT_LE(QFileInfo(files[0]).size(), static_cast<qint64>(kLimit));
     // The statistics count the whole frames written and every frame that did not fit.
-    KvCaptureStatistics stats;
-    ASSERT_TRUE(manager.GetCaptureStatistics(0, stats));
+    const KvCaptureStatistics stats = CaptureStats(0);
     EXPECT_EQ(stats.framesRecorded, 10u);
     EXPECT_EQ(stats.bytesRecorded, 10 * kFaultFrameBytes);
     EXPECT_GE(stats.framesNotRecorded, 70u);  // at least 80 came while it recorded

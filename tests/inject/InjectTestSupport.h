@@ -87,6 +87,16 @@ protected:
         EXPECT_EQ(error, ERR_NONE);
         return started;
     }
+    KvCaptureStatistics CaptureStats(int channel) {
+        KvCaptureStatistics stats;
+        EXPECT_TRUE(manager.GetCaptureStatistics(channel, stats));
+        return stats;
+    }
+    KvInjectStatistics InjectStats(int channel) {
+        KvInjectStatistics stats;
+        EXPECT_TRUE(manager.GetInjectStatistics(channel, stats));
+        return stats;
+    }
     void Poke(std::uint32_t address, std::uint32_t value) {
         ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, address, value));
     }

@@ -236,9 +236,7 @@ TEST_F(Inject, ALaterFrameIsQueuedWhateverItsOtherFields) {
             << manager.LastErrorText();
         EXPECT_EQ(error, ERR_NONE);
     }
-    KvInjectStatistics counts;
-    ASSERT_TRUE(manager.GetInjectStatistics(1, counts));
-    EXPECT_EQ(counts.framesQueued, 5u);
+    EXPECT_EQ(InjectStats(1).framesQueued, 5u);
     // The channel and the data still count.
     EXPECT_FALSE(manager.StartInject(1, 0, 64, 32, Y16, 0, nullptr, error));
     EXPECT_FALSE(manager.StartInject(4, 50, 64, 32, Y16, 0, frame.data(), error));
@@ -284,8 +282,7 @@ TEST_F(Inject, BuffersGoOverInRingOrderEachWithAFrameAndTheSixteenthFrameWaitsFo
     // The start cleared every status before the worker began.
     ASSERT_GE(handovers.size(), 16u);
     EXPECT_EQ(std::vector<std::uint32_t>(handovers.begin() + 16, handovers.end()), expected);
-    KvInjectStatistics stats;
-    ASSERT_TRUE(manager.GetInjectStatistics(0, stats));
+    const KvInjectStatistics stats = InjectStats(0);
     EXPECT_EQ(stats.framesToCard, 1u);
     EXPECT_EQ(stats.periodsWithoutFrame, 7u);
 
@@ -389,11 +386,8 @@ TEST_F(Inject, TheFrameCounterIsStampedLittleEndianOverTheFirstPixel) {
         for (int n = 0; n < c.frames; ++n) {
             ASSERT_TRUE(Offer(3, 1000, kWidth, kHeight, c.type, frame));
         }
-        KvInjectStatistics stats;
-        ASSERT_TRUE(WaitFor([&] {
-            return manager.GetInjectStatistics(3, stats) &&
-                   stats.framesToCard == static_cast<std::uint64_t>(c.frames);
-        }));
+        ASSERT_TRUE(
+            WaitFor([&] { return InjectStats(3).framesToCard == std::uint64_t(c.frames); }));
         // Stopped, the worker moves nothing more: card memory holds what the log says.
         manager.StopInject(3);
         ASSERT_TRUE(GatherTransfers(transfers, static_cast<std::size_t>(c.frames)));
