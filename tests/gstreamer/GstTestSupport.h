@@ -148,6 +148,16 @@ public:
         return message;
     }
 
+    // True when the stream's end, and not an error, comes next on the bus.
+    bool EndsInEos() {
+        GstMessage* message = WaitFor(GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+        const bool eos = message != nullptr && GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS;
+        if (message != nullptr) {
+            gst_message_unref(message);
+        }
+        return eos;
+    }
+
     // The text of the first error on the bus within `timeout`; "" when none came.
     std::string ErrorText(GstClockTime timeout = 10 * GST_SECOND) {
         GstMessage* message = WaitFor(GST_MESSAGE_ERROR, timeout);
