@@ -10,6 +10,8 @@
 #include "platform/DeviceInterfaces.h"
 #include "platform/SystemError.h"
 
+#include "../support/TestCard.h"
+
 #ifdef _WIN32
 #include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDevice.h"
 
@@ -21,7 +23,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -38,20 +39,11 @@ constexpr std::uint32_t kCaptureEnable = 0x100018;
 class ModelBackend : public ::testing::Test {
 protected:
     void SetUp() override {
-        const char* root = std::getenv("KVPCIE_MODEL_ROOT");
-        if (root == nullptr || *root == '\0') {
-            GTEST_SKIP() << "runs against kvpcie-simd: start it through with-model.sh";
+        card_ = testing::OnDriverModel() ? testing::TestCardPath() : "";
+        if (card_.empty()) {
+            GTEST_SKIP() << "runs against the driver model: start it through with-model.sh "
+                            "(kvpcie-simd) or with-wine-model.sh (the Windows driver model)";
         }
-#ifdef _WIN32
-        const char* card = std::getenv("KVPCIE_MODEL_CARD");
-        if (card == nullptr || *card == '\0') {
-            GTEST_SKIP() << "runs against the Windows driver model: start it through "
-                            "with-wine-model.sh";
-        }
-        card_ = card;
-#else
-        card_ = std::string(root) + "/dev/xdma0";
-#endif
         user_ = Open("user", kAccessReadWrite);
         ASSERT_NE(user_, nullptr) << ErrorText(LastError());
     }

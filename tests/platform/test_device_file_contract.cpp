@@ -4,6 +4,7 @@
 // the OS layer (run through driver-model/with-model.sh or with-wine-model.sh; skipped, saying
 // so, without the model).
 #include "../support/Environment.h"
+#include "../support/TestCard.h"
 #include "../support/WaitFor.h"
 #include "platform/DeviceFile.h"
 #include "platform/SystemError.h"
@@ -103,19 +104,11 @@ public:
     static constexpr const char* kName = "DriverModel";
     ~DriverModel() { Quiet(); }
     std::string Prepare() {
-        const char* root = std::getenv("KVPCIE_MODEL_ROOT");
-        if (root == nullptr || *root == '\0') {
-            return "runs against kvpcie-simd: start it through with-model.sh";
+        card_ = ::kvpcie::testing::OnDriverModel() ? ::kvpcie::testing::TestCardPath() : "";
+        if (card_.empty()) {
+            return "runs against the driver model: start it through with-model.sh (kvpcie-simd) "
+                   "or with-wine-model.sh (the Windows driver model)";
         }
-#ifdef _WIN32
-        const char* card = std::getenv("KVPCIE_MODEL_CARD");
-        if (card == nullptr || *card == '\0') {
-            return "runs against the Windows driver model: start it through with-wine-model.sh";
-        }
-        card_ = card;
-#else
-        card_ = std::string(root) + "/dev/xdma0";
-#endif
         registers_ = Open("user", kAccessReadWrite);
         EXPECT_NE(registers_, nullptr) << ErrorText(LastError());
         return "";
