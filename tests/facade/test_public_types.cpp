@@ -21,18 +21,6 @@ TEST(PublicTypes, BytesPerPixelAndFrameSize) {
     EXPECT_EQ(KvFrameSizeBytes(Y8, -1, 10), 0u);
 }
 
-TEST(PublicTypes, FrameFormatDefaults) {
-    const KvFrameFormat format;
-    EXPECT_EQ(format.channel, 0u);
-    EXPECT_EQ(format.width, 1280);
-    EXPECT_EQ(format.height, 1024);
-    EXPECT_EQ(format.height2, 0);
-    EXPECT_EQ(format.paramLines, 0);
-    EXPECT_EQ(format.frameRate, 50);
-    EXPECT_EQ(format.param6, 2);
-    EXPECT_EQ(format.linePeriod, 0);
-}
-
 TEST(PublicTypes, VersionOfHeadersAndLibraryAgree) {
     EXPECT_STREQ(KvPCIeInjectSdkVersionString(), KVPCIE_VERSION_STRING);
     EXPECT_EQ(KVPCIE_VERSION >> 16, KVPCIE_VERSION_MAJOR);
