@@ -23,29 +23,40 @@ constexpr int kFaultWidth = 160;
 constexpr int kFaultHeight = 120;
 constexpr std::size_t kFaultFrameBytes = kFaultWidth * kFaultHeight * 2;  // Y16
 
-// Runs `call` on this thread (the facade's control thread) while a watchdog gives it `limit` to
-// return. A call that hangs ends the process with a message naming it: a hang cannot be
-// recovered from inside the suite.
+// Ends the process with a message naming `what` unless it is destroyed within `limit`: a hang
+// cannot be recovered from inside the suite.
+class Watchdog {
+public:
+    explicit Watchdog(const char* what, std::chrono::milliseconds limit = std::chrono::seconds(10))
+        : thread_([this, what, limit] {
+              std::unique_lock<std::mutex> lock(mutex_);
+              if (!returned_.wait_for(lock, limit, [this] { return done_; })) {
+                  std::fprintf(stderr, "hang: %s did not return within %lld ms\n", what,
+                               static_cast<long long>(limit.count()));
+                  std::abort();
+              }
+          }) {}
+    ~Watchdog() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            done_ = true;
+        }
+        returned_.notify_one();
+        thread_.join();
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable returned_;
+    bool done_ = false;
+    std::thread thread_;  // last: it starts once the members it uses exist
+};
+
+// Runs `call` on this thread (the facade's control thread) under a watchdog.
 inline void ReturnsWithin(const char* what, const std::function<void()>& call,
                           std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-    std::mutex mutex;
-    std::condition_variable returned;
-    bool done = false;
-    std::thread watchdog([&] {
-        std::unique_lock<std::mutex> lock(mutex);
-        if (!returned.wait_for(lock, limit, [&] { return done; })) {
-            std::fprintf(stderr, "hang: %s did not return within %lld ms\n", what,
-                         static_cast<long long>(limit.count()));
-            std::abort();
-        }
-    });
+    const Watchdog watchdog(what, limit);
     call();
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        done = true;
-    }
-    returned.notify_one();
-    watchdog.join();
 }
 
 // A frame sink that also counts the callbacks that came after its channel was stopped.
