@@ -38,6 +38,35 @@ unsigned PatternByte(std::size_t k, std::uint32_t n) {
     return static_cast<unsigned>((k + n) % 256);
 }
 
+// What the inspector says of pixel `pixel` of frame n of the card's pattern, worked out from
+// the pattern's bytes.
+QString ExpectedPixelText(ePixelType type, std::size_t pixel, std::uint32_t n) {
+    const auto b = [n](std::size_t k) { return PatternByte(k, n); };
+    const auto word = [&b](std::size_t k) {
+        const unsigned value = b(k) | b(k + 1) << 8;
+        return QStringLiteral("%1 (0x%2)").arg(value).arg(value, 4, 16, QLatin1Char('0'));
+    };
+    const std::size_t pair = (pixel & ~std::size_t{1}) * 2;
+    switch (type) {
+        case Y8:
+            return QString::number(b(pixel));
+        case Y16:
+            return word(2 * pixel);
+        case UYVY422:
+            return QStringLiteral("Y %1 U %2 V %3")
+                .arg(b(pair + 1 + (pixel & 1) * 2))
+                .arg(b(pair))
+                .arg(b(pair + 2));
+        case Y16_Y8:
+            return word(3 * pixel) + QStringLiteral(", Y8 %1").arg(b(3 * pixel + 2));
+        default:
+            return QStringLiteral("B %1 G %2 R %3")
+                .arg(b(3 * pixel))
+                .arg(b(3 * pixel + 1))
+                .arg(b(3 * pixel + 2));
+    }
+}
+
 }  // namespace
 
 class StudioTest : public QObject {
@@ -188,41 +217,8 @@ void StudioTest::theInspectorShowsTheCardPatternsValue() {
     QApplication::sendEvent(display, &move);
 
     const std::vector<char>& frame = window_->Inspect()->InspectedFrame();
-    const std::uint32_t n = FrameNumber(frame);
     const std::size_t pixel = std::size_t(y) * format.width + x;
-    QString expected;
-    switch (format.pixelType) {
-        case Y8:
-            expected = QString::number(PatternByte(pixel, n));
-            break;
-        case Y16: {
-            const unsigned value = PatternByte(2 * pixel, n) | PatternByte(2 * pixel + 1, n) << 8;
-            expected = QStringLiteral("%1 (0x%2)").arg(value).arg(value, 4, 16, QLatin1Char('0'));
-            break;
-        }
-        case UYVY422: {
-            const std::size_t pair = (pixel & ~std::size_t{1}) * 2;
-            expected = QStringLiteral("Y %1 U %2 V %3")
-                           .arg(PatternByte(pair + 1 + (pixel & 1) * 2, n))
-                           .arg(PatternByte(pair, n))
-                           .arg(PatternByte(pair + 2, n));
-            break;
-        }
-        case Y16_Y8: {
-            const unsigned value = PatternByte(3 * pixel, n) | PatternByte(3 * pixel + 1, n) << 8;
-            expected = QStringLiteral("%1 (0x%2), Y8 %3")
-                           .arg(value)
-                           .arg(value, 4, 16, QLatin1Char('0'))
-                           .arg(PatternByte(3 * pixel + 2, n));
-            break;
-        }
-        default:
-            expected = QStringLiteral("B %1 G %2 R %3")
-                           .arg(PatternByte(3 * pixel, n))
-                           .arg(PatternByte(3 * pixel + 1, n))
-                           .arg(PatternByte(3 * pixel + 2, n));
-            break;
-    }
+    const QString expected = ExpectedPixelText(format.pixelType, pixel, FrameNumber(frame));
     QCOMPARE(window_->Inspect()->InspectorText().toLower(),
              QStringLiteral("pixel (%1, %2): %3").arg(x).arg(y).arg(expected).toLower());
     // The pattern's levels are spread evenly: nearly nothing is clipped at either end.
