@@ -196,10 +196,7 @@ void StudioTest::theInspectorShowsTheCardPatternsValue() {
     QFETCH(int, y);
     QFETCH(int, zoom);
     CapturePanel* panel = window_->Capture(1);
-    CaptureFormat format;
-    format.width = 320;
-    format.height = 256;
-    format.pixelType = static_cast<ePixelType>(type);
+    const CaptureFormat format{320, 256, static_cast<ePixelType>(type), false};
     QVERIFY(panel->SetFormat(format));
     QVERIFY(panel->Start());
     window_->SetCurrentChannel(1);
@@ -231,12 +228,7 @@ void StudioTest::anInjectedPatternComesBackInThatChannelsPicture() {
     QVERIFY(WriteRegister(ControlBlock(kChannel), 1));  // capture channel 3 plays inject channel 3
     InjectPage* inject = window_->Inject();
     window_->SetCurrentChannel(kChannel);
-    InjectSource source;
-    source.width = 320;
-    source.height = 256;
-    source.pixelType = Y8;
-    source.frameRate = 25;
-    inject->ChooseSource(source);
+    inject->ChooseSource(InjectSource{QString(), 320, 256, Y8, 25, true});
     QVERIFY2(inject->Play(), qPrintable(window_->Log()->toPlainText()));
     CapturePanel* panel = window_->Capture(kChannel);
     QVERIFY(panel->Start());
@@ -320,12 +312,7 @@ void StudioTest::theFormatAndCardAreKeptForTheNextSession() {
     {
         auto first = MakeWindow(true);
         QVERIFY(first->IsCardOpen());
-        CaptureFormat format;
-        format.width = 100;
-        format.height = 60;
-        format.pixelType = BGR24;
-        format.cardTiming = true;
-        QVERIFY(first->Capture(2)->SetFormat(format));
+        QVERIFY(first->Capture(2)->SetFormat(CaptureFormat{100, 60, BGR24, true}));
         first->Shutdown();
     }
     auto second = MakeWindow(true);
