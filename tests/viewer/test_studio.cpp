@@ -5,6 +5,7 @@
 #include "ZoomView.h"
 
 #include <KvPCIeInjectSdk/GLWidget.h>
+#include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
 #include <QApplication>
 #include <QComboBox>
@@ -18,14 +19,11 @@
 #include <memory>
 
 using namespace kvpcie::viewer;
+using namespace KvPCIeSim;
 
 namespace {
 
 constexpr int kWaitMs = 15000;
-// The simulated card's control block of channel c.
-constexpr unsigned ControlBlock(int c) {
-    return 0x1F1000u + static_cast<unsigned>(c) * 0x1000u;
-}
 
 std::uint32_t FrameNumber(const std::vector<char>& frame) {
     std::uint32_t n = 0;
@@ -125,8 +123,8 @@ void StudioTest::cleanup() {
     if (window_ != nullptr) {
         // Leaves the card as it found it for the next case.
         for (int c = 0; c < 4; ++c) {
-            window_->Manager().WriteReg(ControlBlock(c), 0);
-            window_->Manager().WriteReg(ControlBlock(c) + 0x04, 25);
+            window_->Manager().WriteReg(ControlBlock(c) + kCtlCaptureSource, 0);
+            window_->Manager().WriteReg(ControlBlock(c) + kCtlExternalFrameRate, 25);
         }
         window_->Shutdown();
     }
@@ -225,7 +223,8 @@ void StudioTest::theInspectorShowsTheCardPatternsValue() {
 
 void StudioTest::anInjectedPatternComesBackInThatChannelsPicture() {
     constexpr int kChannel = 3;
-    QVERIFY(WriteRegister(ControlBlock(kChannel), 1));  // capture channel 3 plays inject channel 3
+    QVERIFY(WriteRegister(ControlBlock(kChannel) + kCtlCaptureSource,
+                          1));  // capture channel 3 plays inject channel 3
     InjectPage* inject = window_->Inject();
     window_->SetCurrentChannel(kChannel);
     inject->ChooseSource(InjectSource{QString(), 320, 256, Y8, 25, true});
@@ -255,7 +254,8 @@ void StudioTest::aCommandIsSentAndCounted() {
     CommandPage* commands = window_->Commands();
     QVERIFY(commands->Send(QStringLiteral("55 aa 01 02 03")));
     // The card took the command's 5 bytes from its mailbox.
-    QTRY_COMPARE_WITH_TIMEOUT(window_->Manager().ReadReg(ControlBlock(1) + 0x2C), 5u, kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(window_->Manager().ReadReg(ControlBlock(1) + kCtlLastCommandLength),
+                              5u, kWaitMs);
     QTRY_VERIFY_WITH_TIMEOUT(commands->StatisticsText().contains(QStringLiteral("sent 1 ")),
                              kWaitMs);
     QCOMPARE(commands->History().value(0), QStringLiteral("55 aa 01 02 03"));
@@ -277,9 +277,10 @@ void StudioTest::aStatusBlockOfTheCardAppears() {
         unsigned value = 0;
         std::memcpy(&value, block.constData() + 4 * word,
                     std::min<std::size_t>(4, std::size_t(block.size()) - 4 * word));
-        QVERIFY(WriteRegister(ControlBlock(kChannel) + 0x400 + 4 * unsigned(word), value));
+        QVERIFY(
+            WriteRegister(ControlBlock(kChannel) + kCtlStatusStaging + 4 * unsigned(word), value));
     }
-    QVERIFY(WriteRegister(ControlBlock(kChannel) + 0x28, unsigned(block.size())));
+    QVERIFY(WriteRegister(ControlBlock(kChannel) + kCtlPostStatus, unsigned(block.size())));
     QTRY_COMPARE_WITH_TIMEOUT(status->Blocks(kChannel), std::uint64_t{1}, kWaitMs);
     QCOMPARE(status->LastBlock(kChannel), block);
     QCOMPARE(status->Bytes(kChannel), std::uint64_t(block.size()));
@@ -292,7 +293,7 @@ void StudioTest::aStatusBlockOfTheCardAppears() {
 
 void StudioTest::aRegisterWrittenInThePanelReadsBack() {
     RegisterPage* registers = window_->Registers();
-    const unsigned rate = ControlBlock(3) + 0x04;
+    const unsigned rate = ControlBlock(3) + kCtlExternalFrameRate;
     registers->Watch(rate);
     // Declined: nothing is written.
     registers->SetConfirmation([](const QString&) { return false; });

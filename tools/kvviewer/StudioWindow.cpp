@@ -4,6 +4,7 @@
 #include "ZoomView.h"
 
 #include <KvPCIeInjectSdk/GLWidget.h>
+#include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
 #include <QAction>
 #include <QCloseEvent>
@@ -150,7 +151,8 @@ void StudioWindow::BuildActions() {
         const QString file = QStringLiteral("snapshot_ch%1.png").arg(current_);
         Capture(current_)->SaveSnapshot(file);
     });
-    add(tr("Fit"), QKeySequence(Qt::CTRL + Qt::Key_0), [this] { Capture(current_)->View()->Fit(); });
+    add(tr("Fit"), QKeySequence(Qt::CTRL + Qt::Key_0),
+        [this] { Capture(current_)->View()->Fit(); });
     add(tr("1:1"), QKeySequence(Qt::CTRL + Qt::Key_1),
         [this] { Capture(current_)->View()->ActualSize(); });
     add(tr("Zoom in"), QKeySequence::ZoomIn, [this] { Capture(current_)->View()->ZoomBy(1.25); });
@@ -207,15 +209,13 @@ bool StudioWindow::StartChosenChannels() {
 }
 
 bool StudioWindow::StartDemo() {
-    constexpr unsigned kIdentity = 0x1F0000;
-    constexpr unsigned kSimulatedCard = 0x53494D31;
-    constexpr unsigned kLoopbackOfChannel1 = 0x1F2000;
+    using namespace KvPCIeSim;
     constexpr int kLoopChannel = 1;
-    if (!cardOpen_ || manager_.ReadReg(kIdentity) != kSimulatedCard) {
+    if (!cardOpen_ || manager_.ReadReg(kRegIdentity) != kIdentityValue) {
         log_->Add(tr("the demo needs the simulated card (--sim)"));
         return false;
     }
-    manager_.WriteReg(kLoopbackOfChannel1, 1);
+    manager_.WriteReg(ControlBlock(kLoopChannel) + kCtlCaptureSource, 1);
     log_->Add(tr("demo: capture channel 1 plays what inject channel 1 plays"));
     const CaptureFormat format = Capture(kLoopChannel)->Format();
     InjectSource source;
@@ -272,8 +272,7 @@ QImage StudioWindow::PicturesShot() {
             QRect(display->mapTo(pictures_, QPoint(0, 0)), display->size())
                 .intersected(QRect(panel->View()->viewport()->mapTo(pictures_, QPoint(0, 0)),
                                    panel->View()->viewport()->size()));
-        const QRect source(shown.topLeft() - display->mapTo(pictures_, QPoint(0, 0)),
-                           shown.size());
+        const QRect source(shown.topLeft() - display->mapTo(pictures_, QPoint(0, 0)), shown.size());
         painter.drawImage(shown, display->grabFramebuffer(), source);
     }
     return shot;
