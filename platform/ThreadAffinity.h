@@ -14,6 +14,8 @@ constexpr std::uint64_t AffinityMaskForCore(unsigned core) {
 // False when the core cannot be named or the OS refuses (a core outside the process's CPU
 // set); the thread then keeps running where the scheduler puts it.
 bool PinThreadToCore(std::thread& thread, unsigned core);
+// The same for the calling thread: a worker that starts itself again pins itself.
+bool PinThisThreadToCore(unsigned core);
 
 // Called on a worker thread that polls with short sleeps: its sleeps end as close to the
 // asked time as the OS allows, instead of being stretched to batch wake-ups, and where the OS

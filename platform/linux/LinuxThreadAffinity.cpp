@@ -15,21 +15,37 @@
 
 namespace kvpcie::platform {
 
-bool PinThreadToCore(std::thread& thread, unsigned core) {
+namespace {
+
+bool PinPthreadToCore(pthread_t thread, unsigned core) {
     // Cores past a 64-bit mask stay unpinned, as on Windows.
-    if (AffinityMaskForCore(core) == 0 || !thread.joinable()) {
+    if (AffinityMaskForCore(core) == 0) {
         SetLastError(EINVAL);
         return false;
     }
     cpu_set_t cores;
     CPU_ZERO(&cores);
     CPU_SET(core, &cores);
-    const int error = ::pthread_setaffinity_np(thread.native_handle(), sizeof cores, &cores);
+    const int error = ::pthread_setaffinity_np(thread, sizeof cores, &cores);
     if (error != 0) {
         SetLastError(error);
         return false;
     }
     return true;
+}
+
+}  // namespace
+
+bool PinThreadToCore(std::thread& thread, unsigned core) {
+    if (!thread.joinable()) {
+        SetLastError(EINVAL);
+        return false;
+    }
+    return PinPthreadToCore(thread.native_handle(), core);
+}
+
+bool PinThisThreadToCore(unsigned core) {
+    return PinPthreadToCore(::pthread_self(), core);
 }
 
 namespace {

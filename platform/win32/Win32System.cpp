@@ -60,23 +60,38 @@ LocalTime LocalTimeNow() {
                      now.wMinute, now.wSecond, now.wMilliseconds};
 }
 
-bool PinThreadToCore(std::thread& thread, unsigned core) {
+namespace {
+
+bool PinHandleToCore(HANDLE handle, unsigned core) {
     const std::uint64_t mask = AffinityMaskForCore(core);
-    if (mask == 0 || !thread.joinable()) {
+    if (mask == 0) {
         SetLastError(Error::InvalidParameter);
         return false;
     }
-#if defined(__MINGW32__)
-    // mingw's std::thread is a winpthreads thread; the call takes its Win32 handle.
-    const HANDLE handle = pthread_gethandle(thread.native_handle());
-#else
-    const HANDLE handle = static_cast<HANDLE>(thread.native_handle());
-#endif
     if (::SetThreadAffinityMask(handle, static_cast<DWORD_PTR>(mask)) == 0) {
         SetLastError(static_cast<int>(::GetLastError()));
         return false;
     }
     return true;
+}
+
+}  // namespace
+
+bool PinThreadToCore(std::thread& thread, unsigned core) {
+    if (!thread.joinable()) {
+        SetLastError(Error::InvalidParameter);
+        return false;
+    }
+#if defined(__MINGW32__)
+    // mingw's std::thread is a winpthreads thread; the call takes its Win32 handle.
+    return PinHandleToCore(pthread_gethandle(thread.native_handle()), core);
+#else
+    return PinHandleToCore(static_cast<HANDLE>(thread.native_handle()), core);
+#endif
+}
+
+bool PinThisThreadToCore(unsigned core) {
+    return PinHandleToCore(::GetCurrentThread(), core);
 }
 
 void UsePreciseSleeps() {

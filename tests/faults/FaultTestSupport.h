@@ -6,6 +6,7 @@
 #include "../capture/CaptureTestSupport.h"
 #include "../inject/InjectTestSupport.h"
 #include "../support/TempDir.h"
+#include "../support/Watchdog.h"
 
 #include <QDir>
 
@@ -22,35 +23,6 @@ namespace kvpcie::testing {
 constexpr int kFaultWidth = 160;
 constexpr int kFaultHeight = 120;
 constexpr std::size_t kFaultFrameBytes = kFaultWidth * kFaultHeight * 2;  // Y16
-
-// Ends the process with a message naming `what` unless it is destroyed within `limit`: a hang
-// cannot be recovered from inside the suite.
-class Watchdog {
-public:
-    explicit Watchdog(const char* what, std::chrono::milliseconds limit = std::chrono::seconds(10))
-        : thread_([this, what, limit] {
-              std::unique_lock<std::mutex> lock(mutex_);
-              if (!returned_.wait_for(lock, limit, [this] { return done_; })) {
-                  std::fprintf(stderr, "hang: %s did not return within %lld ms\n", what,
-                               static_cast<long long>(limit.count()));
-                  std::abort();
-              }
-          }) {}
-    ~Watchdog() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            done_ = true;
-        }
-        returned_.notify_one();
-        thread_.join();
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable returned_;
-    bool done_ = false;
-    std::thread thread_;  // last: it starts once the members it uses exist
-};
 
 // Runs `call` on this thread (the facade's control thread) under a watchdog.
 inline void ReturnsWithin(const char* what, const std::function<void()>& call,

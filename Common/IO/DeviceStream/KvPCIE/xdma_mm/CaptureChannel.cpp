@@ -144,13 +144,19 @@ void CaptureChannel::ForgetCallbacks() {
 }
 
 void CaptureChannel::StartEventWatch(CpuCoreSource* cores, const std::string& devicePath) {
-    StopEventWatch();
+    std::lock_guard<std::mutex> watch(eventWatchLock_);
+    StopEventWatchLocked();
     const std::string path = devicePath + "\\event_" + std::to_string(channel_);
     eventFile_ = std::make_unique<EventFile>(path.c_str(), platform::kAccessRead);
     eventThread_.Start(cores, [this] { EventLoop(); }, kEventThreadNames[channel_]);
 }
 
 void CaptureChannel::StopEventWatch() {
+    std::lock_guard<std::mutex> watch(eventWatchLock_);
+    StopEventWatchLocked();
+}
+
+void CaptureChannel::StopEventWatchLocked() {
     // The pending read would wait for an event the card may never raise: end it first.
     if (eventFile_ != nullptr) {
         eventFile_->Cancel();

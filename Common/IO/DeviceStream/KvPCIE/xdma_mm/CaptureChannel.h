@@ -70,6 +70,7 @@ private:
     void ScanRing();
     // False when the callback stopped or restarted the channel: its turn ends there.
     bool HandleBuffer(unsigned buffer, std::uint32_t status);
+    void StopEventWatchLocked();
     void EventLoop();
 
     const int channel_;
@@ -92,6 +93,9 @@ private:
     int delayTestCount_ = 0;
     CaptureRecording recording_;
     CaptureStatusChannel status_;
+    // The host and a frame callback may start and stop the watch at once; the event thread
+    // itself never takes this lock, so it may be held while the thread is joined.
+    std::mutex eventWatchLock_;
     std::unique_ptr<EventFile> eventFile_;
     PinnedWorker eventThread_;
     AutoResetEvent eventObject_;

@@ -111,17 +111,27 @@ void DataCapture4XdmaMM::StopCapture(int c) {
     }
     channel.MarkStopped();
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    bool anyStarted = false;
-    for (const CaptureChannel& other : channels_) {
-        anyStarted = anyStarted || other.IsStarted();
-    }
     // From the channel's own callback the polling thread cannot wait for itself: it ends, and
     // gives its core back, once the callback has returned.
-    if (!anyStarted) {
+    if (!AnyChannelStarted()) {
         pollingThread_.Stop();
+        // A callback may have started a channel while the thread was being joined; once the
+        // join has returned no callback runs, so this look is the last word.
+        if (!OnPollingThread() && AnyChannelStarted()) {
+            pollingThread_.Start(cores_, [this] { PollingLoop(); }, "kvpcie-capture");
+        }
     }
     WriteEnableMask(c, false);
     channel.ForgetCallbacks();
+}
+
+bool DataCapture4XdmaMM::AnyChannelStarted() const {
+    for (const CaptureChannel& channel : channels_) {
+        if (channel.IsStarted()) {
+            return true;
+        }
+    }
+    return false;
 }
 
 bool DataCapture4XdmaMM::IsStartCapture(int c) const {

@@ -83,6 +83,7 @@ private:
     bool StartChannel(const KvFrameFormat& format, CaptureFrameCallback callback,
                       CaptureFrameCallbackEx callbackEx, void* userContext, char* frameBuffer);
     bool AnyRecorderRecording();
+    bool AnyChannelStarted() const;
 
     void PollingLoop();
     void RecordingLoop();
