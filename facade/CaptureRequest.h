@@ -8,3 +8,5 @@
 // geometry fields), or a frame larger than one 20 MiB card buffer.
 bool IsCaptureRequestAcceptable(unsigned channel, int width, int height, ePixelType pixelType,
                                 const char* frameBuffer);
+// The same without the buffer: the format alone.
+bool IsCaptureFormatAcceptable(unsigned channel, int width, int height, ePixelType pixelType);

@@ -9,6 +9,7 @@
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
 
 #include <cstdlib>
+#include <cstring>
 
 namespace kvpcie {
 namespace {
@@ -32,11 +33,32 @@ bool InsideCallback(PCIeDataManagerPrivate* d, const char* operation) {
     return true;
 }
 
+bool IsListed(const char* devicePath) {
+    char* paths[xdma::kPathSlots] = {};
+    const int found = xdma::XdmaGetDevices(platform::kXdmaInterfaceClass, paths);
+    bool listed = false;
+    for (int i = 0; i < found && i < xdma::kPathSlots; ++i) {
+        listed = listed || (paths[i] != nullptr && std::strcmp(paths[i], devicePath) == 0);
+    }
+    for (char* path : paths) {
+        std::free(path);
+    }
+    return listed;
+}
+
 }  // namespace
 
 bool OpenXdmaCard(PCIeDataManagerPrivate* d, char* devicePath) {
     ClearErrorText();
-    if (InsideCallback(d, "OpenCard") || CardHeldByAnother(d, "OpenCard")) {
+    if (InsideCallback(d, "OpenCard")) {
+        return false;
+    }
+    // A card that is not there is the first thing to say, before who holds the one that is.
+    if (devicePath != nullptr && IsCardHeldByAnother(d) && !IsListed(devicePath)) {
+        SetErrorText("no such card: \"%s\" is not among the listed XDMA cards", devicePath);
+        return false;
+    }
+    if (CardHeldByAnother(d, "OpenCard")) {
         return false;
     }
     bool opened = true;

@@ -20,13 +20,21 @@ constexpr int kMaxGeometryField = 0xFFFF;
 
 bool IsCaptureRequestAcceptable(unsigned channel, int width, int height, ePixelType pixelType,
                                 const char* frameBuffer) {
+    if (!IsCaptureFormatAcceptable(channel, width, height, pixelType)) {
+        return false;
+    }
+    // Last: a host that could not size a buffer for a bad format learns what is wrong with it.
+    if (frameBuffer == nullptr) {
+        kvpcie::SetErrorText("frameBuffer is null");
+        return false;
+    }
+    return true;
+}
+
+bool IsCaptureFormatAcceptable(unsigned channel, int width, int height, ePixelType pixelType) {
     using kvpcie::SetErrorText;
     if (channel >= static_cast<unsigned>(kvpcie::xdma::kChannelCount)) {
         SetErrorText("channel %u is outside 0 to 3", channel);
-        return false;
-    }
-    if (frameBuffer == nullptr) {
-        SetErrorText("frameBuffer is null");
         return false;
     }
     if (pixelType < UYVY422 || pixelType > PIXEL32) {

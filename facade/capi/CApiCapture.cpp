@@ -1,6 +1,8 @@
 // The C interface's capture: frames and status blocks to the host's C callbacks.
 #include "facade/capi/CApiCard.h"
 #include "facade/capi/CApiErrors.h"
+#include "facade/CaptureRequest.h"
+#include "facade/ErrorText.h"
 
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
@@ -14,18 +16,22 @@ using kvpcie::capi::Succeed;
 
 namespace {
 
-// On the polling thread, per frame: no allocation, no lock. The slot is not touched after the
-// host's callback returns, since that callback may close the handle.
+// On the polling thread, per frame: no allocation, no lock.
 void DeliverFrame(int /*channel*/, const char* frame, void* userContext, bool errorFrame) {
     auto& slot = *static_cast<kvpcie_card::CaptureSlot*>(userContext);
-    kvpcie_frame delivered = slot.frame;
-    delivered.data = frame;
-    delivered.error_frame = errorFrame ? 1 : 0;
-    const kvpcie_frame_callback callback = slot.callback;
-    void* const context = slot.context;
-    kvpcie::capi::EnterFrameCallback(slot.card);
-    callback(&delivered, context);
-    kvpcie::capi::EnterFrameCallback(nullptr);
+    slot.delivering.fetch_add(1, std::memory_order_acq_rel);
+    if (!slot.card->closing.load(std::memory_order_acquire)) {
+        kvpcie_frame delivered = slot.frame;
+        delivered.data = frame;
+        delivered.error_frame = errorFrame ? 1 : 0;
+        const kvpcie_frame_callback callback = slot.callback;
+        void* const context = slot.context;
+        kvpcie::capi::EnterFrameCallback(slot.card);
+        callback(&delivered, context);
+        kvpcie::capi::EnterFrameCallback(nullptr);
+    }
+    // The last touch of the slot: a close that waits for it may free the handle at once.
+    slot.delivering.fetch_sub(1, std::memory_order_acq_rel);
 }
 
 void DeliverFrameToNobody(int, const char*, void*, bool) {}
@@ -34,7 +40,7 @@ void DeliverFrameToNobody(int, const char*, void*, bool) {}
 void DeliverStatus(int channel, const QByteArray& data, void* userContext) {
     auto& slot = *static_cast<kvpcie_card::StatusSlot*>(userContext);
     const kvpcie_status_callback callback = slot.callback;
-    if (callback != nullptr) {
+    if (callback != nullptr && !slot.card->closing.load(std::memory_order_acquire)) {
         callback(channel, data.constData(), static_cast<size_t>(data.size()), slot.context);
     }
 }
@@ -86,24 +92,46 @@ kvpcie_status KVPCIE_CALL kvpcie_start_capture(kvpcie_card* card, int32_t channe
         if (const kvpcie_status refused = CheckCaptureCall(card, channel)) {
             return refused;
         }
+        // The format before the buffer: a host that got 0 from kvpcie_frame_bytes has no buffer.
+        if (!IsCaptureFormatAcceptable(static_cast<unsigned>(channel), width, height,
+                                       static_cast<ePixelType>(pixel_type))) {
+            return Fail(KVPCIE_NO_CARD, kvpcie::ErrorText());
+        }
         if (frame_buffer == nullptr) {
             return Fail(KVPCIE_BAD_ARGUMENT, "the frame buffer is null");
         }
         kvpcie_card::CaptureSlot& slot = card->capture[channel];
-        if (!slot.claimed) {
+        const auto claim = [&] {
+            if (slot.claimed) {
+                return true;
+            }
             if (!card->lease->Claim(KvPCIe::SharedCard::Direction::Capture,
                                     static_cast<unsigned>(channel))) {
-                return Fail(KVPCIE_IN_USE, "another handle captures on channel " +
-                                               std::to_string(channel));
+                return false;
             }
             slot.claimed = true;
+            return true;
+        };
+        const auto inUse = [channel] {
+            return Fail(KVPCIE_IN_USE,
+                        "another handle captures on channel " + std::to_string(channel));
+        };
+        if (!claim()) {
+            return inUse();
         }
+        bool claimed = true;
         bool started = false;
         eErrorCode error = ERR_NO_CARD;
         std::string text;
         kvpcie::capi::RunOnCard(card, text, [&](PCIeDataManager& manager) {
             // A restart starts clean: the old run's callback is gone before the slot changes.
             manager.StopCapture(channel);
+            kvpcie::capi::WaitForDeliveries(slot);
+            // That callback may have stopped the channel and given it back meanwhile.
+            claimed = claim();
+            if (!claimed) {
+                return;
+            }
             slot.callback = callback;
             slot.context = context;
             slot.frame = kvpcie_frame{};
@@ -119,6 +147,9 @@ kvpcie_status KVPCIE_CALL kvpcie_start_capture(kvpcie_card* card, int32_t channe
                 callback != nullptr ? DeliverFrame : DeliverFrameToNobody, &slot,
                 static_cast<char*>(frame_buffer));
         });
+        if (!claimed) {
+            return inUse();
+        }
         if (!started) {
             card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
                                  static_cast<unsigned>(channel));
@@ -139,13 +170,7 @@ kvpcie_status KVPCIE_CALL kvpcie_stop_capture(kvpcie_card* card, int32_t channel
         }
         kvpcie_card::CaptureSlot& slot = card->capture[channel];
         if (slot.claimed && kvpcie::capi::InFrameCallback()) {
-            // The library takes a stop from inside a frame callback on the polling thread
-            // itself; it takes effect when the callback returns.
-            card->lease->AnyThreadManager().StopCapture(channel);
-            if (slot.claimed.exchange(false)) {
-                card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
-                                     static_cast<unsigned>(channel));
-            }
+            kvpcie::capi::StopCaptureInFrameCallback(card, channel);
             return Succeed();
         }
         if (const kvpcie_status refused = kvpcie::capi::RequireNotInFrameCallback()) {
@@ -158,6 +183,8 @@ kvpcie_status KVPCIE_CALL kvpcie_stop_capture(kvpcie_card* card, int32_t channel
                                      static_cast<unsigned>(channel));
             }
         }
+        // Stopped by its own callback, which may still run.
+        kvpcie::capi::WaitForDeliveries(slot);
         return Succeed();
     });
 }

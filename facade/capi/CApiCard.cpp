@@ -5,7 +5,9 @@
 
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
+#include <chrono>
 #include <new>
+#include <thread>
 
 using kvpcie::capi::Fail;
 using kvpcie::capi::Guarded;
@@ -44,6 +46,32 @@ bool InFrameCallback() {
     return frameCallbackOf != nullptr;
 }
 
+bool InFrameCallbackOfCard(const kvpcie_card* card) {
+    return frameCallbackOf != nullptr && frameCallbackOf->lease && card->lease &&
+           frameCallbackOf->lease->Path() == card->lease->Path();
+}
+
+void StopCaptureInFrameCallback(kvpcie_card* card, int channel) {
+    kvpcie_card::CaptureSlot& slot = card->capture[channel];
+    if (!slot.claimed) {
+        return;
+    }
+    // The library takes a stop from inside a frame callback on the polling thread itself; it
+    // takes effect when the callback returns.
+    card->lease->AnyThreadManager().StopCapture(channel);
+    // Whoever clears the flag gives the channel back: the card thread may stop it too.
+    if (slot.claimed.exchange(false)) {
+        card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
+                             static_cast<unsigned>(channel));
+    }
+}
+
+void WaitForDeliveries(kvpcie_card::CaptureSlot& slot) {
+    while (slot.delivering.load(std::memory_order_acquire) != 0) {
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+}
+
 void StopEverything(kvpcie_card* card) {
     for (int channel = 0; channel < KVPCIE_CHANNELS; ++channel) {
         kvpcie_card::CaptureSlot& capture = card->capture[channel];
@@ -71,6 +99,10 @@ void StopEverything(kvpcie_card* card) {
         if (card->injectClaimed[channel].exchange(false)) {
             card->lease->Unclaim(KvPCIe::SharedCard::Direction::Inject, channel);
         }
+    }
+    // A channel that its own callback stopped was skipped above; that callback may still run.
+    for (kvpcie_card::CaptureSlot& capture : card->capture) {
+        WaitForDeliveries(capture);
     }
 }
 
@@ -148,6 +180,9 @@ kvpcie_card* KVPCIE_CALL kvpcie_open(const char* path) {
 kvpcie_card* KVPCIE_CALL kvpcie_open_riffa(int32_t index) {
     kvpcie_card* opened = nullptr;
     Guarded([&] {
+        if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
+            return KVPCIE_ERROR;
+        }
         auto manager = std::make_unique<PCIeDataManager>(RIFFA);
         if (!manager->OpenCard(static_cast<int>(index))) {
             const std::string text = manager->LastErrorText();
@@ -168,9 +203,20 @@ void KVPCIE_CALL kvpcie_close(kvpcie_card* card) {
         return;
     }
     Guarded([&] {
+        // No callback of the handle is called from here on, whatever the card thread is busy
+        // with; a callback that runs now on another thread finishes.
+        card->closing.store(true, std::memory_order_release);
         // From a callback of its own, the close follows on the card thread once the callback
         // has returned: closing there and then would wait for the callback itself.
         if (card->lease && (kvpcie::capi::InFrameCallback() || KvPCIe::CardThread::IsCurrent())) {
+            // On the polling thread of the handle's own card its channels stop here, as a stop
+            // in a callback does: the card writes into its buffers no more once the callback
+            // returns, whatever the card thread is busy with.
+            if (kvpcie::capi::InFrameCallbackOfCard(card)) {
+                for (int channel = 0; channel < KVPCIE_CHANNELS; ++channel) {
+                    kvpcie::capi::StopCaptureInFrameCallback(card, channel);
+                }
+            }
             KvPCIe::CardThread::Hold();
             KvPCIe::CardThread::Post([card] {
                 CloseNow(card);
@@ -192,12 +238,12 @@ kvpcie_status KVPCIE_CALL kvpcie_read_reg(kvpcie_card* card, uint32_t address, u
         if (card == nullptr || value == nullptr) {
             return Fail(KVPCIE_BAD_ARGUMENT, "the card handle or the value pointer is null");
         }
+        if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
+            return KVPCIE_ERROR;
+        }
         if (card->riffa) {
             *value = card->riffa->ReadReg(address);
             return Succeed();
-        }
-        if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
-            return KVPCIE_ERROR;
         }
         card->lease->Run([&](PCIeDataManager& manager) { *value = manager.ReadReg(address); });
         return Succeed();
@@ -209,12 +255,12 @@ kvpcie_status KVPCIE_CALL kvpcie_write_reg(kvpcie_card* card, uint32_t address, 
         if (card == nullptr) {
             return Fail(KVPCIE_BAD_ARGUMENT, "the card handle is null");
         }
+        if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
+            return KVPCIE_ERROR;
+        }
         if (card->riffa) {
             card->riffa->WriteReg(address, static_cast<int>(value));
             return Succeed();
-        }
-        if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
-            return KVPCIE_ERROR;
         }
         int moved = 0;
         card->lease->Run([&](PCIeDataManager& manager) {

@@ -18,6 +18,10 @@ struct kvpcie_card {
         kvpcie_frame frame{};  // filled in once at the start; only data and the flag vary
         // Also cleared by a stop from inside the channel's own frame callback.
         std::atomic<bool> claimed{false};
+        // Deliveries under way. A callback that stopped its channel runs on after the stop, so
+        // a stop or close that finds the channel already stopped waits for this to be 0 before
+        // the host may free what the callback uses.
+        std::atomic<int> delivering{0};
     };
     struct StatusSlot {
         kvpcie_card* card = nullptr;
@@ -31,6 +35,9 @@ struct kvpcie_card {
     CaptureSlot capture[KVPCIE_CHANNELS];
     StatusSlot status[KVPCIE_CHANNELS];
     std::atomic<bool> injectClaimed[KVPCIE_CHANNELS] = {};  // also set from frame callbacks
+    // Set by kvpcie_close before anything else: from then on no callback of the handle is
+    // called, even while the rest of the close waits for the card thread.
+    std::atomic<bool> closing{false};
 };
 
 namespace kvpcie::capi {
@@ -42,6 +49,11 @@ kvpcie_status RequireNotInFrameCallback();
 // Marks the calling thread as inside a frame callback of `card` (null: outside).
 void EnterFrameCallback(const kvpcie_card* card);
 bool InFrameCallback();
+// True inside a frame callback of a handle of the same card as `card` (its polling thread).
+bool InFrameCallbackOfCard(const kvpcie_card* card);
+// From inside a frame callback of the card: stops the channel if the handle captures there;
+// the stop takes effect when the callback returns.
+void StopCaptureInFrameCallback(kvpcie_card* card, int channel);
 
 // Runs `operation` on the card thread; its error text becomes the calling thread's.
 template <typename Operation>
@@ -51,6 +63,10 @@ void RunOnCard(kvpcie_card* card, std::string& errorText, Operation operation) {
         errorText = manager.LastErrorText();
     });
 }
+
+// Returns once no delivery of the slot runs: the engine calls it no more once its channel has
+// stopped, so only a delivery that began before can still be under way. Not from inside one.
+void WaitForDeliveries(kvpcie_card::CaptureSlot& slot);
 
 // Stops what the handle started on the card; the lease stays.
 void StopEverything(kvpcie_card* card);

@@ -1,4 +1,5 @@
 // The C interface's library-wide calls: version, error text, listing, and the simulated card.
+#include "facade/capi/CApiCard.h"
 #include "facade/capi/CApiErrors.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSharedCard.h>
@@ -39,6 +40,9 @@ uint64_t KVPCIE_CALL kvpcie_frame_bytes(int32_t pixel_type, int32_t width, int32
 kvpcie_list* KVPCIE_CALL kvpcie_list_xdma(void) {
     kvpcie_list* listed = nullptr;
     Guarded([&] {
+        if (const kvpcie_status refused = kvpcie::capi::RequireNotInFrameCallback()) {
+            return refused;
+        }
         auto list = std::make_unique<kvpcie_list>();
         list->paths = KvPCIe::SharedCard::ListCards();
         listed = list.release();
@@ -70,25 +74,43 @@ kvpcie_status KVPCIE_CALL kvpcie_list_riffa(kvpcie_riffa_device* devices, int32_
         if (count == nullptr || capacity < 0 || (devices == nullptr && capacity > 0)) {
             return Fail(KVPCIE_BAD_ARGUMENT, "the device records or the count are null");
         }
+        if (const kvpcie_status refused = kvpcie::capi::RequireNotInFrameCallback()) {
+            return refused;
+        }
         *count = 0;
+        // The caller's array steps by the caller's record size, which may be an older,
+        // shorter record than this library's: the first record's size gives the step.
+        auto* records = reinterpret_cast<unsigned char*>(devices);
+        std::uint32_t step = 0;
+        if (capacity > 0) {
+            std::memcpy(&step, records, sizeof step);
+            if (step < sizeof step) {
+                return Fail(KVPCIE_BAD_ARGUMENT, "set each record's size before the call");
+            }
+        }
         fpga_info_list list{};
         if (!KvPCIe::SharedCard::ListRiffa(list)) {
             return Fail(KVPCIE_ERROR, "the RIFFA driver gave no list");
         }
         const int listed = std::clamp(list.fpgaCount, 0, 5);
         for (int i = 0; i < std::min(listed, static_cast<int>(capacity)); ++i) {
-            const std::uint32_t size = devices[i].size;
-            if (size < sizeof(std::uint32_t)) {
-                return Fail(KVPCIE_BAD_ARGUMENT, "set each record's size before the call");
+            unsigned char* record = records + static_cast<std::size_t>(i) * step;
+            std::uint32_t size = 0;
+            std::memcpy(&size, record, sizeof size);
+            if (size != step) {
+                return Fail(KVPCIE_BAD_ARGUMENT, "record " + std::to_string(i) + " has size " +
+                                                     std::to_string(size) + ", record 0 " +
+                                                     std::to_string(step) +
+                                                     ": set each record's size before the call");
             }
             kvpcie_riffa_device ours{};
+            ours.size = size;
             ours.id = list.id[i];
             ours.channels = list.channelCount[i];
             std::memcpy(ours.name, list.name[i], sizeof ours.name);
             ours.vendor_id = list.vendorId[i];
             ours.device_id = list.deviceId[i];
-            std::memcpy(&devices[i], &ours, std::min<std::size_t>(size, sizeof ours));
-            devices[i].size = size;
+            std::memcpy(record, &ours, std::min<std::size_t>(size, sizeof ours));
         }
         *count = listed;
         return Succeed();
@@ -99,6 +121,10 @@ kvpcie_status KVPCIE_CALL kvpcie_sim_configure(const char* cards) {
     return Guarded([&] {
         if (cards == nullptr) {
             return Fail(KVPCIE_BAD_ARGUMENT, "the cards' description is null");
+        }
+        // It replaces the simulated cards, the one whose frame is in hand among them.
+        if (const kvpcie_status refused = kvpcie::capi::RequireNotInFrameCallback()) {
+            return refused;
         }
         return KvPCIeSim::Configure(cards)
                    ? Succeed()

@@ -217,6 +217,72 @@ static void ListingNamesTheSimulatedCards(void) {
     CHECK(devices[0].size == 8 && devices[0].id == 0 && devices[0].channels == 0x7F7F7F7F);
 }
 
+/* The record of an older version: size, id and channels only. */
+typedef struct OlderRiffaDevice {
+    uint32_t size;
+    int32_t id;
+    int32_t channels;
+} OlderRiffaDevice;
+
+static void AnOlderShorterRecordIsSteppedByItsOwnSize(void) {
+    /* Two older records, then bytes that are not the caller's to write. */
+    struct {
+        OlderRiffaDevice devices[2];
+        unsigned char guard[64];
+    } records;
+    int32_t count = -1;
+    size_t i;
+    int guardIntact = 1;
+    Begin("an older, shorter RIFFA record is stepped by its own size");
+    CHECK(kvpcie_sim_configure("xdma:1,riffa:2") == KVPCIE_OK);
+    memset(&records, 0x5A, sizeof records);
+    records.devices[0].size = sizeof(OlderRiffaDevice);
+    records.devices[1].size = sizeof(OlderRiffaDevice);
+    CHECK(kvpcie_list_riffa((kvpcie_riffa_device*)(void*)records.devices, 2, &count) ==
+          KVPCIE_OK);
+    CHECK(count == 2);
+    CHECK(records.devices[0].size == sizeof(OlderRiffaDevice) && records.devices[0].id == 0);
+    CHECK(records.devices[1].size == sizeof(OlderRiffaDevice) && records.devices[1].id == 1);
+    CHECK(records.devices[0].channels > 0 && records.devices[1].channels > 0);
+    for (i = 0; i < sizeof records.guard; ++i) {
+        guardIntact = guardIntact && records.guard[i] == 0x5A;
+    }
+    CHECK(guardIntact);
+    /* Records of different sizes in one array cannot be stepped through. */
+    records.devices[1].size = 4;
+    CHECK(kvpcie_list_riffa((kvpcie_riffa_device*)(void*)records.devices, 2, &count) ==
+          KVPCIE_BAD_ARGUMENT);
+}
+
+static void ABadFormatIsNamedBeforeTheMissingBuffer(void) {
+    kvpcie_card* card = FreshCard();
+    Begin("a bad format is named before the missing buffer");
+    CHECK(card != NULL);
+    /* A host that sized its buffer with kvpcie_frame_bytes got 0 and has none. */
+    CHECK(kvpcie_start_capture(card, 0, 0, 64, 32, 9, NULL, NULL, NULL) == KVPCIE_NO_CARD);
+    CHECK(strstr(kvpcie_last_error(), "pixel type 9") != NULL);
+    CHECK(kvpcie_start_capture(card, 0, 0, 8000, 8000, KVPCIE_PIXEL32, NULL, NULL, NULL) ==
+          KVPCIE_NO_CARD);
+    CHECK(strstr(kvpcie_last_error(), "exceeds the 20 MiB card buffer") != NULL);
+    CHECK(kvpcie_start_capture(card, 0, 0, 64, 32, KVPCIE_Y8, NULL, NULL, NULL) ==
+          KVPCIE_BAD_ARGUMENT);
+    CHECK(strstr(kvpcie_last_error(), "buffer is null") != NULL);
+    kvpcie_close(card);
+}
+
+static void APathThatDoesNotExistIsNoSuchCardWhileAnotherCaptures(void) {
+    static unsigned char buffer[64 * 32];
+    kvpcie_card* card;
+    Begin("a path that does not exist is no such card while another card captures");
+    CHECK(kvpcie_sim_configure("xdma:2,riffa:0") == KVPCIE_OK);
+    card = kvpcie_open("sim:xdma0");
+    CHECK(card != NULL);
+    CHECK(kvpcie_start_capture(card, 0, 0, 64, 32, KVPCIE_Y8, buffer, NULL, NULL) == KVPCIE_OK);
+    CHECK(kvpcie_open("sim:xdma7") == NULL);
+    CHECK(strstr(kvpcie_last_error(), "no such card") != NULL);
+    kvpcie_close(card);
+}
+
 static void RegistersAndMemoryOfXdmaAndRiffa(void) {
     kvpcie_card* card = FreshCard();
     kvpcie_card* riffa;
@@ -352,6 +418,70 @@ static void ACallbackThatStopsItsOwnChannelGetsNoFurtherFrame(void) {
     CHECK(seen.wrong == 0);
 }
 
+/* What a frame callback got from the calls that would wait for the card thread. */
+typedef struct Refusals {
+    kvpcie_card* riffa;
+    int calls; /* callbacks that made the calls */
+    int taken; /* calls that were taken instead of refused */
+    int silent; /* refusals without a text */
+} Refusals;
+
+static void CountRefusal(Refusals* refusals, int refused) {
+    if (!refused) {
+        ++refusals->taken;
+    } else if (strstr(kvpcie_last_error(), "frame callback") == NULL) {
+        ++refusals->silent;
+    }
+}
+
+static void CallWhatWaitsForTheCardThread(const kvpcie_frame* frame, void* context) {
+    Refusals* refusals = (Refusals*)context;
+    kvpcie_riffa_device device;
+    int32_t count = 0;
+    uint32_t value = 0;
+    kvpcie_list* list;
+    kvpcie_card* opened;
+    (void)frame;
+    if (refusals->calls > 0) {
+        return;
+    }
+    ++refusals->calls;
+    list = kvpcie_list_xdma();
+    CountRefusal(refusals, list == NULL);
+    kvpcie_list_free(list);
+    memset(&device, 0, sizeof device);
+    device.size = sizeof device;
+    CountRefusal(refusals, kvpcie_list_riffa(&device, 1, &count) == KVPCIE_ERROR);
+    opened = kvpcie_open_riffa(0);
+    CountRefusal(refusals, opened == NULL);
+    kvpcie_close(opened);
+    CountRefusal(refusals, kvpcie_sim_configure("1") == KVPCIE_ERROR);
+    CountRefusal(refusals, kvpcie_read_reg(refusals->riffa, 0x1F0000, &value) == KVPCIE_ERROR);
+    opened = kvpcie_open("sim:xdma0");
+    CountRefusal(refusals, opened == NULL);
+    kvpcie_close(opened);
+}
+
+static void CallsThatWaitForTheCardThreadAreRefusedInAFrameCallback(void) {
+    static Refusals refusals;
+    static unsigned char buffer[64 * 32];
+    kvpcie_card* card = FreshCard();
+    Begin("calls that wait for the card thread are refused in a frame callback");
+    memset(&refusals, 0, sizeof refusals);
+    refusals.riffa = kvpcie_open_riffa(0);
+    CHECK(card != NULL && refusals.riffa != NULL);
+    CHECK(kvpcie_write_reg(card, Control(0, 0x04), 200) == KVPCIE_OK);
+    CHECK(kvpcie_start_capture(card, 0, 0, 64, 32, KVPCIE_Y8, buffer,
+                               CallWhatWaitsForTheCardThread, &refusals) == KVPCIE_OK);
+    CHECK(WaitForDeliveries(card, 0, 2, 0));
+    CHECK(kvpcie_stop_capture(card, 0) == KVPCIE_OK);
+    CHECK(refusals.calls == 1);
+    CHECK(refusals.taken == 0);
+    CHECK(refusals.silent == 0);
+    kvpcie_close(refusals.riffa);
+    kvpcie_close(card);
+}
+
 static void KeepFirst(const kvpcie_frame* frame, void* context) {
     Seen* seen = (Seen*)context;
     const unsigned char* bytes = (const unsigned char*)frame->data;
@@ -478,6 +608,10 @@ int main(void) {
     InjectedFramesComeBackInTheLoopback();
     StatusBlocksReachTheCallbackWithoutAnEventLoop();
     TwoHandlesShareOneCardButNotOneChannel();
+    AnOlderShorterRecordIsSteppedByItsOwnSize();
+    ABadFormatIsNamedBeforeTheMissingBuffer();
+    APathThatDoesNotExistIsNoSuchCardWhileAnotherCaptures();
+    CallsThatWaitForTheCardThreadAreRefusedInAFrameCallback();
     printf("%s: %d failure(s)\n", failures == 0 ? "PASS" : "FAIL", failures);
     return failures == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -18,14 +18,21 @@
  *
  * Inside a frame callback, call only kvpcie_stop_capture (its own channel or another; the stop
  * takes effect when the callback returns), kvpcie_inject, kvpcie_send_command, the statistics,
- * kvpcie_last_error, the version and kvpcie_close; every other call is refused there with
- * KVPCIE_ERROR, since it would wait for the card thread, which may be waiting for that very
- * callback. Inside a status callback every function may be called.
+ * kvpcie_close, and the calls that reach no card: kvpcie_last_error, kvpcie_version,
+ * kvpcie_frame_bytes, kvpcie_card_path, kvpcie_list_count, kvpcie_list_path, kvpcie_list_free
+ * and the kvpcie_sim_ calls but kvpcie_sim_configure. Every other call is refused there with
+ * KVPCIE_ERROR (NULL from kvpcie_list_xdma, kvpcie_open and kvpcie_open_riffa, 0 from the
+ * kvpcie_is_ calls) and a text, since it would wait for the card thread, which may be waiting
+ * for that very callback. Inside a status callback every function may be called.
  *
  * Lifetime. kvpcie_close stops everything the handle started and returns once no callback of it
  * runs or will run; the frame buffers and contexts given to it may be freed then. Called inside
- * one of the handle's own callbacks, it returns at once and the close follows on the card thread
- * once the callback has returned. Handles of one path share one open card: four handles may each
+ * a callback (a frame callback, or a status callback on the card thread), it returns at once:
+ * no callback of the handle is called after the running one returns, whatever the card thread
+ * is doing, and when the callback is a frame callback of the same card, the card writes into
+ * the handle's frame buffers no more from then on either, so they and the contexts may be freed
+ * once that callback has returned. The rest of the close (injection, status blocks, the card)
+ * follows on the card thread. Handles of one path share one open card: four handles may each
  * capture one channel, and the card closes with the last handle.
  */
 #ifndef KVPCIE_H
@@ -119,8 +126,9 @@ typedef struct kvpcie_riffa_device {
     int32_t device_id; /**< PCI device */
 } kvpcie_riffa_device;
 
-/** Fills up to `capacity` records (each with its `size` set) and stores the number of devices
-   in `*count` (which may exceed `capacity`). */
+/** Fills up to `capacity` records (each with its `size` set, all to the same value: the array
+   is stepped by that size, so a caller built with an older, shorter record gets its own
+   layout) and stores the number of devices in `*count` (which may exceed `capacity`). */
 KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_list_riffa(kvpcie_riffa_device* devices,
                                                        int32_t capacity, int32_t* count);
 
