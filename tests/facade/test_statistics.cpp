@@ -110,8 +110,8 @@ protected:
     }
 };
 
-// Blocks posted before the event loop runs, and what the 1,536-byte host buffer keeps of them:
-// whole blocks while they fit, to the last byte.
+// Blocks posted before the event loop runs, and what the host buffer keeps of them: whole
+// blocks while it stays below 1,536 bytes.
 struct StatusFill {
     std::vector<int> blocks;
     std::uint64_t delivered;
@@ -157,8 +157,10 @@ TEST_P(StatusBufferFill, WholeBlocksAreKeptWhileTheyFitAndTheRestIsCounted) {
 
 INSTANTIATE_TEST_SUITE_P(Blocks, StatusBufferFill,
                          ::testing::Values(StatusFill{{1024, 1024}, 1024, 1024},
-                                           StatusFill{{1024, 512}, 1536, 0},
-                                           StatusFill{{1024, 512, 1}, 1536, 1},
+                                           StatusFill{{1024, 511}, 1535, 0},
+                                           StatusFill{{1024, 512}, 1024, 512},
+                                           StatusFill{{1024, 512, 1}, 1025, 512},
+                                           StatusFill{{1024, 511, 1}, 1535, 1},
                                            StatusFill{{1000, 1000}, 1000, 1000}),
                          [](const ::testing::TestParamInfo<StatusFill>& info) {
                              std::string name;

@@ -34,8 +34,9 @@ struct KvCaptureStatistics {
     std::int32_t lastCardBuffer = -1;
     ///@{
     /// The channel's status blocks since the card was opened: bytes handed to the status
-    /// callback, and bytes the card posted that were dropped because the host's buffer (1,536
-    /// bytes) was full when they came.
+    /// callback, and bytes the card posted that were dropped. Between two deliveries (20 ms)
+    /// the host keeps at most 1,535 bytes: a block that would bring it to 1,536 or more is
+    /// dropped whole.
     std::uint64_t statusBytesDelivered = 0;
     std::uint64_t statusBytesDropped = 0;
     ///@}

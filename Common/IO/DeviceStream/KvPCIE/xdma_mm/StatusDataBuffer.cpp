@@ -13,7 +13,7 @@ bool StatusDataBuffer::Append(const char* bytes, int count) {
         return true;
     }
     std::lock_guard<std::mutex> locker(lock_);
-    if (count > kCapacity - length_) {
+    if (length_ + count >= kCapacity) {
         return false;
     }
     std::memcpy(data_ + length_, bytes, static_cast<std::size_t>(count));

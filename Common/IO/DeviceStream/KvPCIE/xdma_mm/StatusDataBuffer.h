@@ -12,8 +12,9 @@ class StatusDataBuffer {
 public:
     static constexpr int kCapacity = 1536;
 
-    // Appends the whole block, or drops the whole block when it does not fit in what is left
-    // of the capacity (the buffer may fill to the last byte). False when dropped (or for a negative count or null bytes with a count).
+    // Appends the whole block while the buffer stays below its capacity (1,535 bytes at
+    // most), or drops the whole block. False when dropped (or for a negative count or null
+    // bytes with a count).
     bool Append(const char* bytes, int count);
     // Everything held, oldest first; the buffer is empty afterwards.
     QByteArray Take();
