@@ -98,6 +98,18 @@ def test_frames_not_taken_in_time_are_counted_not_lost_silently(card, sim_card):
     kvpcie.sim.poke_register(sim_card, control(0, 0x04), 25)
 
 
+def test_a_frame_that_get_returned_is_already_counted_as_delivered(card, sim_card):
+    kvpcie.sim.poke_register(sim_card, control(2, 0x04), 0)  # frames only when asked for
+    with card.capture(2, 64, 32, card_timing=False) as stream:
+        # One frame at a time: get() wakes the moment the callback has queued it, and the
+        # statistics read at once must already count it.
+        for taken in range(1, 41):
+            kvpcie.sim.produce_frames(sim_card, 2, 1)
+            stream.get(timeout=2.0)
+            assert stream.stats["frames_delivered"] >= taken
+    kvpcie.sim.poke_register(sim_card, control(2, 0x04), 25)
+
+
 def test_get_times_out_and_iteration_ends_at_close(card, sim_card):
     kvpcie.sim.poke_register(sim_card, control(3, 0x04), 0)
     stream = card.capture(3, 64, 32, card_timing=False)

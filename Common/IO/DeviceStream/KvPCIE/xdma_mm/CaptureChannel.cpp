@@ -258,6 +258,11 @@ bool CaptureChannel::HandleBuffer(unsigned buffer, std::uint32_t status) {
     }
     const bool errorFrame = (status & kStatusErrorFrame) != 0;
     const std::uint32_t generation = generation_;
+    // Counted before the hand-over: a host that has the frame (a queue filled in the callback
+    // and read by another thread) finds it counted. A callback that restarts the channel
+    // starts the counts again, this frame's with them.
+    counters_.delivered.Add();
+    counters_.errorFrames.Add(errorFrame ? 1 : 0);
     const auto callbackStart = CaptureCounters::Clock::now();
     if (frameCallback_ != nullptr) {
         frameCallback_(channel_, frameBuffer_, frameContext_);
@@ -271,8 +276,6 @@ bool CaptureChannel::HandleBuffer(unsigned buffer, std::uint32_t status) {
         const auto callbackTime = CaptureCounters::Clock::now() - callbackStart;
         counters_.callbackMicrosMax.Raise(static_cast<std::uint64_t>(
             std::chrono::duration_cast<std::chrono::microseconds>(callbackTime).count()));
-        counters_.delivered.Add();
-        counters_.errorFrames.Add(errorFrame ? 1 : 0);
     }
     if (!sameRun) {
         return false;  // the callback stopped or restarted its own channel: this run is over
