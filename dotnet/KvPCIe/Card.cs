@@ -23,27 +23,83 @@ namespace KvPCIe
 
         // The library calls these two, which live as long as the program: a callback that
         // held the Card itself (through a GC handle, which is a root) would keep a Card that the
-        // program dropped from ever being finalized and closed. Their context is a weak handle
-        // to the channel's state: once the Card has gone, a late call finds nothing and returns.
+        // program dropped from ever being finalized and closed. Their context names the
+        // channel's state, held weakly (CallbackContexts): once the Card has gone, a late call
+        // finds nothing and returns.
         private static readonly NativeMethods.FrameCallback FrameCallback = DeliverFrame;
         private static readonly NativeMethods.StatusCallback StatusCallback = DeliverStatus;
 
+        // What a handler threw: shared by the Card and its channels' states, so that a state
+        // the library still names does not keep the Card itself alive.
+        private sealed class HandlerErrors
+        {
+            internal Exception Last;
+        }
+
         private sealed class ChannelState
         {
-            internal Card Owner;
+            internal HandlerErrors Errors;
+            internal CardHandle Handle;
             internal FrameHandler FrameHandler;
             internal Frame Frame;
             internal StatusHandler StatusHandler;
         }
 
+        // The library's threads that call into the runtime are background threads: a program
+        // whose Main returns with a card still capturing ends, and its cards are closed on the
+        // way out (ProcessExit).
+        [ThreadStatic] private static bool markedBackground_;
+        // The handle whose frame handler runs on this thread, if any.
+        [ThreadStatic] private static CardHandle inHandlerOf_;
+        private static readonly object openLock_ = new object();
+        private static readonly System.Collections.Generic.List<WeakReference> open_ =
+            new System.Collections.Generic.List<WeakReference>();
+
         private readonly CardHandle handle_;
         private readonly ChannelState[] capture_ = new ChannelState[Channels];
         private readonly ChannelState[] status_ = new ChannelState[Channels];
-        private Exception lastHandlerException_;
+        private readonly HandlerErrors errors_ = new HandlerErrors();
+
+        static Card()
+        {
+            AppDomain.CurrentDomain.ProcessExit += (sender, arguments) => CloseOpenCards();
+        }
 
         private Card(CardHandle handle)
         {
             handle_ = handle;
+            lock (openLock_)
+            {
+                open_.RemoveAll(card => !card.IsAlive);
+                open_.Add(new WeakReference(handle));
+            }
+        }
+
+        private static void CloseOpenCards()
+        {
+            WeakReference[] open;
+            lock (openLock_)
+            {
+                open = open_.ToArray();
+                open_.Clear();
+            }
+            foreach (WeakReference card in open)
+            {
+                var handle = card.Target as CardHandle;
+                if (handle != null)
+                {
+                    handle.Dispose();
+                }
+            }
+        }
+
+        private static void MarkThisThreadBackground()
+        {
+            if (!markedBackground_)
+            {
+                markedBackground_ = true;
+                Thread.CurrentThread.IsBackground = true;
+            }
         }
 
         /// <summary>The library's version, "major.minor.patch".</summary>
@@ -128,7 +184,7 @@ namespace KvPCIe
         /// <summary>The last exception a handler of this card threw, or null.</summary>
         public Exception LastHandlerException
         {
-            get { return Volatile.Read(ref lastHandlerException_); }
+            get { return Volatile.Read(ref errors_.Last); }
         }
 
         /// <summary>XDMA: the user register at byte <paramref name="address"/>; RIFFA: a register request.</summary>
@@ -187,23 +243,24 @@ namespace KvPCIe
             GCHandle pinned = handle_.Keep("buffer" + channel, buffer, GCHandleType.Pinned);
             var state = new ChannelState
             {
-                Owner = this,
+                Errors = errors_,
+                Handle = handle_,
                 FrameHandler = handler,
                 Frame = new Frame(buffer) { Channel = channel, Width = width, Height = height,
                                             PixelType = pixelType },
             };
             capture_[channel] = state;
-            GCHandle context = handle_.Keep("capture" + channel, state, GCHandleType.Weak);
+            IntPtr context = handle_.KeepContext("capture" + channel, state);
             KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_start_capture(
                 handle_, channel, cardTiming ? 1 : 0, width, height, (int)pixelType,
-                pinned.AddrOfPinnedObject(), handler == null ? null : FrameCallback,
-                GCHandle.ToIntPtr(context)));
+                pinned.AddrOfPinnedObject(), handler == null ? null : FrameCallback, context));
         }
 
         // On the polling thread, per frame: the channel's one Frame is updated, nothing else.
         private static void DeliverFrame(IntPtr nativeFrame, IntPtr context)
         {
-            var state = GCHandle.FromIntPtr(context).Target as ChannelState;
+            MarkThisThreadBackground();
+            var state = CallbackContexts.Find(context) as ChannelState;
             if (state == null || state.FrameHandler == null)
             {
                 return;
@@ -211,6 +268,7 @@ namespace KvPCIe
             Frame frame = state.Frame;
             frame.Length = (int)Marshal.ReadInt64(nativeFrame, 16);
             frame.ErrorFrame = Marshal.ReadInt32(nativeFrame, 36) != 0;
+            inHandlerOf_ = state.Handle;
             try
             {
                 state.FrameHandler(frame);
@@ -218,7 +276,11 @@ namespace KvPCIe
             catch (Exception exception)
             {
                 // An exception must not cross into the library's thread.
-                Volatile.Write(ref state.Owner.lastHandlerException_, exception);
+                Volatile.Write(ref state.Errors.Last, exception);
+            }
+            finally
+            {
+                inHandlerOf_ = null;
             }
         }
 
@@ -254,11 +316,12 @@ namespace KvPCIe
         /// them off.</summary>
         public void SetStatusHandler(int channel, StatusHandler handler)
         {
-            var state = new ChannelState { Owner = this, StatusHandler = handler };
+            var state = new ChannelState { Errors = errors_, Handle = handle_,
+                                           StatusHandler = handler };
             // Kept under a key of its own until the library has switched to it.
-            GCHandle context = handle_.Keep("status" + channel + "+", state, GCHandleType.Weak);
+            IntPtr context = handle_.KeepContext("status" + channel + "+", state);
             int status = NativeMethods.kvpcie_set_status_callback(
-                handle_, channel, handler == null ? null : StatusCallback, GCHandle.ToIntPtr(context));
+                handle_, channel, handler == null ? null : StatusCallback, context);
             if (status != 0)
             {
                 handle_.Forget("status" + channel + "+");
@@ -267,13 +330,14 @@ namespace KvPCIe
             // The library switched on the card thread: the old state is no longer handed back.
             status_[channel] = state;
             handle_.Forget("status" + channel);
-            handle_.Rename("status" + channel + "+", "status" + channel);
+            handle_.RenameContext("status" + channel + "+", "status" + channel);
         }
 
         // On the card thread: the block is copied into an array of its own.
         private static void DeliverStatus(int channel, IntPtr data, UIntPtr bytes, IntPtr context)
         {
-            var state = GCHandle.FromIntPtr(context).Target as ChannelState;
+            MarkThisThreadBackground();
+            var state = CallbackContexts.Find(context) as ChannelState;
             if (state == null || state.StatusHandler == null)
             {
                 return;
@@ -286,7 +350,7 @@ namespace KvPCIe
             }
             catch (Exception exception)
             {
-                Volatile.Write(ref state.Owner.lastHandlerException_, exception);
+                Volatile.Write(ref state.Errors.Last, exception);
             }
         }
 
@@ -351,10 +415,31 @@ namespace KvPCIe
             return statistics;
         }
 
-        /// <summary>Stops what this Card started and closes it.</summary>
+        /// <summary>Stops what this Card started and closes it. From inside one of its own frame
+        /// handlers too: no handler of the Card is called once that one has returned.</summary>
         public void Dispose()
         {
+            CardHandle running = inHandlerOf_;
+            if (running != null && running != handle_ && Path != CardPathOf(running))
+            {
+                // Inside a handler of another card the library only begins the close; its
+                // end, after which the buffers may be unpinned, is waited for elsewhere.
+                foreach (ChannelState state in capture_)
+                {
+                    if (state != null)
+                    {
+                        state.FrameHandler = null;
+                    }
+                }
+                ThreadPool.QueueUserWorkItem(unused => handle_.Dispose());
+                return;
+            }
             handle_.Dispose();
+        }
+
+        private static string CardPathOf(CardHandle handle)
+        {
+            return NativeMethods.Text(NativeMethods.kvpcie_card_path(handle));
         }
     }
 

@@ -186,6 +186,8 @@ namespace KvPCIe
         private readonly object keptLock_ = new object();
         private readonly System.Collections.Generic.Dictionary<string, GCHandle> kept_ =
             new System.Collections.Generic.Dictionary<string, GCHandle>();
+        private readonly System.Collections.Generic.Dictionary<string, IntPtr> contexts_ =
+            new System.Collections.Generic.Dictionary<string, IntPtr>();
 
         private CardHandle() : base(IntPtr.Zero, true)
         {
@@ -209,6 +211,18 @@ namespace KvPCIe
             return kept;
         }
 
+        // A context for the library that names `target` (held weakly) under `key`.
+        internal IntPtr KeepContext(string key, object target)
+        {
+            IntPtr context = CallbackContexts.Add(target);
+            lock (keptLock_)
+            {
+                Forget(key);
+                contexts_[key] = context;
+            }
+            return context;
+        }
+
         // Lets go of what is kept under `key`: only once the library no longer uses it.
         internal void Forget(string key)
         {
@@ -220,19 +234,25 @@ namespace KvPCIe
                     kept.Free();
                     kept_.Remove(key);
                 }
+                IntPtr context;
+                if (contexts_.TryGetValue(key, out context))
+                {
+                    CallbackContexts.Remove(context);
+                    contexts_.Remove(key);
+                }
             }
         }
 
-        // Moves what is kept under `from` to `to`.
-        internal void Rename(string from, string to)
+        // Moves the context kept under `from` to `to`.
+        internal void RenameContext(string from, string to)
         {
             lock (keptLock_)
             {
-                GCHandle kept;
-                if (kept_.TryGetValue(from, out kept))
+                IntPtr context;
+                if (contexts_.TryGetValue(from, out context))
                 {
-                    kept_.Remove(from);
-                    kept_[to] = kept;
+                    contexts_.Remove(from);
+                    contexts_[to] = context;
                 }
             }
         }
@@ -240,6 +260,9 @@ namespace KvPCIe
         /// <summary>Closes the card, then lets go of what the library used.</summary>
         protected override bool ReleaseHandle()
         {
+            // Inside one of the card's own frame handlers the library stops its channels at
+            // once and calls no handler of it again once the running one has returned, so
+            // the buffers may be unpinned here too: nothing writes into them any more.
             NativeMethods.kvpcie_close(handle);
             lock (keptLock_)
             {
@@ -248,6 +271,11 @@ namespace KvPCIe
                     kept.Free();
                 }
                 kept_.Clear();
+                foreach (IntPtr context in contexts_.Values)
+                {
+                    CallbackContexts.Remove(context);
+                }
+                contexts_.Clear();
             }
             return true;
         }

@@ -223,20 +223,102 @@ namespace KvPCIe.Tests
         public void ACardLeftToTheFinalizerIsClosedAndItsChannelFreed()
         {
             OpenAndForget();
-            GC.Collect();
-            GC.WaitForPendingFinalizers();
             // The channel the forgotten card captured on is free again.
-            using (Card card = Card.Open())
+            Assert.That(Eventually(() =>
             {
-                card.StartCapture(0, false, Width, Height, PixelType.Y8, frame => { });
-                card.StopCapture(0);
-            }
+                GC.Collect();
+                GC.WaitForPendingFinalizers();
+                return ChannelIsFree(0);
+            }), Is.True);
         }
 
         private static void OpenAndForget()
         {
             Card card = Card.Open();
             card.StartCapture(0, false, Width, Height, PixelType.Y8, frame => { });
+        }
+
+        // True when a new Card can capture on the channel.
+        private static bool ChannelIsFree(int channel)
+        {
+            using (Card card = Card.Open())
+            {
+                try
+                {
+                    card.StartCapture(channel, false, Width, Height, PixelType.Y8, frame => { });
+                }
+                catch (KvPCIeException error)
+                {
+                    Assert.That(error.Status, Is.EqualTo(Status.InUse));
+                    return false;
+                }
+                card.StopCapture(channel);
+                return true;
+            }
+        }
+
+        [Test]
+        public void ACardDroppedWhileCapturingAThousandFramesASecondIsCollected()
+        {
+            var frames = new int[1];
+            DropWhileCapturing(frames);
+            Assert.That(Eventually(() =>
+            {
+                GC.Collect();
+                GC.WaitForPendingFinalizers();
+                return ChannelIsFree(1);
+            }), Is.True);
+            int seen = Volatile.Read(ref frames[0]);
+            Thread.Sleep(50);
+            Assert.That(Volatile.Read(ref frames[0]), Is.EqualTo(seen));
+        }
+
+        private static void DropWhileCapturing(int[] frames)
+        {
+            Card card = Card.Open();
+            card.WriteRegister(ControlBlock(1, 0x04), 1000);
+            card.StartCapture(1, false, Width, Height, PixelType.Y8,
+                              frame => Interlocked.Increment(ref frames[0]));
+            Assert.That(Eventually(() => Volatile.Read(ref frames[0]) >= 10), Is.True);
+        }
+
+        [Test]
+        public void DisposeInsideItsOwnHandlerEndsItsHandlerCallsAndFreesTheChannel()
+        {
+            int frames = 0;
+            int late = 0;
+            int disposed = 0;
+            Card card = Card.Open();
+            card.WriteRegister(ControlBlock(0, 0x04), 1000);
+            card.SetStatusHandler(0, (channel, block) => Interlocked.Increment(ref late));
+            card.StartCapture(0, false, Width, Height, PixelType.Y8, frame =>
+            {
+                if (Volatile.Read(ref disposed) != 0)
+                {
+                    Interlocked.Increment(ref late);
+                }
+                else if (Interlocked.Increment(ref frames) == 3)
+                {
+                    card.Dispose();
+                    Volatile.Write(ref disposed, 1);
+                }
+            });
+            Assert.That(Eventually(() => Volatile.Read(ref disposed) != 0), Is.True);
+            // Collections move what is no longer pinned; a frame written into a moved buffer,
+            // or a handler called through a freed context, would crash here.
+            for (int round = 0; round < 10; ++round)
+            {
+                var garbage = new byte[64][];
+                for (int i = 0; i < garbage.Length; ++i)
+                {
+                    garbage[i] = new byte[16384];
+                }
+                GC.Collect();
+                GC.WaitForPendingFinalizers();
+                Thread.Sleep(10);
+            }
+            Assert.That(Volatile.Read(ref late), Is.EqualTo(0));
+            Assert.That(Eventually(() => ChannelIsFree(0)), Is.True);
         }
     }
 }
