@@ -39,7 +39,7 @@ namespace KvPCIe
         private sealed class ChannelState
         {
             internal HandlerErrors Errors;
-            internal CardHandle Handle;
+            internal string CardPath;
             internal FrameHandler FrameHandler;
             internal Frame Frame;
             internal StatusHandler StatusHandler;
@@ -49,8 +49,8 @@ namespace KvPCIe
         // whose Main returns with a card still capturing ends, and its cards are closed on the
         // way out (ProcessExit).
         [ThreadStatic] private static bool markedBackground_;
-        // The handle whose frame handler runs on this thread, if any.
-        [ThreadStatic] private static CardHandle inHandlerOf_;
+        // The path of the card whose frame handler runs on this thread, if any.
+        [ThreadStatic] private static string inHandlerOf_;
         private static readonly object openLock_ = new object();
         private static readonly System.Collections.Generic.List<WeakReference> open_ =
             new System.Collections.Generic.List<WeakReference>();
@@ -244,7 +244,7 @@ namespace KvPCIe
             var state = new ChannelState
             {
                 Errors = errors_,
-                Handle = handle_,
+                CardPath = Path,
                 FrameHandler = handler,
                 Frame = new Frame(buffer) { Channel = channel, Width = width, Height = height,
                                             PixelType = pixelType },
@@ -268,7 +268,7 @@ namespace KvPCIe
             Frame frame = state.Frame;
             frame.Length = (int)Marshal.ReadInt64(nativeFrame, 16);
             frame.ErrorFrame = Marshal.ReadInt32(nativeFrame, 36) != 0;
-            inHandlerOf_ = state.Handle;
+            inHandlerOf_ = state.CardPath;
             try
             {
                 state.FrameHandler(frame);
@@ -316,7 +316,7 @@ namespace KvPCIe
         /// them off.</summary>
         public void SetStatusHandler(int channel, StatusHandler handler)
         {
-            var state = new ChannelState { Errors = errors_, Handle = handle_,
+            var state = new ChannelState { Errors = errors_, CardPath = Path,
                                            StatusHandler = handler };
             // Kept under a key of its own until the library has switched to it.
             IntPtr context = handle_.KeepContext("status" + channel + "+", state);
@@ -419,8 +419,8 @@ namespace KvPCIe
         /// handlers too: no handler of the Card is called once that one has returned.</summary>
         public void Dispose()
         {
-            CardHandle running = inHandlerOf_;
-            if (running != null && running != handle_ && Path != CardPathOf(running))
+            string running = inHandlerOf_;
+            if (running != null && running != Path)
             {
                 // Inside a handler of another card the library only begins the close; its
                 // end, after which the buffers may be unpinned, is waited for elsewhere.
@@ -437,10 +437,6 @@ namespace KvPCIe
             handle_.Dispose();
         }
 
-        private static string CardPathOf(CardHandle handle)
-        {
-            return NativeMethods.Text(NativeMethods.kvpcie_card_path(handle));
-        }
     }
 
     /// <summary>The simulated card, for tests and examples: no hardware needed.</summary>

@@ -160,6 +160,14 @@ namespace KvPCIe.Tests
                     () => card.StartCapture(7, false, Width, Height, PixelType.Y8, null));
                 Assert.That(error.Status, Is.EqualTo(Status.BadArgument));
                 Assert.That(error.Message, Is.StringContaining("outside 0 to 3"));
+                // A format the library refuses is named, not the buffer it could not be given.
+                error = Assert.Throws<KvPCIeException>(
+                    () => card.StartCapture(0, false, Width, Height, (PixelType)9, null));
+                Assert.That(error.Status, Is.EqualTo(Status.NoCard));
+                Assert.That(error.Message, Is.StringContaining("pixel type 9"));
+                error = Assert.Throws<KvPCIeException>(
+                    () => card.StartCapture(0, false, 8000, 8000, PixelType.Pixel32, null));
+                Assert.That(error.Message, Is.StringContaining("exceeds the 20 MiB card buffer"));
                 error = Assert.Throws<KvPCIeException>(() => card.SendCommand(0, new byte[2000]));
                 Assert.That(error.Status, Is.EqualTo(Status.BadArgument));
                 error = Assert.Throws<KvPCIeException>(() => card.ReadData(0x80000000u, 4));
