@@ -39,6 +39,22 @@ namespace KvPCIe.Tests
             return done();
         }
 
+        // Rounds of garbage and full collections, which move whatever is not pinned.
+        private static void CollectWhileAllocating(int rounds)
+        {
+            for (int round = 0; round < rounds; ++round)
+            {
+                var garbage = new byte[64][];
+                for (int i = 0; i < garbage.Length; ++i)
+                {
+                    garbage[i] = new byte[16384];
+                }
+                GC.Collect();
+                GC.WaitForPendingFinalizers();
+                Thread.Sleep(10);
+            }
+        }
+
         [Test]
         public void ListsTheSimulatedCardsAndTheVersion()
         {
@@ -207,17 +223,7 @@ namespace KvPCIe.Tests
                 // keeps them for the library, the collector must neither free nor move them.
                 card.StartCapture(0, false, Width, Height, PixelType.Y8,
                                   frame => Interlocked.Increment(ref frames));
-                for (int round = 0; round < 20; ++round)
-                {
-                    var garbage = new byte[64][];
-                    for (int i = 0; i < garbage.Length; ++i)
-                    {
-                        garbage[i] = new byte[16384];
-                    }
-                    GC.Collect();
-                    GC.WaitForPendingFinalizers();
-                    Thread.Sleep(10);
-                }
+                CollectWhileAllocating(20);
                 Assert.That(Eventually(() => Volatile.Read(ref frames) >= 20), Is.True);
                 card.StopCapture(0);
                 CaptureStatistics statistics = card.GetCaptureStatistics(0);
@@ -314,17 +320,7 @@ namespace KvPCIe.Tests
             Assert.That(Eventually(() => Volatile.Read(ref disposed) != 0), Is.True);
             // Collections move what is no longer pinned; a frame written into a moved buffer,
             // or a handler called through a freed context, would crash here.
-            for (int round = 0; round < 10; ++round)
-            {
-                var garbage = new byte[64][];
-                for (int i = 0; i < garbage.Length; ++i)
-                {
-                    garbage[i] = new byte[16384];
-                }
-                GC.Collect();
-                GC.WaitForPendingFinalizers();
-                Thread.Sleep(10);
-            }
+            CollectWhileAllocating(10);
             Assert.That(Volatile.Read(ref late), Is.EqualTo(0));
             Assert.That(Eventually(() => ChannelIsFree(0)), Is.True);
         }
