@@ -3,9 +3,15 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <thread>
 
 namespace kvpcie::tools {
+namespace {
+
+constexpr std::uint64_t kCardBuffers = 8;
+
+}  // namespace
 
 void WaitUntilQueuedFramesPlayed(PCIeDataManager& manager, int channel, int frameRate,
                                  const std::function<bool()>& interrupted) {
@@ -17,8 +23,16 @@ void WaitUntilQueuedFramesPlayed(PCIeDataManager& manager, int channel, int fram
            manager.GetInjectStatistics(channel, stats) && stats.framesWaiting > 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    const auto ringPlayed = std::min(limit, Clock::now() + period * 8);
-    while (!interrupted() && Clock::now() < ringPlayed) {
+    // The card plays its buffers in ring order, and a buffer goes back to it (with the newest
+    // frame again, the queue being dry) only once it has played: eight such returns after the
+    // last frame went over mean the last frame has played, however late the card's clock ran.
+    if (stats.framesToCard == 0) {
+        return;  // nothing went to the card: nothing to play
+    }
+    const std::uint64_t dryBefore = stats.periodsWithoutFrame;
+    while (!interrupted() && Clock::now() < limit &&
+           manager.GetInjectStatistics(channel, stats) &&
+           stats.periodsWithoutFrame < dryBefore + kCardBuffers) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }

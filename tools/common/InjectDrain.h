@@ -8,8 +8,9 @@
 
 namespace kvpcie::tools {
 
-// Waits until the channel's queue is empty, then for the card's buffers' periods: at most for
-// all of them and a second. Returns early when `interrupted` says so (it is asked every few
+// Waits until the channel's queue is empty, then until the card has given back each of its
+// eight buffers once more (so the last frame has played): at most for all the frames' periods
+// and a second. Returns early when `interrupted` says so (it is asked every few
 // milliseconds). `frameRate` is the channel's (1 or more).
 void WaitUntilQueuedFramesPlayed(PCIeDataManager& manager, int channel, int frameRate,
                                  const std::function<bool()>& interrupted);
