@@ -10,6 +10,7 @@
 /// their values after StopCapture, until the next start.
 struct KvCaptureStatistics {
     /// Frames read from the card and handed on: to the callback, to the recorder, or to both.
+    /// A frame is counted as its callback is called, so a frame the host has is counted.
     std::uint64_t framesDelivered = 0;
     /// Card buffers whose transfer to the host failed; the buffer was given back to the card and
     /// the frame went nowhere.
