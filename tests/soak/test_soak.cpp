@@ -71,6 +71,10 @@ struct CaptureRun {
     std::atomic<int> replayed{0};
     std::atomic<int> wrong{0};
     std::atomic<std::int64_t> lastSeq{-1};
+    // The first frame of an earlier run seen after this run's had begun: its run, and the
+    // sequence number of the last frame of this run before it.
+    std::atomic<std::int64_t> lateStaleRun{-1};
+    std::atomic<std::int64_t> lateStaleAfterSeq{-1};
 
     static void OnFrame(int channel, const char* frame, void* context) {
         static_cast<CaptureRun*>(context)->Take(channel, frame);
@@ -87,7 +91,10 @@ struct CaptureRun {
         std::memcpy(&frameRun, frame + 12, 4);
         if (frameRun < run) {
             ++stale;
-            staleAfterCurrent += lastSeq.load() >= 0 ? 1 : 0;
+            if (lastSeq.load() >= 0 && staleAfterCurrent++ == 0) {
+                lateStaleRun = frameRun;
+                lateStaleAfterSeq = lastSeq.load();
+            }
             return;
         }
         bool exact = from == channel && owner == static_cast<std::uint32_t>(channel) &&
@@ -193,7 +200,9 @@ protected:
         EXPECT_EQ(run.wrong, 0) << "a captured frame that was not the next injected one";
         EXPECT_EQ(run.replayed, 0) << "a frame older than one already captured came again";
         EXPECT_EQ(run.staleAfterCurrent, 0)
-            << "an earlier run's frame came after this run's frames had begun";
+            << "an earlier run's frame came after this run's frames had begun: run "
+            << run.lateStaleRun << " (this run is " << run.run << ") after frame "
+            << run.lateStaleAfterSeq << " of this run";
         // Made ready by the card = delivered + still in the ring at the stop. (The card counts
         // the frames it dropped for want of a free buffer apart: they were never made ready.)
         const auto delivered = static_cast<std::uint32_t>(run.delivered);
