@@ -263,6 +263,7 @@ bool CaptureChannel::HandleBuffer(unsigned buffer, std::uint32_t status) {
     // starts the counts again, this frame's with them.
     counters_.delivered.Add();
     counters_.errorFrames.Add(errorFrame ? 1 : 0);
+    counters_.lastCardBuffer.store(static_cast<std::int32_t>(buffer), std::memory_order_relaxed);
     const auto callbackStart = CaptureCounters::Clock::now();
     if (frameCallback_ != nullptr) {
         frameCallback_(channel_, frameBuffer_, frameContext_);
@@ -280,7 +281,6 @@ bool CaptureChannel::HandleBuffer(unsigned buffer, std::uint32_t status) {
     if (!sameRun) {
         return false;  // the callback stopped or restarted its own channel: this run is over
     }
-    counters_.lastCardBuffer.store(static_cast<std::int32_t>(buffer), std::memory_order_relaxed);
     recording_.Offer(frameBuffer_, frameSize_);
     return true;
 }
