@@ -13,6 +13,7 @@
 #include <QCoreApplication>
 #include <QDirIterator>
 #include <QFileInfo>
+#include <QLoggingCategory>
 
 #include <array>
 #include <cstdio>
@@ -139,6 +140,8 @@ class Soak : public ::testing::Test {
 protected:
     void SetUp() override {
         Application();
+        // Each command logs four lines; a few hundred of them would bury a failure's message.
+        QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
         ASSERT_TRUE(PrepareTestCard());
         if (const char* seconds = std::getenv("KVPCIE_SOAK_SECONDS")) {
             length_ = std::chrono::seconds(std::max(1, std::atoi(seconds)));
