@@ -53,22 +53,21 @@ bool OpenXdmaCard(PCIeDataManagerPrivate* d, char* devicePath) {
     if (InsideCallback(d, "OpenCard")) {
         return false;
     }
-    // A card that is not there is the first thing to say, before who holds the one that is.
-    if (devicePath != nullptr && IsCardHeldByAnother(d) && !IsListed(devicePath)) {
-        SetErrorText("no such card: \"%s\" is not among the listed XDMA cards", devicePath);
-        return false;
-    }
-    if (CardHeldByAnother(d, "OpenCard")) {
-        return false;
-    }
     bool opened = true;
     if (devicePath != nullptr) {
+        const auto opening = LockCardOpening();
+        if (CardHeldByAnother(d, devicePath, "OpenCard")) {
+            return false;
+        }
         CloseXdmaCard(d);
-        opened = xdma::XdmaOpen(devicePath);
-        SetCardHolder(opened ? d : nullptr);
+        TakeOverCard(d, devicePath);
+        opened = d->card->XdmaOpen(devicePath);
         ClearErrorText();
         if (!opened) {
-            SetErrorText("the XDMA card \"%s\" did not open; its engines were created anyway",
+            SetErrorText(IsListed(devicePath)
+                             ? "the XDMA card \"%s\" did not open; its engines were created anyway"
+                             : "no such card: \"%s\" is not among the listed XDMA cards; its "
+                               "engines were created anyway",
                          devicePath);
         }
     } else {
@@ -80,8 +79,8 @@ bool OpenXdmaCard(PCIeDataManagerPrivate* d, char* devicePath) {
     }
     PCIeDataManagerPrivate::XdmaEngines engines;
     engines.capture = std::make_unique<xdma::DataCapture4XdmaMM>(
-        d, devicePath != nullptr ? devicePath : kNoCardPath);
-    engines.inject = std::make_unique<xdma::DataInject4XdmaMM>(d);
+        d->card, d, devicePath != nullptr ? devicePath : kNoCardPath);
+    engines.inject = std::make_unique<xdma::DataInject4XdmaMM>(d->card, d);
     d->InstallXdmaEngines(std::move(engines));
     return opened;
 }
@@ -91,18 +90,14 @@ void CloseXdmaCard(PCIeDataManagerPrivate* d) {
     if (InsideCallback(d, "CloseCard")) {
         return;
     }
-    // A manager that does not hold the card only lets go of its engines.
-    if (!IsCardHeldByAnother(d)) {
-        xdma::XdmaClose();
-        SetCardHolder(nullptr);
-    }
+    d->card->XdmaClose();
     PCIeDataManagerPrivate::XdmaEngines old = d->TakeXdmaEngines();
     old.capture.reset();
     old.inject.reset();
 }
 
-bool OpenFirstXdmaCardIfNone(PCIeDataManagerPrivate* d) {
-    if (xdma::XdmaIsOpen()) {
+bool OpenFirstXdmaCardIfNone(PCIeDataManagerPrivate* d, const char* operation) {
+    if (d->card->XdmaIsOpen()) {
         return true;
     }
     char* paths[xdma::kPathSlots] = {};
@@ -110,8 +105,11 @@ bool OpenFirstXdmaCardIfNone(PCIeDataManagerPrivate* d) {
     bool opened = false;
     if (found <= 0) {
         SetErrorText("no XDMA card is listed");
-    } else if (!(opened = OpenXdmaCard(d, paths[0]))) {
-        SetErrorText("the first XDMA card, \"%s\", did not open", paths[0]);
+    } else if (!CardHeldByAnother(d, paths[0], operation)) {
+        opened = OpenXdmaCard(d, paths[0]);
+        if (!opened) {
+            SetErrorText("the first XDMA card, \"%s\", did not open", paths[0]);
+        }
     }
     for (char* path : paths) {
         std::free(path);

@@ -7,12 +7,13 @@ struct PCIeDataManagerPrivate;
 namespace kvpcie {
 
 // Closes the card that `d` holds and opens `devicePath` (nullptr: no card, engines only), then
-// replaces the engines. Refused inside a callback and while another manager holds the card.
+// replaces the engines. Refused inside a callback and while another manager has channels
+// running on that card; one that holds it idle loses it.
 bool OpenXdmaCard(PCIeDataManagerPrivate* d, char* devicePath);
-// Closes the card unless another manager holds it, then destroys `d`'s engines.
+// Closes `d`'s card, then destroys `d`'s engines. Other managers' cards stay as they are.
 void CloseXdmaCard(PCIeDataManagerPrivate* d);
-// True when a card is open afterwards: already, or the first listed card opened. False with
-// the reason as the error text.
-bool OpenFirstXdmaCardIfNone(PCIeDataManagerPrivate* d);
+// True when `d` has a card open afterwards: already, or the first listed card opened. False
+// with the reason as the error text (`operation` names the call that was refused).
+bool OpenFirstXdmaCardIfNone(PCIeDataManagerPrivate* d, const char* operation);
 
 }  // namespace kvpcie

@@ -62,7 +62,7 @@ bool IsCaptureFormatAcceptable(unsigned channel, int width, int height, ePixelTy
 
 bool PCIeDataManager::PreProcCapture(KvFrameFormat& format, unsigned int channel, bool cardTiming,
                                      int width, int height, ePixelType pixelType) {
-    if (!kvpcie::OpenFirstXdmaCardIfNone(d)) {
+    if (!kvpcie::OpenFirstXdmaCardIfNone(d, "StartCapture")) {
         return false;  // the error text is set
     }
     format.channel = channel;

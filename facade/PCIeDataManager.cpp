@@ -76,6 +76,13 @@ bool PCIeDataManager::OpenCard(int deviceIndex) {
     return true;
 }
 
+void PCIeDataManager::CloseRiffaCard() {
+    ClearErrorText();
+    d->riffaCapture.reset();
+    d->riffaInject.reset();
+    d->riffaDevice->Close();
+}
+
 void PCIeDataManager::CloseCard() {
     CloseXdmaCard(d);
 }
@@ -122,10 +129,6 @@ bool StartCaptureWith(PCIeDataManagerPrivate* d, Prepare prepare, unsigned chann
                       void* userContext, char* frameBuffer) {
     ClearErrorText();
     if (!IsXdma(d, "StartCapture")) {
-        return false;
-    }
-    if (CardHeldByAnother(d, "StartCapture")) {
-        error = ERR_NO_CARD;
         return false;
     }
     KvFrameFormat format;
@@ -258,10 +261,6 @@ bool PCIeDataManager::StartInject(unsigned int channel, int frameRate, int width
     if (!IsXdma(d, "StartInject")) {
         return false;
     }
-    if (CardHeldByAnother(d, "StartInject")) {
-        error = ERR_NO_CARD;
-        return false;
-    }
     KvFrameFormat format;
     format.channel = channel;
     format.width = width;
@@ -282,7 +281,7 @@ bool PCIeDataManager::StartInject(unsigned int channel, int frameRate, int width
     // Refused before any card is opened or touched; a parameter line switched on for the
     // channel is checked by the engine when it starts the channel.
     if (!injecting &&
-        (!IsInjectRequestAcceptable(format, frameData) || !OpenFirstXdmaCardIfNone(d))) {
+        (!IsInjectRequestAcceptable(format, frameData) || !OpenFirstXdmaCardIfNone(d, "StartInject"))) {
         error = ERR_NO_CARD;
         return false;
     }

@@ -10,6 +10,7 @@
 
 PCIeDataManagerPrivate::PCIeDataManagerPrivate(ePCIeFrameworkType type)
     : framework(type),
+      card(std::make_shared<kvpcie::xdma::XdmaCard>()),
       coreCount(static_cast<unsigned>(std::max(1, QThread::idealThreadCount()))),
       riffaDevice(std::make_unique<kvpcie::riffa::RiffaDevice>()) {
     for (unsigned core = 0; core < coreCount; ++core) {
@@ -28,12 +29,33 @@ void PCIeDataManagerPrivate::InstallXdmaEngines(XdmaEngines engines) {
     xdmaInject = std::move(engines.inject);
 }
 
+namespace {
+
+struct Records {
+    std::mutex mutex;
+    std::vector<std::unique_ptr<PCIeDataManagerPrivate>> all;
+};
+
+// Kept reachable on purpose: the records are meant to outlive every facade, and a leak checker
+// should see them as held, not lost.
+Records& AllRecords() {
+    static auto* records = new Records;
+    return *records;
+}
+
+}  // namespace
+
 PCIeDataManagerPrivate* CreatePCIeDataManagerPrivate(ePCIeFrameworkType type) {
-    // Kept reachable on purpose: the records are meant to outlive every facade, and a leak
-    // checker should see them as held, not lost.
-    static std::mutex mutex;
-    static auto* records = new std::vector<std::unique_ptr<PCIeDataManagerPrivate>>;
-    std::lock_guard<std::mutex> lock(mutex);
-    records->push_back(std::make_unique<PCIeDataManagerPrivate>(type));
-    return records->back().get();
+    Records& records = AllRecords();
+    std::lock_guard<std::mutex> lock(records.mutex);
+    records.all.push_back(std::make_unique<PCIeDataManagerPrivate>(type));
+    return records.all.back().get();
+}
+
+void ForEachPCIeDataManagerPrivate(const std::function<void(PCIeDataManagerPrivate&)>& visit) {
+    Records& records = AllRecords();
+    std::lock_guard<std::mutex> lock(records.mutex);
+    for (const auto& record : records.all) {
+        visit(*record);
+    }
 }

@@ -7,11 +7,13 @@
 #include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDevice.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/DataCapture4XdmaMM.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/DataInject4XdmaMM.h"
+#include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
 #include "Common/WriterFirstSharedMutex.h"
 
 #include <KvPCIeInjectSdk/KvPCIeTypes.h>
 
 #include <array>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -38,6 +40,9 @@ struct PCIeDataManagerPrivate final : kvpcie::CpuCoreSource {
     void InstallXdmaEngines(XdmaEngines engines);
 
     ePCIeFrameworkType framework;
+    // The XDMA card this manager opens, closes and drives; its engines hold it too. Another
+    // manager may close it (taking the card over), never replace it.
+    const std::shared_ptr<kvpcie::xdma::XdmaCard> card;
     // CPU cores for pinned worker threads: true = free.
     std::mutex coreLock;
     std::map<unsigned, bool> freeCores;
@@ -64,3 +69,5 @@ struct PCIeDataManagerPrivate final : kvpcie::CpuCoreSource {
 // Creates a record that lives until the process ends: copies of a facade share it and none of
 // them owns it.
 PCIeDataManagerPrivate* CreatePCIeDataManagerPrivate(ePCIeFrameworkType type);
+// Calls `visit` with every record made so far, under a lock that creating a record takes too.
+void ForEachPCIeDataManagerPrivate(const std::function<void(PCIeDataManagerPrivate&)>& visit);

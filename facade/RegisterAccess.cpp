@@ -10,8 +10,8 @@ using namespace kvpcie;
 
 namespace {
 
-bool XdmaCardOpen() {
-    if (xdma::XdmaIsOpen()) {
+bool XdmaCardOpen(PCIeDataManagerPrivate* d) {
+    if (d->card->XdmaIsOpen()) {
         return true;
     }
     SetErrorText("no XDMA card is open");
@@ -32,7 +32,7 @@ bool TransferDone(bool done, const char* direction, unsigned address, unsigned s
 unsigned int PCIeDataManager::ReadReg(unsigned int address) {
     ClearErrorText();
     if (d->framework == XDMA_MM) {
-        return XdmaCardOpen() ? xdma::XdmaReadReg(address) : 0;
+        return XdmaCardOpen(d) ? d->card->XdmaReadReg(address) : 0;
     }
     if (d->framework == RIFFA) {
         return d->riffaDevice->ReadReg(address);
@@ -43,11 +43,11 @@ unsigned int PCIeDataManager::ReadReg(unsigned int address) {
 int PCIeDataManager::WriteReg(unsigned int address, int value) {
     ClearErrorText();
     if (d->framework == XDMA_MM) {
-        if (!XdmaCardOpen()) {
+        if (!XdmaCardOpen(d)) {
             return 0;
         }
         const auto word = static_cast<unsigned>(value);
-        const int result = xdma::XdmaWriteReg(address, &word);
+        const int result = d->card->XdmaWriteReg(address, &word);
         if (result != 4) {
             SetErrorText("writing register 0x%08X failed (%d)", address, result);
         }
@@ -65,8 +65,8 @@ bool PCIeDataManager::ReadData(unsigned int address, unsigned int size, unsigned
         SetErrorText("buffer is null");
         return false;
     }
-    return XdmaCardOpen() &&
-           TransferDone(xdma::XdmaReadData(address, size, buffer), "reading", address, size);
+    return XdmaCardOpen(d) &&
+           TransferDone(d->card->XdmaReadData(address, size, buffer), "reading", address, size);
 }
 
 bool PCIeDataManager::WriteData(unsigned int address, unsigned int size, unsigned char* buffer) {
@@ -75,7 +75,7 @@ bool PCIeDataManager::WriteData(unsigned int address, unsigned int size, unsigne
         SetErrorText("buffer is null");
         return false;
     }
-    return XdmaCardOpen() &&
-           TransferDone(xdma::XdmaWriteData(address, size, buffer), "writing", address, size);
+    return XdmaCardOpen(d) &&
+           TransferDone(d->card->XdmaWriteData(address, size, buffer), "writing", address, size);
 }
 

@@ -26,7 +26,9 @@ protected:
         ::kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
     }
-    void TearDown() override { XdmaClose(); }
+    void TearDown() override { card_.XdmaClose(); }
+
+    XdmaCard card_;
 
     static std::uint64_t OpenFiles() {
         KvPCIeSim::CardCounters counters{};
@@ -51,8 +53,8 @@ bool IsWrite(const CardAccess& access, std::uint32_t address, std::uint32_t valu
 
 TEST_F(XdmaDevice, OpenRequestsRestartRestartsAndAttachesTheHostAndCloseDetaches) {
     KvPCIeSim::TakeAccessLog(0);
-    ASSERT_TRUE(XdmaOpen("sim:xdma0"));
-    EXPECT_TRUE(XdmaIsOpen());
+    ASSERT_TRUE(card_.XdmaOpen("sim:xdma0"));
+    EXPECT_TRUE(card_.XdmaIsOpen());
     std::vector<CardAccess> log = KvPCIeSim::TakeAccessLog(0);
     ASSERT_EQ(log.size(), 3u);
     EXPECT_TRUE(IsWrite(log[0], 0x100014, 1));
@@ -60,56 +62,56 @@ TEST_F(XdmaDevice, OpenRequestsRestartRestartsAndAttachesTheHostAndCloseDetaches
     EXPECT_TRUE(IsWrite(log[2], 0x4, 0xFFFF0000));
     EXPECT_EQ(OpenFiles(), 4u);
 
-    XdmaClose();
+    card_.XdmaClose();
     log = KvPCIeSim::TakeAccessLog(0);
     ASSERT_EQ(log.size(), 1u);
     EXPECT_TRUE(IsWrite(log[0], 0x4, 0));
-    EXPECT_FALSE(XdmaIsOpen());
+    EXPECT_FALSE(card_.XdmaIsOpen());
     EXPECT_EQ(OpenFiles(), 0u);
 
-    XdmaClose();  // not open: not even the detach word
+    card_.XdmaClose();  // not open: not even the detach word
     EXPECT_TRUE(KvPCIeSim::TakeAccessLog(0).empty());
 }
 
 TEST_F(XdmaDevice, AFailedOpenLeavesTheCardClosedWithNoFileHeld) {
-    ASSERT_TRUE(XdmaOpen("sim:xdma0"));
+    ASSERT_TRUE(card_.XdmaOpen("sim:xdma0"));
     ASSERT_TRUE(KvPCIeSim::SetNodeAbsent(0, "control", true));
     ::testing::internal::CaptureStderr();
-    EXPECT_FALSE(XdmaOpen("sim:xdma0"));
+    EXPECT_FALSE(card_.XdmaOpen("sim:xdma0"));
     EXPECT_NE(
         ::testing::internal::GetCapturedStderr().find("Error opening device, win32 error code: "),
         std::string::npos);
-    EXPECT_FALSE(XdmaIsOpen());
+    EXPECT_FALSE(card_.XdmaIsOpen());
     EXPECT_EQ(OpenFiles(), 0u);
-    EXPECT_EQ(XdmaReadReg(0x1F0000), 0u);
+    EXPECT_EQ(card_.XdmaReadReg(0x1F0000), 0u);
     const unsigned value = 1;
-    EXPECT_EQ(XdmaWriteReg(0x100, &value), kTransferCallFailed);
+    EXPECT_EQ(card_.XdmaWriteReg(0x100, &value), kTransferCallFailed);
 
-    EXPECT_FALSE(XdmaOpen(nullptr));
-    EXPECT_FALSE(XdmaOpen(std::string(300, 'x').c_str()));  // over 260 characters
-    EXPECT_FALSE(XdmaOpen("sim:xdma9"));
+    EXPECT_FALSE(card_.XdmaOpen(nullptr));
+    EXPECT_FALSE(card_.XdmaOpen(std::string(300, 'x').c_str()));  // over 260 characters
+    EXPECT_FALSE(card_.XdmaOpen("sim:xdma9"));
 }
 
 TEST_F(XdmaDevice, RegistersAndTheUserSpaceGoThroughTheUserFile) {
-    ASSERT_TRUE(XdmaOpen("sim:xdma0"));
-    EXPECT_EQ(XdmaReadReg(0x1F0000), 0x53494D31u);
-    EXPECT_EQ(XdmaReadReg(0x100028), 100000000u);
+    ASSERT_TRUE(card_.XdmaOpen("sim:xdma0"));
+    EXPECT_EQ(card_.XdmaReadReg(0x1F0000), 0x53494D31u);
+    EXPECT_EQ(card_.XdmaReadReg(0x100028), 100000000u);
     const unsigned value = 0x12345678;
-    EXPECT_EQ(XdmaWriteReg(0x101020, &value), 4);
-    EXPECT_EQ(XdmaReadReg(0x101020), 0x12345678u);
-    EXPECT_EQ(XdmaWriteReg(0x101020, nullptr), kTransferCallFailed);
+    EXPECT_EQ(card_.XdmaWriteReg(0x101020, &value), 4);
+    EXPECT_EQ(card_.XdmaReadReg(0x101020), 0x12345678u);
+    EXPECT_EQ(card_.XdmaWriteReg(0x101020, nullptr), kTransferCallFailed);
 
     const std::uint32_t block[4] = {1, 2, 3, 4};
     std::uint32_t back[4] = {};
-    EXPECT_TRUE(XdmaWriteUser(0x1F1400, block, sizeof block));
-    EXPECT_TRUE(XdmaReadUser(0x1F1400, back, sizeof back));
+    EXPECT_TRUE(card_.XdmaWriteUser(0x1F1400, block, sizeof block));
+    EXPECT_TRUE(card_.XdmaReadUser(0x1F1400, back, sizeof back));
     EXPECT_EQ(std::vector<std::uint32_t>(back, back + 4),
               std::vector<std::uint32_t>(block, block + 4));
-    EXPECT_FALSE(XdmaReadUser(0x1F1400, nullptr, 4));
+    EXPECT_FALSE(card_.XdmaReadUser(0x1F1400, nullptr, 4));
 }
 
 TEST_F(XdmaDevice, SixteenMebibytesMoveAsTwoPiecesAndAFinalEmptyOne) {
-    ASSERT_TRUE(XdmaOpen("sim:xdma0"));
+    ASSERT_TRUE(card_.XdmaOpen("sim:xdma0"));
     const platform::DeviceFilePtr c2h =
         XdmaOpenDeviceFile("sim:xdma0", "c2h_0", platform::kAccessRead);
     ASSERT_NE(c2h, nullptr);
@@ -128,7 +130,7 @@ TEST_F(XdmaDevice, SixteenMebibytesMoveAsTwoPiecesAndAFinalEmptyOne) {
 }
 
 TEST_F(XdmaDevice, TransfersReportEachResultCode) {
-    ASSERT_TRUE(XdmaOpen("sim:xdma0"));
+    ASSERT_TRUE(card_.XdmaOpen("sim:xdma0"));
     const platform::DeviceFilePtr c2h =
         XdmaOpenDeviceFile("sim:xdma0", "c2h_0", platform::kAccessRead);
     const platform::DeviceFilePtr h2c =
@@ -148,16 +150,16 @@ TEST_F(XdmaDevice, TransfersReportEachResultCode) {
     EXPECT_EQ(XdmaReadDevice(c2h.get(), 0, 16, nullptr), kTransferCallFailed);
     EXPECT_EQ(XdmaReadDevice(h2c.get(), 0, 16, buffer.data()), kTransferCallFailed);
 
-    EXPECT_FALSE(XdmaReadData(0x80000000u, 16, buffer.data()));
-    EXPECT_FALSE(XdmaWriteData(0x7FFFFFF0, 32, buffer.data()));
-    EXPECT_TRUE(XdmaReadData(0, 0, nullptr));
+    EXPECT_FALSE(card_.XdmaReadData(0x80000000u, 16, buffer.data()));
+    EXPECT_FALSE(card_.XdmaWriteData(0x7FFFFFF0, 32, buffer.data()));
+    EXPECT_TRUE(card_.XdmaReadData(0, 0, nullptr));
 
     ASSERT_TRUE(KvPCIeSim::SetSurpriseRemoved(0, true));
     EXPECT_EQ(XdmaReadDevice(c2h.get(), 0, 16, buffer.data()), kTransferCallFailed);
-    EXPECT_FALSE(XdmaReadData(0, 16, buffer.data()));
-    EXPECT_EQ(XdmaReadReg(0x1F0000), 0u);
+    EXPECT_FALSE(card_.XdmaReadData(0, 16, buffer.data()));
+    EXPECT_EQ(card_.XdmaReadReg(0x1F0000), 0u);
     const unsigned value = 1;
-    EXPECT_EQ(XdmaWriteReg(0x100, &value), kTransferCallFailed);
+    EXPECT_EQ(card_.XdmaWriteReg(0x100, &value), kTransferCallFailed);
 }
 
 #ifdef __linux__
@@ -194,15 +196,15 @@ TEST_F(XdmaDevice, ListingFillsAtMostFourBuffers) {
 }
 
 TEST_F(XdmaDevice, CloseAndReopenWhileAnotherThreadTransfersNeverTouchAClosedFile) {
-    ASSERT_TRUE(XdmaOpen("sim:xdma0"));
+    ASSERT_TRUE(card_.XdmaOpen("sim:xdma0"));
     std::atomic<bool> run{true};
     std::atomic<int> succeeded{0};
     std::atomic<int> failed{0};
     std::thread transfers([&] {
         std::vector<std::uint8_t> frame(1 << 20);
         while (run.load()) {
-            const bool ok = XdmaReadData(0, static_cast<unsigned>(frame.size()), frame.data()) &&
-                            XdmaReadReg(0x1F0000) == 0x53494D31u;
+            const bool ok = card_.XdmaReadData(0, static_cast<unsigned>(frame.size()), frame.data()) &&
+                            card_.XdmaReadReg(0x1F0000) == 0x53494D31u;
             (ok ? succeeded : failed)++;
         }
     });
@@ -216,14 +218,42 @@ TEST_F(XdmaDevice, CloseAndReopenWhileAnotherThreadTransfersNeverTouchAClosedFil
     };
     for (int round = 0; round < 3; ++round) {
         EXPECT_TRUE(awaitChange(succeeded, succeeded.load())) << "transfers succeed while open";
-        XdmaClose();
-        ASSERT_TRUE(XdmaOpen("sim:xdma0"));
+        card_.XdmaClose();
+        ASSERT_TRUE(card_.XdmaOpen("sim:xdma0"));
     }
-    XdmaClose();
+    card_.XdmaClose();
     EXPECT_TRUE(awaitChange(failed, failed.load())) << "transfers after the close fail";
     run = false;
     transfers.join();
     EXPECT_EQ(OpenFiles(), 0u);
+}
+
+// Each card object reaches its own card only: writes through one never show through the
+// other, and closing one leaves the other open.
+TEST_F(XdmaDevice, TwoCardObjectsDriveTwoCardsApart) {
+    ASSERT_TRUE(KvPCIeSim::Configure("xdma:2"));
+    XdmaCard other;
+    ASSERT_TRUE(card_.XdmaOpen("sim:xdma0"));
+    ASSERT_TRUE(other.XdmaOpen("sim:xdma1"));
+    EXPECT_EQ(card_.Path(), "sim:xdma0");
+    EXPECT_EQ(other.Path(), "sim:xdma1");
+    const unsigned first = 100;
+    const unsigned second = 20;
+    ASSERT_EQ(card_.XdmaWriteReg(0x101020, &first), 4);
+    ASSERT_EQ(other.XdmaWriteReg(0x101020, &second), 4);
+    EXPECT_EQ(card_.XdmaReadReg(0x101020), first);
+    EXPECT_EQ(other.XdmaReadReg(0x101020), second);
+    std::vector<std::uint8_t> written(4096, 0xA5);
+    std::vector<std::uint8_t> back(4096, 0);
+    ASSERT_TRUE(other.XdmaWriteData(0x3000000, 4096, written.data()));
+    ASSERT_TRUE(card_.XdmaReadData(0x3000000, 4096, back.data()));
+    EXPECT_NE(back, written) << "card 0's memory shows what was written to card 1";
+
+    card_.XdmaClose();
+    EXPECT_FALSE(card_.XdmaIsOpen());
+    EXPECT_TRUE(other.XdmaIsOpen());
+    EXPECT_EQ(other.XdmaReadReg(0x101020), second);
+    other.XdmaClose();
 }
 
 }  // namespace

@@ -23,10 +23,14 @@
 /// so copies drive the same card and engines. The record lives until the process ends; call
 /// CloseCard before you drop the last copy to stop the engines' threads.
 ///
-/// Two managers. The process has one open XDMA card. While the manager that opened it (or a
-/// copy) has a channel capturing or injecting, another manager's OpenCard, StartCapture and
-/// StartInject are refused with an error text, and its CloseCard leaves the card open (only its
-/// own engines go). Share a card through copies of one manager; an idle card may be taken over.
+/// Several cards. Each manager holds the XDMA card that it opened, with engines of its own:
+/// managers on different cards work side by side in one process, and a manager's OpenCard and
+/// CloseCard close only its own card. One card has one holder: while a manager (or a copy) has a
+/// channel capturing or injecting on its card, another manager's OpenCard of that card, and its
+/// StartCapture or StartInject that would open it, are refused with an error text. A card that
+/// another manager holds idle is taken over: that manager's card closes, and its calls fail
+/// ("no XDMA card is open") rather than reach a card it no longer holds. Share one card through
+/// copies of one manager.
 ///
 /// Results. Nothing throws. Operations that forward to a capture or inject engine do nothing and
 /// return false, 0 or null while no engine exists (before OpenCard, after CloseCard). After a
@@ -76,6 +80,9 @@ public:
     bool OpenCard(int deviceIndex);
     /// Closes the XDMA card, then destroys the XDMA engines. The RIFFA side is untouched.
     void CloseCard();
+    /// Destroys the RIFFA engines, then closes the RIFFA device that OpenCard(int) opened; the
+    /// XDMA side is untouched. Nothing when no RIFFA device is open.
+    void CloseRiffaCard();
     /// Always true.
     bool IsCardOpen();
     /// Stores four new zeroed 261-byte buffers (malloc'ed; free them) in paths[0..3] and copies

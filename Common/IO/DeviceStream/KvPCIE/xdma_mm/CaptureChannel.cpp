@@ -56,9 +56,10 @@ void FormatBinary(std::uint32_t value, char* out) {
 
 }  // namespace
 
-CaptureChannel::CaptureChannel(int channel, LogFile& log, const std::atomic<bool>& saveLog)
-    : channel_(channel), log_(log), saveLog_(saveLog), recording_(channel, log),
-      status_(channel, log) {}
+CaptureChannel::CaptureChannel(XdmaCard& card, int channel, LogFile& log,
+                               const std::atomic<bool>& saveLog)
+    : card_(card), channel_(channel), log_(log), saveLog_(saveLog), recording_(channel, log),
+      status_(card, channel, log) {}
 
 std::unique_lock<std::mutex> CaptureChannel::LockTurn() {
     if (channelInTurn == this) {
@@ -105,26 +106,26 @@ void CaptureChannel::ProgramCard() {
     const auto c = static_cast<unsigned>(channel_);
     const std::uint32_t block = CaptureBlock(c);
     const bool known = IsKnownPixelType(format_.pixelType);
-    XdmaWriteRegValue(block + kCapPixelCode,
+    card_.XdmaWriteRegValue(block + kCapPixelCode,
                       known ? static_cast<std::uint32_t>(format_.pixelType) : 0);
-    XdmaWriteRegValue(block + kCapGeometry,
+    card_.XdmaWriteRegValue(block + kCapGeometry,
                       (static_cast<std::uint32_t>(format_.width) << 16) |
                           static_cast<std::uint32_t>(format_.height + format_.paramLines));
-    XdmaWriteRegValue(block + kCapBufferCount, kCardBufferCount);
-    XdmaWriteRegValue(block + kCapBufferSpacing, kCardBufferBytes);
-    XdmaWriteRegValue(block + kCapFrameBytes, known ? static_cast<std::uint32_t>(frameSize_) : 0);
+    card_.XdmaWriteRegValue(block + kCapBufferCount, kCardBufferCount);
+    card_.XdmaWriteRegValue(block + kCapBufferSpacing, kCardBufferBytes);
+    card_.XdmaWriteRegValue(block + kCapFrameBytes, known ? static_cast<std::uint32_t>(frameSize_) : 0);
     for (unsigned i = 0; i < kCardBufferCount; ++i) {
-        XdmaWriteRegValue(block + CapBufferAddress(i), CaptureBufferAddress(c, i));
-        XdmaWriteRegValue(block + CapBufferStatus(i), 0);
+        card_.XdmaWriteRegValue(block + CapBufferAddress(i), CaptureBufferAddress(c, i));
+        card_.XdmaWriteRegValue(block + CapBufferStatus(i), 0);
     }
-    XdmaWriteRegValue(block + kCapLinePeriod, static_cast<std::uint32_t>(format_.linePeriod));
+    card_.XdmaWriteRegValue(block + kCapLinePeriod, static_cast<std::uint32_t>(format_.linePeriod));
     if (format_.captureSyncMode == 1) {
         // A frame rate of 0 would divide by zero; the card then gets no period.
         const auto rate = static_cast<std::uint32_t>(format_.frameRate);
-        XdmaWriteRegValue(block + kCapFramePeriod,
-                          rate == 0 ? 0 : XdmaReadReg(kRegTimingClockHz) / rate);
+        card_.XdmaWriteRegValue(block + kCapFramePeriod,
+                          rate == 0 ? 0 : card_.XdmaReadReg(kRegTimingClockHz) / rate);
     }
-    XdmaWriteRegValue(block + kCapSyncMode, SyncModeWord(format_));
+    card_.XdmaWriteRegValue(block + kCapSyncMode, SyncModeWord(format_));
 }
 
 void CaptureChannel::MarkStopped() {
@@ -192,7 +193,7 @@ void CaptureChannel::PollTurn() {
 void CaptureChannel::ScanRing() {
     const std::uint32_t block = CaptureBlock(static_cast<unsigned>(channel_));
     const bool logging = saveLog_.load(std::memory_order_relaxed);
-    const std::uint32_t latestRegister = XdmaReadReg(block + kCapLatestBuffer);
+    const std::uint32_t latestRegister = card_.XdmaReadReg(block + kCapLatestBuffer);
     const int last = lastHandledBuffer_;
     char line[512];
     if (logging) {
@@ -209,7 +210,7 @@ void CaptureChannel::ScanRing() {
     }
     for (int n = last + 1; n <= latest; ++n) {
         const unsigned buffer = static_cast<unsigned>(n % kCardBufferCount);
-        const std::uint32_t status = XdmaReadReg(block + CapBufferStatus(buffer));
+        const std::uint32_t status = card_.XdmaReadReg(block + CapBufferStatus(buffer));
         if (logging) {
             char digits[33];
             FormatBinary(status, digits);
@@ -234,7 +235,7 @@ bool CaptureChannel::HandleBuffer(unsigned buffer, std::uint32_t status) {
                       buffer);
         log_.WriteLog(line);
     }
-    const bool ok = XdmaReadData(CaptureBufferAddress(c, buffer),
+    const bool ok = card_.XdmaReadData(CaptureBufferAddress(c, buffer),
                                  static_cast<unsigned>(frameSize_), frameBuffer_);
     if (logging) {
         std::snprintf(line, sizeof line, "%s%d  完成读取 Buff %u的数据", kPortPrefix, channel_,
@@ -243,7 +244,7 @@ bool CaptureChannel::HandleBuffer(unsigned buffer, std::uint32_t status) {
     }
     lastHandledBuffer_ = static_cast<int>(buffer);
     const unsigned released = 0;
-    XdmaWriteReg(statusAddress, &released);
+    card_.XdmaWriteReg(statusAddress, &released);
     if (logging) {
         std::snprintf(
             line, sizeof line,

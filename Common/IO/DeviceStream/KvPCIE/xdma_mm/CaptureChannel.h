@@ -6,6 +6,7 @@
 #include "CaptureStatusChannel.h"
 #include "EventFile.h"
 #include "StreamCounters.h"
+#include "XdmaDevice.h"
 
 #include "Common/AutoResetEvent.h"
 #include "Common/CpuCoreSource.h"
@@ -31,7 +32,7 @@ namespace kvpcie::xdma {
 // callback stopped or restarted the channel.
 class CaptureChannel {
 public:
-    CaptureChannel(int channel, LogFile& log, const std::atomic<bool>& saveLog);
+    CaptureChannel(XdmaCard& card, int channel, LogFile& log, const std::atomic<bool>& saveLog);
     // Ends the event thread; the recording finishes its take.
     ~CaptureChannel() { StopEventWatch(); }
     CaptureChannel(const CaptureChannel&) = delete;
@@ -73,6 +74,7 @@ private:
     void StopEventWatchLocked();
     void EventLoop();
 
+    XdmaCard& card_;
     const int channel_;
     LogFile& log_;
     const std::atomic<bool>& saveLog_;

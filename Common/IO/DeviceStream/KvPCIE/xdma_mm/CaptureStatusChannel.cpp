@@ -46,7 +46,7 @@ void CaptureStatusChannel::Collect() {
 
 bool CaptureStatusChannel::ReadBlock(StatusDataBuffer& buffer) {
     const std::uint32_t block = CaptureBlock(static_cast<unsigned>(channel_));
-    const std::uint32_t control = XdmaReadReg(block + kCapStatusControl);
+    const std::uint32_t control = card_.XdmaReadReg(block + kCapStatusControl);
     if ((control & kMailboxFull) == 0) {
         return false;
     }
@@ -54,7 +54,7 @@ bool CaptureStatusChannel::ReadBlock(StatusDataBuffer& buffer) {
     const int words = (length + 3) / 4;
     char bytes[kMailboxBytes];
     for (int k = 0; k < words; ++k) {
-        XdmaReadUser(block + kCapStatusData + 4 * static_cast<std::uint32_t>(k), bytes + 4 * k, 4);
+        card_.XdmaReadUser(block + kCapStatusData + 4 * static_cast<std::uint32_t>(k), bytes + 4 * k, 4);
     }
     // A block that would overflow the buffer is dropped whole.
     const bool kept = buffer.Append(bytes, length);
@@ -65,7 +65,7 @@ bool CaptureStatusChannel::ReadBlock(StatusDataBuffer& buffer) {
                  "status blocks are dropped: the host's status buffer is full",
                  "status bytes were dropped");
     const unsigned taken = 0;
-    XdmaWriteReg(block + kCapStatusControl, &taken);
+    card_.XdmaWriteReg(block + kCapStatusControl, &taken);
     return true;
 }
 

@@ -5,6 +5,7 @@
 #include "LossBurst.h"
 #include "StatusDataBuffer.h"
 #include "StreamCounters.h"
+#include "XdmaDevice.h"
 
 #include "Common/LogFile.h"
 
@@ -19,7 +20,8 @@ namespace kvpcie::xdma {
 
 class CaptureStatusChannel {
 public:
-    CaptureStatusChannel(int channel, LogFile& log) : channel_(channel), log_(log) {}
+    CaptureStatusChannel(XdmaCard& card, int channel, LogFile& log)
+        : card_(card), channel_(channel), log_(log) {}
     CaptureStatusChannel(const CaptureStatusChannel&) = delete;
     CaptureStatusChannel& operator=(const CaptureStatusChannel&) = delete;
 
@@ -38,6 +40,7 @@ private:
     // True when a block was taken from the mailbox (kept or counted as dropped).
     bool ReadBlock(StatusDataBuffer& buffer);
 
+    XdmaCard& card_;
     const int channel_;
     LogFile& log_;
     std::mutex lock_;

@@ -33,7 +33,8 @@ void EmitCommandMessage(const char* literal, const char* tail = "") {
 
 }  // namespace
 
-ControlCommandChannel::ControlCommandChannel(CpuCoreSource* cores) : cores_(cores) {
+ControlCommandChannel::ControlCommandChannel(XdmaCard& card, CpuCoreSource* cores)
+    : card_(card), cores_(cores) {
     for (std::atomic<bool>& sent : sent_) {
         sent.store(true, std::memory_order_relaxed);
     }
@@ -110,7 +111,7 @@ bool ControlCommandChannel::SendPending(unsigned c) {
         return false;  // stays pending until a real command replaces it
     }
     const std::uint32_t block = InjectBlock(c);
-    if ((XdmaReadReg(block + kInjCommandControl) & kCommandBusy) != 0) {
+    if ((card_.XdmaReadReg(block + kInjCommandControl) & kCommandBusy) != 0) {
         return false;  // the card has not taken the previous one; retried next pass
     }
     const int length = command.size();
@@ -118,11 +119,11 @@ bool ControlCommandChannel::SendPending(unsigned c) {
         unsigned char word[4] = {};
         std::memcpy(word, command.constData() + offset,
                     static_cast<std::size_t>(std::min(4, length - offset)));
-        XdmaWriteUser(block + kInjCommandData + static_cast<std::uint32_t>(offset), word,
+        card_.XdmaWriteUser(block + kInjCommandData + static_cast<std::uint32_t>(offset), word,
                       sizeof word);
     }
     const unsigned control = static_cast<unsigned>(length - 1) | kCommandBusy;
-    XdmaWriteReg(block + kInjCommandControl, &control);
+    card_.XdmaWriteReg(block + kInjCommandControl, &control);
     counters_[c].sent.Add();
     {
         // A command handed in while this one went out stays pending: its caller must not be

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "StreamCounters.h"
+#include "XdmaDevice.h"
 #include "XdmaChannelRegisters.h"
 
 #include "Common/CpuCoreSource.h"
@@ -23,7 +24,7 @@ namespace kvpcie::xdma {
 // Write may be called from any thread; the worker starts with the first command.
 class ControlCommandChannel {
 public:
-    explicit ControlCommandChannel(CpuCoreSource* cores);
+    ControlCommandChannel(XdmaCard& card, CpuCoreSource* cores);
     ~ControlCommandChannel() { StopWorker(); }
     ControlCommandChannel(const ControlCommandChannel&) = delete;
     ControlCommandChannel& operator=(const ControlCommandChannel&) = delete;
@@ -41,6 +42,7 @@ private:
     // Writes the channel's pending command when the card is free; true when it went out.
     bool SendPending(unsigned channel);
 
+    XdmaCard& card_;
     CpuCoreSource* const cores_;
     std::array<QByteArray, kChannelCount> pending_;
     std::array<std::atomic<bool>, kChannelCount> sent_{};

@@ -29,17 +29,21 @@ thread_local const DataCapture4XdmaMM* pollingEngine = nullptr;
 
 }  // namespace
 
-DataCapture4XdmaMM::DataCapture4XdmaMM(CpuCoreSource* cores, const std::string& devicePath)
+DataCapture4XdmaMM::DataCapture4XdmaMM(std::shared_ptr<XdmaCard> card, CpuCoreSource* cores,
+                                       const std::string& devicePath)
     : QObject(nullptr),
+      card_(std::move(card)),
       cores_(cores),
       devicePath_(devicePath),
       log_("Capture_AllChannel"),
-      channels_{{{0, log_, saveLog_}, {1, log_, saveLog_}, {2, log_, saveLog_},
-                 {3, log_, saveLog_}}} {
+      channels_{{{*card_, 0, log_, saveLog_},
+                 {*card_, 1, log_, saveLog_},
+                 {*card_, 2, log_, saveLog_},
+                 {*card_, 3, log_, saveLog_}}} {
     log_.StartLog();
     connect(&statusTimer_, &QTimer::timeout, this,
             &DataCapture4XdmaMM::OnSlotCaptureCmdDataTimeOut);
-    delayClockHz_ = XdmaReadReg(kRegDelayClockHz);
+    delayClockHz_ = card_->XdmaReadReg(kRegDelayClockHz);
 }
 
 DataCapture4XdmaMM::~DataCapture4XdmaMM() {
@@ -97,7 +101,7 @@ void DataCapture4XdmaMM::WriteEnableMask(int c, bool on) {
     } else {
         enableMask_ &= ~(1u << c);
     }
-    XdmaWriteRegValue(kRegCaptureEnableMask, enableMask_);
+    card_->XdmaWriteRegValue(kRegCaptureEnableMask, enableMask_);
 }
 
 void DataCapture4XdmaMM::StopCapture(int c) {
@@ -264,8 +268,8 @@ tagCaptureDelayStatusInfo* DataCapture4XdmaMM::GetCaptureDelayStatus(int c) {
         const std::uint32_t address = block + CapBufferDelay(i);
         auto* record = reinterpret_cast<unsigned char*>(&delayStatus_[i]);
         for (int k = 0; k < 4; ++k) {
-            XdmaWriteRegValue(address, kDelaySelectorOrder[k] << kDelaySelectorShift);
-            const std::uint32_t ticks = XdmaReadReg(address) & kDelayCountMask;
+            card_->XdmaWriteRegValue(address, kDelaySelectorOrder[k] << kDelaySelectorShift);
+            const std::uint32_t ticks = card_->XdmaReadReg(address) & kDelayCountMask;
             const double seconds = delayClockHz_ == 0 ? 0.0 : double(ticks) / delayClockHz_;
             // The record is packed: its doubles are not aligned, so they are stored bytewise.
             std::memcpy(record + kDelayFieldOffsets[k], &seconds, sizeof seconds);
@@ -280,7 +284,7 @@ void DataCapture4XdmaMM::SetImgDisplayDelayTest(int c, bool on) {
         return;
     }
     channels_[c].SetDelayTest(on);
-    XdmaWriteRegValue(kRegDelayTest, on ? kDelayTestOn : 0);
+    card_->XdmaWriteRegValue(kRegDelayTest, on ? kDelayTestOn : 0);
 }
 
 void DataCapture4XdmaMM::ImgSnapShot(int c) {

@@ -5,6 +5,7 @@
 
 #include "CaptureChannel.h"
 #include "XdmaChannelRegisters.h"
+#include "XdmaDevice.h"
 
 #include "Common/CpuCoreSource.h"
 #include "Common/LogFile.h"
@@ -19,6 +20,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -34,9 +36,11 @@ class DataCapture4XdmaMM : public QObject {
     Q_OBJECT
 
 public:
-    // `cores` gives the worker threads their cores; `devicePath` is the card's interface path,
-    // the base of its event file names. Reads the delay clock; writes no register.
-    DataCapture4XdmaMM(CpuCoreSource* cores, const std::string& devicePath);
+    // Drives `card` (held as long as the engine); `cores` gives the worker threads their cores;
+    // `devicePath` is the card's interface path, the base of its event file names. Reads the
+    // delay clock; writes no register.
+    DataCapture4XdmaMM(std::shared_ptr<XdmaCard> card, CpuCoreSource* cores,
+                       const std::string& devicePath);
     // Stops every thread and recorder; writes no register.
     ~DataCapture4XdmaMM() override;
 
@@ -91,6 +95,7 @@ private:
 
     static bool ValidChannel(int channel) { return channel >= 0 && channel < kChannelCount; }
 
+    const std::shared_ptr<XdmaCard> card_;
     CpuCoreSource* const cores_;
     const std::string devicePath_;
     std::atomic<bool> saveLog_{false};

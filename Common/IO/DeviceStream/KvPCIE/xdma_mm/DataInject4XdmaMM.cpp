@@ -28,15 +28,16 @@ constexpr std::size_t kDelayFieldOffsets[] = {
 
 }  // namespace
 
-DataInject4XdmaMM::DataInject4XdmaMM(CpuCoreSource* cores)
+DataInject4XdmaMM::DataInject4XdmaMM(std::shared_ptr<XdmaCard> card, CpuCoreSource* cores)
     : QObject(nullptr),
+      card_(std::move(card)),
       cores_(cores),
       logAllChannel_("Inject_AllChannel"),
       logReadFile_("InjectReadFile"),
-      commands_(cores) {
+      commands_(*card_, cores) {
     logAllChannel_.StartLog();
     logReadFile_.StartLog();
-    clockFreq_ = XdmaReadReg(kRegDelayClockHz);
+    clockFreq_ = card_->XdmaReadReg(kRegDelayClockHz);
 }
 
 DataInject4XdmaMM::~DataInject4XdmaMM() {
@@ -66,7 +67,7 @@ bool DataInject4XdmaMM::StartInject(const KvFrameFormat& format, const char* fra
             injectThreadStarted_ = true;
         }
         injectChannelMask_ |= 1u << c;
-        XdmaWriteRegValue(kRegInjectEnableMask, injectChannelMask_);
+        card_->XdmaWriteRegValue(kRegInjectEnableMask, injectChannelMask_);
     }
     return channel.Queue(frameData, error);
 }
@@ -76,7 +77,7 @@ void DataInject4XdmaMM::StopInject(int c) {
         return;
     }
     injectChannelMask_ &= ~(1u << c);
-    XdmaWriteRegValue(kRegInjectEnableMask, injectChannelMask_);
+    card_->XdmaWriteRegValue(kRegInjectEnableMask, injectChannelMask_);
     channels_[c].Stop();
     std::this_thread::sleep_for(kChannelSettleTime);
     for (const InjectChannel& other : channels_) {
@@ -132,8 +133,8 @@ tagInjectDelayStatusInfo* DataInject4XdmaMM::GetInjectDelayStatus(int channel) {
         auto* record = reinterpret_cast<unsigned char*>(&delayStatus_[b]);
         for (std::size_t i = 0; i < std::size(kDelaySelectorOrder); ++i) {
             const std::uint32_t address = block + InjBufferDelay(b);
-            XdmaWriteRegValue(address, kDelaySelectorOrder[i] << kDelaySelectorShift);
-            const std::uint32_t count = XdmaReadReg(address) & kDelayCountMask;
+            card_->XdmaWriteRegValue(address, kDelaySelectorOrder[i] << kDelaySelectorShift);
+            const std::uint32_t count = card_->XdmaReadReg(address) & kDelayCountMask;
             // No clock (no card) divides by zero on purpose: the values read as infinite or
             // not a number rather than as a plausible time.
             const double seconds = static_cast<double>(count) / static_cast<double>(clockFreq_);

@@ -6,6 +6,7 @@
 #include "ControlCommandChannel.h"
 #include "InjectChannel.h"
 #include "XdmaChannelRegisters.h"
+#include "XdmaDevice.h"
 
 #include "Common/CpuCoreSource.h"
 #include "Common/LogFile.h"
@@ -19,6 +20,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 
 namespace kvpcie::xdma {
 
@@ -30,8 +32,9 @@ class DataInject4XdmaMM : public QObject {
     Q_OBJECT
 
 public:
-    // `cores` gives the worker threads their cores. Reads the delay clock; writes no register.
-    explicit DataInject4XdmaMM(CpuCoreSource* cores);
+    // Drives `card` (held as long as the engine); `cores` gives the worker threads their cores.
+    // Reads the delay clock; writes no register.
+    DataInject4XdmaMM(std::shared_ptr<XdmaCard> card, CpuCoreSource* cores);
     // Stops both workers; writes no register, so channels keep playing on the card.
     ~DataInject4XdmaMM() override;
 
@@ -69,6 +72,7 @@ private:
 
     static bool ValidChannel(int channel) { return channel >= 0 && channel < kChannelCount; }
 
+    const std::shared_ptr<XdmaCard> card_;
     CpuCoreSource* const cores_;
     std::uint32_t clockFreq_ = 0;
     std::uint32_t injectChannelMask_ = 0;
@@ -81,7 +85,8 @@ private:
     // The records are packed; aligned here, a host can read their doubles in place.
     alignas(double) std::array<tagInjectDelayStatusInfo, kCardBufferCount> delayStatus_{};
     std::array<InjectChannel, kChannelCount> channels_{
-        {InjectChannel{0}, InjectChannel{1}, InjectChannel{2}, InjectChannel{3}}};
+        {InjectChannel{*card_, 0}, InjectChannel{*card_, 1}, InjectChannel{*card_, 2},
+         InjectChannel{*card_, 3}}};
     ControlCommandChannel commands_;
 };
 

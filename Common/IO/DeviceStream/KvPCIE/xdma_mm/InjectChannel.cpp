@@ -80,20 +80,20 @@ bool InjectChannel::Program(const KvFrameFormat& format) {
 
     const auto c = static_cast<unsigned>(channel_);
     const std::uint32_t block = InjectBlock(c);
-    XdmaWriteRegValue(block + kInjPixelCode, InjectPixelCode(format.pixelType));
-    XdmaWriteRegValue(block + kInjGeometry, static_cast<std::uint32_t>(format.width) << 16 |
+    card_.XdmaWriteRegValue(block + kInjPixelCode, InjectPixelCode(format.pixelType));
+    card_.XdmaWriteRegValue(block + kInjGeometry, static_cast<std::uint32_t>(format.width) << 16 |
                                                 static_cast<std::uint32_t>(lines));
-    XdmaWriteRegValue(block + kInjBufferCount, kCardBufferCount);
-    XdmaWriteRegValue(block + kInjTransferBytes, static_cast<std::uint32_t>(transferSize));
+    card_.XdmaWriteRegValue(block + kInjBufferCount, kCardBufferCount);
+    card_.XdmaWriteRegValue(block + kInjTransferBytes, static_cast<std::uint32_t>(transferSize));
     for (unsigned b = 0; b < kCardBufferCount; ++b) {
-        XdmaWriteRegValue(block + InjBufferAddress(b), InjectBufferAddress(c, b));
-        XdmaWriteRegValue(block + InjBufferStatus(b), 0);
+        card_.XdmaWriteRegValue(block + InjBufferAddress(b), InjectBufferAddress(c, b));
+        card_.XdmaWriteRegValue(block + InjBufferStatus(b), 0);
     }
-    XdmaWriteRegValue(block + kInjSyncMode, InjectSyncModeWord(format));
+    card_.XdmaWriteRegValue(block + kInjSyncMode, InjectSyncModeWord(format));
     const std::uint32_t framePeriod =
-        XdmaReadReg(kRegTimingClockHz) / static_cast<std::uint32_t>(format.frameRate);
-    XdmaWriteRegValue(block + kInjLinePeriod, static_cast<std::uint32_t>(format.linePeriod));
-    XdmaWriteRegValue(block + kInjFramePeriod, framePeriod);
+        card_.XdmaReadReg(kRegTimingClockHz) / static_cast<std::uint32_t>(format.frameRate);
+    card_.XdmaWriteRegValue(block + kInjLinePeriod, static_cast<std::uint32_t>(format.linePeriod));
+    card_.XdmaWriteRegValue(block + kInjFramePeriod, framePeriod);
     return true;
 }
 
@@ -188,7 +188,7 @@ bool InjectChannel::Serve(Clock::time_point now, Clock::time_point& wake) {
     const unsigned b = static_cast<unsigned>(lastBufferIndex_ + 1) % kCardBufferCount;
     const std::uint32_t block = InjectBlock(c);
     const std::uint32_t status = block + InjBufferStatus(b);
-    if ((XdmaReadReg(status) & kStatusStateMask) != 0) {
+    if ((card_.XdmaReadReg(status) & kStatusStateMask) != 0) {
         // The card still plays or holds it. Until shortly before its release is due there is
         // nothing to look at.
         sawBusy_ = true;
@@ -216,7 +216,7 @@ bool InjectChannel::Serve(Clock::time_point now, Clock::time_point& wake) {
     } else if (newestFrame_ == nullptr) {
         return false;  // only this thread takes from the queue, so it holds the frame seen above
     }
-    XdmaWriteRegValue(status, kStatusHostWriting);
+    card_.XdmaWriteRegValue(status, kStatusHostWriting);
     if (frame != nullptr) {
         counters_.toCard.Add();
     } else {
@@ -225,12 +225,12 @@ bool InjectChannel::Serve(Clock::time_point now, Clock::time_point& wake) {
         counters_.periodsWithoutFrame.Add();
     }
     // A failed transfer is only counted: the card plays what the buffer held before.
-    if (!XdmaWriteData(InjectBufferAddress(c, b), static_cast<unsigned>(frameSize_),
+    if (!card_.XdmaWriteData(InjectBufferAddress(c, b), static_cast<unsigned>(frameSize_),
                        newestFrame_)) {
         counters_.transfersFailed.Add();
     }
-    XdmaWriteRegValue(status, kStatusInjectReady);
-    XdmaWriteRegValue(block + InjBufferLength(b), static_cast<std::uint32_t>(transferSize_));
+    card_.XdmaWriteRegValue(status, kStatusInjectReady);
+    card_.XdmaWriteRegValue(block + InjBufferLength(b), static_cast<std::uint32_t>(transferSize_));
     lastBufferIndex_ = static_cast<int>(b);
     return true;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "StreamCounters.h"
+#include "XdmaDevice.h"
 
 #include "Common/KvCycleQueue.h"
 
@@ -26,7 +27,7 @@ class InjectChannel {
 public:
     using Clock = std::chrono::steady_clock;
 
-    explicit InjectChannel(int channel) : channel_(channel) {}
+    InjectChannel(XdmaCard& card, int channel) : card_(card), channel_(channel) {}
     InjectChannel(const InjectChannel&) = delete;
     InjectChannel& operator=(const InjectChannel&) = delete;
 
@@ -60,6 +61,7 @@ private:
     // The card released a buffer that the worker had watched: the next is due a period later.
     void NoteRelease(Clock::time_point now);
 
+    XdmaCard& card_;
     const int channel_;
     std::mutex turnLock_;
     std::atomic<bool> injecting_{false};

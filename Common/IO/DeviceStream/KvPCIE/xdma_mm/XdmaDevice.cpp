@@ -1,4 +1,4 @@
-// The process-wide XDMA card: open, close, registers and DMA.
+// An XDMA card: open, close, registers and DMA.
 #include "XdmaDevice.h"
 
 #include "XdmaCardRegisters.h"
@@ -21,24 +21,6 @@ namespace kvpcie::xdma {
 namespace {
 
 using platform::DeviceFilePtr;
-
-struct OpenCard {
-    WriterFirstSharedMutex access;  // see the header: shared per transfer, exclusive to open/close
-    std::mutex regLock;
-    std::mutex c2hLock;
-    std::mutex h2cLock;
-    DeviceFilePtr user;
-    DeviceFilePtr h2c;
-    DeviceFilePtr c2h;
-    DeviceFilePtr control;
-    bool isOpen = false;
-};
-
-// Never destroyed: engine threads may still call in while the process's statics go away.
-OpenCard& Card() {
-    static OpenCard* card = new OpenCard;
-    return *card;
-}
 
 // The driver's seek distance is a signed 32-bit value: positions of 2 GiB and more come out
 // negative, and the OS refuses them.
@@ -95,20 +77,6 @@ int TransferInPieces(XdmaFileHandle file, unsigned offset, unsigned size, Byte* 
 
 int WriteWord(XdmaFileHandle user, unsigned address, unsigned value) {
     return XdmaWriteDevice(user, address, sizeof value, &value);
-}
-
-void CloseLocked(OpenCard& card) {
-    if (!card.isOpen) {
-        return;
-    }
-    if (card.user) {
-        WriteWord(card.user.get(), kRegHostAttach, kHostDetached);
-    }
-    card.user.reset();
-    card.c2h.reset();
-    card.h2c.reset();
-    card.control.reset();
-    card.isOpen = false;
 }
 
 }  // namespace
@@ -168,13 +136,33 @@ void XdmaRestartDevices() {
     platform::RestartXilinxDevices();
 }
 
-bool XdmaOpen(const char* interfacePath) {
+XdmaCard::XdmaCard() = default;
+
+XdmaCard::~XdmaCard() {
+    XdmaClose();
+}
+
+void XdmaCard::CloseLocked() {
+    if (!isOpen_) {
+        return;
+    }
+    if (user_) {
+        WriteWord(user_.get(), kRegHostAttach, kHostDetached);
+    }
+    user_.reset();
+    c2h_.reset();
+    h2c_.reset();
+    control_.reset();
+    path_.clear();
+    isOpen_ = false;
+}
+
+bool XdmaCard::XdmaOpen(const char* interfacePath) {
     if (interfacePath == nullptr) {
         return false;
     }
-    OpenCard& card = Card();
-    std::unique_lock<WriterFirstSharedMutex> exclusive(card.access);
-    CloseLocked(card);
+    std::unique_lock<WriterFirstSharedMutex> exclusive(access_);
+    CloseLocked();
     {
         const DeviceFilePtr user =
             XdmaOpenDeviceFile(interfacePath, "user", platform::kAccessReadWrite);
@@ -203,81 +191,79 @@ bool XdmaOpen(const char* interfacePath) {
         return false;
     }
     WriteWord(user.get(), kRegHostAttach, kHostAttached);
-    card.user = std::move(user);
-    card.h2c = std::move(h2c);
-    card.c2h = std::move(c2h);
-    card.control = std::move(control);
-    card.isOpen = true;
+    user_ = std::move(user);
+    h2c_ = std::move(h2c);
+    c2h_ = std::move(c2h);
+    control_ = std::move(control);
+    path_ = interfacePath;
+    isOpen_ = true;
     return true;
 }
 
-void XdmaClose() {
-    OpenCard& card = Card();
-    std::unique_lock<WriterFirstSharedMutex> exclusive(card.access);
-    CloseLocked(card);
+void XdmaCard::XdmaClose() {
+    std::unique_lock<WriterFirstSharedMutex> exclusive(access_);
+    CloseLocked();
 }
 
-bool XdmaIsOpen() {
-    OpenCard& card = Card();
-    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
-    return card.isOpen;
+bool XdmaCard::XdmaIsOpen() const {
+    std::shared_lock<WriterFirstSharedMutex> shared(access_);
+    return isOpen_;
 }
 
-unsigned XdmaReadReg(unsigned address) {
-    OpenCard& card = Card();
-    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
-    std::lock_guard<std::mutex> reg(card.regLock);
+std::string XdmaCard::Path() const {
+    std::shared_lock<WriterFirstSharedMutex> shared(access_);
+    return path_;
+}
+
+unsigned XdmaCard::XdmaReadReg(unsigned address) {
+    std::shared_lock<WriterFirstSharedMutex> shared(access_);
+    std::lock_guard<std::mutex> reg(regLock_);
     unsigned value = 0;
-    if (card.user) {
-        XdmaReadDevice(card.user.get(), address, sizeof value, &value);
+    if (user_) {
+        XdmaReadDevice(user_.get(), address, sizeof value, &value);
     }
     return value;
 }
 
-int XdmaWriteReg(unsigned address, const unsigned* value) {
-    OpenCard& card = Card();
-    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
-    std::lock_guard<std::mutex> reg(card.regLock);
-    if (!card.user || value == nullptr) {
+int XdmaCard::XdmaWriteReg(unsigned address, const unsigned* value) {
+    std::shared_lock<WriterFirstSharedMutex> shared(access_);
+    std::lock_guard<std::mutex> reg(regLock_);
+    if (!user_ || value == nullptr) {
         return kTransferCallFailed;
     }
-    return XdmaWriteDevice(card.user.get(), address, sizeof *value, value);
+    return XdmaWriteDevice(user_.get(), address, sizeof *value, value);
 }
 
-bool XdmaReadUser(unsigned address, void* buffer, unsigned size) {
-    OpenCard& card = Card();
-    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
-    std::lock_guard<std::mutex> reg(card.regLock);
-    if (!card.user || (buffer == nullptr && size != 0)) {
+bool XdmaCard::XdmaReadUser(unsigned address, void* buffer, unsigned size) {
+    std::shared_lock<WriterFirstSharedMutex> shared(access_);
+    std::lock_guard<std::mutex> reg(regLock_);
+    if (!user_ || (buffer == nullptr && size != 0)) {
         return false;
     }
-    XdmaReadDevice(card.user.get(), address, size, buffer);
+    XdmaReadDevice(user_.get(), address, size, buffer);
     return true;
 }
 
-bool XdmaWriteUser(unsigned address, const void* buffer, unsigned size) {
-    OpenCard& card = Card();
-    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
-    std::lock_guard<std::mutex> reg(card.regLock);
-    if (!card.user || (buffer == nullptr && size != 0)) {
+bool XdmaCard::XdmaWriteUser(unsigned address, const void* buffer, unsigned size) {
+    std::shared_lock<WriterFirstSharedMutex> shared(access_);
+    std::lock_guard<std::mutex> reg(regLock_);
+    if (!user_ || (buffer == nullptr && size != 0)) {
         return false;
     }
-    XdmaWriteDevice(card.user.get(), address, size, buffer);
+    XdmaWriteDevice(user_.get(), address, size, buffer);
     return true;
 }
 
-bool XdmaReadData(unsigned address, unsigned size, void* buffer) {
-    OpenCard& card = Card();
-    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
-    std::lock_guard<std::mutex> c2h(card.c2hLock);
-    return card.c2h && XdmaReadDevice(card.c2h.get(), address, size, buffer) >= 0;
+bool XdmaCard::XdmaReadData(unsigned address, unsigned size, void* buffer) {
+    std::shared_lock<WriterFirstSharedMutex> shared(access_);
+    std::lock_guard<std::mutex> c2h(c2hLock_);
+    return c2h_ && XdmaReadDevice(c2h_.get(), address, size, buffer) >= 0;
 }
 
-bool XdmaWriteData(unsigned address, unsigned size, const void* buffer) {
-    OpenCard& card = Card();
-    std::shared_lock<WriterFirstSharedMutex> shared(card.access);
-    std::lock_guard<std::mutex> h2c(card.h2cLock);
-    return card.h2c && XdmaWriteDevice(card.h2c.get(), address, size, buffer) >= 0;
+bool XdmaCard::XdmaWriteData(unsigned address, unsigned size, const void* buffer) {
+    std::shared_lock<WriterFirstSharedMutex> shared(access_);
+    std::lock_guard<std::mutex> h2c(h2cLock_);
+    return h2c_ && XdmaWriteDevice(h2c_.get(), address, size, buffer) >= 0;
 }
 
 int XdmaReadDevice(XdmaFileHandle file, unsigned offset, unsigned size, void* buffer) {

@@ -1,8 +1,8 @@
-// Access to the one open XDMA card of the process: listing, open and close, registers, the
-// user space and DMA transfers through the driver's device files.
+// Access to XDMA cards: listing, and per open card its open and close, registers, the user
+// space and DMA transfers through the driver's device files.
 //
 // Locking, which the engines rely on:
-// - Open and close hold the card lock exclusively; every register access, user-space block and
+// - Open and close hold the card's lock exclusively; every register access, user-space block and
 //   DMA transfer holds it shared for its whole duration. A close therefore waits for the
 //   transfers in flight (each is bounded: one DMA piece is at most 8 MiB), goes before any
 //   transfer that starts after it, and every later call finds the handles closed and fails
@@ -15,8 +15,12 @@
 //   does not touch them, and their owner cancels them before it stops waiting.
 #pragma once
 
+#include "Common/WriterFirstSharedMutex.h"
 #include "platform/DeviceFile.h"
 #include "platform/DeviceInterfaces.h"
+
+#include <mutex>
+#include <string>
 
 namespace kvpcie::xdma {
 
@@ -37,30 +41,57 @@ constexpr int kTransferSeekFailed = -3;
 // listed: the result counts the paths written, at most four. Null `paths` gives 0.
 int XdmaGetDevices(const platform::Guid& interfaceClass, char** paths);
 
-// Closes any open card, restarts the devices at the driver level and opens the card's files.
-// A failed open closes what it had opened and leaves the card closed.
-bool XdmaOpen(const char* interfacePath);
-// Writes the host-detach word and closes the files; nothing when no card is open.
-void XdmaClose();
-bool XdmaIsOpen();
+// One XDMA card as this process opens it: its device files, its locks and its open flag. Every
+// open card is an object of its own, so one process drives several cards side by side and a
+// handle never reaches a card other than its own. The engines and the facade hold the card
+// they belong to; the operations keep their names as members.
+class XdmaCard {
+public:
+    XdmaCard();
+    // Closes the card (host-detach word and all) when it is open.
+    ~XdmaCard();
+    XdmaCard(const XdmaCard&) = delete;
+    XdmaCard& operator=(const XdmaCard&) = delete;
 
-// 0 when the card is closed or the read fails.
-unsigned XdmaReadReg(unsigned address);
-// The transfer result (4 on success); -1 when the card is closed or `value` is null.
-int XdmaWriteReg(unsigned address, const unsigned* value);
-// The same for a value at hand, for the engines, which do not look at the result.
-inline void XdmaWriteRegValue(unsigned address, unsigned value) {
-    XdmaWriteReg(address, &value);
-}
-// Whole 32-bit words of the user space. False only when the card is closed or `buffer` is null
-// with a size; a failed transfer is not reported.
-bool XdmaReadUser(unsigned address, void* buffer, unsigned size);
-bool XdmaWriteUser(unsigned address, const void* buffer, unsigned size);
+    // Closes the card if open, restarts the devices at the driver level and opens the files
+    // below `interfacePath`. A failed open closes what it had opened and leaves the card closed.
+    bool XdmaOpen(const char* interfacePath);
+    // Writes the host-detach word and closes the files; nothing when the card is not open.
+    void XdmaClose();
+    bool XdmaIsOpen() const;
+    // The interface path of the open card; empty while closed.
+    std::string Path() const;
 
-// DMA between card memory and the caller's buffer, in pieces of 8 MiB, straight into or out
-// of that buffer. False when the card is closed or the transfer failed.
-bool XdmaReadData(unsigned address, unsigned size, void* buffer);
-bool XdmaWriteData(unsigned address, unsigned size, const void* buffer);
+    // 0 when the card is closed or the read fails.
+    unsigned XdmaReadReg(unsigned address);
+    // The transfer result (4 on success); -1 when the card is closed or `value` is null.
+    int XdmaWriteReg(unsigned address, const unsigned* value);
+    // The same for a value at hand, for the engines, which do not look at the result.
+    void XdmaWriteRegValue(unsigned address, unsigned value) { XdmaWriteReg(address, &value); }
+    // Whole 32-bit words of the user space. False only when the card is closed or `buffer` is
+    // null with a size; a failed transfer is not reported.
+    bool XdmaReadUser(unsigned address, void* buffer, unsigned size);
+    bool XdmaWriteUser(unsigned address, const void* buffer, unsigned size);
+
+    // DMA between card memory and the caller's buffer, in pieces of 8 MiB, straight into or out
+    // of that buffer. False when the card is closed or the transfer failed.
+    bool XdmaReadData(unsigned address, unsigned size, void* buffer);
+    bool XdmaWriteData(unsigned address, unsigned size, const void* buffer);
+
+private:
+    void CloseLocked();
+
+    mutable WriterFirstSharedMutex access_;  // shared per transfer, exclusive to open/close
+    std::mutex regLock_;
+    std::mutex c2hLock_;
+    std::mutex h2cLock_;
+    platform::DeviceFilePtr user_;
+    platform::DeviceFilePtr h2c_;
+    platform::DeviceFilePtr c2h_;
+    platform::DeviceFilePtr control_;
+    std::string path_;
+    bool isOpen_ = false;
+};
 
 // `size` on success, else kTransferCallFailed, kTransferShort or kTransferSeekFailed. Offsets
 // must stay below 2 GiB (the driver's signed 32-bit seek); sizes above 2 GiB - 1 cannot be
