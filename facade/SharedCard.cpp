@@ -1,15 +1,18 @@
-// The process's registry of cards opened through the card thread: one open card per path,
-// leased by every front-end that names it.
+// The process's registry of cards opened through the card thread: one open card per path (or
+// RIFFA device number), leased by every front-end that names it.
 #include <KvPCIeInjectSdk/KvPCIeSharedCard.h>
 
+#include <array>
 #include <cstdlib>
 #include <map>
+#include <tuple>
 #include <mutex>
 
 namespace KvPCIe {
 namespace {
 
 struct OpenCard {
+    explicit OpenCard(ePCIeFrameworkType framework) : manager(framework) {}
     // Kept for the process's life once made: the library keeps a manager's record until the
     // process ends anyway, so a path reopened later reuses its manager.
     PCIeDataManager manager;
@@ -20,10 +23,22 @@ struct OpenCard {
 // Guards the map's shape and the claims; never held across a call to the card thread.
 std::mutex registryLock;
 
-OpenCard& CardAt(const std::string& path) {
-    static auto* const cards = new std::map<std::string, OpenCard>;
+// A RIFFA device's key: no XDMA path looks like it, and the two kinds are kept apart anyway.
+std::string RiffaKey(int index) {
+    return "riffa:" + std::to_string(index);
+}
+
+OpenCard& CardAt(const std::string& key, bool riffa) {
+    static auto* const cards = new std::array<std::map<std::string, OpenCard>, 2>;
     std::lock_guard<std::mutex> lock(registryLock);
-    return (*cards)[path];  // a node of a map stays where it is
+    auto& kind = (*cards)[riffa ? 1 : 0];
+    auto found = kind.find(key);
+    if (found == kind.end()) {
+        found = kind.emplace(std::piecewise_construct, std::forward_as_tuple(key),
+                             std::forward_as_tuple(riffa ? RIFFA : XDMA_MM))
+                    .first;
+    }
+    return found->second;  // a node of a map stays where it is
 }
 
 // On the card thread.
@@ -44,10 +59,14 @@ std::vector<std::string> ListedPaths() {
 }
 
 // On the card thread: the lease ends, and the last one closes the card.
-void EndLease(const std::string& path) {
-    OpenCard& card = CardAt(path);
+void EndLease(const std::string& key, bool riffa) {
+    OpenCard& card = CardAt(key, riffa);
     if (--card.leases == 0) {
-        card.manager.CloseCard();
+        if (riffa) {
+            card.manager.CloseRiffaCard();
+        } else {
+            card.manager.CloseCard();
+        }
     }
 }
 
@@ -56,6 +75,7 @@ void EndLease(const std::string& path) {
 struct SharedCard::Private {
     std::string path;
     PCIeDataManager manager;  // a copy of the path's manager: copies share the card
+    bool riffa;
 };
 
 SharedCard::SharedCard(std::unique_ptr<Private> d) : d(std::move(d)) {}
@@ -95,7 +115,7 @@ std::unique_ptr<SharedCard> SharedCard::Acquire(const std::string& devicePath,
             }
             path = listed.front();
         }
-        OpenCard& card = CardAt(path);
+        OpenCard& card = CardAt(path, false);
         if (card.leases == 0) {
             std::string name = path;  // OpenCard takes a char*
             if (!card.manager.OpenCard(name.data())) {
@@ -105,7 +125,31 @@ std::unique_ptr<SharedCard> SharedCard::Acquire(const std::string& devicePath,
             }
         }
         ++card.leases;
-        lease.reset(new SharedCard(std::unique_ptr<Private>(new Private{path, card.manager})));
+        lease.reset(
+            new SharedCard(std::unique_ptr<Private>(new Private{path, card.manager, false})));
+    });
+    if (!lease) {
+        CardThread::Release();
+    }
+    return lease;
+}
+
+std::unique_ptr<SharedCard> SharedCard::AcquireRiffa(int index, std::string& error) {
+    std::unique_ptr<SharedCard> lease;
+    CardThread::Hold();
+    CardThread::Run([&] {
+        const std::string key = RiffaKey(index);
+        OpenCard& card = CardAt(key, true);
+        if (card.leases == 0 && !card.manager.OpenCard(index)) {
+            error = card.manager.LastErrorText();
+            if (error.empty()) {
+                error = "RIFFA device " + std::to_string(index) + " would not open";
+            }
+            return;
+        }
+        ++card.leases;
+        lease.reset(
+            new SharedCard(std::unique_ptr<Private>(new Private{key, card.manager, true})));
     });
     if (!lease) {
         CardThread::Release();
@@ -115,17 +159,18 @@ std::unique_ptr<SharedCard> SharedCard::Acquire(const std::string& devicePath,
 
 SharedCard::~SharedCard() {
     const std::string path = d->path;
+    const bool riffa = d->riffa;
     d.reset();
     if (CardThread::IsCurrent()) {
         // Inside a status callback or a task: closing the card there would pull the engine
         // from under the code that runs it, and the thread cannot wait for its own end.
-        CardThread::Post([path] {
-            EndLease(path);
+        CardThread::Post([path, riffa] {
+            EndLease(path, riffa);
             CardThread::Release();
         });
         return;
     }
-    CardThread::Run([&] { EndLease(path); });
+    CardThread::Run([&] { EndLease(path, riffa); });
     CardThread::Release();
 }
 
@@ -133,11 +178,15 @@ const std::string& SharedCard::Path() const {
     return d->path;
 }
 
+bool SharedCard::IsRiffa() const {
+    return d->riffa;
+}
+
 bool SharedCard::Claim(Direction direction, unsigned channel) {
     if (channel >= 4) {
         return false;
     }
-    OpenCard& card = CardAt(d->path);
+    OpenCard& card = CardAt(d->path, d->riffa);
     std::lock_guard<std::mutex> lock(registryLock);
     bool& claimed = card.claimed[static_cast<int>(direction)][channel];
     if (claimed) {
@@ -151,7 +200,7 @@ void SharedCard::Unclaim(Direction direction, unsigned channel) {
     if (channel >= 4) {
         return;
     }
-    OpenCard& card = CardAt(d->path);
+    OpenCard& card = CardAt(d->path, d->riffa);
     std::lock_guard<std::mutex> lock(registryLock);
     card.claimed[static_cast<int>(direction)][channel] = false;
 }

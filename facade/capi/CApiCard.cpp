@@ -24,7 +24,7 @@ kvpcie_status RequireXdma(const kvpcie_card* card) {
     if (card == nullptr) {
         return Fail(KVPCIE_BAD_ARGUMENT, "the card handle is null");
     }
-    if (!card->lease) {
+    if (card->riffa) {
         return Fail(KVPCIE_WRONG_KIND, "a RIFFA device has registers only");
     }
     return KVPCIE_OK;
@@ -47,7 +47,7 @@ bool InFrameCallback() {
 }
 
 bool InFrameCallbackOfCard(const kvpcie_card* card) {
-    return frameCallbackOf != nullptr && frameCallbackOf->lease && card->lease &&
+    return frameCallbackOf != nullptr && !card->riffa &&
            frameCallbackOf->lease->Path() == card->lease->Path();
 }
 
@@ -110,11 +110,10 @@ void StopEverything(kvpcie_card* card) {
 
 namespace {
 
+// The lease ends with the handle: the last one closes the card or the RIFFA device.
 void CloseNow(kvpcie_card* card) {
-    if (card->lease) {
+    if (!card->riffa) {
         kvpcie::capi::StopEverything(card);
-    } else if (card->riffa) {
-        card->riffa->CloseCard();
     }
     delete card;
 }
@@ -183,15 +182,15 @@ kvpcie_card* KVPCIE_CALL kvpcie_open_riffa(int32_t index) {
         if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
             return KVPCIE_ERROR;
         }
-        auto manager = std::make_unique<PCIeDataManager>(RIFFA);
-        if (!manager->OpenCard(static_cast<int>(index))) {
-            const std::string text = manager->LastErrorText();
-            return Fail(KVPCIE_NO_CARD, text.empty() ? "RIFFA device " + std::to_string(index) +
-                                                           " would not open"
-                                                     : text);
+        std::string error;
+        std::unique_ptr<KvPCIe::SharedCard> lease =
+            KvPCIe::SharedCard::AcquireRiffa(static_cast<int>(index), error);
+        if (!lease) {
+            return Fail(KVPCIE_NO_CARD, error);
         }
         auto card = std::make_unique<kvpcie_card>();
-        card->riffa = std::move(manager);
+        card->lease = std::move(lease);
+        card->riffa = true;
         opened = card.release();
         return Succeed();
     });
@@ -208,7 +207,7 @@ void KVPCIE_CALL kvpcie_close(kvpcie_card* card) {
         card->closing.store(true, std::memory_order_release);
         // From a callback of its own, the close follows on the card thread once the callback
         // has returned: closing there and then would wait for the callback itself.
-        if (card->lease && (kvpcie::capi::InFrameCallback() || KvPCIe::CardThread::IsCurrent())) {
+        if (kvpcie::capi::InFrameCallback() || KvPCIe::CardThread::IsCurrent()) {
             // On the polling thread of the handle's own card its channels stop here, as a stop
             // in a callback does: the card writes into its buffers no more once the callback
             // returns, whatever the card thread is busy with.
@@ -241,10 +240,6 @@ kvpcie_status KVPCIE_CALL kvpcie_read_reg(kvpcie_card* card, uint32_t address, u
         if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
             return KVPCIE_ERROR;
         }
-        if (card->riffa) {
-            *value = card->riffa->ReadReg(address);
-            return Succeed();
-        }
         card->lease->Run([&](PCIeDataManager& manager) { *value = manager.ReadReg(address); });
         return Succeed();
     });
@@ -259,7 +254,9 @@ kvpcie_status KVPCIE_CALL kvpcie_write_reg(kvpcie_card* card, uint32_t address, 
             return KVPCIE_ERROR;
         }
         if (card->riffa) {
-            card->riffa->WriteReg(address, static_cast<int>(value));
+            // The RIFFA device's write gives no result.
+            card->lease->Run(
+                [&](PCIeDataManager& manager) { manager.WriteReg(address, static_cast<int>(value)); });
             return Succeed();
         }
         int moved = 0;

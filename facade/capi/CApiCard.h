@@ -1,5 +1,5 @@
-// What a kvpcie_card handle holds: its lease on the shared card (or its RIFFA manager), and per
-// channel what the C host gave for capture and status.
+// What a kvpcie_card handle holds: its lease on the shared card or RIFFA device, and per channel
+// what the C host gave for capture and status.
 #pragma once
 
 #include <KvPCIeInjectSdk/KvPCIeSharedCard.h>
@@ -30,8 +30,8 @@ struct kvpcie_card {
     };
 
     std::string path;
-    std::unique_ptr<KvPCIe::SharedCard> lease;    // XDMA
-    std::unique_ptr<PCIeDataManager> riffa;       // RIFFA
+    std::unique_ptr<KvPCIe::SharedCard> lease;  // never null in a handle given out
+    bool riffa = false;                          // a RIFFA device: registers only
     CaptureSlot capture[KVPCIE_CHANNELS];
     StatusSlot status[KVPCIE_CHANNELS];
     std::atomic<bool> injectClaimed[KVPCIE_CHANNELS] = {};  // also set from frame callbacks

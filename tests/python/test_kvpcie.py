@@ -250,6 +250,26 @@ def test_a_format_change_needs_a_stop_and_a_channel_one_stream(card):
             card.capture(2, 64, 32)
 
 
+def test_two_cards_in_one_process_each_reach_their_own(sim_card):
+    kvpcie.sim.configure("xdma:2")
+    with kvpcie.Card("sim:xdma0") as a, kvpcie.Card("sim:xdma1") as b:
+        a.write_reg(control(0, 0x04), 100)
+        b.write_reg(control(0, 0x04), 20)
+        assert (a.path, b.path) == ("sim:xdma0", "sim:xdma1")
+        assert a.read_reg(control(0, 0x04)) == 100
+        assert b.read_reg(control(0, 0x04)) == 20
+        assert kvpcie.sim.peek_register(1, control(0, 0x04)) == 20
+        with a.capture(0, 64, 32, card_timing=False) as on_a, \
+                b.capture(0, 64, 32, card_timing=False) as on_b:
+            for _ in range(10):
+                assert is_pattern(on_a.get(timeout=2.0), 0)
+            time.sleep(0.5)
+            # Card 0 makes 100 frames a second, card 1 twenty.
+            assert on_a.stats["frames_delivered"] > 2 * on_b.stats["frames_delivered"] > 0
+        a.close()
+        assert b.read_reg(control(0, 0x04)) == 20
+
+
 def test_no_card_and_a_closed_card_raise_runtime_errors(sim_card):
     kvpcie.sim.configure("xdma:0")
     with pytest.raises(RuntimeError, match="no XDMA card is listed"):

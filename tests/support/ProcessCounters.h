@@ -1,5 +1,5 @@
-// Threads and heap bytes of this process, for the suites that check that a cycle gives back
-// what it took.
+// Threads, descriptors and heap bytes of this process, for the suites that check that a cycle
+// gives back what it took.
 #pragma once
 
 #ifdef _WIN32
@@ -37,6 +37,24 @@ inline int ThreadCount() {
     }
 #endif
     return count;
+}
+
+// Open file descriptors (Windows: handles) of the process.
+inline int OpenDescriptorCount() {
+#ifdef _WIN32
+    DWORD handles = 0;
+    return ::GetProcessHandleCount(::GetCurrentProcess(), &handles) ? static_cast<int>(handles)
+                                                                     : -1;
+#else
+    int count = 0;
+    if (DIR* descriptors = opendir("/proc/self/fd")) {
+        while (const dirent* entry = readdir(descriptors)) {
+            count += entry->d_name[0] != '.';
+        }
+        closedir(descriptors);
+    }
+    return count - 1;  // the directory's own descriptor
+#endif
 }
 
 inline long HeapInUse() {

@@ -52,6 +52,9 @@ public:
     /// that have it open. Null, with `error` saying why, when it would not open. From any
     /// thread but a frame callback's.
     static std::unique_ptr<SharedCard> Acquire(const std::string& devicePath, std::string& error);
+    /// The same for RIFFA device number `index` (registers only): the first lease opens it,
+    /// the last one closes it, and nothing else. Its Path() is "riffa:" and the number.
+    static std::unique_ptr<SharedCard> AcquireRiffa(int index, std::string& error);
     /// The last lease of a path closes its card. On the card thread (inside a status callback)
     /// the close follows when the callback has returned; from another thread it has happened
     /// when the destructor returns. Not from inside a frame callback.
@@ -64,6 +67,8 @@ public:
 
     /// The card's path, as the listing gives it.
     const std::string& Path() const;
+    /// True for a RIFFA device's lease.
+    bool IsRiffa() const;
 
     /// The two uses of a channel, each claimed on its own.
     enum class Direction {

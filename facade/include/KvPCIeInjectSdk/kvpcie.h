@@ -138,9 +138,12 @@ KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_list_riffa(kvpcie_riffa_device* devi
 typedef struct kvpcie_card kvpcie_card;
 
 /** Opens the XDMA card at `path` (from kvpcie_list_path; NULL or "" for the first one listed),
-   or joins the handles that have it open. NULL when it would not open. */
+   or joins the handles that have it open. NULL when it would not open. Handles of different
+   cards work side by side; a handle reaches only the card it opened. */
 KVPCIE_API kvpcie_card* KVPCIE_CALL kvpcie_open(const char* path);
-/** Opens RIFFA device `index` of the listing: registers only. NULL when it would not open. */
+/** Opens RIFFA device `index` of the listing, or joins the handles that have it open:
+   registers only. NULL when it would not open. Its last handle's close closes the device and
+   nothing else. */
 KVPCIE_API kvpcie_card* KVPCIE_CALL kvpcie_open_riffa(int32_t index);
 /** Stops what the handle started, frees it; the card closes with its last handle. NULL is
    ignored. */

@@ -1,0 +1,176 @@
+// The C interface as a bench with several cards uses it: handles of two cards side by side, each
+// reaching its own card only, and open/close cycles of card and RIFFA handles that give back the
+// threads, descriptors and memory they took. Only kvpcie.h is used.
+#include "../support/ProcessCounters.h"
+#include "../support/WaitFor.h"
+#include "../support/Watchdog.h"
+
+#include <KvPCIeInjectSdk/kvpcie.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <ostream>
+#include <string>
+#include <thread>
+
+namespace kvpcie::testing {
+namespace {
+
+constexpr int kWidth = 64;
+constexpr int kHeight = 32;
+constexpr std::size_t kFrameBytes = kWidth * kHeight;  // Y8
+
+constexpr std::uint32_t Control(int channel, std::uint32_t offset) {
+    return 0x1F1000u + static_cast<std::uint32_t>(channel) * 0x1000u + offset;
+}
+constexpr std::uint32_t kFrameRate = 0x04;
+constexpr std::uint32_t kCaptureSource = 0x00;  // 1: loopback of the inject channel
+constexpr std::uint32_t kIdentity = 0x1F0000;
+
+class CApiCards : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(kvpcie_sim_configure("xdma:2,riffa:1"), KVPCIE_OK); }
+    void TearDown() override { kvpcie_sim_configure(""); }
+};
+
+// What one card's capture saw: frames whose last byte names the card they were injected into
+// (the first is the library's frame counter).
+struct CardFrames {
+    char card = 0;
+    std::atomic<int> frames{0};
+    std::atomic<int> foreign{0};
+    std::array<unsigned char, kFrameBytes> buffer{};
+};
+
+void KVPCIE_CALL CountOwnFrames(const kvpcie_frame* frame, void* context) {
+    auto* seen = static_cast<CardFrames*>(context);
+    const auto* bytes = static_cast<const unsigned char*>(frame->data);
+    const unsigned char mark = bytes[frame->bytes - 1];
+    // Before the first play the loopback shows zeros; after it, only this card's frame.
+    if (mark == 0) {
+        return;
+    }
+    ++seen->frames;
+    if (mark != static_cast<unsigned char>(seen->card)) {
+        ++seen->foreign;
+    }
+}
+
+TEST_F(CApiCards, TwoCardsCaptureAndInjectSideBySideEachItsOwn) {
+    const Watchdog watchdog("two cards", std::chrono::seconds(30));
+    kvpcie_card* a = kvpcie_open("sim:xdma0");
+    kvpcie_card* b = kvpcie_open("sim:xdma1");
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    EXPECT_STREQ(kvpcie_card_path(a), "sim:xdma0");
+    EXPECT_STREQ(kvpcie_card_path(b), "sim:xdma1");
+    // A register written through one handle is not the other card's.
+    ASSERT_EQ(kvpcie_write_reg(a, Control(0, kFrameRate), 100), KVPCIE_OK);
+    ASSERT_EQ(kvpcie_write_reg(b, Control(0, kFrameRate), 20), KVPCIE_OK);
+    std::uint32_t value = 0;
+    ASSERT_EQ(kvpcie_read_reg(a, Control(0, kFrameRate), &value), KVPCIE_OK);
+    EXPECT_EQ(value, 100u);
+    ASSERT_EQ(kvpcie_read_reg(b, Control(0, kFrameRate), &value), KVPCIE_OK);
+    EXPECT_EQ(value, 20u);
+
+    // Each card loops back frames that name it; a capture that got the other card's frames
+    // would count them as foreign.
+    static CardFrames seenA;
+    static CardFrames seenB;
+    seenA.card = 'A';
+    seenB.card = 'B';
+    std::array<unsigned char, kFrameBytes> frameA;
+    std::array<unsigned char, kFrameBytes> frameB;
+    frameA.fill('A');
+    frameB.fill('B');
+    for (kvpcie_card* card : {a, b}) {
+        ASSERT_EQ(kvpcie_write_reg(card, Control(1, kCaptureSource), 1), KVPCIE_OK);
+        ASSERT_EQ(kvpcie_write_reg(card, Control(1, kFrameRate), 100), KVPCIE_OK);
+    }
+    ASSERT_EQ(kvpcie_start_capture(a, 1, 0, kWidth, kHeight, KVPCIE_Y8, seenA.buffer.data(),
+                                   CountOwnFrames, &seenA),
+              KVPCIE_OK);
+    ASSERT_EQ(kvpcie_start_capture(b, 1, 0, kWidth, kHeight, KVPCIE_Y8, seenB.buffer.data(),
+                                   CountOwnFrames, &seenB),
+              KVPCIE_OK);
+    ASSERT_EQ(kvpcie_inject(a, 1, 100, kWidth, kHeight, KVPCIE_Y8, frameA.data()), KVPCIE_OK);
+    ASSERT_EQ(kvpcie_inject(b, 1, 100, kWidth, kHeight, KVPCIE_Y8, frameB.data()), KVPCIE_OK);
+    EXPECT_TRUE(WaitFor([&] { return seenA.frames > 20 && seenB.frames > 20; }))
+        << seenA.frames << " and " << seenB.frames << " frames";
+
+    // Closing one card leaves the other one open and capturing.
+    kvpcie_close(a);
+    const int before = seenB.frames;
+    EXPECT_TRUE(WaitFor([&] { return seenB.frames > before + 10; }));
+    ASSERT_EQ(kvpcie_read_reg(b, Control(0, kFrameRate), &value), KVPCIE_OK);
+    EXPECT_EQ(value, 20u);
+    kvpcie_close(b);
+    EXPECT_EQ(seenA.foreign, 0);
+    EXPECT_EQ(seenB.foreign, 0);
+}
+
+// ------------------------------------------------------------------ cycles that give back
+
+struct CycleCase {
+    const char* name;
+    bool riffa;
+    int cycles;
+};
+
+void PrintTo(const CycleCase& cycleCase, std::ostream* out) {
+    *out << cycleCase.name;
+}
+
+class OpenCloseCycles : public CApiCards, public ::testing::WithParamInterface<CycleCase> {};
+
+// Threads, descriptors and heap after many open/close cycles stand where they stood after the
+// first few (which bring up what lives as long as the process: the card thread's first start,
+// the simulated card, the logs' files).
+TEST_P(OpenCloseCycles, GiveBackTheirThreadsDescriptorsAndMemory) {
+    const CycleCase& param = GetParam();
+    const Watchdog watchdog(param.name, std::chrono::seconds(120));
+    const auto cycle = [&] {
+        kvpcie_card* card = param.riffa ? kvpcie_open_riffa(0) : kvpcie_open("sim:xdma0");
+        ASSERT_NE(card, nullptr) << kvpcie_last_error();
+        std::uint32_t value = 0;
+        ASSERT_EQ(kvpcie_read_reg(card, kIdentity, &value), KVPCIE_OK);
+        EXPECT_EQ(value, 0x53494D31u);
+        kvpcie_close(card);
+    };
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_NO_FATAL_FAILURE(cycle());
+    }
+    // The card thread ends after its last user: wait until it has.
+    ASSERT_TRUE(WaitFor([&] {
+        const int threads = ThreadCount();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return ThreadCount() == threads;
+    }));
+    const int threadsBefore = ThreadCount();
+    const int descriptorsBefore = OpenDescriptorCount();
+    const long heapBefore = HeapInUse();
+    for (int i = 0; i < param.cycles; ++i) {
+        ASSERT_NO_FATAL_FAILURE(cycle());
+    }
+    EXPECT_TRUE(WaitFor([&] { return ThreadCount() == threadsBefore; }))
+        << ThreadCount() << " threads, " << threadsBefore << " before";
+    EXPECT_EQ(OpenDescriptorCount(), descriptorsBefore);
+    // Per cycle, less than a hundred bytes: caches, not a record or a log per handle.
+    EXPECT_LT(HeapInUse() - heapBefore, 100L * param.cycles + (64 << 10))
+        << "heap before " << heapBefore << ", after " << HeapInUse();
+}
+
+// An XDMA open restarts the card and waits 50 ms for it: fewer cycles keep the suite fast.
+INSTANTIATE_TEST_SUITE_P(Kinds, OpenCloseCycles,
+                         ::testing::Values(CycleCase{"XDMA card handles", false, 100},
+                                           CycleCase{"RIFFA device handles", true, 1000}),
+                         [](const ::testing::TestParamInfo<CycleCase>& info) {
+                             return std::string(info.param.riffa ? "Riffa" : "Xdma");
+                         });
+
+}  // namespace
+}  // namespace kvpcie::testing
