@@ -255,7 +255,7 @@ std::vector<Row> MakeRows() {
          [](PCIeDataManager& m) {
              char missing[] = "sim:xdma7";
              EXPECT_FALSE(m.OpenCard(missing));
-             ExpectReason(m, "the XDMA card \"sim:xdma7\" did not open");
+             ExpectReason(m, "no such card: \"sim:xdma7\" is not among the listed XDMA cards");
              EXPECT_EQ(m.ReadReg(KvPCIeSim::kRegIdentity), 0u);  // the old card was closed
              ExpectReason(m, "no XDMA card is open");
          }},
