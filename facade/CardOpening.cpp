@@ -14,6 +14,19 @@
 namespace kvpcie {
 namespace {
 
+void ReportCardLost(PCIeDataManagerPrivate* d) {
+    CardLostCallback callback = nullptr;
+    void* context = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(d->lostLock);
+        callback = d->lostCallback;
+        context = d->lostContext;
+    }
+    if (callback != nullptr) {
+        callback(d->card->Path().c_str(), context);
+    }
+}
+
 // The path that an engine-only open gives the capture engine; no such interface exists, so
 // its event files do not open.
 constexpr const char* kNoCardPath = "7028";
@@ -81,6 +94,7 @@ bool OpenXdmaCard(PCIeDataManagerPrivate* d, char* devicePath) {
     engines.capture = std::make_unique<xdma::DataCapture4XdmaMM>(
         d->card, d, devicePath != nullptr ? devicePath : kNoCardPath);
     engines.inject = std::make_unique<xdma::DataInject4XdmaMM>(d->card, d);
+    engines.capture->SetCardLostHandler([d] { ReportCardLost(d); });
     d->InstallXdmaEngines(std::move(engines));
     return opened;
 }
@@ -96,9 +110,18 @@ void CloseXdmaCard(PCIeDataManagerPrivate* d) {
     old.inject.reset();
 }
 
+bool CardIsThere(PCIeDataManagerPrivate* d) {
+    if (!d->card->IsLost()) {
+        return true;
+    }
+    SetErrorText("the XDMA card \"%s\" is gone (%s): CloseCard, and OpenCard once it is back",
+                 d->card->Path().c_str(), d->card->LostReason().c_str());
+    return false;
+}
+
 bool OpenFirstXdmaCardIfNone(PCIeDataManagerPrivate* d, const char* operation) {
     if (d->card->XdmaIsOpen()) {
-        return true;
+        return CardIsThere(d);
     }
     char* paths[xdma::kPathSlots] = {};
     const int found = xdma::XdmaGetDevices(platform::kXdmaInterfaceClass, paths);

@@ -15,5 +15,7 @@ void CloseXdmaCard(PCIeDataManagerPrivate* d);
 // True when `d` has a card open afterwards: already, or the first listed card opened. False
 // with the reason as the error text (`operation` names the call that was refused).
 bool OpenFirstXdmaCardIfNone(PCIeDataManagerPrivate* d, const char* operation);
+// False, with a text that says so, when `d`'s card was found gone.
+bool CardIsThere(PCIeDataManagerPrivate* d);
 
 }  // namespace kvpcie

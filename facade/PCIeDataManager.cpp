@@ -54,6 +54,16 @@ const char* PCIeDataManager::LastErrorText() {
     return ErrorText();
 }
 
+bool PCIeDataManager::IsCardLost() {
+    return d->card->IsLost();
+}
+
+void PCIeDataManager::SetCardLostCallback(CardLostCallback callback, void* userContext) {
+    std::lock_guard<std::mutex> lock(d->lostLock);
+    d->lostCallback = callback;
+    d->lostContext = userContext;
+}
+
 bool PCIeDataManager::OpenCard(char* devicePath) {
     return OpenXdmaCard(d, devicePath);
 }

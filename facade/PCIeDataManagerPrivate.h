@@ -11,6 +11,7 @@
 #include "Common/WriterFirstSharedMutex.h"
 
 #include <KvPCIeInjectSdk/KvPCIeTypes.h>
+#include <KvPCIeInjectSdk/PCIeDataManager.h>
 
 #include <array>
 #include <functional>
@@ -43,6 +44,10 @@ struct PCIeDataManagerPrivate final : kvpcie::CpuCoreSource {
     // The XDMA card this manager opens, closes and drives; its engines hold it too. Another
     // manager may close it (taking the card over), never replace it.
     const std::shared_ptr<kvpcie::xdma::XdmaCard> card;
+    // The host's card-lost callback, set from any thread, called on the control thread.
+    std::mutex lostLock;
+    CardLostCallback lostCallback = nullptr;
+    void* lostContext = nullptr;
     // CPU cores for pinned worker threads: true = free.
     std::mutex coreLock;
     std::map<unsigned, bool> freeCores;

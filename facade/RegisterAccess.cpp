@@ -1,4 +1,5 @@
 // The facade's register and card memory access, for both frameworks.
+#include "CardOpening.h"
 #include "ErrorText.h"
 #include "PCIeDataManagerPrivate.h"
 
@@ -12,7 +13,7 @@ namespace {
 
 bool XdmaCardOpen(PCIeDataManagerPrivate* d) {
     if (d->card->XdmaIsOpen()) {
-        return true;
+        return CardIsThere(d);
     }
     SetErrorText("no XDMA card is open");
     return false;
@@ -38,6 +39,33 @@ unsigned int PCIeDataManager::ReadReg(unsigned int address) {
         return d->riffaDevice->ReadReg(address);
     }
     return 0;  // other values name no framework
+}
+
+bool PCIeDataManager::ReadReg(unsigned int address, unsigned int& value) {
+    ClearErrorText();
+    value = 0;
+    if (d->framework == XDMA_MM) {
+        if (!XdmaCardOpen(d)) {
+            return false;
+        }
+        if (!d->card->ReadRegChecked(address, value)) {
+            // The read that failed may be the one that found the card gone.
+            if (CardIsThere(d)) {
+                SetErrorText("reading register 0x%08X failed", address);
+            }
+            return false;
+        }
+        return true;
+    }
+    if (d->framework == RIFFA) {
+        if (!d->riffaDevice->IsOpen()) {
+            SetErrorText("no RIFFA device is open");
+            return false;
+        }
+        value = d->riffaDevice->ReadReg(address);
+        return true;
+    }
+    return false;
 }
 
 int PCIeDataManager::WriteReg(unsigned int address, int value) {

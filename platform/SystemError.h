@@ -14,6 +14,7 @@ enum class Error {
     InvalidParameter,
     NameTooLong,
     DeviceRemoved,
+    IoFailed,  // the device answered a transfer with an I/O error
     OperationAborted,
     NotEnoughMemory,
     NoMoreItems,  // an enumeration asked past its last element
@@ -31,5 +32,13 @@ inline void SetLastError(Error error) {
 
 // The system's text for a code, without a trailing line feed.
 std::string ErrorText(int code);
+
+// What the code of a failed transfer says of the device behind it.
+enum class DeviceState {
+    Present,      // the transfer failed, the device is there
+    Gone,         // removed, unplugged, its driver or server ended
+    PerhapsGone,  // an I/O error: a failed DMA gives it as well as a device that went away
+};
+DeviceState DeviceStateAfter(int code);
 
 }  // namespace kvpcie::platform

@@ -31,6 +31,8 @@ int SystemCode(Error error) {
             return ENAMETOOLONG;
         case Error::DeviceRemoved:
             return ENODEV;
+        case Error::IoFailed:
+            return EIO;
         case Error::OperationAborted:
             return ECANCELED;
         case Error::NotEnoughMemory:
@@ -41,6 +43,19 @@ int SystemCode(Error error) {
             return EOVERFLOW;
     }
     return EINVAL;
+}
+
+DeviceState DeviceStateAfter(int code) {
+    switch (code) {
+        case ENODEV:     // the driver's device went away
+        case ENOTCONN:   // a FUSE device whose server ended
+        case ESHUTDOWN:
+            return DeviceState::Gone;
+        case EIO:
+            return DeviceState::PerhapsGone;
+        default:
+            return DeviceState::Present;
+    }
 }
 
 std::string ErrorText(int code) {

@@ -142,7 +142,7 @@ public:
             return false;
         }
         if (!card_->ReadMemory(position_, buffer, size, moved)) {
-            SetLastError(Error::DeviceRemoved);
+            SetLastError(TransferError());
             return false;
         }
         position_ += moved;
@@ -159,7 +159,7 @@ public:
             return false;
         }
         if (!card_->WriteMemory(position_, buffer, size, moved)) {
-            SetLastError(Error::DeviceRemoved);
+            SetLastError(TransferError());
             return false;
         }
         position_ += moved;
@@ -167,6 +167,11 @@ public:
     }
 
 private:
+    // A fault the card was told to inject is an I/O error; a removed card is gone.
+    Error TransferError() const {
+        return card_->IsRemoved() ? Error::DeviceRemoved : Error::IoFailed;
+    }
+
     // A driver refuses a single request over its limit, so a missing split shows at once.
     bool WithinDriverLimit(std::uint32_t size) {
         if (size > xdma::kDmaChunkBytes) {

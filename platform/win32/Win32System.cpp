@@ -25,6 +25,8 @@ int SystemCode(Error error) {
             return ERROR_FILENAME_EXCED_RANGE;
         case Error::DeviceRemoved:
             return ERROR_DEVICE_REMOVED;
+        case Error::IoFailed:
+            return ERROR_IO_DEVICE;
         case Error::OperationAborted:
             return ERROR_OPERATION_ABORTED;
         case Error::NotEnoughMemory:
@@ -35,6 +37,21 @@ int SystemCode(Error error) {
             return ERROR_MORE_DATA;
     }
     return ERROR_INVALID_PARAMETER;
+}
+
+DeviceState DeviceStateAfter(int code) {
+    switch (code) {
+        case ERROR_DEVICE_REMOVED:
+        case ERROR_DEV_NOT_EXIST:
+        case ERROR_NO_SUCH_DEVICE:
+        case ERROR_DEVICE_NOT_CONNECTED:
+            return DeviceState::Gone;
+        case ERROR_IO_DEVICE:
+        case ERROR_GEN_FAILURE:
+            return DeviceState::PerhapsGone;
+        default:
+            return DeviceState::Present;
+    }
 }
 
 std::string ErrorText(int code) {

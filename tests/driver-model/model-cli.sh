@@ -90,6 +90,36 @@ pixels = zlib.decompress(idat)
 sys.exit(0 if len(set(pixels)) > 8 else 1)
 PY
     ;;
+card-lost)
+    # The model's server killed while one process captures and another injects: each says the
+    # card is gone, within its next report, and exits with 1 rather than counting zeros.
+    [ -n "${KVPCIE_MODEL_PID:-}" ] || fail "with-model.sh gives no KVPCIE_MODEL_PID"
+    "$kvpcie" capture --channels 0 --width 160 --height 120 --type Y8 --card-timing \
+        --seconds 20 --json >"$scratch/capture.out" 2>"$scratch/capture.err" &
+    capturer=$!
+    "$kvpcie" inject --channel 1 --width 160 --height 120 --type Y8 --rate 50 --seconds 20 \
+        --json >"$scratch/inject.out" 2>"$scratch/inject.err" &
+    injector=$!
+    sleep 2
+    kill -KILL "$KVPCIE_MODEL_PID"
+    killed=$(date +%s%N)
+    wait "$capturer"
+    captured=$?
+    wait "$injector"
+    injected=$?
+    took=$((($(date +%s%N) - killed) / 1000000))
+    # Its mount stays behind until it is taken away; with-model.sh then finds it gone.
+    fusermount3 -u -z "$root" 2>/dev/null || umount -l "$root" 2>/dev/null
+    cat "$scratch/capture.err" "$scratch/inject.err" >&2
+    [ "$captured" -eq 1 ] || fail "capture exited with $captured, not 1"
+    [ "$injected" -eq 1 ] || fail "inject exited with $injected, not 1"
+    grep -q "is gone" "$scratch/capture.err" || fail "capture did not say the card is gone"
+    grep -q "is gone" "$scratch/inject.err" || fail "inject did not say the card is gone"
+    grep -q '"cardLost": true' "$scratch/capture.out" || fail "capture's JSON has no cardLost"
+    grep -q '"cardLost": true' "$scratch/inject.out" || fail "inject's JSON has no cardLost"
+    [ "$took" -lt 10000 ] || fail "the runs ended $took ms after the loss"
+    echo "both runs ended $took ms after the server was killed"
+    ;;
 *)
     fail "unknown check $check"
     ;;

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs a command against the driver model: starts kvpcie-simd on a fresh directory, runs the
-# command with KVPCIE_LINUX_ROOT pointing there (and no in-process simulated card), then stops
-# the model and checks that it unmounted. Exits with the command's status, or 77 (skipped) with
+# command with KVPCIE_LINUX_ROOT pointing there (and no in-process simulated card; the model's
+# process id in KVPCIE_MODEL_PID, for a test that kills it), then stops the model and checks that
+# it unmounted. Exits with the command's status, or 77 (skipped) with
 # the reason printed when FUSE cannot be used on this machine.
 #   with-model.sh [--cards N] SIMD_PROGRAM -- COMMAND [ARGUMENTS...]
 set -uo pipefail
@@ -59,7 +60,7 @@ if [ ! -e "$root/dev/xdma0_user" ]; then
     exit 1
 fi
 
-env -u KVPCIE_SIM KVPCIE_LINUX_ROOT="$root" KVPCIE_MODEL_ROOT="$root" "$@"
+env -u KVPCIE_SIM KVPCIE_LINUX_ROOT="$root" KVPCIE_MODEL_ROOT="$root" KVPCIE_MODEL_PID="$simd_pid" "$@"
 status=$?
 stop_model || status=1
 exit "$status"

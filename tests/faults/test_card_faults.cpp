@@ -5,6 +5,7 @@
 #include "FaultTestSupport.h"
 
 #include <algorithm>
+#include <string>
 
 namespace kvpcie::testing {
 namespace {
@@ -34,6 +35,11 @@ TEST_F(FaultTest, DmaFailuresMidStreamOnFourChannelsLoseOnlyTheFramesTheyHit) {
                   kFaultsPerChannel);
         ExpectNoUncountedLoss(channel, *sinks[channel], kFaultsPerChannel);
     }
+    // A failed DMA on a card that still answers is not a card that went away.
+    EXPECT_FALSE(manager.IsCardLost());
+    KvCaptureStatistics statistics;
+    ASSERT_TRUE(manager.GetCaptureStatistics(0, statistics));
+    EXPECT_FALSE(statistics.cardLost);
 }
 
 TEST_F(FaultTest, AChannelWithoutItsEventFileIsCapturedByPollingAndStopsAtOnce) {
@@ -125,7 +131,7 @@ TEST_F(FaultTest, AnInjectStatusThatNeverClearsFillsTheQueueAndFramesAreRefused)
     ReturnsWithin("StopInject", [&] { manager.StopInject(3); });
 }
 
-TEST_F(FaultTest, ACardRemovedDuringCaptureInjectionAndCommandsClosesAndReopens) {
+TEST_F(FaultTest, ACardRemovedDuringCaptureInjectionAndCommandsIsLostClosesAndReopens) {
     const auto sinks = StartSinks(2, 200);
     std::atomic<bool> running{true};
     std::atomic<int> injected{0};
@@ -151,10 +157,29 @@ TEST_F(FaultTest, ACardRemovedDuringCaptureInjectionAndCommandsClosesAndReopens)
                         std::chrono::seconds(20)));
 
     ASSERT_TRUE(DropCardOffTheBus(kCard));
-    // The host learns of it from the next register write.
+    // The capture's next transfer finds it gone.
+    ASSERT_TRUE(WaitFor([&] { return manager.IsCardLost(); }));
+    KvCaptureStatistics capture;
+    ASSERT_TRUE(manager.GetCaptureStatistics(0, capture));
+    EXPECT_TRUE(capture.cardLost);
+    EXPECT_GT(capture.cardLostAtMs, 0);
+    // The calls that reach the card say so.
     EXPECT_NE(manager.WriteReg(ControlBlock(0) + KvPCIeSim::kCtlExternalFrameRate, 200), 4);
+    unsigned value = 7;
+    EXPECT_FALSE(manager.ReadReg(KvPCIeSim::kRegIdentity, value));
+    EXPECT_EQ(value, 0u);
+    EXPECT_NE(std::string(manager.LastErrorText()).find("is gone"), std::string::npos)
+        << manager.LastErrorText();
+    // Nothing more is handed to the card, once a transfer that was under way has ended.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    KvInjectStatistics inject;
+    ASSERT_TRUE(manager.GetInjectStatistics(2, inject));
+    EXPECT_TRUE(inject.cardLost);
+    const std::uint64_t toCardAtRemoval = inject.framesToCard;
     const int deliveredAtRemoval = sinks[0]->delivered + sinks[1]->delivered;
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    ASSERT_TRUE(manager.GetInjectStatistics(2, inject));
+    EXPECT_EQ(inject.framesToCard, toCardAtRemoval);
     // At most the frames whose reads were under way can still arrive; none of them is garbage.
     EXPECT_LE(sinks[0]->delivered + sinks[1]->delivered, deliveredAtRemoval + 2);
     running = false;
@@ -173,6 +198,7 @@ TEST_F(FaultTest, ACardRemovedDuringCaptureInjectionAndCommandsClosesAndReopens)
 
     // The reopen restarts the device, which brings the card back.
     ASSERT_TRUE(manager.OpenCard(path));
+    EXPECT_FALSE(manager.IsCardLost());
     EXPECT_EQ(manager.ReadReg(KvPCIeSim::kRegIdentity), KvPCIeSim::kIdentityValue);
     ExpectCaptureWorks(0, 10);
     std::vector<char> frame(kFaultFrameBytes, 5);

@@ -114,7 +114,7 @@ int RunCapture(const std::vector<std::string>& args) {
         }
         return true;
     };
-    while (!done()) {
+    while (!done() && !CardIsGone(manager)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
         if (Clock::now() < nextReport) {
             continue;
@@ -177,11 +177,12 @@ int RunCapture(const std::vector<std::string>& args) {
             std::printf("ch%d: snapshot %s\n", c, path.c_str());
         }
     }
+    const bool lost = CardIsGone(manager);
     manager.CloseCard();
     if (asJson) {
-        json.Print(QJsonObject{{"channels", figures}});
+        json.Print(QJsonObject{{"channels", figures}, {"cardLost", lost}});
     }
-    return 0;
+    return lost ? 1 : 0;
 }
 
 }  // namespace kvpcie::cli

@@ -37,6 +37,9 @@ std::string OpenChosenCard(PCIeDataManager& manager);
 // The number of the simulated card in this process that `path` names; -1 for any other card
 // (a real one, or the driver model's in its own process).
 int InProcessSimCardNumber(const std::string& path);
+// True once the open card was found gone (removed, or its driver ended); the first time, a line
+// on standard error says so. A run that finds it ends there and exits with 1.
+bool CardIsGone(PCIeDataManager& manager);
 // The simulated card answers its identity register.
 bool IsSimulatedCard(PCIeDataManager& manager);
 

@@ -99,7 +99,7 @@ int RunInject(const std::vector<std::string>& args) {
     using Clock = std::chrono::steady_clock;
     const auto start = Clock::now();
     auto nextReport = start + std::chrono::seconds(1);
-    while (!interrupted.load() &&
+    while (!interrupted.load() && !CardIsGone(manager) &&
            (seconds == 0 || Clock::now() - start < std::chrono::seconds(seconds)) &&
            (frameLimit == 0 || queued < frameLimit)) {
         eErrorCode error = ERR_NONE;
@@ -133,8 +133,10 @@ int RunInject(const std::vector<std::string>& args) {
     const double queuedSeconds = std::chrono::duration<double>(Clock::now() - start).count();
     // The last frames still wait in the queue and the card's buffers, and a stop drops them.
     // Ctrl-C stops at once.
-    if (queued > 0) {
-        tools::WaitUntilQueuedFramesPlayed(manager, channel, rate, [&] { return interrupted.load(); });
+    if (queued > 0 && !CardIsGone(manager)) {
+        tools::WaitUntilQueuedFramesPlayed(manager, channel, rate, [&] {
+            return interrupted.load() || manager.IsCardLost();
+        });
     }
     KvInjectStatistics stats;
     manager.StopInject(channel);
@@ -147,10 +149,12 @@ int RunInject(const std::vector<std::string>& args) {
         static_cast<unsigned long long>(stats.framesDroppedAtStop),
         static_cast<unsigned long long>(stats.periodsWithoutFrame),
         static_cast<unsigned long long>(refused));
+    const bool lost = CardIsGone(manager);
     manager.CloseCard();
     if (asJson) {
         json.Print(
-            QJsonObject{{"channel", channel},
+            QJsonObject{{"cardLost", lost},
+                        {"channel", channel},
                         {"framesQueued", static_cast<qint64>(queued)},
                         {"seconds", queuedSeconds},
                         {"framesToCard", static_cast<qint64>(stats.framesToCard)},
@@ -158,7 +162,7 @@ int RunInject(const std::vector<std::string>& args) {
                         {"periodsWithoutFrame", static_cast<qint64>(stats.periodsWithoutFrame)},
                         {"queueFull", static_cast<qint64>(refused)}});
     }
-    return 0;
+    return lost ? 1 : 0;
 }
 
 }  // namespace kvpcie::cli

@@ -198,7 +198,8 @@ int RunLoopback(const std::vector<std::string>& args) {
 
     using Clock = std::chrono::steady_clock;
     const auto start = Clock::now();
-    while (!interrupted.load() && Clock::now() - start < std::chrono::seconds(seconds)) {
+    while (!interrupted.load() && !CardIsGone(manager) &&
+           Clock::now() - start < std::chrono::seconds(seconds)) {
         bool queuedAny = false;
         for (int c : channelNumbers) {
             Channel& state = channels[c];
@@ -226,7 +227,7 @@ int RunLoopback(const std::vector<std::string>& args) {
         manager.StopInject(c);
     }
 
-    bool pass = true;
+    bool pass = !CardIsGone(manager);
     QJsonArray figures;
     std::printf(
         "\nchannel  captured  verified  blank  mismatched  replayed  dropped  underruns  recorded"

@@ -74,6 +74,20 @@ std::string OpenChosenCard(PCIeDataManager& manager) {
     return path;
 }
 
+bool CardIsGone(PCIeDataManager& manager) {
+    static bool said = false;
+    if (!manager.IsCardLost()) {
+        return false;
+    }
+    if (!said) {
+        said = true;
+        std::fprintf(stderr,
+                     "kvpcie: card %d is gone (removed, or its driver ended): the run ends here\n",
+                     chosenCard);
+    }
+    return true;
+}
+
 int InProcessSimCardNumber(const std::string& path) {
     for (int card : KvPCIeSim::XdmaCardNumbers()) {
         if (KvPCIeSim::XdmaCardPath(card) == path) {

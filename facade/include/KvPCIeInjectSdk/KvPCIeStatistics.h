@@ -41,6 +41,13 @@ struct KvCaptureStatistics {
     std::uint64_t statusBytesDelivered = 0;
     std::uint64_t statusBytesDropped = 0;
     ///@}
+    ///@{
+    /// Whether the card was found gone (removed, or its driver ended) since it was opened, and
+    /// when, in milliseconds since 1970 (UTC); false and 0 while it is there. A lost card hands
+    /// no frame over; PCIeDataManager::SetCardLostCallback tells the host.
+    bool cardLost = false;
+    std::int64_t cardLostAtMs = 0;
+    ///@}
 };
 
 /// One inject channel. Frame counts start at 0 with the first StartInject of a stopped channel
@@ -73,4 +80,9 @@ struct KvInjectStatistics {
     /// are never sent. The channel has one "sent" flag, so a caller still waiting for a replaced
     /// command is told true once the newer command goes out; this count is how to notice.
     std::uint64_t commandsReplaced = 0;
+    ///@{
+    /// As in KvCaptureStatistics: no frame goes to a lost card, they wait in the queue.
+    bool cardLost = false;
+    std::int64_t cardLostAtMs = 0;
+    ///@}
 };

@@ -49,6 +49,10 @@
 class QObject;
 struct PCIeDataManagerPrivate;
 
+/// Called once when the manager's open card is found gone (removed, its driver or driver model
+/// ended): `devicePath` names it, `userContext` is what SetCardLostCallback was given.
+typedef void (*CardLostCallback)(const char* devicePath, void* userContext);
+
 /// The library's version, "major.minor.patch", as built.
 KVPCIE_EXPORT const char* KvPCIeInjectSdkVersionString();
 
@@ -204,6 +208,10 @@ public:
     /// XDMA: 4 on success, -1/-2/-3 when the transfer failed, 0 when no card is open. RIFFA: the
     /// register request is sent, and 0 is returned.
     int WriteReg(unsigned int address, int value);
+    /// XDMA: the user register into `value`; false, with `value` 0 and a reason, when no card is
+    /// open or the read failed (ReadReg gives 0 for both). RIFFA: ReadReg's value, false only
+    /// when no device is open.
+    bool ReadReg(unsigned int address, unsigned int& value);
     ///@{
     /// DMA between card memory and `buffer`; false when no card is open, `buffer` is null or the
     /// transfer failed (an address at or past 2 GiB, or the end of card memory).
@@ -234,6 +242,19 @@ public:
     /// errno is; valid until the thread's next call. The error codes and messages of the other
     /// operations are unchanged by it.
     const char* LastErrorText();
+
+    // --- a card that goes away ---
+    /// True once the open XDMA card was found gone: a transfer or event wait failed with the
+    /// OS's word for a removed device (or an I/O error, and the card then answered no register
+    /// read). From then on no frame is handed over in either direction, the statistics carry
+    /// cardLost, and the calls that reach the card fail with a text that says so; CloseCard and
+    /// an OpenCard once the card is back start afresh. From any thread.
+    bool IsCardLost();
+    /// `callback` is called once per open card that is found gone, on the thread that opened the
+    /// card from its event loop (as status callbacks are), within 20 ms of the finding. Inside
+    /// it, stop channels if you like; CloseCard and OpenCard are refused there (call them once
+    /// it has returned). A null callback switches it off.
+    void SetCardLostCallback(CardLostCallback callback, void* userContext);
 
     // --- CPU cores for pinned worker threads ---
     /// The lowest free core, now marked used; 0 (shared) when every core is in use.

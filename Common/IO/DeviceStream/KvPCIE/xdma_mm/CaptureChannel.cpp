@@ -6,6 +6,8 @@
 #include "XdmaChannelRegisters.h"
 #include "XdmaDevice.h"
 
+#include "platform/SystemError.h"
+
 #include <chrono>
 #include <cstdio>
 #include <thread>
@@ -166,18 +168,26 @@ void CaptureChannel::StopEventWatchLocked() {
 }
 
 void CaptureChannel::EventLoop() {
+    const std::uint64_t openCount = card_.OpenCount();
     while (eventThread_.IsRunning()) {
+        platform::SetLastError(0);
         if (eventFile_->Read(0) == 1) {
             eventObject_.Signal();
-        } else {
-            // A file that fails at once (absent, removed card) must not spin a core.
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            continue;
         }
+        // A read that gave up after its time sets no error; one that failed may say that the
+        // card is gone, which an idle channel would otherwise not notice.
+        if (const int code = platform::LastError(); code != 0 && eventThread_.IsRunning()) {
+            card_.NoteFailure(code, openCount);
+        }
+        // A file that fails at once (absent, removed card) must not spin a core.
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
 }
 
 void CaptureChannel::PollTurn() {
-    if (!IsStarted()) {
+    // A card that is gone has nothing to hand over, and a removed device is not hammered.
+    if (!IsStarted() || card_.IsLost()) {
         return;
     }
     std::lock_guard<std::mutex> turn(turnLock_);
@@ -293,6 +303,8 @@ void CaptureChannel::AddTo(KvCaptureStatistics& out) {
     out.framesPerSecond = counters_.framesPerSecond.load(std::memory_order_relaxed);
     out.callbackMicrosMax = counters_.callbackMicrosMax.Get();
     out.lastCardBuffer = counters_.lastCardBuffer.load(std::memory_order_relaxed);
+    out.cardLost = card_.IsLost();
+    out.cardLostAtMs = card_.LostAtMs();
     recording_.AddTo(out);
     status_.AddTo(out);
 }

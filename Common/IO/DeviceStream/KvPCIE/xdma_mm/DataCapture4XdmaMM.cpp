@@ -7,6 +7,8 @@
 
 #include "Common/ApplicationDir.h"
 
+#include <QThread>
+
 #include <chrono>
 #include <cstddef>
 #include <cstring>
@@ -43,11 +45,17 @@ DataCapture4XdmaMM::DataCapture4XdmaMM(std::shared_ptr<XdmaCard> card, CpuCoreSo
     log_.StartLog();
     connect(&statusTimer_, &QTimer::timeout, this,
             &DataCapture4XdmaMM::OnSlotCaptureCmdDataTimeOut);
+    connect(&lostWatch_, &QTimer::timeout, this, &DataCapture4XdmaMM::OnLostWatchTick);
+    // Without an event loop here (a host with no Qt application) nobody could be told anyway.
+    if (QThread::currentThread()->eventDispatcher() != nullptr) {
+        lostWatch_.start(kStatusTickMs);
+    }
     delayClockHz_ = card_->XdmaReadReg(kRegDelayClockHz);
 }
 
 DataCapture4XdmaMM::~DataCapture4XdmaMM() {
     statusTimer_.stop();
+    lostWatch_.stop();
     pollingThread_.Stop();
     recordingThread_.Stop();
     statusThread_.Stop();
@@ -246,6 +254,20 @@ void DataCapture4XdmaMM::OnSlotCaptureCmdDataTimeOut() {
         channel.Status().Deliver();
     }
     deliveringStatus_.store(false, std::memory_order_release);
+}
+
+void DataCapture4XdmaMM::OnLostWatchTick() {
+    if (lostReported_ || !card_->IsLost()) {
+        return;
+    }
+    lostReported_ = true;
+    lostWatch_.stop();
+    if (lostHandler_) {
+        // As in a status callback: the host may stop channels there, not destroy this engine.
+        deliveringStatus_.store(true, std::memory_order_release);
+        lostHandler_();
+        deliveringStatus_.store(false, std::memory_order_release);
+    }
 }
 
 // ---------------------------------------------------------------- settings and read-back

@@ -20,6 +20,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -75,12 +76,17 @@ public:
     bool OnPollingThread() const;
     bool InStatusDelivery() const { return deliveringStatus_.load(std::memory_order_acquire); }
 
+    // Called once, on the control thread from its event loop, within 20 ms of the card being
+    // found lost. The engine must not be destroyed from inside it (InStatusDelivery is true).
+    void SetCardLostHandler(std::function<void()> handler) { lostHandler_ = std::move(handler); }
+
     void SetSaveLog(bool on) { saveLog_.store(on, std::memory_order_relaxed); }
     void SetOsdHidden(bool on) { osdHidden_ = on; }
     void SetShowErrorFrame(bool on) { showErrorFrame_ = on; }
 
 public slots:
     void OnSlotCaptureCmdDataTimeOut();
+    void OnLostWatchTick();
 
 private:
     void WriteEnableMask(int channel, bool on);
@@ -105,6 +111,10 @@ private:
     PinnedWorker recordingThread_;
     PinnedWorker statusThread_;
     QTimer statusTimer_;
+    // Looks at the card's lost flag from the control thread's event loop.
+    QTimer lostWatch_;
+    std::function<void()> lostHandler_;
+    bool lostReported_ = false;
     // The polling thread (a callback) and the control thread may both start and stop channels.
     std::mutex enableMaskLock_;
     std::uint32_t enableMask_ = 0;

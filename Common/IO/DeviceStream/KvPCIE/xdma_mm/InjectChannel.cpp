@@ -19,6 +19,8 @@ constexpr std::uint32_t kExternalSyncWords[] = {0x002, 0x102, 0x202};
 // How often a channel whose buffer is due is looked at, and how long before its due time the
 // looking starts (plus a sixteenth of the period, for a card whose timing drifts).
 constexpr std::chrono::microseconds kIdlePause{250};
+// How often a channel whose card is lost looks again (until it is stopped or the card reopened).
+constexpr std::chrono::milliseconds kLostCardPause{10};
 constexpr std::chrono::milliseconds kReleaseMargin{2};
 
 std::uint32_t InjectSyncModeWord(const KvFrameFormat& format) {
@@ -178,6 +180,11 @@ bool InjectChannel::Serve(Clock::time_point now, Clock::time_point& wake) {
     if (!IsInjecting() || queue_ == nullptr || !Due(now, wake)) {
         return false;
     }
+    if (card_.IsLost()) {
+        // Nothing more goes to a card that is gone; its frames wait in the queue.
+        wake = std::min(wake, now + kLostCardPause);
+        return false;
+    }
     if (newestFrame_ == nullptr && queue_->IsEmpty()) {
         // Nothing of this run yet: a buffer handed over now would play what the card's memory
         // still holds, a frame of an earlier run.
@@ -242,6 +249,8 @@ void InjectChannel::AddTo(KvInjectStatistics& out) {
     out.transfersFailed = counters_.transfersFailed.Get();
     out.framesDroppedAtStop = counters_.droppedAtStop.Get();
     out.periodsWithoutFrame = counters_.periodsWithoutFrame.Get();
+    out.cardLost = card_.IsLost();
+    out.cardLostAtMs = card_.LostAtMs();
     // The queue is replaced only under the turn lock.
     std::lock_guard<std::mutex> turn(turnLock_);
     out.framesWaiting = queue_ != nullptr ? static_cast<std::uint32_t>(queue_->Size()) : 0;

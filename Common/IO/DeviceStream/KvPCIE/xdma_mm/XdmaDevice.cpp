@@ -197,6 +197,11 @@ bool XdmaCard::XdmaOpen(const char* interfacePath) {
     control_ = std::move(control);
     path_ = interfacePath;
     isOpen_ = true;
+    {
+        std::lock_guard<std::mutex> lock(lostLock_);
+        openCount_.fetch_add(1, std::memory_order_acq_rel);
+        lost_.store(false, std::memory_order_release);
+    }
     return true;
 }
 
@@ -215,55 +220,164 @@ std::string XdmaCard::Path() const {
     return path_;
 }
 
+// What a transfer leaves behind when it failed on an open card: the OS layer's code and the
+// open it belonged to, to be looked at once the card's locks are let go.
+struct XdmaCard::Failure {
+    int code = 0;
+    std::uint64_t openCount = 0;
+};
+
 unsigned XdmaCard::XdmaReadReg(unsigned address) {
-    std::shared_lock<WriterFirstSharedMutex> shared(access_);
-    std::lock_guard<std::mutex> reg(regLock_);
     unsigned value = 0;
-    if (user_) {
-        XdmaReadDevice(user_.get(), address, sizeof value, &value);
-    }
+    ReadRegChecked(address, value);
     return value;
 }
 
-int XdmaCard::XdmaWriteReg(unsigned address, const unsigned* value) {
-    std::shared_lock<WriterFirstSharedMutex> shared(access_);
-    std::lock_guard<std::mutex> reg(regLock_);
-    if (!user_ || value == nullptr) {
-        return kTransferCallFailed;
+bool XdmaCard::ReadRegChecked(unsigned address, unsigned& value) {
+    value = 0;
+    Failure failure;
+    {
+        std::shared_lock<WriterFirstSharedMutex> shared(access_);
+        std::lock_guard<std::mutex> reg(regLock_);
+        if (!user_) {
+            return false;
+        }
+        if (XdmaReadDevice(user_.get(), address, sizeof value, &value) ==
+            static_cast<int>(sizeof value)) {
+            return true;
+        }
+        failure = {platform::LastError(), OpenCount()};
     }
-    return XdmaWriteDevice(user_.get(), address, sizeof *value, value);
+    value = 0;
+    NoteFailure(failure.code, failure.openCount);
+    return false;
+}
+
+int XdmaCard::XdmaWriteReg(unsigned address, const unsigned* value) {
+    Failure failure;
+    int result = kTransferCallFailed;
+    {
+        std::shared_lock<WriterFirstSharedMutex> shared(access_);
+        std::lock_guard<std::mutex> reg(regLock_);
+        if (!user_ || value == nullptr) {
+            return kTransferCallFailed;
+        }
+        result = XdmaWriteDevice(user_.get(), address, sizeof *value, value);
+        if (result >= 0) {
+            return result;
+        }
+        failure = {platform::LastError(), OpenCount()};
+    }
+    NoteFailure(failure.code, failure.openCount);
+    return result;
 }
 
 bool XdmaCard::XdmaReadUser(unsigned address, void* buffer, unsigned size) {
-    std::shared_lock<WriterFirstSharedMutex> shared(access_);
-    std::lock_guard<std::mutex> reg(regLock_);
-    if (!user_ || (buffer == nullptr && size != 0)) {
-        return false;
+    Failure failure;
+    {
+        std::shared_lock<WriterFirstSharedMutex> shared(access_);
+        std::lock_guard<std::mutex> reg(regLock_);
+        if (!user_ || (buffer == nullptr && size != 0)) {
+            return false;
+        }
+        if (XdmaReadDevice(user_.get(), address, size, buffer) >= 0) {
+            return true;
+        }
+        failure = {platform::LastError(), OpenCount()};
     }
-    XdmaReadDevice(user_.get(), address, size, buffer);
-    return true;
+    NoteFailure(failure.code, failure.openCount);
+    return true;  // a failed transfer is not reported here
 }
 
 bool XdmaCard::XdmaWriteUser(unsigned address, const void* buffer, unsigned size) {
-    std::shared_lock<WriterFirstSharedMutex> shared(access_);
-    std::lock_guard<std::mutex> reg(regLock_);
-    if (!user_ || (buffer == nullptr && size != 0)) {
-        return false;
+    Failure failure;
+    {
+        std::shared_lock<WriterFirstSharedMutex> shared(access_);
+        std::lock_guard<std::mutex> reg(regLock_);
+        if (!user_ || (buffer == nullptr && size != 0)) {
+            return false;
+        }
+        if (XdmaWriteDevice(user_.get(), address, size, buffer) >= 0) {
+            return true;
+        }
+        failure = {platform::LastError(), OpenCount()};
     }
-    XdmaWriteDevice(user_.get(), address, size, buffer);
-    return true;
+    NoteFailure(failure.code, failure.openCount);
+    return true;  // a failed transfer is not reported here
 }
 
 bool XdmaCard::XdmaReadData(unsigned address, unsigned size, void* buffer) {
-    std::shared_lock<WriterFirstSharedMutex> shared(access_);
-    std::lock_guard<std::mutex> c2h(c2hLock_);
-    return c2h_ && XdmaReadDevice(c2h_.get(), address, size, buffer) >= 0;
+    Failure failure;
+    {
+        std::shared_lock<WriterFirstSharedMutex> shared(access_);
+        std::lock_guard<std::mutex> c2h(c2hLock_);
+        if (!c2h_) {
+            return false;
+        }
+        if (XdmaReadDevice(c2h_.get(), address, size, buffer) >= 0) {
+            return true;
+        }
+        failure = {platform::LastError(), OpenCount()};
+    }
+    NoteFailure(failure.code, failure.openCount);
+    return false;
 }
 
 bool XdmaCard::XdmaWriteData(unsigned address, unsigned size, const void* buffer) {
+    Failure failure;
+    {
+        std::shared_lock<WriterFirstSharedMutex> shared(access_);
+        std::lock_guard<std::mutex> h2c(h2cLock_);
+        if (!h2c_) {
+            return false;
+        }
+        if (XdmaWriteDevice(h2c_.get(), address, size, buffer) >= 0) {
+            return true;
+        }
+        failure = {platform::LastError(), OpenCount()};
+    }
+    NoteFailure(failure.code, failure.openCount);
+    return false;
+}
+
+// ---------------------------------------------------------------- whether the card is there
+
+bool XdmaCard::StillAnswers() {
     std::shared_lock<WriterFirstSharedMutex> shared(access_);
-    std::lock_guard<std::mutex> h2c(h2cLock_);
-    return h2c_ && XdmaWriteDevice(h2c_.get(), address, size, buffer) >= 0;
+    std::lock_guard<std::mutex> reg(regLock_);
+    unsigned value = 0;
+    return user_ && XdmaReadDevice(user_.get(), kRegTimingClockHz, sizeof value, &value) ==
+                        static_cast<int>(sizeof value);
+}
+
+void XdmaCard::NoteFailure(int code, std::uint64_t openCount) {
+    const platform::DeviceState state = platform::DeviceStateAfter(code);
+    if (state == platform::DeviceState::Present || IsLost() || openCount != OpenCount()) {
+        return;
+    }
+    // A DMA that failed on a card that is there gives the same I/O error as a card that went.
+    if (state == platform::DeviceState::PerhapsGone && StillAnswers()) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(lostLock_);
+    if (IsLost() || openCount != OpenCount()) {
+        return;
+    }
+    lostAtMs_ = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    std::chrono::system_clock::now().time_since_epoch())
+                    .count();
+    lostReason_ = platform::ErrorText(code);
+    lost_.store(true, std::memory_order_release);
+}
+
+std::int64_t XdmaCard::LostAtMs() const {
+    std::lock_guard<std::mutex> lock(lostLock_);
+    return lost_.load(std::memory_order_acquire) ? lostAtMs_ : 0;
+}
+
+std::string XdmaCard::LostReason() const {
+    std::lock_guard<std::mutex> lock(lostLock_);
+    return lost_.load(std::memory_order_acquire) ? lostReason_ : std::string();
 }
 
 int XdmaReadDevice(XdmaFileHandle file, unsigned offset, unsigned size, void* buffer) {

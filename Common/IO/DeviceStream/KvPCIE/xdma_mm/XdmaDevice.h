@@ -13,12 +13,19 @@
 //   host's ReadData/WriteData never interleave their seek and their reads on one handle.
 // - Event files belong to whoever opens them (the capture engine), not to this state: a close
 //   does not touch them, and their owner cancels them before it stops waiting.
+//
+// A card knows whether it is still there: a transfer that fails with an error saying that the
+// device is gone (an I/O error counts when a register read right after fails too) marks it
+// lost; the next open clears it. The engines stop handing frames over to a lost card, and the
+// capture engine tells the facade.
 #pragma once
 
 #include "Common/WriterFirstSharedMutex.h"
 #include "platform/DeviceFile.h"
 #include "platform/DeviceInterfaces.h"
 
+#include <atomic>
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -78,8 +85,27 @@ public:
     bool XdmaReadData(unsigned address, unsigned size, void* buffer);
     bool XdmaWriteData(unsigned address, unsigned size, const void* buffer);
 
+    // A register read that says whether it worked: false when the card is closed or the read
+    // failed (XdmaReadReg gives 0 for both).
+    bool ReadRegChecked(unsigned address, unsigned& value);
+
+    // --- whether the card is still there ---
+    bool IsLost() const { return lost_.load(std::memory_order_acquire); }
+    // When it was found lost, in milliseconds since 1970 (UTC), and the system's text for the
+    // failure; 0 and "" while it is not lost.
+    std::int64_t LostAtMs() const;
+    std::string LostReason() const;
+    // A call on one of the card's files outside this object (its event files) failed with
+    // `code`, the OS layer's last error; `openCount` is what OpenCount() said before the call.
+    void NoteFailure(int code, std::uint64_t openCount);
+    // Counts the opens, so that a failure of an earlier open is not held against this one.
+    std::uint64_t OpenCount() const { return openCount_.load(std::memory_order_acquire); }
+
 private:
+    struct Failure;
     void CloseLocked();
+    // Whether the card still answers a register read.
+    bool StillAnswers();
 
     mutable WriterFirstSharedMutex access_;  // shared per transfer, exclusive to open/close
     std::mutex regLock_;
@@ -91,6 +117,12 @@ private:
     platform::DeviceFilePtr control_;
     std::string path_;
     bool isOpen_ = false;
+
+    std::atomic<std::uint64_t> openCount_{0};
+    std::atomic<bool> lost_{false};
+    mutable std::mutex lostLock_;  // the fields below
+    std::int64_t lostAtMs_ = 0;
+    std::string lostReason_;
 };
 
 // `size` on success, else kTransferCallFailed, kTransferShort or kTransferSeekFailed. Offsets
