@@ -3,9 +3,11 @@
 #include <KvPCIeInjectSdk/KvPCIeSharedCard.h>
 
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <map>
 #include <tuple>
+#include <vector>
 #include <mutex>
 
 namespace KvPCIe {
@@ -18,10 +20,28 @@ struct OpenCard {
     PCIeDataManager manager;
     int leases = 0;                // touched on the card thread only
     bool claimed[2][4] = {};       // [Direction][channel], under registryLock
+    // What each lease wants called when the card is found gone, by lease; under registryLock.
+    std::map<const void*, std::function<void()>> lostCallbacks;
 };
 
-// Guards the map's shape and the claims; never held across a call to the card thread.
+// Guards the map's shape, the claims and the lost callbacks; never held across a call to the
+// card thread or to a callback.
 std::mutex registryLock;
+
+// On the card thread, from its event loop: every lease of the card hears of it.
+void TellLeasesCardLost(const char*, void* context) {
+    auto* card = static_cast<OpenCard*>(context);
+    std::vector<std::function<void()>> callbacks;
+    {
+        std::lock_guard<std::mutex> lock(registryLock);
+        for (const auto& entry : card->lostCallbacks) {
+            callbacks.push_back(entry.second);
+        }
+    }
+    for (const auto& callback : callbacks) {
+        callback();
+    }
+}
 
 // A RIFFA device's key: no XDMA path looks like it, and the two kinds are kept apart anyway.
 std::string RiffaKey(int index) {
@@ -118,6 +138,7 @@ std::unique_ptr<SharedCard> SharedCard::Acquire(const std::string& devicePath,
         OpenCard& card = CardAt(path, false);
         if (card.leases == 0) {
             std::string name = path;  // OpenCard takes a char*
+            card.manager.SetCardLostCallback(&TellLeasesCardLost, &card);
             if (!card.manager.OpenCard(name.data())) {
                 error = "the card \"" + path + "\" would not open: " + card.manager.LastErrorText();
                 card.manager.CloseCard();  // the engines it made anyway
@@ -160,6 +181,11 @@ std::unique_ptr<SharedCard> SharedCard::AcquireRiffa(int index, std::string& err
 SharedCard::~SharedCard() {
     const std::string path = d->path;
     const bool riffa = d->riffa;
+    {
+        OpenCard& card = CardAt(path, riffa);
+        std::lock_guard<std::mutex> lock(registryLock);
+        card.lostCallbacks.erase(d.get());
+    }
     d.reset();
     if (CardThread::IsCurrent()) {
         // Inside a status callback or a task: closing the card there would pull the engine
@@ -212,6 +238,39 @@ void SharedCard::Run(const std::function<void(PCIeDataManager&)>& operation) {
 
 PCIeDataManager& SharedCard::AnyThreadManager() {
     return d->manager;
+}
+
+void SharedCard::SetLostCallback(std::function<void()> callback) {
+    OpenCard& card = CardAt(d->path, d->riffa);
+    if (callback) {
+        // Once per lease, though the loss may be told both by the card thread and at once below.
+        auto told = std::make_shared<std::atomic<bool>>(false);
+        callback = [callback, told] {
+            if (!told->exchange(true)) {
+                callback();
+            }
+        };
+    }
+    {
+        std::lock_guard<std::mutex> lock(registryLock);
+        if (callback) {
+            card.lostCallbacks[d.get()] = callback;
+        } else {
+            card.lostCallbacks.erase(d.get());
+        }
+    }
+    // A card found gone before the callback was set is told at once, on the card thread.
+    if (callback && IsLost()) {
+        CardThread::Hold();
+        CardThread::Post([callback] {
+            callback();
+            CardThread::Release();
+        });
+    }
+}
+
+bool SharedCard::IsLost() {
+    return !d->riffa && d->manager.IsCardLost();
 }
 
 }  // namespace KvPCIe

@@ -38,6 +38,8 @@ namespace KvPCIe
         InUse = -5,
         /// <summary>An XDMA operation on a RIFFA device, or the reverse.</summary>
         WrongKind = -6,
+        /// <summary>The card was found gone: dispose the Card, open it again once it is back.</summary>
+        CardLost = -7,
     }
 
     /// <summary>A call that failed: its status and the library's own words for why.</summary>

@@ -154,7 +154,7 @@ kvpcie_status KVPCIE_CALL kvpcie_start_capture(kvpcie_card* card, int32_t channe
             card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
                                  static_cast<unsigned>(channel));
             slot.claimed = false;
-            return Fail(KVPCIE_NO_CARD, text);
+            return Fail(card->lease->IsLost() ? KVPCIE_CARD_LOST : KVPCIE_NO_CARD, text);
         }
         return Succeed();
     });

@@ -30,6 +30,10 @@ kvpcie_status RequireXdma(const kvpcie_card* card) {
     return KVPCIE_OK;
 }
 
+kvpcie_status FailureStatus(kvpcie_card* card) {
+    return card->lease->IsLost() ? KVPCIE_CARD_LOST : KVPCIE_ERROR;
+}
+
 kvpcie_status RequireNotInFrameCallback() {
     if (frameCallbackOf != nullptr) {
         return Fail(KVPCIE_ERROR,
@@ -142,7 +146,8 @@ kvpcie_status MoveData(kvpcie_card* card, uint32_t address, void* buffer, uint32
                           : manager.ReadData(address, bytes, bytesAt);
         });
         return moved ? Succeed()
-                     : Fail(KVPCIE_ERROR, text.empty() ? "the card memory transfer failed" : text);
+                     : Fail(kvpcie::capi::FailureStatus(card),
+                            text.empty() ? "the card memory transfer failed" : text);
     });
 }
 
@@ -232,6 +237,36 @@ const char* KVPCIE_CALL kvpcie_card_path(const kvpcie_card* card) {
     return card != nullptr ? card->path.c_str() : "";
 }
 
+kvpcie_status KVPCIE_CALL kvpcie_set_card_lost_callback(kvpcie_card* card,
+                                                        kvpcie_card_lost_callback callback,
+                                                        void* context) {
+    return Guarded([&] {
+        if (card == nullptr) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "the card handle is null");
+        }
+        if (callback == nullptr) {
+            card->lease->SetLostCallback(nullptr);
+            return Succeed();
+        }
+        // The handle outlives the lease's callback: the lease goes with the handle.
+        card->lease->SetLostCallback([card, callback, context] {
+            if (!card->closing.load(std::memory_order_acquire)) {
+                callback(card->path.c_str(), context);
+            }
+        });
+        return Succeed();
+    });
+}
+
+int32_t KVPCIE_CALL kvpcie_is_card_lost(kvpcie_card* card) {
+    int32_t lost = 0;
+    Guarded([&] {
+        lost = card != nullptr && card->lease->IsLost() ? 1 : 0;
+        return KVPCIE_OK;
+    });
+    return lost;
+}
+
 kvpcie_status KVPCIE_CALL kvpcie_read_reg(kvpcie_card* card, uint32_t address, uint32_t* value) {
     return Guarded([&] {
         if (card == nullptr || value == nullptr) {
@@ -240,8 +275,13 @@ kvpcie_status KVPCIE_CALL kvpcie_read_reg(kvpcie_card* card, uint32_t address, u
         if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
             return KVPCIE_ERROR;
         }
-        card->lease->Run([&](PCIeDataManager& manager) { *value = manager.ReadReg(address); });
-        return Succeed();
+        bool read = false;
+        std::string text;
+        kvpcie::capi::RunOnCard(card, text,
+                                [&](PCIeDataManager& manager) { read = manager.ReadReg(address, *value); });
+        return read ? Succeed()
+                    : Fail(kvpcie::capi::FailureStatus(card),
+                           text.empty() ? "the register read failed" : text);
     });
 }
 
@@ -260,12 +300,15 @@ kvpcie_status KVPCIE_CALL kvpcie_write_reg(kvpcie_card* card, uint32_t address, 
             return Succeed();
         }
         int moved = 0;
-        card->lease->Run([&](PCIeDataManager& manager) {
+        std::string text;
+        kvpcie::capi::RunOnCard(card, text, [&](PCIeDataManager& manager) {
             moved = manager.WriteReg(address, static_cast<int>(value));
         });
         return moved == 4 ? Succeed()
-                          : Fail(KVPCIE_ERROR, "the register write failed (result " +
-                                                   std::to_string(moved) + ")");
+                          : Fail(kvpcie::capi::FailureStatus(card),
+                                 text.empty() ? "the register write failed (result " +
+                                                    std::to_string(moved) + ")"
+                                              : text);
     });
 }
 

@@ -44,6 +44,9 @@ namespace kvpcie::capi {
 
 // KVPCIE_OK when `card` is an XDMA handle (else the status, with its text).
 kvpcie_status RequireXdma(const kvpcie_card* card);
+// What a call on the card that failed comes to: KVPCIE_CARD_LOST once the card is gone, else
+// KVPCIE_ERROR.
+kvpcie_status FailureStatus(kvpcie_card* card);
 // Refuses a call that would wait for the card thread from inside a frame callback.
 kvpcie_status RequireNotInFrameCallback();
 // Marks the calling thread as inside a frame callback of `card` (null: outside).

@@ -157,6 +157,9 @@ kvpcie_status KVPCIE_CALL kvpcie_inject(kvpcie_card* card, int32_t channel, int3
         if (error == ERR_QUEUE_FULL) {
             return Fail(KVPCIE_QUEUE_FULL, text.empty() ? "15 frames wait on the channel" : text);
         }
+        if (card->lease->IsLost()) {
+            return Fail(KVPCIE_CARD_LOST, text);
+        }
         return Fail(error == ERR_NO_CARD ? KVPCIE_NO_CARD : KVPCIE_ERROR, text);
     });
 }
@@ -235,6 +238,8 @@ kvpcie_status KVPCIE_CALL kvpcie_capture_statistics_get(kvpcie_card* card, int32
             ours.last_card_buffer = counts.lastCardBuffer;
             ours.status_bytes_delivered = counts.statusBytesDelivered;
             ours.status_bytes_dropped = counts.statusBytesDropped;
+            ours.card_lost = counts.cardLost ? 1 : 0;
+            ours.card_lost_at_ms = counts.cardLostAtMs;
         });
 }
 
@@ -253,6 +258,8 @@ kvpcie_status KVPCIE_CALL kvpcie_inject_statistics_get(kvpcie_card* card, int32_
             ours.commands_sent = counts.commandsSent;
             ours.commands_not_sent_in_time = counts.commandsNotSentInTime;
             ours.commands_replaced = counts.commandsReplaced;
+            ours.card_lost = counts.cardLost ? 1 : 0;
+            ours.card_lost_at_ms = counts.cardLostAtMs;
         });
 }
 

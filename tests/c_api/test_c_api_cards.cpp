@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <chrono>
+#include <cstdio>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -111,6 +113,108 @@ TEST_F(CApiCards, TwoCardsCaptureAndInjectSideBySideEachItsOwn) {
     kvpcie_close(b);
     EXPECT_EQ(seenA.foreign, 0);
     EXPECT_EQ(seenB.foreign, 0);
+}
+
+// ------------------------------------------------------------------ a card that goes away
+
+struct LostSeen {
+    std::atomic<int> calls{0};
+    std::atomic<bool> closedInside{false};
+    kvpcie_card* closeThis = nullptr;
+    std::string path;
+    std::chrono::steady_clock::time_point at;
+};
+
+void KVPCIE_CALL RecordLoss(const char* path, void* context) {
+    auto* seen = static_cast<LostSeen*>(context);
+    seen->path = path;
+    seen->at = std::chrono::steady_clock::now();
+    if (seen->closeThis != nullptr) {
+        kvpcie_close(seen->closeThis);  // a close inside the callback is allowed
+        seen->closedInside = true;
+    }
+    ++seen->calls;
+}
+
+void KVPCIE_CALL CountFrames(const kvpcie_frame*, void* context) {
+    ++*static_cast<std::atomic<int>*>(context);
+}
+
+TEST_F(CApiCards, ACardThatGoesAwayIsToldToEveryHandleOnceAndCallsSaySo) {
+    const Watchdog watchdog("card lost", std::chrono::seconds(30));
+    kvpcie_card* capturing = kvpcie_open("sim:xdma0");
+    kvpcie_card* watching = kvpcie_open("sim:xdma0");
+    kvpcie_card* otherCard = kvpcie_open("sim:xdma1");
+    ASSERT_NE(capturing, nullptr);
+    ASSERT_NE(watching, nullptr);
+    ASSERT_NE(otherCard, nullptr);
+    static LostSeen first;
+    static LostSeen second;
+    static LostSeen third;
+    second.closeThis = watching;
+    ASSERT_EQ(kvpcie_set_card_lost_callback(capturing, RecordLoss, &first), KVPCIE_OK);
+    ASSERT_EQ(kvpcie_set_card_lost_callback(watching, RecordLoss, &second), KVPCIE_OK);
+    ASSERT_EQ(kvpcie_set_card_lost_callback(otherCard, RecordLoss, &third), KVPCIE_OK);
+    static std::array<unsigned char, kFrameBytes> buffer;
+    static std::atomic<int> frames{0};
+    ASSERT_EQ(kvpcie_write_reg(capturing, Control(0, kFrameRate), 200), KVPCIE_OK);
+    ASSERT_EQ(kvpcie_start_capture(capturing, 0, 0, kWidth, kHeight, KVPCIE_Y8, buffer.data(),
+                                   CountFrames, &frames),
+              KVPCIE_OK);
+    ASSERT_TRUE(WaitFor([&] { return frames > 5; }));
+    EXPECT_EQ(kvpcie_is_card_lost(capturing), 0);
+
+    const auto removedAt = std::chrono::steady_clock::now();
+    ASSERT_EQ(kvpcie_sim_set_removed(0, 1), KVPCIE_OK);
+    ASSERT_TRUE(WaitFor([&] { return first.calls > 0 && second.calls > 0; }));
+    std::printf("the card-lost callback came %lld ms after the removal\n",
+                static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                           first.at - removedAt)
+                                           .count()));
+    EXPECT_EQ(first.path, "sim:xdma0");
+    EXPECT_TRUE(second.closedInside);
+    EXPECT_EQ(kvpcie_is_card_lost(capturing), 1);
+    kvpcie_capture_statistics statistics{};
+    statistics.size = sizeof statistics;
+    ASSERT_EQ(kvpcie_capture_statistics_get(capturing, 0, &statistics), KVPCIE_OK);
+    EXPECT_EQ(statistics.card_lost, 1);
+    EXPECT_GT(statistics.card_lost_at_ms, 0);
+    std::uint32_t value = 5;
+    EXPECT_EQ(kvpcie_read_reg(capturing, kIdentity, &value), KVPCIE_CARD_LOST);
+    EXPECT_NE(std::strstr(kvpcie_last_error(), "gone"), nullptr) << kvpcie_last_error();
+    EXPECT_EQ(kvpcie_start_capture(capturing, 1, 0, kWidth, kHeight, KVPCIE_Y8, buffer.data(),
+                                   nullptr, nullptr),
+              KVPCIE_CARD_LOST);
+    const int framesAtLoss = frames;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_LE(frames, framesAtLoss + 1);
+    EXPECT_EQ(first.calls, 1);
+    EXPECT_EQ(third.calls, 0) << "the other card is there";
+    ASSERT_EQ(kvpcie_read_reg(otherCard, kIdentity, &value), KVPCIE_OK);
+    kvpcie_close(capturing);
+
+    // Open again once it is back: the open's restart finds it.
+    ASSERT_EQ(kvpcie_sim_set_removed(0, 0), KVPCIE_OK);
+    kvpcie_card* again = kvpcie_open("sim:xdma0");
+    ASSERT_NE(again, nullptr) << kvpcie_last_error();
+    EXPECT_EQ(kvpcie_is_card_lost(again), 0);
+    ASSERT_EQ(kvpcie_read_reg(again, kIdentity, &value), KVPCIE_OK);
+    EXPECT_EQ(value, 0x53494D31u);
+    kvpcie_close(again);
+    kvpcie_close(otherCard);
+}
+
+// A register read that fails says so instead of giving 0.
+TEST_F(CApiCards, ARegisterReadOfACardThatIsGoneFails) {
+    kvpcie_card* card = kvpcie_open("sim:xdma0");
+    ASSERT_NE(card, nullptr);
+    ASSERT_EQ(kvpcie_sim_set_removed(0, 1), KVPCIE_OK);
+    std::uint32_t value = 9;
+    EXPECT_NE(kvpcie_read_reg(card, kIdentity, &value), KVPCIE_OK);
+    EXPECT_EQ(value, 0u);
+    EXPECT_EQ(kvpcie_read_reg(card, kIdentity, &value), KVPCIE_CARD_LOST);
+    kvpcie_close(card);
+    ASSERT_EQ(kvpcie_sim_set_removed(0, 0), KVPCIE_OK);
 }
 
 // ------------------------------------------------------------------ cycles that give back

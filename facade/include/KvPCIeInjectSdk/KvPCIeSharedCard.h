@@ -88,6 +88,12 @@ public:
     /// For the calls that the library takes from any thread (statistics, commands).
     PCIeDataManager& AnyThreadManager();
 
+    /// `callback` is called once, on the card thread, when the card is found gone (at once if
+    /// it already is); an empty one switches it off. Each lease has its own. Any thread.
+    void SetLostCallback(std::function<void()> callback);
+    /// True once the card was found gone (PCIeDataManager::IsCardLost). Any thread.
+    bool IsLost();
+
     SharedCard(const SharedCard&) = delete;
     SharedCard& operator=(const SharedCard&) = delete;
 

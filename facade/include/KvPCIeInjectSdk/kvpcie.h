@@ -76,6 +76,7 @@ typedef int32_t kvpcie_status;
 #define KVPCIE_QUEUE_FULL (-4) /**< injection: 15 frames wait; the frame was not taken */
 #define KVPCIE_IN_USE (-5) /**< another handle captures or injects on this channel */
 #define KVPCIE_WRONG_KIND (-6) /**< an XDMA operation on a RIFFA handle, or the reverse */
+#define KVPCIE_CARD_LOST (-7) /**< the card was found gone: close the handle, open it again */
 
 /** @{ Pixel layouts; the values of the C++ interface's ePixelType. */
 #define KVPCIE_UYVY422 0
@@ -150,6 +151,19 @@ KVPCIE_API kvpcie_card* KVPCIE_CALL kvpcie_open_riffa(int32_t index);
 KVPCIE_API void KVPCIE_CALL kvpcie_close(kvpcie_card* card);
 /** The card's path (RIFFA: ""), owned by the handle. */
 KVPCIE_API const char* KVPCIE_CALL kvpcie_card_path(const kvpcie_card* card);
+
+/** Called once when the handle's card is found gone (removed, its driver or driver model
+   ended), with its path: on the card thread, within about 20 ms. Any function may be called
+   inside, kvpcie_close too. */
+typedef void(KVPCIE_CALL* kvpcie_card_lost_callback)(const char* path, void* context);
+/** Sets the handle's card-lost callback (NULL: none). A card already gone is told at once. From
+   then on no frame is handed over in either direction, the statistics say card_lost, and the
+   calls that reach the card return KVPCIE_CARD_LOST; close the handle and open the card again
+   once it is back. */
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_set_card_lost_callback(
+    kvpcie_card* card, kvpcie_card_lost_callback callback, void* context);
+/** 1 once the handle's card was found gone, else 0 (RIFFA: 0). */
+KVPCIE_API int32_t KVPCIE_CALL kvpcie_is_card_lost(kvpcie_card* card);
 
 /* --- registers and card memory --- */
 
@@ -253,6 +267,9 @@ typedef struct kvpcie_capture_statistics {
     int32_t reserved2;               /**< 0 */
     uint64_t status_bytes_delivered; /**< status block bytes handed to the status callback */
     uint64_t status_bytes_dropped;   /**< status block bytes taken from the card, not delivered */
+    int32_t card_lost;               /**< 1 once the card was found gone, else 0 */
+    int32_t reserved3;               /**< 0 */
+    int64_t card_lost_at_ms; /**< when it was found gone, ms since 1970 (UTC); 0 while there */
 } kvpcie_capture_statistics;
 
 /** The counts of the C++ interface's KvInjectStatistics. Set `size` first. */
@@ -268,6 +285,9 @@ typedef struct kvpcie_inject_statistics {
     uint64_t commands_sent;             /**< control commands that reached the card */
     uint64_t commands_not_sent_in_time; /**< not taken by the card within 40 ms */
     uint64_t commands_replaced;         /**< replaced by a newer one before they went out */
+    int32_t card_lost;                  /**< 1 once the card was found gone, else 0 */
+    int32_t reserved;                   /**< 0 */
+    int64_t card_lost_at_ms; /**< when it was found gone, ms since 1970 (UTC); 0 while there */
 } kvpcie_inject_statistics;
 
 /** Any thread, frame callbacks too; KVPCIE_ERROR while the channel has never run. */
