@@ -109,6 +109,14 @@ void CaptureStream::OnFrame(int /*channel*/, const char* frame, void* context) {
     self->frameReady_.notify_one();
 }
 
+void CaptureStream::MarkCardLost() {
+    {
+        std::lock_guard<std::mutex> lock(lock_);
+        lost_ = true;
+    }
+    frameReady_.notify_all();
+}
+
 py::array CaptureStream::Get(std::optional<double> timeout) {
     bool closed = false;
     std::optional<py::array> frame = Take(timeout, closed);
@@ -136,10 +144,11 @@ std::optional<py::array> CaptureStream::Take(std::optional<double> timeout, bool
     }
     const auto deadline = DeadlineAfter(timeout);
     int slot = -1;
+    bool lost = false;
     {
         py::gil_scoped_release release;
         std::unique_lock<std::mutex> lock(lock_);
-        const auto done = [this] { return closed_ || !ready_.Empty(); };
+        const auto done = [this] { return closed_ || lost_ || !ready_.Empty(); };
         // Woken now and then so that Ctrl-C reaches a script that waits.
         while (!frameReady_.wait_until(lock, SliceEnd(deadline), done) &&
                (!deadline || WaitClock::now() < *deadline)) {
@@ -151,6 +160,10 @@ std::optional<py::array> CaptureStream::Take(std::optional<double> timeout, bool
         if (!closed_ && !ready_.Empty()) {
             slot = ready_.Pop();
         }
+        lost = lost_ && slot < 0 && !closed_;
+    }
+    if (lost) {
+        throw CardLostError(core_->LostText());
     }
     if (slot < 0) {
         return std::nullopt;
@@ -184,6 +197,8 @@ py::dict CaptureStream::Stats() {
     result["last_card_buffer"] = stats.lastCardBuffer;
     result["status_bytes_delivered"] = stats.statusBytesDelivered;
     result["status_bytes_dropped"] = stats.statusBytesDropped;
+    result["card_lost"] = stats.cardLost;
+    result["card_lost_at_ms"] = stats.cardLostAtMs;
     result["frames_taken"] = taken_;
     result["frames_not_taken"] = notTaken_.load();
     return result;

@@ -27,12 +27,15 @@ public:
     ~CaptureStream();
 
     // The oldest frame not yet taken; TimeoutError after `timeout` seconds (None or infinity:
-    // no limit), RuntimeError when the stream is or gets closed.
+    // no limit), RuntimeError when the stream is or gets closed, CardLostError once the frames
+    // that came before the card went away have been taken.
     pybind11::array Get(std::optional<double> timeout);
     // The same for iteration: nothing once the stream is or gets closed.
     std::optional<pybind11::array> Next();
     pybind11::dict Stats();
     void Close();
+    // The card went away: waiters wake, and no frame will come. Any thread.
+    void MarkCardLost();
     bool IsOpen() const { return open_; }
 
     int channel() const { return channel_; }
@@ -80,6 +83,7 @@ private:
     std::mutex lock_;                                  // guards the two rings and closed_
     std::condition_variable frameReady_;
     bool closed_ = false;  // wakes every waiter for good
+    bool lost_ = false;    // the same, once the card is gone
     SlotRing free_;
     SlotRing ready_;
     std::atomic<std::uint64_t> notTaken_{0};

@@ -73,6 +73,17 @@ Card::Card(const std::optional<std::string>& path) : core_(std::make_shared<Card
     if (!core_->card) {
         throw std::runtime_error(why);
     }
+    // On the card thread. The core is held weakly, and let go of with the GIL held: the last
+    // reference may be this one, and the core holds Python objects.
+    core_->card->SetLostCallback([weak = std::weak_ptr<CardCore>(core_)] {
+        if (InterpreterIsFinalizing()) {
+            return;
+        }
+        py::gil_scoped_acquire gil;
+        if (const std::shared_ptr<CardCore> core = weak.lock()) {
+            core->TellLost();
+        }
+    });
     OpenCores().insert(core_.get());
 }
 
@@ -337,6 +348,8 @@ py::dict Card::InjectStats(int channel) {
     result["commands_sent"] = stats.commandsSent;
     result["commands_not_sent_in_time"] = stats.commandsNotSentInTime;
     result["commands_replaced"] = stats.commandsReplaced;
+    result["card_lost"] = stats.cardLost;
+    result["card_lost_at_ms"] = stats.cardLostAtMs;
     return result;
 }
 
@@ -351,6 +364,21 @@ bool Card::SendCommand(int channel, const py::bytes& data) {
     py::gil_scoped_release release;
     return card->AnyThreadManager().WriteControlCmd(
         channel, QByteArray(command.data(), static_cast<int>(command.size())));
+}
+
+void Card::OnLost(const py::object& callback) {
+    if (!callback.is_none() && !PyCallable_Check(callback.ptr())) {
+        throw py::value_error("on_lost takes a callable or None");
+    }
+    core_->Open();  // RuntimeError once closed
+    core_->onLost = callback.is_none() ? py::object() : callback;
+    if (callback && core_->lost) {
+        callback(core_->card->Path());  // gone before: told at once
+    }
+}
+
+bool Card::Lost() const {
+    return core_->lost.load();
 }
 
 void Card::OnStatus(int channel, const py::object& callback) {

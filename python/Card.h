@@ -37,6 +37,9 @@ public:
     pybind11::dict InjectStats(int channel);
     bool SendCommand(int channel, const pybind11::bytes& data);
     void OnStatus(int channel, const pybind11::object& callback);
+    // callback(path) once the card is found gone, on the card thread; None: off.
+    void OnLost(const pybind11::object& callback);
+    bool Lost() const;
 
 private:
     std::shared_ptr<CardCore> core_;

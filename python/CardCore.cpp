@@ -29,6 +29,31 @@ void CardCore::RunOn(const CardLease& lease,
     lease->Run(operation);
 }
 
+void CardCore::TellLost() {
+    if (lost.exchange(true)) {
+        return;
+    }
+    for (CaptureStream* stream : streams) {
+        stream->MarkCardLost();
+    }
+    // A reference of its own: the callback may close the card, which drops the core's.
+    const py::object callback = onLost;
+    if (!callback || !card) {
+        return;
+    }
+    try {
+        callback(card->Path());
+    } catch (py::error_already_set& error) {
+        error.discard_as_unraisable("kvpcie card-lost callback");
+    }
+}
+
+std::string CardCore::LostText() const {
+    const std::string path = card ? card->Path() : std::string("the card");
+    return "the card " + path +
+           " is gone (removed, or its driver ended): close it and open it again once it is back";
+}
+
 void CardCore::Close() {
     if (!card || closing.exchange(true)) {
         return;  // closed, or another thread is closing it
@@ -57,6 +82,8 @@ void CardCore::Close() {
     for (StatusTarget& target : status) {
         target.callback = py::object();
     }
+    onLost = py::object();
+    lease->SetLostCallback(nullptr);
     card.reset();  // `lease` goes last, without the GIL
     OpenCores().erase(this);
 }

@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <string>
 
 namespace kvpcie::python {
@@ -58,6 +59,11 @@ private:
     std::shared_ptr<KvPCIe::SharedCard> card_;
 };
 
+// kvpcie.CardLostError: a RuntimeError that says the card went away.
+struct CardLostError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 struct CardCore {
     // Null once closed. Calls that let go of the GIL hold a copy, so that a close from another
     // thread never pulls the card from under them.
@@ -68,6 +74,15 @@ struct CardCore {
     std::array<InjectChannel, 4> inject{};
     // The library calls the status callback with a pointer to one of these on the card thread.
     std::array<StatusTarget, 4> status{};
+    // Set on the card thread when the card is found gone; then the streams end with
+    // CardLostError and on_lost's callback (GIL held) is called with the card's path.
+    std::atomic<bool> lost{false};
+    pybind11::object onLost;
+
+    // On the card thread, GIL held: the card was found gone.
+    void TellLost();
+    // What CardLostError says.
+    std::string LostText() const;
 
     bool IsOpen() const { return card != nullptr && !closing.load(); }
     // The open card; RuntimeError once closed or closing.

@@ -49,6 +49,8 @@ void CloseAll() {
 }  // namespace
 
 PYBIND11_MODULE(_kvpcie, m) {
+    py::register_exception<kvpcie::python::CardLostError>(
+        m, "CardLostError", PyExc_RuntimeError);
     m.doc() = "KvPCIeInjectSdk for Python: capture frames from FPGA PCI Express frame cards as "
               "NumPy arrays, inject NumPy frames, send commands, receive status blocks, read and "
               "write registers and card memory.";
@@ -151,7 +153,12 @@ PYBIND11_MODULE(_kvpcie, m) {
              "the card within 40 ms.")
         .def("on_status", &Card::OnStatus, py::arg("channel"), py::arg("callback"),
              "callback(data: bytes) for each status block the card posts for the channel, run "
-             "with the GIL on a thread of the module; None switches it off.");
+             "with the GIL on a thread of the module; None switches it off.")
+        .def("on_lost", &Card::OnLost, py::arg("callback"),
+             "callback(path: str) once, when the card is found gone (removed, or its driver "
+             "ended), on a thread of the module; at once if it already is. None switches it "
+             "off. A stream's get() then raises CardLostError once its frames are taken.")
+        .def_property_readonly("lost", &Card::Lost, "True once the card was found gone.");
 
     py::module_ sim = m.def_submodule("sim");
     kvpcie::python::BindSim(sim);

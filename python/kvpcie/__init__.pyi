@@ -1,7 +1,7 @@
 """Type stubs of the kvpcie package."""
 
 from types import TracebackType
-from typing import Iterator, Optional, Union
+from typing import Callable, Iterator, Optional, Union
 
 import numpy
 import numpy.typing
@@ -43,6 +43,9 @@ class CaptureStream:
     def __iter__(self) -> Iterator[numpy.ndarray]: ...
     def __next__(self) -> numpy.ndarray: ...
 
+class CardLostError(RuntimeError):
+    """The card went away (removed, or its driver ended)."""
+
 class Card:
     """One card; a context manager."""
 
@@ -68,6 +71,8 @@ class Card:
     def inject_stats(self, channel: int) -> dict[str, int]: ...
     def send_command(self, channel: int, data: bytes) -> bool: ...
     def on_status(self, channel: int, callback: Optional["StatusCallback"]) -> None: ...
+    def on_lost(self, callback: Optional[Callable[[str], object]]) -> None: ...
+    @property
+    def lost(self) -> bool: ...
 
-from typing import Callable
 StatusCallback = Callable[[bytes], object]

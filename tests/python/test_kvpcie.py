@@ -270,6 +270,32 @@ def test_two_cards_in_one_process_each_reach_their_own(sim_card):
         assert b.read_reg(control(0, 0x04)) == 20
 
 
+def test_a_card_that_goes_away_ends_the_stream_and_tells_the_callback(sim_card):
+    told = []
+    got = threading.Event()
+    with kvpcie.Card("sim:xdma0") as card:
+        card.on_lost(lambda path: (told.append(path), got.set()))
+        with card.capture(0, 64, 32, card_timing=False) as stream:
+            stream.get(timeout=2.0)
+            assert not card.lost
+            card.write_reg(0x1F0008, 1)  # the simulated card drops off the bus
+            with pytest.raises(kvpcie.CardLostError, match="gone"):
+                for _ in range(100):  # the frames that came before are still handed out
+                    stream.get(timeout=2.0)
+            assert stream.stats["card_lost"]
+        assert got.wait(2.0)
+        assert told == ["sim:xdma0"]
+        assert card.lost
+        late = []
+        card.on_lost(late.append)  # set after the loss: told at once
+        assert late == ["sim:xdma0"]
+    # Back on the bus, the card opens afresh.
+    kvpcie.sim.configure("xdma:1")
+    with kvpcie.Card("sim:xdma0") as card:
+        assert not card.lost
+        assert card.read_reg(0x1F0000) == 0x53494D31
+
+
 def test_no_card_and_a_closed_card_raise_runtime_errors(sim_card):
     kvpcie.sim.configure("xdma:0")
     with pytest.raises(RuntimeError, match="no XDMA card is listed"):
