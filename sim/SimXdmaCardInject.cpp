@@ -129,8 +129,13 @@ bool SimXdmaCard::PlayLocked(std::unique_lock<std::mutex>& lock, unsigned channe
         inject.CountUnderrun();  // the loopback frame stays the last one
         return true;
     }
-    const std::uint32_t length = std::min(
-        RegisterValueLocked(block + xdma::InjBufferLength(buffer)), xdma::kCardBufferBytes);
+    // The host writes a buffer's length just after handing it over, so a tick can fall in
+    // between; until a buffer's first length comes, the channel's transfer size stands for it.
+    std::uint32_t length = RegisterValueLocked(block + xdma::InjBufferLength(buffer));
+    if (length == 0) {
+        length = RegisterValueLocked(block + xdma::kInjTransferBytes);
+    }
+    length = std::min(length, xdma::kCardBufferBytes);
     inject.BeginPlay();
     // The host keeps polling registers while a frame of up to 20 MiB comes out; it leaves a
     // handed-over buffer alone until the card gives it back.

@@ -83,6 +83,22 @@ TEST_F(SimInject, OnlyTheNextBufferOfTheRingPlaysAndComesBackFree) {
     EXPECT_EQ(Head(0), 0xBBAAu);
 }
 
+// The host writes a buffer's length only after its ready status (the card's order), so a tick
+// may play a buffer whose length has not come yet: it plays the channel's transfer size, not
+// nothing.
+TEST_F(SimInject, ABufferPlayedBeforeItsLengthCamePlaysTheTransferSize) {
+    const std::uint32_t block = InjectBlock(0);
+    Write(block + kInjTransferBytes, 2048);
+    const std::vector<std::uint8_t> frame = Frame(2048, 0x33333333);
+    std::uint32_t moved = 0;
+    ASSERT_TRUE(h2c_->Seek(InjectBufferAddress(0, 0)) &&
+                h2c_->Write(frame.data(), static_cast<std::uint32_t>(frame.size()), moved));
+    Write(block + InjBufferStatus(0), kStatusInjectReady);  // and no length yet
+    Enable(0, kFastPeriod);
+    ASSERT_TRUE(WaitFor([&] { return Played(0) == 1; }));
+    EXPECT_EQ(Head(0), 0x33333333u);
+}
+
 TEST_F(SimInject, ReenablingStartsTheRingOverAtBufferZeroAndARestartDisables) {
     Enable(0, kFastPeriod);
     HandOver(0, 0, Frame(16, 0x100));
