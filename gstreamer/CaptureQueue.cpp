@@ -16,10 +16,15 @@ bool CaptureQueue::Push(const CapturedFrame& frame) {
     return true;
 }
 
-bool CaptureQueue::Pop(CapturedFrame& frame) {
+bool CaptureQueue::Pop(CapturedFrame& frame, bool& lost) {
     std::unique_lock<std::mutex> lock(lock_);
-    frameReady_.wait(lock, [this] { return flushing_ || count_ > 0; });
+    frameReady_.wait(lock, [this] { return flushing_ || cardLost_ || count_ > 0; });
+    lost = false;
     if (flushing_) {
+        return false;
+    }
+    if (count_ == 0) {
+        lost = true;
         return false;
     }
     frame = ring_[first_];
@@ -33,6 +38,14 @@ void CaptureQueue::SetFlushing(bool flushing) {
     {
         std::lock_guard<std::mutex> lock(lock_);
         flushing_ = flushing;
+    }
+    frameReady_.notify_all();
+}
+
+void CaptureQueue::SetCardLost(bool lost) {
+    {
+        std::lock_guard<std::mutex> lock(lock_);
+        cardLost_ = lost;
     }
     frameReady_.notify_all();
 }

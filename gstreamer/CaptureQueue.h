@@ -29,10 +29,13 @@ public:
 
     // Takes the frame's buffer; false (the buffer stays the caller's) when the queue is full.
     bool Push(const CapturedFrame& frame);
-    // Waits for the oldest frame; false once flushing.
-    bool Pop(CapturedFrame& frame);
+    // Waits for the oldest frame; false once flushing, or (with `lost` set) once the card is
+    // gone and the frames that came before it have been taken.
+    bool Pop(CapturedFrame& frame, bool& lost);
     // Flushing wakes and refuses every Pop until it is switched off.
     void SetFlushing(bool flushing);
+    // The card is gone (true): no frame will come. Any thread.
+    void SetCardLost(bool lost);
     // Drops the frames that wait, with their buffers.
     void Clear();
 
@@ -43,6 +46,7 @@ private:
     std::size_t first_ = 0;
     std::size_t count_ = 0;
     bool flushing_ = false;
+    bool cardLost_ = false;
 };
 
 }  // namespace kvpcie::gst

@@ -54,6 +54,7 @@ CaptureSession::~CaptureSession() {
 }
 
 void CaptureSession::Reset() {
+    queue_.SetCardLost(false);
     buffersPushed_ = 0;
     framesLost_ = 0;
     droppedForNoBuffer_ = 0;
@@ -150,8 +151,8 @@ bool CaptureSession::Latency(GstClockTime& minimum, GstClockTime& maximum) const
     return true;
 }
 
-bool CaptureSession::Take(CapturedFrame& frame) {
-    if (!queue_.Pop(frame)) {
+bool CaptureSession::Take(CapturedFrame& frame, bool& lost) {
+    if (!queue_.Pop(frame, lost)) {
         return false;
     }
     GstBuffer* buffer = frame.buffer;

@@ -44,8 +44,10 @@ public:
     bool Latency(GstClockTime& minimum, GstClockTime& maximum) const;
 
     // The next frame, its buffer numbered and flagged (duration, DISCONT) and its losses
-    // counted; false once flushing.
-    bool Take(CapturedFrame& frame);
+    // counted; false once flushing, or (with `lost` set) once the card is gone.
+    bool Take(CapturedFrame& frame, bool& lost);
+    // The card is gone: Take gives the frames that came before, then says so. Any thread.
+    void CardLost() { queue_.SetCardLost(true); }
     // The frame that Take gave went downstream.
     void CountPushed() { ++buffersPushed_; }
     guint64 BuffersPushed() const { return buffersPushed_; }

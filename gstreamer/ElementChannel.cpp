@@ -42,7 +42,7 @@ bool ElementChannel::GetProperty(guint id, GValue* value) const {
     }
 }
 
-bool ElementChannel::Open(GstElement* element) {
+bool ElementChannel::Open(GstElement* element, std::function<void()> onLost) {
     GST_OBJECT_LOCK(element);
     const std::string device = device_;
     const guint channel = channel_;
@@ -64,6 +64,9 @@ bool ElementChannel::Open(GstElement* element) {
                            capture ? "capture" : "inject", channel, card->Path().c_str()),
                           (nullptr));
         return false;
+    }
+    if (onLost) {
+        card->SetLostCallback(std::move(onLost));
     }
     std::lock_guard<std::mutex> lock(lock_);
     card_ = std::move(card);

@@ -6,6 +6,7 @@
 
 #include <gst/gst.h>
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -33,7 +34,8 @@ public:
 
     // Opens or joins the card and claims the channel; false, with an element error posted, when
     // either failed.
-    bool Open(GstElement* element);
+    // `onLost`, when given, is called once on the card thread if the card is found gone.
+    bool Open(GstElement* element, std::function<void()> onLost = {});
     void Close();
 
     bool IsOpen() const { return card_ != nullptr; }

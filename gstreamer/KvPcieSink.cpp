@@ -176,6 +176,14 @@ GstFlowReturn Render(GstBaseSink* base, GstBuffer* buffer) {
             s.injecting = true;
             break;
         }
+        if (s.card.Card().IsLost()) {
+            GST_ELEMENT_ERROR(self, RESOURCE, NOT_FOUND,
+                              ("the card %s is gone (removed, or its driver ended)",
+                               s.card.Card().Path().c_str()),
+                              ("inject channel %d ends here", channel));
+            result = GST_FLOW_ERROR;
+            break;
+        }
         if (error != ERR_QUEUE_FULL) {
             GST_ELEMENT_ERROR(self, RESOURCE, WRITE,
                               ("inject channel %d of %s refused a %dx%d %s frame: %s", channel,

@@ -170,7 +170,8 @@ gboolean Negotiate(GstBaseSrc* base) {
 
 gboolean Start(GstBaseSrc* base) {
     KvPcieSrcState& s = StateOf(base);
-    if (!s.card.Open(GST_ELEMENT(base))) {
+    // The state outlives the card's lease, whose callback goes with it.
+    if (!s.card.Open(GST_ELEMENT(base), [&s] { s.session.CardLost(); })) {
         return FALSE;
     }
     s.errorPosted = false;
@@ -210,8 +211,18 @@ GstFlowReturn Create(GstPushSrc* push, GstBuffer** out) {
     auto* self = GST_KVPCIE_SRC(push);
     CaptureSession& session = self->state->session;
     CapturedFrame frame;
-    if (!session.Take(frame)) {
-        return GST_FLOW_FLUSHING;
+    bool lost = false;
+    if (!session.Take(frame, lost)) {
+        if (!lost) {
+            return GST_FLOW_FLUSHING;
+        }
+        GST_ELEMENT_ERROR(self, RESOURCE, NOT_FOUND,
+                          ("the card %s is gone (removed, or its driver ended)",
+                           self->state->card.Card().Path().c_str()),
+                          ("capture channel %u ends here; close the pipeline and start it again "
+                           "once the card is back",
+                           self->state->card.Channel()));
+        return GST_FLOW_ERROR;
     }
     if (!gst_base_src_get_do_timestamp(GST_BASE_SRC(push))) {
         GST_BUFFER_PTS(frame.buffer) = frame.arrival;

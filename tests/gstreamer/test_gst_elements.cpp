@@ -306,6 +306,62 @@ TEST(KvPcieSrc, FourSourcesCaptureFourChannelsOfOneOpenCard) {
     }
 }
 
+// Two sources on two cards in one pipeline: each opens its own card and gets that card's frames.
+TEST(KvPcieSrc, TwoSourcesOnTwoCardsInOnePipelineEachCaptureTheirOwn) {
+    UnsetEnvironment("KVPCIE_SIM");
+    ASSERT_TRUE(KvPCIeSim::Configure("xdma:2"));
+    std::string line;
+    for (int card = 0; card < 2; ++card) {
+        line += "kvpciesrc device=sim:xdma" + std::to_string(card) +
+                " channel=1 num-buffers=10 ! video/x-raw,format=GRAY8,width=64,height=32 ! "
+                "appsink sync=false name=out" + std::to_string(card) + " ";
+    }
+    TestPipeline pipeline(line);
+    ASSERT_TRUE(pipeline.SetState(GST_STATE_PLAYING));
+    for (int card = 0; card < 2; ++card) {
+        KvPCIeSim::CardCounters counters{};
+        ASSERT_TRUE(KvPCIeSim::ReadCounters(card, counters));
+        EXPECT_GE(counters.openFiles, 4u) << "card " << card << " was opened by its own source";
+        const std::string name = "out" + std::to_string(card);
+        int count = 0;
+        while (GstSample* sample = PullSample(pipeline.Element(name.c_str()))) {
+            GstMapInfo map;
+            GstBuffer* buffer = gst_sample_get_buffer(sample);
+            ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
+            EXPECT_TRUE(IsPatternFrame(reinterpret_cast<const char*>(map.data), map.size, 1,
+                                       std::uint32_t(GST_BUFFER_OFFSET(buffer))))
+                << "card " << card;
+            gst_buffer_unmap(buffer, &map);
+            DropSample(sample);
+            ++count;
+        }
+        EXPECT_EQ(count, 10) << "card " << card;
+    }
+}
+
+// A card that goes away mid-stream ends the stream with an error on the bus that says so.
+TEST(KvPcieSrc, ACardThatGoesAwayPostsAnErrorThatSaysSo) {
+    ASSERT_TRUE(PrepareTestCard());
+    TestPipeline pipeline(
+        "kvpciesrc ! video/x-raw,format=GRAY8,width=64,height=32 ! appsink sync=false name=out");
+    ASSERT_TRUE(pipeline.SetState(GST_STATE_PLAYING));
+    for (int k = 0; k < 3; ++k) {
+        GstSample* sample = PullSample(pipeline.Element("out"));
+        ASSERT_NE(sample, nullptr);
+        DropSample(sample);
+    }
+    const auto removed = std::chrono::steady_clock::now();
+    ASSERT_TRUE(KvPCIeSim::SetSurpriseRemoved(TestCard(), true));
+    const std::string error = pipeline.ErrorText(5 * GST_SECOND);
+    std::printf("the error came %.0f ms after the removal\n",
+                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() -
+                                                          removed)
+                    .count());
+    EXPECT_NE(error.find("is gone"), std::string::npos) << error;
+    EXPECT_LT(MillisecondsToNull(pipeline), 5000.0);
+    ASSERT_TRUE(KvPCIeSim::SetSurpriseRemoved(TestCard(), false));
+}
+
 // The host's own lease (as the Python module or a C host takes it) and a source in the plugin
 // meet one card registry: the library's, not a copy in each front-end.
 TEST(KvPcieElements, AnElementJoinsTheCardThatTheHostHoldsOpenWithChannelsRunning) {
