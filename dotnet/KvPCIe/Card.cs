@@ -28,6 +28,14 @@ namespace KvPCIe
         // finds nothing and returns.
         private static readonly NativeMethods.FrameCallback FrameCallback = DeliverFrame;
         private static readonly NativeMethods.StatusCallback StatusCallback = DeliverStatus;
+        private static readonly NativeMethods.CardLostCallback LostCallback = DeliverLost;
+
+        // What the library's card-lost call finds: the Card, held weakly.
+        private sealed class LostState
+        {
+            internal WeakReference Card;
+            internal HandlerErrors Errors;
+        }
 
         // What a handler threw: shared by the Card and its channels' states, so that a state
         // the library still names does not keep the Card itself alive.
@@ -59,6 +67,7 @@ namespace KvPCIe
         private readonly ChannelState[] capture_ = new ChannelState[Channels];
         private readonly ChannelState[] status_ = new ChannelState[Channels];
         private readonly HandlerErrors errors_ = new HandlerErrors();
+        private LostState lost_;  // kept as long as the Card: the library names it weakly
 
         static Card()
         {
@@ -72,6 +81,50 @@ namespace KvPCIe
             {
                 open_.RemoveAll(card => !card.IsAlive);
                 open_.Add(new WeakReference(handle));
+            }
+            if (Path.Length > 0)
+            {
+                lost_ = new LostState { Card = new WeakReference(this), Errors = errors_ };
+                IntPtr context = handle_.KeepContext("lost", lost_);
+                KvPCIeException.ThrowIfFailed(
+                    NativeMethods.kvpcie_set_card_lost_callback(handle_, LostCallback, context));
+            }
+        }
+
+        /// <summary>Raised once when the card is found gone (removed, or its driver ended), on a
+        /// thread of the library. From then on no frame moves and calls that reach the card throw
+        /// with <see cref="Status.CardLost"/>; dispose the Card, open it again once it is back.
+        /// A handler may dispose the Card.</summary>
+        public event EventHandler CardLost;
+
+        /// <summary>True once the card was found gone.</summary>
+        public bool IsLost
+        {
+            get { return NativeMethods.kvpcie_is_card_lost(handle_) != 0; }
+        }
+
+        // On the card thread.
+        private static void DeliverLost(IntPtr path, IntPtr context)
+        {
+            MarkThisThreadBackground();
+            var state = CallbackContexts.Find(context) as LostState;
+            var card = state == null ? null : state.Card.Target as Card;
+            if (card == null)
+            {
+                return;
+            }
+            EventHandler handler = card.CardLost;
+            if (handler == null)
+            {
+                return;
+            }
+            try
+            {
+                handler(card, EventArgs.Empty);
+            }
+            catch (Exception exception)
+            {
+                Volatile.Write(ref state.Errors.Last, exception);
             }
         }
 

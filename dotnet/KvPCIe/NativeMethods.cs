@@ -67,6 +67,15 @@ namespace KvPCIe
         internal static extern int kvpcie_start_record(CardHandle card, int channel);
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern int kvpcie_stop_record(CardHandle card, int channel);
+        [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
+        internal delegate void CardLostCallback(IntPtr path, IntPtr context);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int kvpcie_set_card_lost_callback(CardHandle card,
+                                                                 CardLostCallback callback,
+                                                                 IntPtr context);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int kvpcie_is_card_lost(CardHandle card);
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern int kvpcie_set_status_callback(CardHandle card, int channel,
                                                               StatusCallback callback,

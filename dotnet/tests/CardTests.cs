@@ -68,6 +68,44 @@ namespace KvPCIe.Tests
         }
 
         [Test]
+        public void TwoCardsAreDrivenApartAndALostOneRaisesItsEventOnce()
+        {
+            Simulation.Configure("xdma:2");
+            using (Card a = Card.Open("sim:xdma0"))
+            using (Card b = Card.Open("sim:xdma1"))
+            {
+                a.WriteRegister(ControlBlock(0, 0x04), 100);
+                b.WriteRegister(ControlBlock(0, 0x04), 20);
+                Assert.That(a.ReadRegister(ControlBlock(0, 0x04)), Is.EqualTo(100u));
+                Assert.That(b.ReadRegister(ControlBlock(0, 0x04)), Is.EqualTo(20u));
+
+                int lostA = 0;
+                int lostB = 0;
+                a.CardLost += (sender, args) =>
+                {
+                    Assert.That(sender, Is.SameAs(a));
+                    Interlocked.Increment(ref lostA);
+                };
+                b.CardLost += (sender, args) => Interlocked.Increment(ref lostB);
+                int frames = 0;
+                a.StartCapture(0, false, Width, Height, PixelType.Y8,
+                               frame => Interlocked.Increment(ref frames));
+                Assert.That(Eventually(() => Volatile.Read(ref frames) >= 3), Is.True);
+                Simulation.SetRemoved(0, true);
+                Assert.That(Eventually(() => Volatile.Read(ref lostA) == 1), Is.True);
+                Assert.That(a.IsLost, Is.True);
+                Assert.That(b.IsLost, Is.False);
+                var error = Assert.Throws<KvPCIeException>(() => a.ReadRegister(0x1F0000));
+                Assert.That(error.Status, Is.EqualTo(Status.CardLost));
+                Assert.That(b.ReadRegister(ControlBlock(0, 0x04)), Is.EqualTo(20u));
+                Thread.Sleep(100);
+                Assert.That(lostA, Is.EqualTo(1));
+                Assert.That(lostB, Is.EqualTo(0));
+            }
+            Simulation.SetRemoved(0, false);
+        }
+
+        [Test]
         public void CapturesTheCardsPatternByteForByte()
         {
             using (Card card = Card.Open())
