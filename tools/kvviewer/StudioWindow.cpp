@@ -54,6 +54,9 @@ StudioWindow::StudioWindow(const ViewerOptions& options, QWidget* parent)
       status_(new StatusPage(context_)),
       registers_(new RegisterPage(context_)) {
     setObjectName(QStringLiteral("kvviewer"));
+    banner_->setObjectName(QStringLiteral("banner"));
+    // The manager lives as long as the window; a lost card is told here, from the event loop.
+    manager_.SetCardLostCallback(&StudioWindow::OnCardLost, this);
     CaptureFormat format;
     format.width = options.width;
     format.height = options.height;
@@ -157,6 +160,21 @@ void StudioWindow::BuildActions() {
         [this] { Capture(current_)->View()->ActualSize(); });
     add(tr("Zoom in"), QKeySequence::ZoomIn, [this] { Capture(current_)->View()->ZoomBy(1.25); });
     add(tr("Zoom out"), QKeySequence::ZoomOut, [this] { Capture(current_)->View()->ZoomBy(0.8); });
+}
+
+void StudioWindow::OnCardLost(const char* devicePath, void* context) {
+    static_cast<StudioWindow*>(context)->ShowCardLost(QString::fromLocal8Bit(devicePath));
+}
+
+void StudioWindow::ShowCardLost(const QString& path) {
+    const QString text =
+        tr("The card %1 is gone (removed, or its driver ended): its pictures stop here. Open it "
+           "again once it is back.")
+            .arg(path);
+    log_->Add(tr("card %1 is gone (removed, or its driver ended)").arg(path));
+    std::fprintf(stderr, "kvviewer: %s\n", qPrintable(text));
+    banner_->setText(text);
+    banner_->show();
 }
 
 bool StudioWindow::OpenChosenCard() {
@@ -291,6 +309,7 @@ void StudioWindow::Shutdown() {
         return;
     }
     shutDown_ = true;
+    manager_.SetCardLostCallback(nullptr, nullptr);  // the manager's record outlives the window
     SaveSettings();
     inject_->StopAll();
     status_->StopAll();

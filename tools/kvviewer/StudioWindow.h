@@ -69,6 +69,9 @@ protected:
     void closeEvent(QCloseEvent* event) override;
 
 private:
+    // The library's card-lost callback, on this window's thread from its event loop.
+    static void OnCardLost(const char* devicePath, void* context);
+    void ShowCardLost(const QString& path);
     void BuildActions();
     void RestoreSettings();
     void SaveSettings();
