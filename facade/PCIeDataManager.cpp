@@ -10,6 +10,7 @@
 #include "Common/ApplicationDir.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
 
+#include <KvPCIeInjectSdk/GLWidget.h>
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
 #include <algorithm>
@@ -340,8 +341,13 @@ tagInjectDelayStatusInfo* PCIeDataManager::GetInjectDelayStatus(int channel) {
 }
 
 void PCIeDataManager::SetInjectFullScreenWgt(int channel, void* widget) {
+    if (widget == nullptr) {
+        return;
+    }
     if (const auto inject = InjectEngine(d, channel)) {
-        inject->SetInjectFullScreenWgt(channel, widget);
+        inject->SetInjectFullScreenWgt(channel, [widget](int width, int height) {
+            static_cast<GLWidget*>(widget)->SetImageSize(width, height);
+        });
     }
 }
 

@@ -6,7 +6,6 @@
 #include "XdmaCardRegisters.h"
 #include "XdmaDevice.h"
 
-#include <KvPCIeInjectSdk/GLWidget.h>
 
 #include <chrono>
 #include <cstddef>
@@ -162,13 +161,14 @@ bool DataInject4XdmaMM::GetInjectStatistics(int c, KvInjectStatistics& out) {
     return true;
 }
 
-void DataInject4XdmaMM::SetInjectFullScreenWgt(int c, void* widget) {
-    if (!ValidChannel(c) || widget == nullptr) {
+void DataInject4XdmaMM::SetInjectFullScreenWgt(
+    int c, const std::function<void(int width, int height)>& setSize) {
+    if (!ValidChannel(c) || !setSize) {
         return;
     }
     const InjectChannel& state = channels_[c];
     const KvFrameFormat format = state.HasFormat() ? state.Format() : KvFrameFormat();
-    static_cast<GLWidget*>(widget)->SetImageSize(format.width, format.height);
+    setSize(format.width, format.height);
 }
 
 }  // namespace kvpcie::xdma

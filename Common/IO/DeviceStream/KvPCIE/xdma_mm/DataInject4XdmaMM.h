@@ -20,6 +20,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 namespace kvpcie::xdma {
@@ -52,8 +53,10 @@ public:
     // Eight records, one per card buffer, overwritten by the next call; valid for the engine's
     // life.
     tagInjectDelayStatusInfo* GetInjectDelayStatus(int channel);
-    // `widget` is a GLWidget; it is sized to the channel's frames and not kept.
-    void SetInjectFullScreenWgt(int channel, void* widget);
+    // The channel's frame size, given to `setSize` (0 x 0 before its first start): the facade
+    // sizes a display widget with it, so the engine knows nothing of widgets.
+    void SetInjectFullScreenWgt(int channel,
+                                const std::function<void(int width, int height)>& setSize);
 
     // True when the command reached the card's mailbox within 40 ms. A false result leaves the
     // command pending until it goes out or a newer one for the channel replaces it. Commands of
