@@ -94,13 +94,22 @@ card-lost)
     # The model's server killed while one process captures and another injects: each says the
     # card is gone, within its next report, and exits with 1 rather than counting zeros.
     [ -n "${KVPCIE_MODEL_PID:-}" ] || fail "with-model.sh gives no KVPCIE_MODEL_PID"
-    "$kvpcie" capture --channels 0 --width 160 --height 120 --type Y8 --card-timing \
-        --seconds 20 --json >"$scratch/capture.out" 2>"$scratch/capture.err" &
-    capturer=$!
-    "$kvpcie" inject --channel 1 --width 160 --height 120 --type Y8 --rate 50 --seconds 20 \
+    # One after the other: each open restarts the card, which would pull it from under the
+    # other's open.
+    "$kvpcie" inject --channel 1 --width 160 --height 120 --type Y8 --rate 50 --seconds 30 \
         --json >"$scratch/inject.out" 2>"$scratch/inject.err" &
     injector=$!
-    sleep 2
+    for _ in $(seq 1 200); do
+        grep -qs "frames queued" "$scratch/inject.out" "$scratch/inject.err" && break
+        sleep 0.05
+    done
+    "$kvpcie" capture --channels 0 --width 160 --height 120 --type Y8 --card-timing \
+        --seconds 30 --json >"$scratch/capture.out" 2>"$scratch/capture.err" &
+    capturer=$!
+    for _ in $(seq 1 200); do
+        grep -qs "frames, " "$scratch/capture.out" "$scratch/capture.err" && break
+        sleep 0.05
+    done
     kill -KILL "$KVPCIE_MODEL_PID"
     killed=$(date +%s%N)
     wait "$capturer"
