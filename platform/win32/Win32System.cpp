@@ -39,11 +39,14 @@ int SystemCode(Error error) {
     return ERROR_INVALID_PARAMETER;
 }
 
+// ERROR_NO_SUCH_DEVICE, which mingw-w64's headers do not define.
+constexpr int kErrorNoSuchDevice = 433;
+
 DeviceState DeviceStateAfter(int code) {
     switch (code) {
         case ERROR_DEVICE_REMOVED:
         case ERROR_DEV_NOT_EXIST:
-        case ERROR_NO_SUCH_DEVICE:
+        case kErrorNoSuchDevice:
         case ERROR_DEVICE_NOT_CONNECTED:
             return DeviceState::Gone;
         case ERROR_IO_DEVICE:
