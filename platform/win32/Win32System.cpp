@@ -49,8 +49,15 @@ DeviceState DeviceStateAfter(int code) {
         case kErrorNoSuchDevice:
         case ERROR_DEVICE_NOT_CONNECTED:
             return DeviceState::Gone;
+        // Errors that a card that went away gives as well as one that is there; a register
+        // read tells them apart. (A handle of a device that was removed under it reads
+        // ERROR_ACCESS_DENIED.)
         case ERROR_IO_DEVICE:
         case ERROR_GEN_FAILURE:
+        case ERROR_READ_FAULT:
+        case ERROR_WRITE_FAULT:
+        case ERROR_NOT_READY:
+        case ERROR_ACCESS_DENIED:
             return DeviceState::PerhapsGone;
         default:
             return DeviceState::Present;

@@ -96,6 +96,11 @@ protected:
 
 TEST_P(CardLost, IsReportedOnceAndNothingMoreIsHandedOver) {
     const LossCase& param = GetParam();
+#ifdef _WIN32
+    if (param.way == Way::ServerKilled) {
+        GTEST_SKIP() << "the Windows model's server is killed by the Linux side only";
+    }
+#endif
     if (param.way == Way::ServerKilled && (!OnDriverModel() || !std::getenv("KVPCIE_MODEL_PID"))) {
         GTEST_SKIP() << "needs the driver model's server, run under with-model.sh";
     }
