@@ -372,7 +372,7 @@ void Card::OnLost(const py::object& callback) {
     }
     core_->Open();  // RuntimeError once closed
     core_->onLost = callback.is_none() ? py::object() : callback;
-    if (callback && core_->lost) {
+    if (!callback.is_none() && core_->lost) {
         callback(core_->card->Path());  // gone before: told at once
     }
 }

@@ -289,6 +289,7 @@ def test_a_card_that_goes_away_ends_the_stream_and_tells_the_callback(sim_card):
         late = []
         card.on_lost(late.append)  # set after the loss: told at once
         assert late == ["sim:xdma0"]
+        card.on_lost(None)  # and switched off again
     # Back on the bus, the card opens afresh.
     kvpcie.sim.configure("xdma:1")
     with kvpcie.Card("sim:xdma0") as card:
