@@ -328,6 +328,17 @@ void SimXdmaCard::Restart() {
     events_.Clear();
 }
 
+bool SimXdmaCard::RestartUnlessInUse() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (counters_.openFiles > 0) {
+            return false;
+        }
+    }
+    Restart();
+    return true;
+}
+
 void SimXdmaCard::SetRemoved(bool removed) {
     std::lock_guard<std::mutex> lock(mutex_);
     removed_.store(removed, std::memory_order_release);

@@ -68,6 +68,10 @@ public:
     void SetEventObserver(std::function<void(int event)> observer);
 
     void Restart();
+    // The driver-level restart of every card: one whose files are open in use is left alone,
+    // as the Linux driver's PCI removal is refused and Windows will not disable a device with
+    // open handles. False when the card was in use.
+    bool RestartUnlessInUse();
     bool IsNodeAbsent(const std::string& node) const;
     void FileOpened();
     void FileClosed();

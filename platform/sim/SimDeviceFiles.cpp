@@ -295,8 +295,9 @@ void ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& 
 }
 
 void RestartXilinxDevices() {
+    // A second card opened beside a first one that captures must not stop the first.
     for (const auto& card : sim::SimRegistry::Instance().XdmaCards()) {
-        card->Restart();
+        card->RestartUnlessInUse();
     }
 }
 

@@ -3,6 +3,7 @@
 
 #include "../support/Environment.h"
 #include "platform/DeviceFile.h"
+#include "platform/DeviceInterfaces.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
@@ -18,10 +19,24 @@ protected:
     void SetUp() override {
         ::kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
         ASSERT_TRUE(KvPCIeSim::Configure("xdma:1"));
+        OpenFiles();
+    }
+
+    void OpenFiles() {
         user_ = platform::OpenDeviceFile("sim:xdma0\\user", platform::kAccessReadWrite);
         h2c_ = platform::OpenDeviceFile("sim:xdma0\\h2c_0", platform::kAccessWrite);
         c2h_ = platform::OpenDeviceFile("sim:xdma0\\c2h_0", platform::kAccessRead);
         ASSERT_TRUE(user_ && h2c_ && c2h_);
+    }
+
+    // As an open does it: the files go, the driver-level restart (which leaves a card in use
+    // alone) finds the card, the files open again.
+    void RestartCard() {
+        user_.reset();
+        h2c_.reset();
+        c2h_.reset();
+        platform::RestartXilinxDevices();
+        OpenFiles();
     }
 
     std::uint32_t Read(std::uint32_t address) {

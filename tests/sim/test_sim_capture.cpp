@@ -117,7 +117,7 @@ TEST_F(SimCapture, ProduceRefusesWhatIsNotThereAndAPokeChangesOnlyItsRegister) {
             << r[0] << " " << r[1] << " " << r[2];
     }
     EXPECT_TRUE(KvPCIeSim::ProduceCaptureFrames(0, 0, 1));
-    platform::RestartXilinxDevices();
+    RestartCard();
     EXPECT_FALSE(KvPCIeSim::ProduceCaptureFrames(0, 0, 1)) << "channels come back disabled";
 
     EXPECT_TRUE(KvPCIeSim::PokeRegister(0, kRegCaptureEnableMask, 1));

@@ -114,7 +114,7 @@ TEST_F(SimInject, ReenablingStartsTheRingOverAtBufferZeroAndARestartDisables) {
     Write(InjectBlock(0) + kInjFramePeriod, kFastPeriod);
     ASSERT_TRUE(WaitFor([&] { return Underruns(0) >= 2; }));
     EXPECT_EQ(Played(0), 0u) << "buffer 2 is not next: the ring started over at 0";
-    platform::RestartXilinxDevices();
+    RestartCard();
     EXPECT_EQ(Read(kRegInjectEnableMask), 0u);
 }
 
@@ -168,7 +168,7 @@ TEST_F(SimInject, AStartWhileBusyIsLostAndAShorterCommandLeavesNothingOfTheLonge
     ASSERT_TRUE(WaitFor([&] { return Read(control) == 0; }));
     Write(ControlBlock(1) + KvPCIeSim::kCtlCommandBusyMicros, 0xFFFFFFFF);  // never taken
     Write(control, kCommandBusy | 3);
-    platform::RestartXilinxDevices();
+    RestartCard();
     EXPECT_EQ(Read(control), 3u) << "a restarted card is idle";
     Write(ControlBlock(1) + KvPCIeSim::kCtlCommandBusyMicros, 0);
     Write(control, kCommandBusy | kCommandLengthMask);
