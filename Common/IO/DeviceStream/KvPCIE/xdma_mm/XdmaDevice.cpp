@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <thread>
@@ -220,12 +221,29 @@ std::string XdmaCard::Path() const {
     return path_;
 }
 
-// What a transfer leaves behind when it failed on an open card: the OS layer's code and the
-// open it belonged to, to be looked at once the card's locks are let go.
-struct XdmaCard::Failure {
+template <typename Move>
+std::optional<int> XdmaCard::Transfer(std::mutex& lock, const platform::DeviceFilePtr& file,
+                                      Move move) {
+    int result = kTransferCallFailed;
     int code = 0;
     std::uint64_t openCount = 0;
-};
+    {
+        std::shared_lock<WriterFirstSharedMutex> shared(access_);
+        std::lock_guard<std::mutex> guard(lock);
+        if (!file) {
+            return std::nullopt;
+        }
+        result = move(file.get());
+        if (result >= 0) {
+            return result;
+        }
+        code = platform::LastError();
+        openCount = OpenCount();
+    }
+    // Looked at with the card's locks let go: it may read a register itself.
+    NoteFailure(code, openCount);
+    return result;
+}
 
 unsigned XdmaCard::XdmaReadReg(unsigned address) {
     unsigned value = 0;
@@ -235,109 +253,52 @@ unsigned XdmaCard::XdmaReadReg(unsigned address) {
 
 bool XdmaCard::ReadRegChecked(unsigned address, unsigned& value) {
     value = 0;
-    Failure failure;
-    {
-        std::shared_lock<WriterFirstSharedMutex> shared(access_);
-        std::lock_guard<std::mutex> reg(regLock_);
-        if (!user_) {
-            return false;
-        }
-        if (XdmaReadDevice(user_.get(), address, sizeof value, &value) ==
-            static_cast<int>(sizeof value)) {
-            return true;
-        }
-        failure = {platform::LastError(), OpenCount()};
+    const std::optional<int> result = Transfer(regLock_, user_, [&](XdmaFileHandle user) {
+        return XdmaReadDevice(user, address, sizeof value, &value);
+    });
+    if (result == static_cast<int>(sizeof value)) {
+        return true;
     }
     value = 0;
-    NoteFailure(failure.code, failure.openCount);
     return false;
 }
 
 int XdmaCard::XdmaWriteReg(unsigned address, const unsigned* value) {
-    Failure failure;
-    int result = kTransferCallFailed;
-    {
-        std::shared_lock<WriterFirstSharedMutex> shared(access_);
-        std::lock_guard<std::mutex> reg(regLock_);
-        if (!user_ || value == nullptr) {
-            return kTransferCallFailed;
-        }
-        result = XdmaWriteDevice(user_.get(), address, sizeof *value, value);
-        if (result >= 0) {
-            return result;
-        }
-        failure = {platform::LastError(), OpenCount()};
+    if (value == nullptr) {
+        return kTransferCallFailed;
     }
-    NoteFailure(failure.code, failure.openCount);
-    return result;
+    return Transfer(regLock_, user_, [&](XdmaFileHandle user) {
+               return XdmaWriteDevice(user, address, sizeof *value, value);
+           }).value_or(kTransferCallFailed);
 }
 
+// A failed user-space transfer is not reported here, only a closed card or a null buffer.
 bool XdmaCard::XdmaReadUser(unsigned address, void* buffer, unsigned size) {
-    Failure failure;
-    {
-        std::shared_lock<WriterFirstSharedMutex> shared(access_);
-        std::lock_guard<std::mutex> reg(regLock_);
-        if (!user_ || (buffer == nullptr && size != 0)) {
-            return false;
-        }
-        if (XdmaReadDevice(user_.get(), address, size, buffer) >= 0) {
-            return true;
-        }
-        failure = {platform::LastError(), OpenCount()};
-    }
-    NoteFailure(failure.code, failure.openCount);
-    return true;  // a failed transfer is not reported here
+    return (buffer != nullptr || size == 0) &&
+           Transfer(regLock_, user_, [&](XdmaFileHandle user) {
+               return XdmaReadDevice(user, address, size, buffer);
+           }).has_value();
 }
 
 bool XdmaCard::XdmaWriteUser(unsigned address, const void* buffer, unsigned size) {
-    Failure failure;
-    {
-        std::shared_lock<WriterFirstSharedMutex> shared(access_);
-        std::lock_guard<std::mutex> reg(regLock_);
-        if (!user_ || (buffer == nullptr && size != 0)) {
-            return false;
-        }
-        if (XdmaWriteDevice(user_.get(), address, size, buffer) >= 0) {
-            return true;
-        }
-        failure = {platform::LastError(), OpenCount()};
-    }
-    NoteFailure(failure.code, failure.openCount);
-    return true;  // a failed transfer is not reported here
+    return (buffer != nullptr || size == 0) &&
+           Transfer(regLock_, user_, [&](XdmaFileHandle user) {
+               return XdmaWriteDevice(user, address, size, buffer);
+           }).has_value();
 }
 
 bool XdmaCard::XdmaReadData(unsigned address, unsigned size, void* buffer) {
-    Failure failure;
-    {
-        std::shared_lock<WriterFirstSharedMutex> shared(access_);
-        std::lock_guard<std::mutex> c2h(c2hLock_);
-        if (!c2h_) {
-            return false;
-        }
-        if (XdmaReadDevice(c2h_.get(), address, size, buffer) >= 0) {
-            return true;
-        }
-        failure = {platform::LastError(), OpenCount()};
-    }
-    NoteFailure(failure.code, failure.openCount);
-    return false;
+    const std::optional<int> result = Transfer(c2hLock_, c2h_, [&](XdmaFileHandle c2h) {
+        return XdmaReadDevice(c2h, address, size, buffer);
+    });
+    return result && *result >= 0;
 }
 
 bool XdmaCard::XdmaWriteData(unsigned address, unsigned size, const void* buffer) {
-    Failure failure;
-    {
-        std::shared_lock<WriterFirstSharedMutex> shared(access_);
-        std::lock_guard<std::mutex> h2c(h2cLock_);
-        if (!h2c_) {
-            return false;
-        }
-        if (XdmaWriteDevice(h2c_.get(), address, size, buffer) >= 0) {
-            return true;
-        }
-        failure = {platform::LastError(), OpenCount()};
-    }
-    NoteFailure(failure.code, failure.openCount);
-    return false;
+    const std::optional<int> result = Transfer(h2cLock_, h2c_, [&](XdmaFileHandle h2c) {
+        return XdmaWriteDevice(h2c, address, size, buffer);
+    });
+    return result && *result >= 0;
 }
 
 // ---------------------------------------------------------------- whether the card is there

@@ -27,6 +27,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace kvpcie::xdma {
@@ -102,8 +103,11 @@ public:
     std::uint64_t OpenCount() const { return openCount_.load(std::memory_order_acquire); }
 
 private:
-    struct Failure;
     void CloseLocked();
+    // `move` on `file` under the card's lock and `lock`: its result, or none when the file is
+    // not open. A failure is checked for a lost card once the locks are let go.
+    template <typename Move>
+    std::optional<int> Transfer(std::mutex& lock, const platform::DeviceFilePtr& file, Move move);
     // Whether the card still answers a register read.
     bool StillAnswers();
 
