@@ -3,7 +3,7 @@
 
 #include "LittleEndianWords.h"
 
-#include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDriverInterface.h"
+#include "drivers/RiffaDriverInterface.h"
 
 #include <algorithm>
 #include <cstring>

@@ -3,7 +3,7 @@
 
 #include "SimCardRegisters.h"
 
-#include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaCardRegisters.h"
+#include "drivers/XdmaCardRegisters.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaChannelRegisters.h"
 
 #include <algorithm>

@@ -5,7 +5,7 @@
 #include "platform/Backend.h"
 #include "platform/SystemError.h"
 
-#include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDriverInterface.h"
+#include "drivers/RiffaDriverInterface.h"
 
 #include <KvPCIeInjectSdk/KvPCIeTypes.h>
 

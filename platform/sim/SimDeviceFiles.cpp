@@ -7,7 +7,7 @@
 #include "sim/SimCardRegisters.h"
 #include "sim/SimRegistry.h"
 
-#include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaCardRegisters.h"
+#include "drivers/XdmaCardRegisters.h"
 
 #include <atomic>
 #include <optional>

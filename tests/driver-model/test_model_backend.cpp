@@ -4,7 +4,7 @@
 // (KVPCIE_MODEL_ROOT, KVPCIE_LINUX_ROOT); on Windows, the Windows backend through SetupAPI and
 // the model driver that forwards to a kvpcie-simd, run through with-wine-model.sh as well
 // (KVPCIE_MODEL_CARD, the card's interface path).
-#include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDriverInterface.h"
+#include "drivers/RiffaDriverInterface.h"
 #include "platform/Backend.h"
 #include "platform/ControlDevice.h"
 #include "platform/DeviceInterfaces.h"

@@ -7,7 +7,7 @@
 
 #include "platform/DeviceInterfaces.h"
 
-#include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaCardRegisters.h"
+#include "drivers/XdmaCardRegisters.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaChannelRegisters.h"
 
 #include <algorithm>

@@ -6,7 +6,7 @@
 #include "platform/DeviceInterfaces.h"
 #include "platform/SystemError.h"
 
-#include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDriverInterface.h"
+#include "drivers/RiffaDriverInterface.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 #include <KvPCIeInjectSdk/KvPCIeTypes.h>

@@ -1,7 +1,7 @@
 // The RIFFA device library over the OS layer's device-control requests.
 #include "RiffaDevice.h"
 
-#include "RiffaDriverInterface.h"
+#include "drivers/RiffaDriverInterface.h"
 
 #include "platform/DeviceInterfaces.h"
 #include "platform/SystemError.h"

@@ -2,7 +2,7 @@
 // read by DMA into the host's buffer and handed to the callbacks, and its event thread.
 #include "CaptureChannel.h"
 
-#include "XdmaCardRegisters.h"
+#include "drivers/XdmaCardRegisters.h"
 #include "XdmaChannelRegisters.h"
 #include "XdmaDevice.h"
 

@@ -2,7 +2,7 @@
 // operations that start, stop and read back its four channels.
 #include "DataCapture4XdmaMM.h"
 
-#include "XdmaCardRegisters.h"
+#include "drivers/XdmaCardRegisters.h"
 #include "XdmaDevice.h"
 
 #include "Common/ApplicationDir.h"

@@ -3,7 +3,7 @@
 #include "DataInject4XdmaMM.h"
 
 #include "InjectFormat.h"
-#include "XdmaCardRegisters.h"
+#include "drivers/XdmaCardRegisters.h"
 #include "XdmaDevice.h"
 
 

@@ -3,7 +3,7 @@
 #include "InjectChannel.h"
 
 #include "InjectFormat.h"
-#include "XdmaCardRegisters.h"
+#include "drivers/XdmaCardRegisters.h"
 #include "XdmaChannelRegisters.h"
 #include "XdmaDevice.h"
 

@@ -1,7 +1,7 @@
 // An XDMA card: open, close, registers and DMA.
 #include "XdmaDevice.h"
 
-#include "XdmaCardRegisters.h"
+#include "drivers/XdmaCardRegisters.h"
 
 #include "Common/WriterFirstSharedMutex.h"
 #include "platform/SystemError.h"
