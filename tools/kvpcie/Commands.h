@@ -28,18 +28,19 @@ bool PrintHelpIfAsked(const std::vector<std::string>& args, const char* help);
 // or a missing file is reported in one line, before any stream reads it.
 void RequireReadableFile(const std::string& path);
 
-// The card that --card chose: its index in the XDMA listing (0 by default).
-extern int chosenCard;
-// Opens the chosen XDMA card; a runtime error that says how to use the simulated card when none
-// is found, and one that says how many are listed when the chosen one is not. Returns the
-// card's path.
-std::string OpenChosenCard(PCIeDataManager& manager);
+// The cards that --card chose, by their index in the XDMA listing ({0} by default); only
+// loopback takes more than one.
+extern std::vector<int> chosenCards;
+// Opens the XDMA card of index `card` in the listing (the first chosen one by default); a
+// runtime error that says how to use the simulated card when none is found, and one that says
+// how many are listed when that one is not. Returns the card's path.
+std::string OpenChosenCard(PCIeDataManager& manager, int card = -1);
 // The number of the simulated card in this process that `path` names; -1 for any other card
 // (a real one, or the driver model's in its own process).
 int InProcessSimCardNumber(const std::string& path);
 // True once the open card was found gone (removed, or its driver ended); the first time, a line
 // on standard error says so. A run that finds it ends there and exits with 1.
-bool CardIsGone(PCIeDataManager& manager);
+bool CardIsGone(PCIeDataManager& manager, int card = -1);
 // The simulated card answers its identity register.
 bool IsSimulatedCard(PCIeDataManager& manager);
 

@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <thread>
 
 namespace kvpcie::cli {
@@ -30,14 +31,17 @@ using tools::TestFrameNumber;
 namespace {
 
 const char kHelp[] =
-    "usage: kvpcie loopback [--channels 0,1,2,3] [--seconds S] [--rate FPS]\n"
+    "usage: kvpcie [--card N]... loopback [--channels 0,1,2,3] [--seconds S] [--rate FPS]\n"
     "                       [--width W] [--height H] [--type TYPE] [--record] [--json]\n"
     "The self-test on the simulated card (kvpcie --sim loopback): each channel injects frames\n"
     "at FPS (25) that the card plays into its capture channel (card-timed, 25 fps); every\n"
     "captured frame is checked byte for byte against the frame injected, and with --record\n"
     "recorded below VideoRecord/Capture<N>/ beside the program. After S seconds (5) a table\n"
     "gives frames, drops, underruns, capture latency and throughput per channel, and PASS or\n"
-    "FAIL (--json: the same as one JSON document).\n";
+    "FAIL (--json: the same as one JSON document). With --card given more than once the cards\n"
+    "run side by side, each channel's frames tagged for that card and channel alone, and the\n"
+    "table has a card column (--record then is refused: the cards' channels would share\n"
+    "their recording folders).\n";
 
 constexpr unsigned kCaptureSourceLoopback = 1;
 constexpr unsigned kCtlDropped = 0x0C;
@@ -130,12 +134,36 @@ std::uint64_t RecordedBytes(int channel) {
     return bytes;
 }
 
-}  // namespace
 
-int RunLoopback(const std::vector<std::string>& args) {
-    if (PrintHelpIfAsked(args, kHelp)) {
-        return 0;
+struct LoopbackOptions {
+    std::vector<int> channels;
+    long long seconds = 5;
+    int rate = 25;
+    FrameGeometry geometry;
+    bool record = false;
+    bool json = false;
+};
+
+// One card of the run and its channels. Its manager closes the card when it goes.
+struct LoopbackCard {
+    int number = 0;  // in the listing
+    bool named = false;  // several cards run: messages and the table name it
+    PCIeDataManager manager;
+    std::array<Channel, 4> channels;
+    std::array<std::uint64_t, 4> recordedBefore{};
+
+    std::string Label(int c) const {
+        return (named ? "card " + std::to_string(number) + " channel " : "channel ") +
+               std::to_string(c);
     }
+    [[noreturn]] void Fail(int c, const std::string& what) {
+        const std::string reason = manager.LastErrorText();
+        manager.CloseCard();
+        throw RuntimeError{Label(c) + " " + what + ": " + reason};
+    }
+};
+
+LoopbackOptions ParseLoopbackOptions(const std::vector<std::string>& args) {
     const Arguments arguments(
         args, {"--channels", "--seconds", "--rate", "--width", "--height", "--type"});
     // --no-record is still taken: it was the way to switch off what is now off by default.
@@ -144,100 +172,87 @@ int RunLoopback(const std::vector<std::string>& args) {
     if (!arguments.Words().empty()) {
         throw UsageError{"unexpected \"" + arguments.Words().front() + "\""};
     }
-    const std::vector<int> channelNumbers =
-        ParseChannels(arguments.Value("--channels").value_or("0,1,2,3"));
-    const auto seconds =
-        ParseNumber(arguments.Value("--seconds").value_or("5"), "seconds", 1, 86400);
-    const int rate =
+    LoopbackOptions options;
+    options.channels = ParseChannels(arguments.Value("--channels").value_or("0,1,2,3"));
+    options.seconds = ParseNumber(arguments.Value("--seconds").value_or("5"), "seconds", 1, 86400);
+    options.rate =
         static_cast<int>(ParseNumber(arguments.Value("--rate").value_or("25"), "rate", 1, 1000));
-    const FrameGeometry geometry = ParseGeometry(arguments);
-    if (geometry.Bytes() < kTestFrameHeaderBytes) {
+    options.geometry = ParseGeometry(arguments);
+    if (options.geometry.Bytes() < kTestFrameHeaderBytes) {
         throw UsageError{"frames of fewer than " + std::to_string(kTestFrameHeaderBytes) +
                          " bytes cannot carry their number"};
     }
-    const bool record = arguments.Has("--record") && !arguments.Has("--no-record");
+    options.record = arguments.Has("--record") && !arguments.Has("--no-record");
+    if (options.record && chosenCards.size() > 1) {
+        throw UsageError{"--record takes one card: the cards' channels would share their "
+                         "recording folders"};
+    }
+    options.json = arguments.Has("--json");
+    return options;
+}
 
-    const bool asJson = arguments.Has("--json");
-    JsonOutput json(asJson);
-    CatchInterrupts();
-    PCIeDataManager manager;
-    const int simCard = InProcessSimCardNumber(OpenChosenCard(manager));
-    if (!IsSimulatedCard(manager)) {
-        manager.CloseCard();
+// Opens the card and starts its channels capturing in loopback (and recording).
+void StartCard(LoopbackCard& card, const LoopbackOptions& options) {
+    const int simCard = InProcessSimCardNumber(OpenChosenCard(card.manager, card.number));
+    if (!IsSimulatedCard(card.manager)) {
+        card.manager.CloseCard();
         throw RuntimeError{
             "loopback needs the simulated card's loopback source (run kvpcie --sim "
             "loopback)"};
     }
-    std::array<Channel, 4> channels;
-    std::array<std::uint64_t, 4> recordedBefore{};
-    for (int c : channelNumbers) {
-        Channel& state = channels[c];
+    const FrameGeometry& geometry = options.geometry;
+    for (int c : options.channels) {
+        Channel& state = card.channels[c];
         state.number = c;
         state.simCard = simCard;
         state.geometry = geometry;
         state.buffer.assign(geometry.Bytes(), 0);
         state.injected.assign(geometry.Bytes(), 0);
+        // Each card's channel has a tag of its own: a frame of another card or channel fails.
         state.run = NewTestRun();
-        manager.WriteReg(ControlBlock(c), static_cast<int>(kCaptureSourceLoopback));
-        recordedBefore[c] = RecordedBytes(c);
+        card.manager.WriteReg(ControlBlock(c), static_cast<int>(kCaptureSourceLoopback));
+        card.recordedBefore[c] = RecordedBytes(c);
         eErrorCode error = ERR_NONE;
-        if (!manager.StartCapture(c, true, geometry.width, geometry.height, geometry.type, error,
-                                  &OnFrame, &state, state.buffer.data())) {
-            const std::string reason = manager.LastErrorText();
-            manager.CloseCard();
-            throw RuntimeError{"channel " + std::to_string(c) + " did not start capturing: " +
-                               reason};
+        if (!card.manager.StartCapture(c, true, geometry.width, geometry.height, geometry.type,
+                                       error, &OnFrame, &state, state.buffer.data())) {
+            card.Fail(c, "did not start capturing");
         }
-        if (record && !manager.StartRecord(c)) {
-            const std::string reason = manager.LastErrorText();
-            manager.CloseCard();
-            throw RuntimeError{"channel " + std::to_string(c) + " did not start recording: " +
-                               reason};
+        if (options.record && !card.manager.StartRecord(c)) {
+            card.Fail(c, "did not start recording");
         }
     }
+}
 
-    using Clock = std::chrono::steady_clock;
-    const auto start = Clock::now();
-    while (!interrupted.load() && !CardIsGone(manager) &&
-           Clock::now() - start < std::chrono::seconds(seconds)) {
-        bool queuedAny = false;
-        for (int c : channelNumbers) {
-            Channel& state = channels[c];
-            FillTestFrame(state.injected, c, state.run, state.nextInjected);
-            eErrorCode error = ERR_NONE;
-            if (manager.StartInject(c, rate, geometry.width, geometry.height, geometry.type, 0,
-                                    state.injected.data(), error)) {
-                ++state.nextInjected;
-                queuedAny = true;
-            } else if (error != ERR_QUEUE_FULL) {
-                const std::string reason = manager.LastErrorText();
-                manager.CloseCard();
-                throw RuntimeError{"channel " + std::to_string(c) + " refused the frames: " +
-                                   reason};
-            }
-        }
-        if (!queuedAny) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+// Queues the next frame of every channel that has room; false when none had.
+bool FeedChannels(LoopbackCard& card, const LoopbackOptions& options) {
+    const FrameGeometry& geometry = options.geometry;
+    bool queuedAny = false;
+    for (int c : options.channels) {
+        Channel& state = card.channels[c];
+        FillTestFrame(state.injected, c, state.run, state.nextInjected);
+        eErrorCode error = ERR_NONE;
+        if (card.manager.StartInject(c, options.rate, geometry.width, geometry.height,
+                                     geometry.type, 0, state.injected.data(), error)) {
+            ++state.nextInjected;
+            queuedAny = true;
+        } else if (error != ERR_QUEUE_FULL) {
+            card.Fail(c, "refused the frames");
         }
     }
-    const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
-    for (int c : channelNumbers) {
-        manager.StopRecord(c);
-        manager.StopCapture(c);
-        manager.StopInject(c);
-    }
+    return queuedAny;
+}
 
-    bool pass = !CardIsGone(manager);
-    QJsonArray figures;
-    std::printf(
-        "\nchannel  captured  verified  blank  mismatched  replayed  dropped  underruns  recorded"
-        "  p50 ms  p99 ms    MB/s\n");
-    for (int c : channelNumbers) {
-        const Channel& state = channels[c];
-        const unsigned dropped = manager.ReadReg(ControlBlock(c) + kCtlDropped);
-        const unsigned underruns = manager.ReadReg(ControlBlock(c) + kCtlUnderruns);
+// Prints the card's rows and adds them to `figures`; false when a channel failed.
+bool ReportCard(LoopbackCard& card, const LoopbackOptions& options, double elapsed,
+                QJsonArray& figures) {
+    const std::size_t frameBytes = options.geometry.Bytes();
+    bool pass = true;
+    for (int c : options.channels) {
+        const Channel& state = card.channels[c];
+        const unsigned dropped = card.manager.ReadReg(ControlBlock(c) + kCtlDropped);
+        const unsigned underruns = card.manager.ReadReg(ControlBlock(c) + kCtlUnderruns);
         const std::uint64_t recorded =
-            record ? (RecordedBytes(c) - recordedBefore[c]) / geometry.Bytes() : 0;
+            options.record ? (RecordedBytes(c) - card.recordedBefore[c]) / frameBytes : 0;
         const std::vector<std::int64_t> latencies(
             state.latencies.begin(),
             state.latencies.begin() + static_cast<long>(state.latencyCount));
@@ -249,19 +264,22 @@ int RunLoopback(const std::vector<std::string>& args) {
             std::snprintf(p50, sizeof p50, "%6.2f", Percentile(latencies, 0.5));
             std::snprintf(p99, sizeof p99, "%6.2f", Percentile(latencies, 0.99));
         }
+        const double megabytesPerSecond = state.captured * double(frameBytes) / elapsed / 1e6;
+        if (card.named) {
+            std::printf("%4d  ", card.number);
+        }
         std::printf("%7d  %8llu  %8llu  %5llu  %10llu  %8llu  %7u  %9u  %8llu  %s  %s  %6.1f\n", c,
                     static_cast<unsigned long long>(state.captured),
                     static_cast<unsigned long long>(state.verified),
                     static_cast<unsigned long long>(state.blank),
                     static_cast<unsigned long long>(state.mismatched),
                     static_cast<unsigned long long>(state.replayed), dropped, underruns,
-                    static_cast<unsigned long long>(recorded), p50, p99,
-                    state.captured * double(geometry.Bytes()) / elapsed / 1e6);
+                    static_cast<unsigned long long>(recorded), p50, p99, megabytesPerSecond);
         // An underrun repeats the newest frame, which counts as verified; a frame older than
         // one already seen is a fault whatever happened.
         pass = pass && state.verified > 0 && state.mismatched == 0 && dropped == 0 &&
-               state.replayed == 0 && (!record || recorded > 0);
-        figures.append(QJsonObject{
+               state.replayed == 0 && (!options.record || recorded > 0);
+        QJsonObject row{
             {"channel", c},
             {"captured", static_cast<qint64>(state.captured)},
             {"verified", static_cast<qint64>(state.verified)},
@@ -273,17 +291,75 @@ int RunLoopback(const std::vector<std::string>& args) {
             {"recorded", static_cast<qint64>(recorded)},
             {"p50Ms", latencies.empty() ? QJsonValue() : QJsonValue(Percentile(latencies, 0.5))},
             {"p99Ms", latencies.empty() ? QJsonValue() : QJsonValue(Percentile(latencies, 0.99))},
-            {"megabytesPerSecond", state.captured * double(geometry.Bytes()) / elapsed / 1e6}});
+            {"megabytesPerSecond", megabytesPerSecond}};
+        if (card.named) {
+            row["card"] = card.number;
+        }
+        figures.append(row);
     }
-    manager.CloseCard();
-    if (record) {
+    return pass;
+}
+
+}  // namespace
+
+int RunLoopback(const std::vector<std::string>& args) {
+    if (PrintHelpIfAsked(args, kHelp)) {
+        return 0;
+    }
+    const LoopbackOptions options = ParseLoopbackOptions(args);
+    JsonOutput json(options.json);
+    CatchInterrupts();
+    std::vector<std::unique_ptr<LoopbackCard>> cards;
+    for (int number : chosenCards) {
+        cards.push_back(std::make_unique<LoopbackCard>());
+        cards.back()->number = number;
+        cards.back()->named = chosenCards.size() > 1;
+        StartCard(*cards.back(), options);
+    }
+    const auto anyGone = [&cards] {
+        return std::any_of(cards.begin(), cards.end(), [](const std::unique_ptr<LoopbackCard>& card) {
+            return CardIsGone(card->manager, card->number);
+        });
+    };
+
+    using Clock = std::chrono::steady_clock;
+    const auto start = Clock::now();
+    while (!interrupted.load() && !anyGone() &&
+           Clock::now() - start < std::chrono::seconds(options.seconds)) {
+        bool queuedAny = false;
+        for (const std::unique_ptr<LoopbackCard>& card : cards) {
+            queuedAny = FeedChannels(*card, options) || queuedAny;
+        }
+        if (!queuedAny) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    for (const std::unique_ptr<LoopbackCard>& card : cards) {
+        for (int c : options.channels) {
+            card->manager.StopRecord(c);
+            card->manager.StopCapture(c);
+            card->manager.StopInject(c);
+        }
+    }
+
+    bool pass = !anyGone();
+    QJsonArray figures;
+    std::printf("\n%schannel  captured  verified  blank  mismatched  replayed  dropped  underruns"
+                "  recorded  p50 ms  p99 ms    MB/s\n",
+                cards.size() > 1 ? "card  " : "");
+    for (const std::unique_ptr<LoopbackCard>& card : cards) {
+        pass = ReportCard(*card, options, elapsed, figures) && pass;
+        card->manager.CloseCard();
+    }
+    if (options.record) {
         std::printf("recordings: %s/VideoRecord/Capture<N>/\n",
                     qPrintable(QCoreApplication::applicationDirPath()));
     }
     std::printf("%s\n", pass ? "PASS" : "FAIL");
-    if (asJson) {
+    if (options.json) {
         QJsonObject document{{"channels", figures}, {"pass", pass}};
-        if (record) {
+        if (options.record) {
             document["recordFolder"] =
                 QCoreApplication::applicationDirPath() + "/VideoRecord/Capture<N>";
         }

@@ -6,6 +6,7 @@
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -49,15 +50,18 @@ void RequireReadableFile(const std::string& path) {
     }
 }
 
-int chosenCard = 0;
+std::vector<int> chosenCards{0};
 
-std::string OpenChosenCard(PCIeDataManager& manager) {
+std::string OpenChosenCard(PCIeDataManager& manager, int card) {
+    if (card < 0) {
+        card = chosenCards.front();
+    }
     char* paths[4] = {};
     const int count = manager.GetDevices(paths);
-    const bool listed = chosenCard < count;
-    const bool opened = listed && manager.OpenCard(paths[chosenCard]);
+    const bool listed = card < count;
+    const bool opened = listed && manager.OpenCard(paths[card]);
     const std::string reason = manager.LastErrorText();
-    const std::string path = listed ? paths[chosenCard] : "";
+    const std::string path = listed ? paths[card] : "";
     for (char* path : paths) {
         std::free(path);
     }
@@ -65,25 +69,28 @@ std::string OpenChosenCard(PCIeDataManager& manager) {
         throw RuntimeError{"no XDMA card found (use --sim or KVPCIE_SIM=1 for the simulated card)"};
     }
     if (!listed) {
-        throw RuntimeError{"card " + std::to_string(chosenCard) + " is not listed (" +
+        throw RuntimeError{"card " + std::to_string(card) + " is not listed (" +
                            std::to_string(count) + " listed: see kvpcie list)"};
     }
     if (!opened) {
-        throw RuntimeError{"card " + std::to_string(chosenCard) + " did not open: " + reason};
+        throw RuntimeError{"card " + std::to_string(card) + " did not open: " + reason};
     }
     return path;
 }
 
-bool CardIsGone(PCIeDataManager& manager) {
-    static bool said = false;
+bool CardIsGone(PCIeDataManager& manager, int card) {
+    static std::vector<int> told;
     if (!manager.IsCardLost()) {
         return false;
     }
-    if (!said) {
-        said = true;
+    if (card < 0) {
+        card = chosenCards.front();
+    }
+    if (std::find(told.begin(), told.end(), card) == told.end()) {
+        told.push_back(card);
         std::fprintf(stderr,
                      "kvpcie: card %d is gone (removed, or its driver ended): the run ends here\n",
-                     chosenCard);
+                     card);
     }
     return true;
 }

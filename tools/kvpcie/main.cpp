@@ -5,6 +5,7 @@
 
 #include <QCoreApplication>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,7 +19,8 @@ const char kUsage[] =
     "\n"
     "Drives XDMA and RIFFA frame cards through KvPCIeInjectSdk. --sim (or KVPCIE_SIM=1) adds\n"
     "the simulated card, which every command can use without hardware. --card N picks card N\n"
-    "of \"kvpcie list\" (0, the first, by default).\n"
+    "of \"kvpcie list\" (0, the first, by default); loopback takes it more than once, to run\n"
+    "on several cards at once.\n"
     "\n"
     "commands:\n"
     "  list [--riffa]                    cards and devices present\n"
@@ -44,6 +46,7 @@ int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     std::vector<std::string> words(argv + 1, argv + argc);
     // --sim and --card N may stand before or after the command.
+    bool cardGiven = false;
     for (auto it = words.begin(); it != words.end();) {
         if (*it == "--sim") {
             if (qEnvironmentVariableIsEmpty("KVPCIE_SIM")) {
@@ -58,7 +61,13 @@ int main(int argc, char** argv) {
                 std::fprintf(stderr, "kvpcie: --card takes a card number from 0 to 3\n");
                 return 2;
             }
-            chosenCard = static_cast<int>(card);
+            if (!cardGiven) {
+                chosenCards.clear();
+                cardGiven = true;
+            }
+            if (std::find(chosenCards.begin(), chosenCards.end(), card) == chosenCards.end()) {
+                chosenCards.push_back(static_cast<int>(card));
+            }
             it = words.erase(it, it + 2);
         } else {
             ++it;
@@ -80,6 +89,11 @@ int main(int argc, char** argv) {
     const auto command = commands.find(words.front());
     if (command == commands.end()) {
         std::fprintf(stderr, "kvpcie: unknown command \"%s\" (kvpcie --help lists them)\n",
+                     words.front().c_str());
+        return 2;
+    }
+    if (chosenCards.size() > 1 && words.front() != "loopback") {
+        std::fprintf(stderr, "kvpcie %s: takes one --card (only loopback runs on several)\n",
                      words.front().c_str());
         return 2;
     }
