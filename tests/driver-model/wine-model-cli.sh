@@ -50,6 +50,28 @@ loopback)
         tail -n 1 "$scratch/out" | grep -qx PASS || fail "kvpcie.exe loopback $round did not end in PASS"
     done
     ;;
+removed)
+    # Windows takes card 0 away (its device removed, as an unplug does) while kvpcie.exe
+    # captures: the run says so and ends with 1; once the device is back the card opens again.
+    installer=$KVPCIE_MODEL_DIR/kvpcie-model-install.exe
+    "$wine_run" "$kvpcie" capture --seconds 60 --channels 0 >"$scratch/capture" 2>"$scratch/capture-err" &
+    capturing=$!
+    for _ in $(seq 1 300); do
+        grep -q '^ch0: ' "$scratch/capture" && break
+        kill -0 "$capturing" 2>/dev/null || break
+        sleep 0.1
+    done
+    grep -q '^ch0: ' "$scratch/capture" || fail "kvpcie.exe capture did not start: $(cat "$scratch/capture-err")"
+    "$wine_run" "$installer" remove 1 || fail "the card's device was not removed"
+    wait "$capturing"
+    status=$?
+    "$wine_run" "$installer" install "$KVPCIE_MODEL_DIR/kvpcie_model.inf" "$KVPCIE_MODEL_DIR/card" 2 \
+        >/dev/null || fail "the card's device was not added again"
+    tr -d '\r' <"$scratch/capture-err"
+    [ "$status" -eq 1 ] || fail "kvpcie.exe capture ended with $status after the removal, not 1"
+    grep -q 'card 0 is gone' "$scratch/capture-err" || fail "kvpcie.exe did not say that the card is gone"
+    run reg read 0x1F0000 || fail "the card did not open again after it came back"
+    ;;
 *)
     fail "unknown check $check"
     ;;

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Runs a Windows program against the Windows driver model, inside with-model.sh (which serves a
-# fresh kvpcie-simd card at KVPCIE_MODEL_ROOT): points the model driver's card folder there,
+# Runs a Windows program against the Windows driver model, inside with-model.sh (which serves
+# fresh kvpcie-simd cards at KVPCIE_MODEL_ROOT): points the model driver's card folder there,
 # and runs the command in the model's own Wine prefix with the test-only cfgmgr32.dll in place
-# of Wine's, and KVPCIE_MODEL_CARD set to the card's interface path. Exits with the command's
-# status, or 77 (skipped) with the reason when the model is not installed.
+# of Wine's, and KVPCIE_MODEL_CARD (KVPCIE_MODEL_CARD1) set to card 0's (card 1's) interface
+# path. Exits with the command's status, or 77 (skipped) with the reason when the model is not
+# installed.
 #   with-wine-model.sh MODEL_DIR -- COMMAND [ARGUMENTS...]
 set -uo pipefail
 model=$1
@@ -18,7 +19,11 @@ fi
 ln -sfn "$KVPCIE_MODEL_ROOT" "$model/card"
 export WINEPREFIX=$model/wine
 export WINEDLLOVERRIDES="mscoree,mshtml=;cfgmgr32=n"
-KVPCIE_MODEL_CARD=$(head -n 1 "$model/card-path.txt" | tr -d '\r')
-export KVPCIE_MODEL_CARD
+# The XDMA cards' interface paths, card 0 first; a second card when the model has one.
+xdma_cards=$(tr -d '\r' <"$model/card-path.txt" | grep -i '#kvpcie_model_ven')
+KVPCIE_MODEL_CARD=$(sed -n 1p <<<"$xdma_cards")
+KVPCIE_MODEL_CARD1=$(sed -n 2p <<<"$xdma_cards")
+export KVPCIE_MODEL_CARD KVPCIE_MODEL_CARD1
+export KVPCIE_MODEL_DIR=$model  # its installer, INF and card folder
 unset KVPCIE_SIM
 "$@"

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "Environment.h"
+#include "ModelCards.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
@@ -25,15 +26,6 @@
 #endif
 
 namespace kvpcie::testing {
-
-inline const char* DriverModelRoot() {
-    const char* root = std::getenv("KVPCIE_MODEL_ROOT");
-    return root != nullptr && *root != '\0' ? root : nullptr;
-}
-
-inline bool OnDriverModel() {
-    return DriverModelRoot() != nullptr;
-}
 
 // For a test that needs what only a simulated card in the test's own process offers (its access
 // log, frames made on demand, registers set without the card acting on them, absent files):
@@ -55,15 +47,7 @@ inline bool PrepareTestCard() {
 
 // The path that OpenCard takes for card 0.
 inline std::string TestCardPath() {
-    if (!OnDriverModel()) {
-        return "sim:xdma0";
-    }
-#ifdef _WIN32
-    const char* card = std::getenv("KVPCIE_MODEL_CARD");
-    return card != nullptr ? card : "";
-#else
-    return std::string(DriverModelRoot()) + "/dev/xdma0";
-#endif
+    return CardPath(0);
 }
 
 // A register of the driver model's card `card`, read from or written to the register node that
