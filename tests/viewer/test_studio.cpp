@@ -85,6 +85,7 @@ private slots:
     void aStatusBlockOfTheCardAppears();
     void aRegisterWrittenInThePanelReadsBack();
     void theFormatAndCardAreKeptForTheNextSession();
+    void anotherCardOpensInPlaceOfTheFirstWhichIsLetGo();
 
 private:
     std::unique_ptr<StudioWindow> MakeWindow(bool keepSettings = false);
@@ -344,6 +345,42 @@ void StudioTest::theFormatAndCardAreKeptForTheNextSession() {
     QVERIFY(kept.cardTiming);
     QCOMPARE(second->Capture(1)->Format().width, 320);
     second->Shutdown();
+}
+
+void StudioTest::anotherCardOpensInPlaceOfTheFirstWhichIsLetGo() {
+    if (!qEnvironmentVariableIsEmpty("KVPCIE_MODEL_ROOT")) {
+        QSKIP("needs two simulated cards in this process");
+    }
+    window_->Shutdown();
+    window_.reset();
+    QVERIFY(Configure("xdma:2"));
+    window_ = MakeWindow();
+    QVERIFY(window_->IsCardOpen());
+    CapturePanel* panel = window_->Capture(2);
+    QVERIFY(panel->Start());
+    QTRY_VERIFY_WITH_TIMEOUT(panel->Frames() >= 3, kWaitMs);
+    QVERIFY(PokeRegister(1, ControlBlock(3) + kCtlExternalFrameRate, 31));
+
+    QVERIFY(window_->Picker()->Choose(QStringLiteral("XDMA sim:xdma1")));
+    QVERIFY2(window_->OpenChosenCard(), qPrintable(window_->Log()->toPlainText()));
+    QVERIFY(!panel->IsRunning());
+    QVERIFY(window_->windowTitle().contains(QStringLiteral("sim:xdma1")));
+    // The first card was let go: its host-attach word (0x4) is back to 0.
+    std::uint32_t attach = 1;
+    QVERIFY(PeekRegister(0, 0x4, attach));
+    QCOMPARE(attach, 0u);
+    // The registers panel and the channels now reach the second card.
+    QCOMPARE(window_->Registers()->Read(ControlBlock(3) + kCtlExternalFrameRate).value_or(0), 31u);
+    const auto before = panel->Frames();
+    QVERIFY(panel->Start());
+    QTRY_VERIFY_WITH_TIMEOUT(panel->Frames() >= before + 3, kWaitMs);
+    std::uint32_t produced = 0;
+    QVERIFY(PeekRegister(1, ControlBlock(2) + kCtlFramesProduced, produced));
+    QVERIFY(produced >= 3);
+    panel->Stop();
+    window_->Shutdown();
+    window_.reset();
+    QVERIFY(Configure("xdma:1"));
 }
 
 int main(int argc, char** argv) {
