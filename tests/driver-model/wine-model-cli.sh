@@ -31,7 +31,7 @@ list)
     grep -qF "$KVPCIE_MODEL_CARD" "$scratch/out" || fail "kvpcie.exe list does not show $KVPCIE_MODEL_CARD"
     # The RIFFA device answers the list request through DeviceIoControl.
     run list --riffa || fail "kvpcie.exe list --riffa failed"
-    grep -q '^1 RIFFA device' "$scratch/out" || fail "kvpcie.exe list --riffa does not list the model's device"
+    grep -q '^2 RIFFA device' "$scratch/out" || fail "kvpcie.exe list --riffa does not list the model's two devices"
     grep -q 'KvSimRiffa' "$scratch/out" || fail "kvpcie.exe list --riffa does not show the device's name"
     ;;
 registers)
@@ -54,14 +54,16 @@ removed)
     # Windows takes card 0 away (its device removed, as an unplug does) while kvpcie.exe
     # captures: the run says so and ends with 1; once the device is back the card opens again.
     installer=$KVPCIE_MODEL_DIR/kvpcie-model-install.exe
-    "$wine_run" "$kvpcie" capture --seconds 60 --channels 0 >"$scratch/capture" 2>"$scratch/capture-err" &
+    # With --json the second-by-second lines go to standard error, unbuffered.
+    "$wine_run" "$kvpcie" capture --seconds 60 --channels 0 --json >"$scratch/capture" \
+        2>"$scratch/capture-err" &
     capturing=$!
     for _ in $(seq 1 300); do
-        grep -q '^ch0: ' "$scratch/capture" && break
+        grep -q 'frames, ' "$scratch/capture-err" && break
         kill -0 "$capturing" 2>/dev/null || break
         sleep 0.1
     done
-    grep -q '^ch0: ' "$scratch/capture" || fail "kvpcie.exe capture did not start: $(cat "$scratch/capture-err")"
+    grep -q 'frames, ' "$scratch/capture-err" || fail "kvpcie.exe capture did not start: $(cat "$scratch/capture-err")"
     "$wine_run" "$installer" remove 1 || fail "the card's device was not removed"
     wait "$capturing"
     status=$?

@@ -25,6 +25,35 @@ void ModelForgetRegistryPath(void) {
     }
 }
 
+/* "OpenFiles<card>" in the service's Parameters: how many XDMA files of the card are open, for
+   the restart stand-in, which refuses to take a card away from under them as Windows does. */
+void ModelPublishOpenFiles(int card, ULONG count) {
+    static const WCHAR suffix[] = L"\\Parameters";
+    WCHAR keyName[512];
+    WCHAR nameText[16] = L"OpenFiles";
+    UNICODE_STRING key, valueName;
+    OBJECT_ATTRIBUTES attributes;
+    HANDLE handle;
+
+    if (registryPath.Buffer == NULL || registryPath.Length + sizeof suffix > sizeof keyName ||
+        card < 0 || card > 9) {
+        return;
+    }
+    RtlCopyMemory(keyName, registryPath.Buffer, registryPath.Length);
+    RtlCopyMemory((UCHAR *)keyName + registryPath.Length, suffix, sizeof suffix);
+    RtlInitUnicodeString(&key, keyName);
+    InitializeObjectAttributes(&attributes, &key, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, NULL,
+                               NULL);
+    if (!NT_SUCCESS(ZwOpenKey(&handle, KEY_SET_VALUE, &attributes))) {
+        return;
+    }
+    nameText[9] = (WCHAR)(L'0' + card);
+    nameText[10] = L'\0';
+    RtlInitUnicodeString(&valueName, nameText);
+    ZwSetValueKey(handle, &valueName, 0, REG_DWORD, &count, sizeof count);
+    ZwClose(handle);
+}
+
 /* Read at every start, so that a card folder written since the driver loaded is followed. */
 NTSTATUS ModelReadCardFolder(void) {
     static const WCHAR suffix[] = L"\\Parameters";

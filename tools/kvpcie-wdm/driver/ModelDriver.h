@@ -65,6 +65,7 @@ typedef struct ModelOpenFile {
 NTSTATUS ModelRememberRegistryPath(PCUNICODE_STRING registryPath);
 void ModelForgetRegistryPath(void);
 NTSTATUS ModelReadCardFolder(void);
+void ModelPublishOpenFiles(int card, ULONG count);
 NTSTATUS ModelAppendNumber(UNICODE_STRING *text, int number);
 NTSTATUS ModelOpenNode(const WCHAR *relative, ACCESS_MASK access, HANDLE *node);
 NTSTATUS ModelReadNode(HANDLE node, void *buffer, ULONG size, LONGLONG offset, ULONG *moved);

@@ -4,6 +4,20 @@
 static KMUTEX lock;
 static LIST_ENTRY openFiles;
 
+/* The XDMA files of `card` that still reach the model; under the lock. */
+static void PublishOpenFiles(int card) {
+    LIST_ENTRY *entry;
+    ULONG count = 0;
+
+    for (entry = openFiles.Flink; entry != &openFiles; entry = entry->Flink) {
+        ModelOpenFile *file = CONTAINING_RECORD(entry, ModelOpenFile, link);
+        if (file->card == card && file->kind != ModelRiffaCard && file->node != NULL) {
+            ++count;
+        }
+    }
+    ModelPublishOpenFiles(card, count);
+}
+
 void ModelInitOpenFiles(void) {
     KeInitializeMutex(&lock, 0);
     InitializeListHead(&openFiles);
@@ -12,12 +26,14 @@ void ModelInitOpenFiles(void) {
 void ModelKeepOpenFile(ModelOpenFile *file) {
     KeWaitForSingleObject(&lock, Executive, KernelMode, FALSE, NULL);
     InsertTailList(&openFiles, &file->link);
+    PublishOpenFiles(file->card);
     KeReleaseMutex(&lock, FALSE);
 }
 
 void ModelCloseOpenFile(ModelOpenFile *file) {
     KeWaitForSingleObject(&lock, Executive, KernelMode, FALSE, NULL);
     RemoveEntryList(&file->link);
+    PublishOpenFiles(file->card);
     KeReleaseMutex(&lock, FALSE);
     if (file->node != NULL) {
         ZwClose(file->node);
@@ -38,5 +54,6 @@ void ModelCloseCardFiles(int card, BOOLEAN riffa) {
             file->node = NULL;
         }
     }
+    PublishOpenFiles(card);
     KeReleaseMutex(&lock, FALSE);
 }

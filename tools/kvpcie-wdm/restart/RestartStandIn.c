@@ -7,6 +7,8 @@
 #include "../install/DeviceNodes.h"
 
 #include <cfgmgr32.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <wchar.h>
 
 typedef CONFIGRET(WINAPI *GetDeviceIdCall)(DEVINST, PWSTR, ULONG, ULONG);
@@ -39,6 +41,20 @@ static BOOL IsModelCard(const WCHAR *instanceId) {
                      wcslen(MODEL_XDMA_INSTANCE_PREFIX)) == 0;
 }
 
+/* Windows vetoes taking a device away while handles to it are open; the model driver counts
+   each card's open files in its Parameters ("OpenFiles<card>"). */
+static BOOL IsInUse(const WCHAR *instanceId) {
+    const WCHAR *number = instanceId + wcslen(MODEL_XDMA_INSTANCE_PREFIX);
+    WCHAR name[16];
+    DWORD openFiles = 0;
+    DWORD bytes = sizeof openFiles;
+
+    swprintf(name, 16, L"OpenFiles%d", _wtoi(number));
+    return RegGetValueW(HKEY_LOCAL_MACHINE, MODEL_SERVICE_PARAMETERS, name, RRF_RT_REG_DWORD,
+                        NULL, &openFiles, &bytes) == ERROR_SUCCESS &&
+           openFiles > 0;
+}
+
 CONFIGRET WINAPI CM_Disable_DevNode(DEVINST node, ULONG flags) {
     WCHAR instanceId[200];
     int slot;
@@ -49,6 +65,9 @@ CONFIGRET WINAPI CM_Disable_DevNode(DEVINST node, ULONG flags) {
     }
     if (!IsModelCard(instanceId)) {
         return CR_NOT_DISABLEABLE;  /* only the model's cards can be taken away and brought back */
+    }
+    if (IsInUse(instanceId)) {
+        return CR_REMOVE_VETOED;
     }
     for (slot = 0; slot < 8 && disabled[slot].instanceId[0] != L'\0'; ++slot) {
     }
