@@ -184,12 +184,14 @@ TEST_F(RiffaModel, TheDeviceLibraryListsOpensAndMovesRegistersThroughTheDriver) 
     riffa::RiffaDevice device;
     fpga_info_list list{};
     EXPECT_EQ(device.List(&list), 0);
-    EXPECT_EQ(list.fpgaCount, 1);
+    std::vector<std::string> paths;
+    ASSERT_TRUE(ListDeviceInterfaces(kRiffaInterfaceClass, paths));
+    EXPECT_EQ(list.fpgaCount, static_cast<int>(paths.size()));
     ASSERT_NE(device.Open(0), nullptr);
     EXPECT_EQ(device.ReadReg(KvPCIeSim::kRegIdentity), KvPCIeSim::kIdentityValue);
     EXPECT_EQ(device.WriteReg(0x600DF00D, 0x3004), 4);
     EXPECT_EQ(device.ReadReg(0x3004), 0x600DF00Du);
-    EXPECT_EQ(device.Open(1), nullptr);  // there is no second device
+    EXPECT_EQ(device.Open(list.fpgaCount), nullptr);  // one past the last device
     EXPECT_EQ(device.ReadReg(KvPCIeSim::kRegIdentity), 0u) << "the failed open closed the first";
 }
 

@@ -54,16 +54,18 @@ removed)
     # Windows takes card 0 away (its device removed, as an unplug does) while kvpcie.exe
     # captures: the run says so and ends with 1; once the device is back the card opens again.
     installer=$KVPCIE_MODEL_DIR/kvpcie-model-install.exe
-    # With --json the second-by-second lines go to standard error, unbuffered.
-    "$wine_run" "$kvpcie" capture --seconds 60 --channels 0 --json >"$scratch/capture" \
-        2>"$scratch/capture-err" &
+    # Wine itself, not $wine_run, whose files hand the output over only at the end; the
+    # session is started by a first run through $wine_run.
+    run --version >/dev/null || fail "kvpcie.exe --version failed"
+    "${KVPCIE_WINE:-/usr/lib/wine/wine64}" "$kvpcie" capture --seconds 60 --channels 0 \
+        >"$scratch/capture" 2>"$scratch/capture-err" &
     capturing=$!
     for _ in $(seq 1 300); do
-        grep -q 'frames, ' "$scratch/capture-err" && break
+        grep -q 'frames, ' "$scratch/capture" && break
         kill -0 "$capturing" 2>/dev/null || break
         sleep 0.1
     done
-    grep -q 'frames, ' "$scratch/capture-err" || fail "kvpcie.exe capture did not start: $(cat "$scratch/capture-err")"
+    grep -q 'frames, ' "$scratch/capture" || fail "kvpcie.exe capture did not start: $(cat "$scratch/capture-err")"
     "$wine_run" "$installer" remove 1 || fail "the card's device was not removed"
     wait "$capturing"
     status=$?
