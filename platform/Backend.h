@@ -15,7 +15,7 @@ namespace native {
 DeviceFilePtr OpenDeviceFile(const std::string& path, unsigned access);
 bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths,
                           ListingStop& stop);
-void RestartXilinxDevices();
+void RestartXilinxDevices(const std::string& cardPath);
 ControlDevicePtr OpenControlDevice(const std::string& path, bool overlapped);
 }  // namespace native
 

@@ -48,8 +48,12 @@ struct ListingStop {
 bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& paths,
                           ListingStop* stop = nullptr);
 
-// Restarts every Xilinx (PCI vendor 0x10EE) device at the driver level, simulated cards
-// included. Where the OS does not permit it, says so on standard error and goes on.
-void RestartXilinxDevices();
+// Restarts Xilinx (PCI vendor 0x10EE) devices at the driver level, simulated cards included.
+// Given the path of the card about to be opened, only that card's device where the OS names it
+// (Linux: the XDMA driver's /sys/class/xdma/<card>_user/device), so that a second card's open
+// does not pull the first from under its engines; every Xilinx device otherwise. A device in
+// use is left alone where the OS refuses (Windows, the simulated cards, the driver model). Where
+// the OS does not permit it, says so on standard error and goes on.
+void RestartXilinxDevices(const std::string& cardPath = std::string());
 
 }  // namespace kvpcie::platform

@@ -33,8 +33,8 @@ ControlDevicePtr OpenControlDevice(const std::string& path, bool overlapped) {
     return native::OpenControlDevice(path, overlapped);
 }
 
-void RestartXilinxDevices() {
-    native::RestartXilinxDevices();
+void RestartXilinxDevices(const std::string& cardPath) {
+    native::RestartXilinxDevices(cardPath);
     simulated::RestartXilinxDevices();
 }
 

@@ -8,6 +8,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
@@ -129,7 +130,24 @@ std::string LinuxRoot() {
     return root;
 }
 
-void RestartXilinxDevicesUnder(const std::string& pciBusDir) {
+std::string PciDeviceOfCard(const std::string& root, const std::string& cardPath) {
+    const std::size_t slash = cardPath.rfind('/');
+    const std::string card = cardPath.substr(slash == std::string::npos ? 0 : slash + 1);
+    if (card.empty()) {
+        return std::string();
+    }
+    const std::string link = root + "/sys/class/xdma/" + card + "_user/device";
+    char target[PATH_MAX] = {};
+    const ssize_t length = ::readlink(link.c_str(), target, sizeof target - 1);
+    if (length <= 0) {
+        return std::string();
+    }
+    const std::string device(target, static_cast<std::size_t>(length));
+    const std::size_t last = device.rfind('/');
+    return device.substr(last == std::string::npos ? 0 : last + 1);
+}
+
+void RestartXilinxDevicesUnder(const std::string& pciBusDir, const std::string& onlyDevice) {
     const std::string devicesDir = pciBusDir + "/devices";
     std::vector<std::string> devices;
     if (const DirPtr dir = OpenDir(devicesDir)) {
@@ -137,7 +155,8 @@ void RestartXilinxDevicesUnder(const std::string& pciBusDir) {
     }
     devices.erase(std::remove_if(devices.begin(), devices.end(),
                                  [&](const std::string& device) {
-                                     return !IsXilinxDevice(devicesDir + "/" + device + "/vendor");
+                                     return (!onlyDevice.empty() && device != onlyDevice) ||
+                                            !IsXilinxDevice(devicesDir + "/" + device + "/vendor");
                                  }),
                   devices.end());
     std::sort(devices.begin(), devices.end());
@@ -192,9 +211,12 @@ bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& 
     }
 }
 
-void RestartXilinxDevices() {
+void RestartXilinxDevices(const std::string& cardPath) {
     try {
-        linux_backend::RestartXilinxDevicesUnder(linux_backend::LinuxRoot() + "/sys/bus/pci");
+        const std::string root = linux_backend::LinuxRoot();
+        const std::string device =
+            cardPath.empty() ? std::string() : linux_backend::PciDeviceOfCard(root, cardPath);
+        linux_backend::RestartXilinxDevicesUnder(root + "/sys/bus/pci", device);
     } catch (...) {
         // Out of memory: the cards keep running as they are, which is what a refusal does too.
     }

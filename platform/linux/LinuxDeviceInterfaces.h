@@ -21,7 +21,13 @@ std::vector<std::string> XdmaInterfacePaths(const std::vector<std::string>& entr
 std::string LinuxRoot();
 
 // The restart of every vendor 0x10EE device under a directory laid out as sysfs's PCI bus
-// ("devices/<device>/vendor", "devices/<device>/remove", "rescan"). May throw std::bad_alloc.
-void RestartXilinxDevicesUnder(const std::string& pciBusDir);
+// ("devices/<device>/vendor", "devices/<device>/remove", "rescan"), or of `onlyDevice` alone
+// when it is named. May throw std::bad_alloc.
+void RestartXilinxDevicesUnder(const std::string& pciBusDir,
+                               const std::string& onlyDevice = std::string());
+
+// The PCI device ("0000:03:00.0") of the XDMA card at `cardPath` ("<root>/dev/xdma0"), from the
+// driver's class link <root>/sys/class/xdma/xdma0_user/device; "" when there is none.
+std::string PciDeviceOfCard(const std::string& root, const std::string& cardPath);
 
 }  // namespace kvpcie::platform::linux_backend

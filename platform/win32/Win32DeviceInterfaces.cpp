@@ -148,8 +148,9 @@ bool ListDeviceInterfaces(const Guid& interfaceClass, std::vector<std::string>& 
                                        paths, stop);
 }
 
-void RestartXilinxDevices() {
+void RestartXilinxDevices(const std::string& /*cardPath*/) {
     // Every present device of every class: the cards may sit behind any driver at this point.
+    // A card with open handles is not taken away: Windows vetoes that.
     const win32::DeviceInfoSet set(
         ::SetupDiGetClassDevsW(nullptr, nullptr, nullptr, DIGCF_PRESENT | DIGCF_ALLCLASSES));
     if (!set.Valid()) {

@@ -122,6 +122,27 @@ TEST_F(LinuxRestart, RemovesAndRescansOnlyXilinxDevices) {
     EXPECT_EQ(Get("devices/0000:00:02.0/remove"), "");
 }
 
+// The card being opened is named by the driver's class link: the other card, which may be
+// streaming, is left alone. Without the link every Xilinx device is restarted, as before.
+TEST_F(LinuxRestart, OnlyTheDeviceOfTheCardBeingOpenedWhenTheDriverNamesIt) {
+    for (const char* device : {"0000:01:00.0", "0000:02:00.0"}) {
+        Put(std::string("sys/bus/pci/devices/") + device + "/vendor", "0x10ee\n");
+        Put(std::string("sys/bus/pci/devices/") + device + "/remove", "");
+    }
+    Put("sys/bus/pci/rescan", "");
+    std::filesystem::create_directories(dir_ / "sys/class/xdma/xdma1_user");
+    std::filesystem::create_directory_symlink("../../../bus/pci/devices/0000:02:00.0",
+                                              dir_ / "sys/class/xdma/xdma1_user/device");
+    const std::string root = dir_.string();
+    EXPECT_EQ(linux_backend::PciDeviceOfCard(root, root + "/dev/xdma1"), "0000:02:00.0");
+    EXPECT_EQ(linux_backend::PciDeviceOfCard(root, root + "/dev/xdma0"), "");
+    linux_backend::RestartXilinxDevicesUnder(root + "/sys/bus/pci", "0000:02:00.0");
+    EXPECT_EQ(Get("sys/bus/pci/devices/0000:01:00.0/remove"), "");
+    EXPECT_EQ(Get("sys/bus/pci/devices/0000:02:00.0/remove"), "1");
+    linux_backend::RestartXilinxDevicesUnder(root + "/sys/bus/pci");
+    EXPECT_EQ(Get("sys/bus/pci/devices/0000:01:00.0/remove"), "1");
+}
+
 TEST_F(LinuxRestart, SaysOnceWhenTheRestartIsNotPermitted) {
     Put("devices/0000:01:00.0/vendor", "0x10EE\n");  // no writable "remove" in either device
     Put("devices/0000:02:00.0/vendor", "0x10ee\n");

@@ -133,8 +133,8 @@ DeviceFilePtr XdmaOpenDeviceFile(const char* interfacePath, const char* node, un
     return file;
 }
 
-void XdmaRestartDevices() {
-    platform::RestartXilinxDevices();
+void XdmaRestartDevices(const char* cardPath) {
+    platform::RestartXilinxDevices(cardPath != nullptr ? cardPath : "");
 }
 
 XdmaCard::XdmaCard() = default;
@@ -173,7 +173,7 @@ bool XdmaCard::XdmaOpen(const char* interfacePath) {
         WriteWord(user.get(), kRegRestart, kRestartRequest);
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    XdmaRestartDevices();
+    XdmaRestartDevices(interfacePath);
     // Built locally and kept only when every file opened: a failure closes what came before.
     DeviceFilePtr user = XdmaOpenDeviceFile(interfacePath, "user", platform::kAccessReadWrite);
     if (!user) {

@@ -138,6 +138,8 @@ int XdmaWriteDevice(XdmaFileHandle file, unsigned offset, unsigned size, const v
 // Opens interfacePath + "\" + node. Paths over 260 characters are refused.
 platform::DeviceFilePtr XdmaOpenDeviceFile(const char* interfacePath, const char* node,
                                            unsigned access);
-void XdmaRestartDevices();
+// The driver-level restart before an open: of the card at `cardPath` alone where the OS can
+// name its device, else of every Xilinx device that is not in use.
+void XdmaRestartDevices(const char* cardPath);
 
 }  // namespace kvpcie::xdma
