@@ -22,6 +22,11 @@ bool PinThisThreadToCore(unsigned core);
 // offers it without privileges, it runs soon after waking even beside a busy process.
 void UsePreciseSleeps();
 
+// Raises the calling thread to a real-time priority (Linux: SCHED_FIFO at the lowest real-time
+// level, when the process may; Windows: THREAD_PRIORITY_TIME_CRITICAL). For one thread that
+// sleeps almost always and must run at once when woken; false when the OS refused.
+bool RaiseThisThreadToRealTime();
+
 // Names the calling thread for the OS's tools (top -H, ps -L, a debugger), so that a user can
 // tell the library's threads from the host's. At most 15 characters are kept; where the OS has
 // no thread names nothing happens.

@@ -87,6 +87,17 @@ void NameThisThread(const char* name) {
     ::prctl(PR_SET_NAME, kept, 0UL, 0UL, 0UL);
 }
 
+bool RaiseThisThreadToRealTime() {
+    sched_param parameters{};
+    parameters.sched_priority = ::sched_get_priority_min(SCHED_FIFO);
+    const int error = ::pthread_setschedparam(::pthread_self(), SCHED_FIFO, &parameters);
+    if (error != 0) {
+        SetLastError(error);  // EPERM without CAP_SYS_NICE or an RLIMIT_RTPRIO
+        return false;
+    }
+    return true;
+}
+
 void UsePreciseSleeps() {
     // The default slack of 50 us lengthens every 1 ms polling sleep; 1 ns asks for none.
     ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);

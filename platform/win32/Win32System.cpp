@@ -126,6 +126,14 @@ void UsePreciseSleeps() {
     // the whole process, so the sleeps stay as the system gives them.
 }
 
+bool RaiseThisThreadToRealTime() {
+    if (!::SetThreadPriority(::GetCurrentThread(), THREAD_PRIORITY_TIME_CRITICAL)) {
+        SetLastError(static_cast<int>(::GetLastError()));
+        return false;
+    }
+    return true;
+}
+
 void NameThisThread(const char* name) {
     // SetThreadDescription exists from Windows 10 1607 on; looked up so that older systems
     // still load the DLL.

@@ -59,9 +59,9 @@ void FormatBinary(std::uint32_t value, char* out) {
 }  // namespace
 
 CaptureChannel::CaptureChannel(XdmaCard& card, int channel, LogFile& log,
-                               const std::atomic<bool>& saveLog)
+                               const std::atomic<bool>& saveLog, AutoResetEvent& pollerWake)
     : card_(card), channel_(channel), log_(log), saveLog_(saveLog), recording_(channel, log),
-      status_(card, channel, log) {}
+      status_(card, channel, log), pollerWake_(pollerWake) {}
 
 std::unique_lock<std::mutex> CaptureChannel::LockTurn() {
     if (channelInTurn == this) {
@@ -173,6 +173,7 @@ void CaptureChannel::EventLoop() {
         platform::SetLastError(0);
         if (eventFile_->Read(0) == 1) {
             eventObject_.Signal();
+            pollerWake_.Signal();
             continue;
         }
         // A read that gave up after its time sets no error; one that failed may say that the

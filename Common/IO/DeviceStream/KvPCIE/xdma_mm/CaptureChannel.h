@@ -32,7 +32,9 @@ namespace kvpcie::xdma {
 // callback stopped or restarted the channel.
 class CaptureChannel {
 public:
-    CaptureChannel(XdmaCard& card, int channel, LogFile& log, const std::atomic<bool>& saveLog);
+    // `pollerWake` is the engine's: each event of the card wakes the polling thread with it.
+    CaptureChannel(XdmaCard& card, int channel, LogFile& log, const std::atomic<bool>& saveLog,
+                   AutoResetEvent& pollerWake);
     // Ends the event thread; the recording finishes its take.
     ~CaptureChannel() { StopEventWatch(); }
     CaptureChannel(const CaptureChannel&) = delete;
@@ -101,6 +103,7 @@ private:
     std::unique_ptr<EventFile> eventFile_;
     PinnedWorker eventThread_;
     AutoResetEvent eventObject_;
+    AutoResetEvent& pollerWake_;
 };
 
 }  // namespace kvpcie::xdma

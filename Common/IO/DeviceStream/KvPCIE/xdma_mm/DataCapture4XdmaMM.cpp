@@ -7,6 +7,9 @@
 
 #include "Common/ApplicationDir.h"
 
+#include "platform/SystemError.h"
+#include "platform/ThreadAffinity.h"
+
 #include <QThread>
 
 #include <chrono>
@@ -38,10 +41,10 @@ DataCapture4XdmaMM::DataCapture4XdmaMM(std::shared_ptr<XdmaCard> card, CpuCoreSo
       cores_(cores),
       devicePath_(devicePath),
       log_("Capture_AllChannel"),
-      channels_{{{*card_, 0, log_, saveLog_},
-                 {*card_, 1, log_, saveLog_},
-                 {*card_, 2, log_, saveLog_},
-                 {*card_, 3, log_, saveLog_}}} {
+      channels_{{{*card_, 0, log_, saveLog_, pollerWake_},
+                 {*card_, 1, log_, saveLog_, pollerWake_},
+                 {*card_, 2, log_, saveLog_, pollerWake_},
+                 {*card_, 3, log_, saveLog_, pollerWake_}}} {
     log_.StartLog();
     connect(&statusTimer_, &QTimer::timeout, this,
             &DataCapture4XdmaMM::OnSlotCaptureCmdDataTimeOut);
@@ -152,11 +155,19 @@ bool DataCapture4XdmaMM::IsStartCapture(int c) const {
 
 void DataCapture4XdmaMM::PollingLoop() {
     pollingEngine = this;
+    // Off unless asked for: a real-time thread that misbehaves can starve the whole core.
+    if (qEnvironmentVariableIntValue("KVPCIE_REALTIME_POLLING") == 1 &&
+        !platform::RaiseThisThreadToRealTime()) {
+        log_.WriteLog("the polling thread keeps its normal priority: %s",
+                      platform::ErrorText(platform::LastError()).c_str());
+    }
     while (pollingThread_.IsRunning()) {
         for (CaptureChannel& channel : channels_) {
             channel.PollTurn();
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        // The card's event ends the wait at once; without one (lost, late, or a card that
+        // raises none) the scan still comes every millisecond.
+        pollerWake_.Wait(std::chrono::milliseconds(1));
     }
     pollingEngine = nullptr;
 }

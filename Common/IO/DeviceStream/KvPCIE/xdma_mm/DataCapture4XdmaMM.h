@@ -7,6 +7,7 @@
 #include "XdmaChannelRegisters.h"
 #include "XdmaDevice.h"
 
+#include "Common/AutoResetEvent.h"
 #include "Common/CpuCoreSource.h"
 #include "Common/LogFile.h"
 #include "Common/PinnedWorker.h"
@@ -106,6 +107,8 @@ private:
     const std::string devicePath_;
     std::atomic<bool> saveLog_{false};
     LogFile log_;
+    // Set by any channel's event thread when the card raises the channel's event.
+    AutoResetEvent pollerWake_;
     std::array<CaptureChannel, kChannelCount> channels_;
     PinnedWorker pollingThread_;
     PinnedWorker recordingThread_;
