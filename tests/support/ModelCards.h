@@ -26,7 +26,7 @@ inline std::string CardPath(int card) {
         return "sim:xdma" + std::to_string(card);
     }
 #ifdef _WIN32
-    const std::string name = card == 0 ? "KVPCIE_MODEL_CARD" : "KVPCIE_MODEL_CARD" + std::to_string(card);
+    const std::string name = "KVPCIE_MODEL_CARD" + (card == 0 ? "" : std::to_string(card));
     const char* path = std::getenv(name.c_str());
     return path != nullptr ? path : "";
 #else

@@ -25,26 +25,32 @@ void ModelForgetRegistryPath(void) {
     }
 }
 
-/* "OpenFiles<card>" in the service's Parameters: how many XDMA files of the card are open, for
-   the restart stand-in, which refuses to take a card away from under them as Windows does. */
-void ModelPublishOpenFiles(int card, ULONG count) {
+/* The service's Parameters key, where the installer writes and the driver publishes. */
+static NTSTATUS OpenParameters(ACCESS_MASK access, HANDLE *handle) {
     static const WCHAR suffix[] = L"\\Parameters";
     WCHAR keyName[512];
-    WCHAR nameText[16] = L"OpenFiles";
-    UNICODE_STRING key, valueName;
+    UNICODE_STRING key;
     OBJECT_ATTRIBUTES attributes;
-    HANDLE handle;
 
-    if (registryPath.Buffer == NULL || registryPath.Length + sizeof suffix > sizeof keyName ||
-        card < 0 || card > 9) {
-        return;
+    if (registryPath.Buffer == NULL || registryPath.Length + sizeof suffix > sizeof keyName) {
+        return STATUS_OBJECT_NAME_NOT_FOUND;
     }
     RtlCopyMemory(keyName, registryPath.Buffer, registryPath.Length);
     RtlCopyMemory((UCHAR *)keyName + registryPath.Length, suffix, sizeof suffix);
     RtlInitUnicodeString(&key, keyName);
     InitializeObjectAttributes(&attributes, &key, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, NULL,
                                NULL);
-    if (!NT_SUCCESS(ZwOpenKey(&handle, KEY_SET_VALUE, &attributes))) {
+    return ZwOpenKey(handle, access, &attributes);
+}
+
+/* "OpenFiles<card>" in the service's Parameters: how many XDMA files of the card are open, for
+   the restart stand-in, which refuses to take a card away from under them as Windows does. */
+void ModelPublishOpenFiles(int card, ULONG count) {
+    WCHAR nameText[16] = L"OpenFiles";
+    UNICODE_STRING valueName;
+    HANDLE handle;
+
+    if (card < 0 || card > 9 || !NT_SUCCESS(OpenParameters(KEY_SET_VALUE, &handle))) {
         return;
     }
     nameText[9] = (WCHAR)(L'0' + card);
@@ -56,35 +62,21 @@ void ModelPublishOpenFiles(int card, ULONG count) {
 
 /* Read at every start, so that a card folder written since the driver loaded is followed. */
 NTSTATUS ModelReadCardFolder(void) {
-    static const WCHAR suffix[] = L"\\Parameters";
-    WCHAR keyName[512];
-    UNICODE_STRING key, valueName;
-    OBJECT_ATTRIBUTES attributes;
+    UNICODE_STRING valueName;
     HANDLE handle;
     UCHAR storage[sizeof(KEY_VALUE_PARTIAL_INFORMATION) + sizeof cardFolder];
     KEY_VALUE_PARTIAL_INFORMATION *value = (KEY_VALUE_PARTIAL_INFORMATION *)storage;
     ULONG length = 0;
-    NTSTATUS status;
+    NTSTATUS status = OpenParameters(KEY_READ, &handle);
 
-    if (registryPath.Buffer == NULL ||
-        registryPath.Length + sizeof suffix > sizeof keyName) {
-        return STATUS_OBJECT_NAME_NOT_FOUND;
-    }
-    RtlCopyMemory(keyName, registryPath.Buffer, registryPath.Length);
-    RtlCopyMemory((UCHAR *)keyName + registryPath.Length, suffix, sizeof suffix);
-    RtlInitUnicodeString(&key, keyName);
-    InitializeObjectAttributes(&attributes, &key, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, NULL,
-                               NULL);
-    status = ZwOpenKey(&handle, KEY_READ, &attributes);
+    cardFolder[0] = L'\0';
     if (!NT_SUCCESS(status)) {
-        cardFolder[0] = L'\0';
         return status;
     }
     RtlInitUnicodeString(&valueName, L"CardFolder");
     status = ZwQueryValueKey(handle, &valueName, KeyValuePartialInformation, value,
                              sizeof storage - sizeof(WCHAR), &length);
     ZwClose(handle);
-    cardFolder[0] = L'\0';
     if (!NT_SUCCESS(status)) {
         return status;
     }
