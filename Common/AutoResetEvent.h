@@ -9,9 +9,13 @@ namespace kvpcie {
 
 class AutoResetEvent {
 public:
+    // Notified after the lock is let go, so that the woken thread does not run only to block
+    // on it. The owner keeps the event alive until every thread that signals it has ended.
     void Signal() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        signalled_ = true;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            signalled_ = true;
+        }
         condition_.notify_one();
     }
 

@@ -8,7 +8,7 @@ SimUserEvents::SimUserEvents() : timeout_(std::chrono::milliseconds(kDefaultEven
 SimUserEvents::Outcome SimUserEvents::Wait(std::unique_lock<std::mutex>& lock, int event,
                                            const std::function<bool()>& abandoned) {
     const auto deadline = std::chrono::steady_clock::now() + timeout_;
-    raised_.wait_until(lock, deadline, [&] { return pending_[event] || abandoned(); });
+    raised_[event].wait_until(lock, deadline, [&] { return pending_[event] || abandoned(); });
     if (abandoned()) {
         return Outcome::Failed;
     }
@@ -19,14 +19,20 @@ SimUserEvents::Outcome SimUserEvents::Wait(std::unique_lock<std::mutex>& lock, i
     return Outcome::TimedOut;
 }
 
+void SimUserEvents::WakeWaiters() {
+    for (std::condition_variable& raised : raised_) {
+        raised.notify_all();
+    }
+}
+
 void SimUserEvents::EndWaits() {
-    raised_.notify_all();
+    WakeWaiters();
     Observe(-1);
 }
 
 void SimUserEvents::Raise(int event) {
     pending_[event] = true;
-    raised_.notify_all();
+    raised_[event].notify_all();
     Observe(event);
 }
 

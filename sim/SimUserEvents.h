@@ -25,7 +25,7 @@ public:
     Outcome Wait(std::unique_lock<std::mutex>& lock, int event,
                  const std::function<bool()>& abandoned);
     // Waiters look at `abandoned` again.
-    void WakeWaiters() { raised_.notify_all(); }
+    void WakeWaiters();
     // Every wait ends: the card is gone. The observer hears -1.
     void EndWaits();
 
@@ -41,7 +41,10 @@ public:
 private:
     void Observe(int event);
 
-    std::condition_variable raised_;
+    // One per event: a frame of one channel wakes that channel's waiter alone, not every
+    // channel's and the command and status waiters too (each of which would take the card's
+    // lock and sleep again, in the way of the one that matters).
+    std::array<std::condition_variable, kUserEventCount> raised_;
     std::array<bool, kUserEventCount> pending_{};
     std::function<void(int event)> observer_;
     std::chrono::milliseconds timeout_;
