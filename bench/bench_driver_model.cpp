@@ -2,9 +2,11 @@
 // with KVPCIE_LINUX_ROOT pointing at a kvpcie-simd, as bench/driver-model.sh does), through the
 // public API. Every transfer crosses the kernel's FUSE channel to the model's process and back,
 // so these are figures for information, not goals: DMA read and write rates of 2.6 MB blocks,
-// and the highest capture and inject frame rates of one channel without a loss.
+// one channel's ready -> callback latency, and the highest capture and inject frame rates of
+// one channel without a loss.
 #include "Figure.h"
 
+#include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
 #include <QCoreApplication>
@@ -72,6 +74,57 @@ bool CaptureAt(PCIeDataManager& manager, int rate, std::vector<char>& buffer, do
     return !lost;
 }
 
+// Ready -> callback through the model: the card keeps each frame's ready time, which the
+// callback reads through the registers at once (the card keeps the last 64).
+struct LatencyRun {
+    PCIeDataManager* manager = nullptr;
+    std::uint32_t frames = 0;
+    std::vector<double> millis;
+};
+
+void OnTimedFrame(int channel, const char*, void* context) {
+    const auto now = Clock::now().time_since_epoch();
+    auto& run = *static_cast<LatencyRun*>(context);
+    const std::uint32_t number = run.frames++;
+    if (run.millis.size() == run.millis.capacity()) {
+        return;
+    }
+    const unsigned block = kControlBlock + static_cast<unsigned>(channel) * 0x1000;
+    run.manager->WriteReg(block + KvPCIeSim::kCtlReadyTimeFrame, static_cast<int>(number));
+    const std::uint64_t low = run.manager->ReadReg(block + KvPCIeSim::kCtlReadyTimeLow);
+    const std::uint64_t high = run.manager->ReadReg(block + KvPCIeSim::kCtlReadyTimeHigh);
+    const auto ready = static_cast<std::int64_t>(high << 32 | low);
+    if (ready != 0) {
+        const auto nanos = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+        run.millis.push_back((nanos - ready) / 1e6);
+    }
+}
+
+// One channel of 640 x 512 Y16 at 100 fps for 3 s: p50 and p99 of ready -> callback, in ms.
+bool MeasureLatency(PCIeDataManager& manager, double& p50, double& p99) {
+    constexpr int kLatencyWidth = 640;
+    constexpr int kLatencyHeight = 512;
+    std::vector<char> buffer(std::size_t{kLatencyWidth} * kLatencyHeight * 2);
+    LatencyRun run;
+    run.manager = &manager;
+    run.millis.reserve(400);
+    manager.WriteReg(kControlBlock + kCtlExternalRate, 100);
+    eErrorCode error = ERR_NONE;
+    if (!manager.StartCapture(0, false, kLatencyWidth, kLatencyHeight, Y16, error,
+                              &OnTimedFrame, &run, buffer.data())) {
+        return false;
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    manager.StopCapture(0);
+    if (run.millis.size() < 100) {
+        return false;
+    }
+    std::sort(run.millis.begin(), run.millis.end());
+    p50 = run.millis[run.millis.size() / 2];
+    p99 = run.millis[run.millis.size() * 99 / 100];
+    return true;
+}
+
 // One channel at `rate` for 2 s, the queue kept full; whether the card ran out of frames.
 bool InjectAt(PCIeDataManager& manager, int rate, std::vector<char>& frame) {
     eErrorCode error = ERR_NONE;
@@ -118,6 +171,17 @@ int main(int argc, char** argv) {
                 read / 1e9, write / 1e9);
     kvpcie::bench::PrintFigure("model_dma_read", read / 1e9, "info", 0, "GB/s");
     kvpcie::bench::PrintFigure("model_dma_write", write / 1e9, "info", 0, "GB/s");
+
+    double p50 = 0;
+    double p99 = 0;
+    if (MeasureLatency(manager, p50, p99)) {
+        std::printf("one channel of 640 x 512 Y16 at 100 fps through the model: ready -> "
+                    "callback p50 %.3f ms, p99 %.3f ms\n", p50, p99);
+        kvpcie::bench::PrintFigure("model_capture_latency_p50", p50, "info", 0, "ms");
+        kvpcie::bench::PrintFigure("model_capture_latency_p99", p99, "info", 0, "ms");
+    } else {
+        std::printf("no latency figure: the card gave too few frames or no ready times\n");
+    }
 
     std::vector<char> buffer(kFrameBytes);
     int captureBest = 0;

@@ -72,7 +72,21 @@ std::uint32_t SimXdmaCard::ControlRegisterValueLocked(unsigned channel,
     if (const std::optional<std::uint32_t> count = CountLocked(channel, offset)) {
         return *count;
     }
+    if (offset == kCtlReadyTimeLow || offset == kCtlReadyTimeHigh) {
+        const std::uint64_t nanos = ReadyNanosLocked(channel);
+        return static_cast<std::uint32_t>(offset == kCtlReadyTimeLow ? nanos : nanos >> 32);
+    }
     return StoredLocked(ControlBlock(channel) + offset);
+}
+
+std::uint64_t SimXdmaCard::ReadyNanosLocked(unsigned channel) const {
+    TimePoint ready;
+    if (!capture_[channel].ReadyTime(StoredLocked(ControlBlock(channel) + kCtlReadyTimeFrame),
+                                     ready)) {
+        return 0;
+    }
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(ready.time_since_epoch()).count());
 }
 
 std::optional<std::uint32_t> SimXdmaCard::CountLocked(unsigned channel,
@@ -173,6 +187,8 @@ void SimXdmaCard::ControlRegisterWrittenLocked(unsigned channel, std::uint32_t o
         case kCtlCommandsTaken:
         case kCtlLastCommandLength:
         case kCtlLastInjectHead:
+        case kCtlReadyTimeLow:
+        case kCtlReadyTimeHigh:
             return;  // the card's own record
         case kCtlPostStatus:
             PostStatusLocked(channel, value);

@@ -93,6 +93,7 @@ public:
                           SimCaptureChannel::TimePoint& ready) const;
     // See KvPCIeSim::InjectRefillTimes.
     bool InjectRefillTimes(int channel, std::int64_t& longestNanos, std::uint64_t& count) const;
+    bool RestartInjectRefillTimes(int channel);
 
     // --- the inject side ---
     // The frame just played on inject channel `channel`, for capture channel `channel` in
@@ -110,6 +111,8 @@ private:
     // The word as last stored, for registers that are nothing more.
     std::uint32_t StoredLocked(std::uint32_t address) const;
     std::uint32_t ControlRegisterValueLocked(unsigned channel, std::uint32_t offset) const;
+    // The ready time of the frame named at the channel's kCtlReadyTimeFrame; 0 when not kept.
+    std::uint64_t ReadyNanosLocked(unsigned channel) const;
     void ControlRegisterWrittenLocked(unsigned channel, std::uint32_t offset, std::uint32_t value);
     // The control block's counts live in the channels; nothing for another offset.
     std::optional<std::uint32_t> CountLocked(unsigned channel, std::uint32_t offset) const;

@@ -73,6 +73,17 @@ constexpr std::uint32_t kCtlFrameEventOff = 0x34;
 /// N (1 to 8): the host's writes to the status of capture buffer N - 1 do not take, so a frame
 /// the card made ready there stays ready, and the frames due in it are dropped; 0: none.
 constexpr std::uint32_t kCtlStuckCaptureBuffer = 0x38;
+/// A capture frame's number since the channel was enabled (from 0), for kCtlReadyTimeLow/High.
+constexpr std::uint32_t kCtlReadyTimeFrame = 0x3C;
+///@{
+/// Read-only: when the card made the frame named at kCtlReadyTimeFrame ready, in nanoseconds of
+/// the machine's monotonic clock (std::chrono::steady_clock): what CaptureReadyTime gives, for a
+/// process that reaches the card only through its registers (a driver model). 0 in both words
+/// once the card no longer keeps that frame's time (it keeps the last 64). One reader per
+/// channel: the frame number is the channel's.
+constexpr std::uint32_t kCtlReadyTimeLow = 0x40;
+constexpr std::uint32_t kCtlReadyTimeHigh = 0x44;
+///@}
 /// 1,024 bytes, each word least significant byte first.
 constexpr std::uint32_t kCtlStatusStaging = 0x400;
 /// Read-only: the last command taken, 1,024 bytes as kCtlStatusStaging; zeros past its length.

@@ -81,6 +81,31 @@ TEST_F(SimCapture, AHostNeverSeesHalfABatchAndAWrappedBatchIsReadyAtOnce) {
     EXPECT_EQ(counters.userEventsRaised, 10u) << "one event per frame";
 }
 
+TEST_F(SimCapture, ReadyTimesThroughTheRegistersAreTheControlApisAndZeroOnceForgotten) {
+    EnableWithoutClock(1, 4096);
+    const auto registerTime = [&](std::uint32_t frame) {
+        Write(ControlBlock(1) + KvPCIeSim::kCtlReadyTimeFrame, frame);
+        return std::uint64_t{Ctl(1, KvPCIeSim::kCtlReadyTimeHigh)} << 32 |
+               Ctl(1, KvPCIeSim::kCtlReadyTimeLow);
+    };
+    EXPECT_EQ(registerTime(0), 0u) << "no frame yet";
+    for (int batch = 0; batch < 9; ++batch) {  // 72 frames: the first 8 are forgotten
+        ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(0, 1, 8));
+        for (unsigned buffer = 0; buffer < 8; ++buffer) {
+            Write(CaptureBlock(1) + CapBufferStatus(buffer), 0);
+        }
+    }
+    for (std::uint32_t frame : {8u, 40u, 71u}) {
+        std::int64_t expected = 0;
+        ASSERT_TRUE(KvPCIeSim::CaptureReadyTime(0, 1, frame, expected));
+        EXPECT_EQ(registerTime(frame), static_cast<std::uint64_t>(expected)) << frame;
+    }
+    EXPECT_EQ(registerTime(7), 0u);
+    EXPECT_EQ(registerTime(72), 0u);
+    Write(ControlBlock(1) + KvPCIeSim::kCtlReadyTimeLow, 5);  // read-only
+    EXPECT_EQ(registerTime(72), 0u);
+}
+
 TEST_F(SimCapture, ErrorFramesAreFlaggedAndNothingIsWrittenPastTheFrame) {
     EnableWithoutClock(2, 1000);
     Write(ControlBlock(2) + KvPCIeSim::kCtlErrorFrameEvery, 3);

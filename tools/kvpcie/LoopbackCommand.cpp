@@ -51,6 +51,8 @@ constexpr std::size_t kLatencySamples = 1 << 14;
 struct Channel {
     int number = 0;
     int simCard = -1;  // the simulated card in this process that gives ready times, if any
+    // Otherwise the card (a driver model's) gives them through its registers.
+    PCIeDataManager* card = nullptr;
     FrameGeometry geometry;
     std::vector<char> buffer;    // the capture target
     std::vector<char> injected;
@@ -80,13 +82,30 @@ bool AllZero(const char* frame, std::size_t bytes) {
     return true;
 }
 
+// When the card made frame `index` of the channel ready, on the steady clock; false when it
+// no longer knows.
+bool ReadyTime(Channel& state, int channel, std::uint32_t index, std::int64_t& ready) {
+    if (state.simCard >= 0) {
+        return KvPCIeSim::CaptureReadyTime(state.simCard, channel, index, ready);
+    }
+    if (state.card == nullptr) {
+        return false;
+    }
+    const auto block = ControlBlock(static_cast<unsigned>(channel));
+    state.card->WriteReg(block + KvPCIeSim::kCtlReadyTimeFrame, static_cast<int>(index));
+    const std::uint64_t low = state.card->ReadReg(block + KvPCIeSim::kCtlReadyTimeLow);
+    const std::uint64_t high = state.card->ReadReg(block + KvPCIeSim::kCtlReadyTimeHigh);
+    ready = static_cast<std::int64_t>(high << 32 | low);
+    return ready != 0;
+}
+
 void OnFrame(int channel, const char* frame, void* context) {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     auto* state = static_cast<Channel*>(context);
     const std::uint64_t index = state->captured++;
     std::int64_t ready = 0;
-    if (state->latencyCount < state->latencies.size() && state->simCard >= 0 &&
-        KvPCIeSim::CaptureReadyTime(state->simCard, channel, static_cast<std::uint32_t>(index), ready)) {
+    if (state->latencyCount < state->latencies.size() &&
+        ReadyTime(*state, channel, static_cast<std::uint32_t>(index), ready)) {
         state->latencies[state->latencyCount++] =
             std::chrono::duration_cast<std::chrono::nanoseconds>(now).count() - ready;
     }
@@ -205,6 +224,7 @@ void StartCard(LoopbackCard& card, const LoopbackOptions& options) {
         Channel& state = card.channels[c];
         state.number = c;
         state.simCard = simCard;
+        state.card = &card.manager;
         state.geometry = geometry;
         state.buffer.assign(geometry.Bytes(), 0);
         state.injected.assign(geometry.Bytes(), 0);
