@@ -18,8 +18,7 @@ void SimInjectChannel::Start(TimePoint now, Clock::duration period) {
         times.released.reset();
     }
     previousPlay_.reset();
-    longestRefill_ = Clock::duration::zero();
-    refillsTimed_ = 0;
+    RestartRefillTimes();
 }
 
 void SimInjectChannel::BeginPlay() {

@@ -60,6 +60,10 @@ public:
     // the longest and how many were timed.
     Clock::duration LongestRefill() const { return longestRefill_; }
     std::uint64_t RefillsTimed() const { return refillsTimed_; }
+    void RestartRefillTimes() {
+        longestRefill_ = Clock::duration::zero();
+        refillsTimed_ = 0;
+    }
 
     // --- the command mailbox ---
     // Still moving the command it took last.

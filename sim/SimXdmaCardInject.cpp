@@ -169,4 +169,13 @@ bool SimXdmaCard::InjectRefillTimes(int channel, std::int64_t& longestNanos,
     return true;
 }
 
+bool SimXdmaCard::RestartInjectRefillTimes(int channel) {
+    if (channel < 0 || channel >= xdma::kChannelCount) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    inject_[channel].RestartRefillTimes();
+    return true;
+}
+
 }  // namespace kvpcie::sim

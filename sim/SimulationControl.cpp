@@ -144,6 +144,11 @@ bool InjectRefillTimes(int card, int channel, std::int64_t& longestNanos, std::u
     return found != nullptr && found->InjectRefillTimes(channel, longestNanos, count);
 }
 
+bool RestartInjectRefillTimes(int card, int channel) {
+    const auto found = Find(card);
+    return found != nullptr && found->RestartInjectRefillTimes(channel);
+}
+
 int AddRiffaDevice() {
     return SimRegistry::Instance().AddRiffaDevice();
 }

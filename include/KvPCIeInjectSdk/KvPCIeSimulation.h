@@ -175,6 +175,9 @@ KVPCIE_EXPORT bool CaptureReadyTime(int card, int channel, std::uint32_t frameNu
 /// timed. False when the channel is not 0 to 3.
 KVPCIE_EXPORT bool InjectRefillTimes(int card, int channel, std::int64_t& longestNanos,
                                      std::uint64_t& count);
+/// InjectRefillTimes counts from now on, as at an enable: for a host that wants its steady
+/// state apart from its first filling of the ring. False when the channel is not 0 to 3.
+KVPCIE_EXPORT bool RestartInjectRefillTimes(int card, int channel);
 
 // --- RIFFA devices ---
 ///

@@ -11,6 +11,8 @@
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaChannelRegisters.h"
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <vector>
 
 namespace kvpcie {
@@ -97,6 +99,33 @@ TEST_F(SimInject, ABufferPlayedBeforeItsLengthCamePlaysTheTransferSize) {
     Enable(0, kFastPeriod);
     ASSERT_TRUE(WaitFor([&] { return Played(0) == 1; }));
     EXPECT_EQ(Head(0), 0x33333333u);
+}
+
+TEST_F(SimInject, ARefillIsTimedFromItsBuffersReleaseAndARestartForgetsTheEarlierOnes) {
+    const auto refills = [](std::int64_t& longest) {
+        std::uint64_t count = 0;
+        EXPECT_TRUE(KvPCIeSim::InjectRefillTimes(0, 0, longest, count));
+        return count;
+    };
+    std::int64_t longest = 0;
+    Enable(0, kFastPeriod);
+    HandOver(0, 0, Frame(32, 1));
+    ASSERT_TRUE(WaitFor([&] { return Played(0) == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    HandOver(0, 0, Frame(32, 2));
+    EXPECT_EQ(refills(longest), 1u);
+    EXPECT_GE(longest, 60'000'000);
+
+    ASSERT_TRUE(KvPCIeSim::RestartInjectRefillTimes(0, 0));
+    EXPECT_EQ(refills(longest), 0u);
+    EXPECT_EQ(longest, 0);
+    HandOver(0, 1, Frame(32, 3));  // never released: not a refill
+    EXPECT_EQ(refills(longest), 0u);
+    ASSERT_TRUE(WaitFor([&] { return Played(0) == 2; }));
+    HandOver(0, 1, Frame(32, 4));
+    EXPECT_EQ(refills(longest), 1u);
+    EXPECT_LT(longest, 60'000'000) << "the first refill is forgotten";
+    EXPECT_FALSE(KvPCIeSim::RestartInjectRefillTimes(0, 4));
 }
 
 TEST_F(SimInject, ReenablingStartsTheRingOverAtBufferZeroAndARestartDisables) {
