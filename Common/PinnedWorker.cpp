@@ -82,6 +82,12 @@ bool PinnedWorker::OnWorker() const {
     return currentWorker == this;
 }
 
+bool PinnedWorker::HeldCore(unsigned& core) {
+    std::lock_guard<std::mutex> lock(coreLock_);
+    core = core_;
+    return cores_ != nullptr;
+}
+
 void PinnedWorker::TakeCore(CpuCoreSource* cores) {
     std::lock_guard<std::mutex> lock(coreLock_);
     cores_ = cores;

@@ -33,6 +33,8 @@ public:
     void Stop();
 
     bool IsRunning() const { return running_.load(std::memory_order_acquire); }
+    // The core the worker holds from its table; false when it holds none (not pinned, stopped).
+    bool HeldCore(unsigned& core);
 
 private:
     bool OnWorker() const;

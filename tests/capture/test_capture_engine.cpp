@@ -1,10 +1,15 @@
 // Capture through the facade on the simulated card: the programming of a channel, the buffer
 // ring, frame delivery, DMA faults, the timing read-back and the stop.
 #include "../inject/InjectTestSupport.h"
+#include "../support/Environment.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <future>
 #include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
 
 namespace kvpcie::testing {
 namespace {
@@ -137,17 +142,58 @@ TEST_F(Capture, StoppingTheLastChannelEndsThePendingEventReadAndThePolling) {
 }
 
 // The polling thread wakes on the card's events and scans at least every millisecond without
-// them: either way, and with the two racing, each frame comes once and in order.
-class CaptureWake : public Capture, public ::testing::WithParamInterface<bool> {};
+// them: either way, and with the two racing, each frame comes once and in order; so too with
+// real-time polling, whose event threads run on the polling thread's core and take none of the
+// table's.
+struct WakeCase {
+    bool events;
+    bool realTime;
+};
+
+void PrintTo(const WakeCase& wake, std::ostream* out) {
+    *out << (wake.events ? "events" : "no events") << (wake.realTime ? ", real-time" : "");
+}
+
+class CaptureWake : public Capture, public ::testing::WithParamInterface<WakeCase> {
+protected:
+    void TearDown() override {
+        Capture::TearDown();
+        UnsetEnvironment("KVPCIE_REALTIME_POLLING");
+    }
+    // Cores the table still hands out before it has to share core 0.
+    unsigned FreeCores() {
+        std::vector<unsigned> taken;
+        for (;;) {
+            const unsigned core = manager.GetIdealCpuCoreIndex();
+            if (!std::string(manager.LastErrorText()).empty()) {
+                break;
+            }
+            taken.push_back(core);
+        }
+        for (unsigned core : taken) {
+            manager.ResetUsedCpuCoreIndex(core);
+        }
+        return static_cast<unsigned>(taken.size());
+    }
+};
 
 TEST_P(CaptureWake, EachFrameComesOnceAndInOrder) {
-    const bool events = GetParam();
+    const WakeCase wake = GetParam();
+    if (wake.realTime) {
+        SetEnvironment("KVPCIE_REALTIME_POLLING", "1");
+        manager.CloseCard();
+        ASSERT_TRUE(manager.OpenCard(path));  // the engines read it when the card opens
+    }
+    const unsigned cores = FreeCores();
     FrameSink sink(kFrameBytes);
     ASSERT_TRUE(StartQuiet(3, sink));
-    Write(ControlBlock(3) + kCtlNoEvents, events ? 0 : 1);
+    const unsigned threadCores = wake.realTime ? 1 : 2;  // the polling thread, its event thread
+    EXPECT_EQ(FreeCores(), cores - std::min(cores, threadCores));
+    Write(ControlBlock(3) + kCtlNoEvents, wake.events ? 0 : 1);
     Write(ControlBlock(3) + kCtlExternalRate, 500);
     ASSERT_TRUE(WaitFor([&] { return sink.delivered >= 300; })) << sink.delivered << " frames";
     manager.StopCapture(3);
+    EXPECT_EQ(FreeCores(), cores) << "every core back";
     const std::vector<std::uint32_t> numbers = sink.Numbers();
     for (std::size_t k = 1; k < numbers.size(); ++k) {
         ASSERT_GT(numbers[k], numbers[k - 1]) << "frame " << k;
@@ -158,13 +204,16 @@ TEST_P(CaptureWake, EachFrameComesOnceAndInOrder) {
     EXPECT_EQ(sink.badFrames, 0);
     KvPCIeSim::CardCounters counters{};
     if (KvPCIeSim::ReadCounters(kCard, counters)) {  // the in-process card counts its events
-        EXPECT_EQ(counters.userEventsRaised > 0, events);
+        EXPECT_EQ(counters.userEventsRaised > 0, wake.events);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Events, CaptureWake, ::testing::Values(true, false),
-                         [](const ::testing::TestParamInfo<bool>& info) {
-                             return info.param ? "Raised" : "NeverRaised";
+INSTANTIATE_TEST_SUITE_P(Events, CaptureWake,
+                         ::testing::Values(WakeCase{true, false}, WakeCase{false, false},
+                                           WakeCase{true, true}, WakeCase{false, true}),
+                         [](const ::testing::TestParamInfo<WakeCase>& info) {
+                             return std::string(info.param.events ? "Raised" : "NeverRaised") +
+                                    (info.param.realTime ? "RealTimePolling" : "");
                          });
 
 }  // namespace

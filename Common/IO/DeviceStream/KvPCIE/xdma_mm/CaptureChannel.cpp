@@ -7,6 +7,7 @@
 #include "XdmaDevice.h"
 
 #include "platform/SystemError.h"
+#include "platform/ThreadAffinity.h"
 
 #include <chrono>
 #include <cstdio>
@@ -146,9 +147,11 @@ void CaptureChannel::ForgetCallbacks() {
     frameCallbackEx_ = nullptr;
 }
 
-void CaptureChannel::StartEventWatch(CpuCoreSource* cores, const std::string& devicePath) {
+void CaptureChannel::StartEventWatch(CpuCoreSource* cores, const std::string& devicePath,
+                                     bool realTime) {
     std::lock_guard<std::mutex> watch(eventWatchLock_);
     StopEventWatchLocked();
+    eventThreadRealTime_ = realTime;
     const std::string path = devicePath + "\\event_" + std::to_string(channel_);
     eventFile_ = std::make_unique<EventFile>(path.c_str(), platform::kAccessRead);
     eventThread_.Start(cores, [this] { EventLoop(); }, kEventThreadNames[channel_]);
@@ -169,6 +172,10 @@ void CaptureChannel::StopEventWatchLocked() {
 
 void CaptureChannel::EventLoop() {
     const std::uint64_t openCount = card_.OpenCount();
+    if (eventThreadRealTime_) {
+        // A refusal is the polling thread's too, and it writes it to the log.
+        platform::RaiseThisThreadToRealTime();
+    }
     while (eventThread_.IsRunning()) {
         platform::SetLastError(0);
         if (eventFile_->Read(0) == 1) {

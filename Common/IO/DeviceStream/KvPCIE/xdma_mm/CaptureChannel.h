@@ -53,8 +53,9 @@ public:
     void ForgetCallbacks();
     bool IsStarted() const { return started_.load(std::memory_order_acquire); }
 
-    // The event thread waits on the card's event file of the channel.
-    void StartEventWatch(CpuCoreSource* cores, const std::string& devicePath);
+    // The event thread waits on the card's event file of the channel; `realTime`: at a
+    // real-time priority, where the OS grants it.
+    void StartEventWatch(CpuCoreSource* cores, const std::string& devicePath, bool realTime);
     void StopEventWatch();
 
     // Polling thread: one turn over the ready buffers, when the channel is started.
@@ -102,6 +103,7 @@ private:
     std::mutex eventWatchLock_;
     std::unique_ptr<EventFile> eventFile_;
     PinnedWorker eventThread_;
+    bool eventThreadRealTime_ = false;  // under eventWatchLock_; read by the thread it starts
     AutoResetEvent eventObject_;
     AutoResetEvent& pollerWake_;
 };

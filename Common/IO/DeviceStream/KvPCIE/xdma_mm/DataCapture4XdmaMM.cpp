@@ -39,6 +39,7 @@ DataCapture4XdmaMM::DataCapture4XdmaMM(std::shared_ptr<XdmaCard> card, CpuCoreSo
     : QObject(nullptr),
       card_(std::move(card)),
       cores_(cores),
+      realTimePolling_(qEnvironmentVariableIntValue("KVPCIE_REALTIME_POLLING") == 1),
       devicePath_(devicePath),
       log_("Capture_AllChannel"),
       channels_{{{*card_, 0, log_, saveLog_, pollerWake_},
@@ -98,11 +99,25 @@ bool DataCapture4XdmaMM::StartChannel(const KvFrameFormat& format, CaptureFrameC
         pollingThread_.Start(cores_, [this] { PollingLoop(); }, "kvpcie-capture");
     }
     channel.Prepare(format, userContext, frameBuffer);
-    channel.StartEventWatch(cores_, devicePath_);
+    channel.StartEventWatch(EventThreadCores(), devicePath_, realTimePolling_);
     channel.ProgramCard();
     channel.Go();
     WriteEnableMask(c, true);
     return true;
+}
+
+unsigned DataCapture4XdmaMM::PollingThreadCore::TakeCore() {
+    unsigned core = 0;
+    poller_.HeldCore(core);
+    return core;
+}
+
+CpuCoreSource* DataCapture4XdmaMM::EventThreadCores() {
+    unsigned core = 0;
+    if (realTimePolling_ && pollingThread_.HeldCore(core)) {
+        return &pollingThreadCore_;
+    }
+    return cores_;
 }
 
 void DataCapture4XdmaMM::WriteEnableMask(int c, bool on) {
@@ -156,8 +171,7 @@ bool DataCapture4XdmaMM::IsStartCapture(int c) const {
 void DataCapture4XdmaMM::PollingLoop() {
     pollingEngine = this;
     // Off unless asked for: a real-time thread that misbehaves can starve the whole core.
-    if (qEnvironmentVariableIntValue("KVPCIE_REALTIME_POLLING") == 1 &&
-        !platform::RaiseThisThreadToRealTime()) {
+    if (realTimePolling_ && !platform::RaiseThisThreadToRealTime()) {
         log_.WriteLog("the polling thread keeps its normal priority: %s",
                       platform::ErrorText(platform::LastError()).c_str());
     }

@@ -102,8 +102,28 @@ private:
 
     static bool ValidChannel(int channel) { return channel >= 0 && channel < kChannelCount; }
 
+    // Hands out the polling thread's own core and takes nothing from the table: with
+    // real-time polling the event threads run beside the thread they wake, so that a wake-up
+    // needs no other core (one that sleeps, in a virtual machine above all, takes a tenth of a
+    // millisecond to answer).
+    class PollingThreadCore final : public CpuCoreSource {
+    public:
+        explicit PollingThreadCore(PinnedWorker& poller) : poller_(poller) {}
+        unsigned TakeCore() override;
+        void ReturnCore(unsigned) override {}
+
+    private:
+        PinnedWorker& poller_;
+    };
+
+    // Where a new event thread's core comes from.
+    CpuCoreSource* EventThreadCores();
+
     const std::shared_ptr<XdmaCard> card_;
     CpuCoreSource* const cores_;
+    // KVPCIE_REALTIME_POLLING=1 at construction: the polling thread and the event threads run
+    // at a real-time priority, on the polling thread's core.
+    const bool realTimePolling_;
     const std::string devicePath_;
     std::atomic<bool> saveLog_{false};
     LogFile log_;
@@ -111,6 +131,7 @@ private:
     AutoResetEvent pollerWake_;
     std::array<CaptureChannel, kChannelCount> channels_;
     PinnedWorker pollingThread_;
+    PollingThreadCore pollingThreadCore_{pollingThread_};
     PinnedWorker recordingThread_;
     PinnedWorker statusThread_;
     QTimer statusTimer_;
