@@ -10,6 +10,9 @@
 #define PACKAGE "KvPCIeInjectSdk"
 
 static gboolean plugin_init(GstPlugin* plugin) {
+    // A pipeline may write its frames to standard output (fdsink): the library's lines about
+    // the device files it opens go to standard error.
+    g_setenv("KVPCIE_CONSOLE", "stderr", FALSE);
     return gst_element_register(plugin, "kvpciesrc", GST_RANK_NONE, GST_TYPE_KVPCIE_SRC) &&
            gst_element_register(plugin, "kvpciesink", GST_RANK_NONE, GST_TYPE_KVPCIE_SINK);
 }

@@ -4,7 +4,7 @@
 # (what runs TOOL, such as Wine for a Windows build), COPY_TOOL (run a copy of TOOL in WORK_DIR,
 # whose files beside the program are then the scratch directory's) and JSON_GET ("|"-separated
 # path): standard output must then be one JSON document alone, whose value at that path matches
-# JSON_MATCH.
+# JSON_MATCH; STDOUT: a regex that standard output, stripped, must match as a whole.
 file(REMOVE_RECURSE ${WORK_DIR})
 file(MAKE_DIRECTORY ${WORK_DIR})
 foreach(log Capture_AllChannel Inject_AllChannel InjectReadFile)
@@ -33,9 +33,15 @@ endif()
 if(NOT "${out}${err}" MATCHES "${REGEX}")
     message(FATAL_ERROR "kvpcie ${args}: output does not match \"${REGEX}\":\n${out}\n${err}")
 endif()
+string(STRIP "${out}" stripped_out)
+if(STDOUT AND NOT "${stripped_out}" MATCHES "^${STDOUT}$")
+    message(FATAL_ERROR "kvpcie ${args}: standard output is not \"${STDOUT}\" alone:\n${out}")
+endif()
 if(NOT CODE EQUAL 0)
-    # A failure is one line on standard error.
-    string(REGEX MATCHALL "\n" lines "${err}")
+    # A failure is one line on standard error, beside the library's lines about the device
+    # files it opened.
+    string(REGEX REPLACE "Device (base path|node): [^\n]*\n" "" own_err "${err}")
+    string(REGEX MATCHALL "\n" lines "${own_err}")
     list(LENGTH lines count)
     if(NOT count EQUAL 1)
         message(FATAL_ERROR "kvpcie ${args}: expected one line on stderr, got:\n${err}")

@@ -3,6 +3,8 @@
 
 #include "PixelTypeNames.h"
 
+#include <QString>
+
 #include <cctype>
 
 namespace kvpcie::cli {
@@ -48,6 +50,31 @@ void Arguments::AllowOnly(const std::set<std::string>& known) const {
             throw UsageError{"unknown option " + option};
         }
     }
+}
+
+double ParseSeconds(const std::string& text, double high) {
+    // Digits with at most one point among them: nothing else (no sign, exponent or spaces).
+    std::size_t digits = 0;
+    std::size_t points = 0;
+    for (const char c : text) {
+        if (std::isdigit(static_cast<unsigned char>(c))) {
+            ++digits;
+        } else if (c == '.') {
+            ++points;
+        } else {
+            digits = 0;
+            break;
+        }
+    }
+    if (digits == 0 || points > 1 || text.size() > 20) {
+        throw UsageError{"seconds is not a number: \"" + text + "\""};
+    }
+    const double value = QString::fromStdString(text).toDouble();
+    if (value < 0.001 || value > high) {
+        throw UsageError{"seconds must be from 0.001 to " +
+                         QString::number(high, 'f', 0).toStdString() + ": " + text};
+    }
+    return value;
 }
 
 std::uint64_t ParseNumber(const std::string& text, const char* what, std::uint64_t low,

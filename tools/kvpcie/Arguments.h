@@ -38,6 +38,9 @@ private:
 // not within [low, high].
 std::uint64_t ParseNumber(const std::string& text, const char* what, std::uint64_t low,
                           std::uint64_t high);
+// Seconds, whole or decimal ("2", "0.5", ".25"), from 0.001 to `high`; a usage error says why
+// not.
+double ParseSeconds(const std::string& text, double high);
 // The pixel type by name: UYVY422, Y8, Y16, Y16&Y8 (or Y16_Y8), BGR24.
 ePixelType ParsePixelType(const std::string& text);
 // "0,2,3": distinct channels 0 to 3.

@@ -61,7 +61,7 @@ int RunCapture(const std::vector<std::string>& args) {
     const FrameGeometry geometry = ParseGeometry(arguments);
     const RunLimits limits = ParseRunLimits(arguments);
     const std::uint64_t frameLimit = limits.frames;
-    const std::uint64_t seconds = limits.seconds;
+    const double seconds = limits.seconds;
     const auto snapshotDir = arguments.Value("--snapshot");
     if (snapshotDir && !QDir().mkpath(QString::fromStdString(*snapshotDir))) {
         throw RuntimeError{"cannot create " + *snapshotDir};
@@ -101,7 +101,7 @@ int RunCapture(const std::vector<std::string>& args) {
         if (interrupted.load()) {
             return true;
         }
-        if (seconds != 0 && Clock::now() - start >= std::chrono::seconds(seconds)) {
+        if (seconds != 0 && Clock::now() - start >= std::chrono::duration<double>(seconds)) {
             return true;
         }
         if (frameLimit == 0) {

@@ -253,9 +253,8 @@ int RunStatus(const std::vector<std::string>& args) {
     const bool asJson = arguments.Has("--json");
     JsonOutput json(asJson);
     const int channel = static_cast<int>(ParseNumber(arguments.Words()[0], "channel", 0, 3));
-    const auto seconds = arguments.Value("--seconds")
-                             ? ParseNumber(*arguments.Value("--seconds"), "seconds", 1, 86400)
-                             : 0;
+    const double seconds =
+        arguments.Value("--seconds") ? ParseSeconds(*arguments.Value("--seconds"), 86400) : 0;
     CatchInterrupts();
     PCIeDataManager manager;
     OpenChosenCard(manager);
@@ -283,13 +282,13 @@ int RunStatus(const std::vector<std::string>& args) {
     if (seconds == 0) {
         std::printf("waiting for status blocks on channel %d (Ctrl-C ends)\n", channel);
     } else {
-        std::printf("waiting %lld s for status blocks on channel %d (Ctrl-C ends)\n",
-                    static_cast<long long>(seconds), channel);
+        std::printf("waiting %g s for status blocks on channel %d (Ctrl-C ends)\n", seconds,
+                    channel);
     }
     std::fflush(stdout);
     QElapsedTimer clock;
     clock.start();
-    while (!interrupted.load() && (seconds == 0 || clock.elapsed() < qint64(seconds) * 1000)) {
+    while (!interrupted.load() && (seconds == 0 || clock.elapsed() < seconds * 1000)) {
         // The library's 20 ms status timer wakes the loop, so Ctrl-C is seen soon.
         QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
     }

@@ -31,7 +31,7 @@ RunLimits ParseRunLimits(const Arguments& arguments) {
         limits.frames = ParseNumber(*frames, "frames", 1, 1000000000);
     }
     if (const auto seconds = arguments.Value("--seconds")) {
-        limits.seconds = ParseNumber(*seconds, "seconds", 1, 86400 * 365);
+        limits.seconds = ParseSeconds(*seconds, 86400.0 * 365);
     } else if (limits.frames == 0) {
         limits.seconds = 10;
     }

@@ -28,7 +28,7 @@ FrameGeometry ParseGeometry(const Arguments& arguments, FrameGeometry defaults =
 // --frames N and --seconds S; without either, 10 seconds. 0 means no limit of that kind.
 struct RunLimits {
     std::uint64_t frames = 0;
-    std::uint64_t seconds = 0;
+    double seconds = 0;
 };
 RunLimits ParseRunLimits(const Arguments& arguments);
 

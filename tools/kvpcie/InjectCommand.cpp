@@ -47,7 +47,7 @@ int RunInject(const std::vector<std::string>& args) {
         static_cast<int>(ParseNumber(arguments.Value("--rate").value_or("25"), "rate", 1, 10000));
     const RunLimits limits = ParseRunLimits(arguments);
     const std::uint64_t frameLimit = limits.frames;
-    const std::uint64_t seconds = limits.seconds;
+    const double seconds = limits.seconds;
     FrameGeometry geometry;
     std::unique_ptr<tools::RawFrameFile> raw;
     if (const auto file = arguments.Value("--file")) {
@@ -100,7 +100,7 @@ int RunInject(const std::vector<std::string>& args) {
     const auto start = Clock::now();
     auto nextReport = start + std::chrono::seconds(1);
     while (!interrupted.load() && !CardIsGone(manager) &&
-           (seconds == 0 || Clock::now() - start < std::chrono::seconds(seconds)) &&
+           (seconds == 0 || Clock::now() - start < std::chrono::duration<double>(seconds)) &&
            (frameLimit == 0 || queued < frameLimit)) {
         eErrorCode error = ERR_NONE;
         if (manager.StartInject(channel, rate, geometry.width, geometry.height, geometry.type, 0,

@@ -156,7 +156,7 @@ std::uint64_t RecordedBytes(int channel) {
 
 struct LoopbackOptions {
     std::vector<int> channels;
-    long long seconds = 5;
+    double seconds = 5;
     int rate = 25;
     FrameGeometry geometry;
     bool record = false;
@@ -193,7 +193,7 @@ LoopbackOptions ParseLoopbackOptions(const std::vector<std::string>& args) {
     }
     LoopbackOptions options;
     options.channels = ParseChannels(arguments.Value("--channels").value_or("0,1,2,3"));
-    options.seconds = ParseNumber(arguments.Value("--seconds").value_or("5"), "seconds", 1, 86400);
+    options.seconds = ParseSeconds(arguments.Value("--seconds").value_or("5"), 86400);
     options.rate =
         static_cast<int>(ParseNumber(arguments.Value("--rate").value_or("25"), "rate", 1, 1000));
     options.geometry = ParseGeometry(arguments);
@@ -345,7 +345,7 @@ int RunLoopback(const std::vector<std::string>& args) {
     using Clock = std::chrono::steady_clock;
     const auto start = Clock::now();
     while (!interrupted.load() && !anyGone() &&
-           Clock::now() - start < std::chrono::seconds(options.seconds)) {
+           Clock::now() - start < std::chrono::duration<double>(options.seconds)) {
         bool queuedAny = false;
         for (const std::unique_ptr<LoopbackCard>& card : cards) {
             queuedAny = FeedChannels(*card, options) || queuedAny;

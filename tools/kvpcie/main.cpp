@@ -44,6 +44,11 @@ int main(int argc, char** argv) {
     using namespace kvpcie::cli;
     // Qt's own messages and the status timer need an application object.
     QCoreApplication application(argc, argv);
+    // Standard output holds the command's results alone (v=$(kvpcie reg read ...)): the
+    // library's lines about the device files it opens go to standard error.
+    if (qEnvironmentVariableIsEmpty("KVPCIE_CONSOLE")) {
+        qputenv("KVPCIE_CONSOLE", "stderr");
+    }
     std::vector<std::string> words(argv + 1, argv + argc);
     // --sim and --card N may stand before or after the command.
     bool cardGiven = false;

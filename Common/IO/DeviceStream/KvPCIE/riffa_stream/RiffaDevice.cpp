@@ -1,6 +1,7 @@
 // The RIFFA device library over the OS layer's device-control requests.
 #include "RiffaDevice.h"
 
+#include "Common/ConsoleMessages.h"
 #include "drivers/RiffaDriverInterface.h"
 
 #include "platform/DeviceInterfaces.h"
@@ -42,10 +43,10 @@ int PrintListingStop(const platform::ListingStop& stop) {
         case platform::ListingStop::Reason::None:
             return 0;
         case platform::ListingStop::Reason::InterfaceDetail:
-            std::printf("SetupDiGetDeviceInterfaceDetail failed, Error: %d\n", stop.error);
+            PrintConsoleMessage("SetupDiGetDeviceInterfaceDetail failed, Error: %d\n", stop.error);
             return stop.error;
         case platform::ListingStop::Reason::OutOfMemory:
-            std::printf("Insufficient memory.\n");
+            PrintConsoleMessage("Insufficient memory.\n");
             return platform::SystemCode(platform::Error::NotEnoughMemory);
     }
     return 0;
@@ -63,7 +64,7 @@ platform::ControlDevicePtr RiffaDevice::OpenDeviceHandle(int index, bool overlap
     std::vector<std::string> paths;
     platform::ListingStop stop;
     if (!platform::ListDeviceInterfaces(platform::kRiffaInterfaceClass, paths, &stop)) {
-        std::printf("SetupDiGetClassDevs failed, Error: %d\n", platform::LastError());
+        PrintConsoleMessage("SetupDiGetClassDevs failed, Error: %d\n", platform::LastError());
         return nullptr;
     }
     // The OS layer walks the interfaces in order, so an interface at or before `index` that
@@ -75,13 +76,14 @@ platform::ControlDevicePtr RiffaDevice::OpenDeviceHandle(int index, bool overlap
     }
     if (index < 0 || static_cast<std::size_t>(index) >= paths.size()) {
         platform::SetLastError(platform::Error::NoMoreItems);
-        std::printf("SetupDiEnumDeviceInterfaces failed, Error: %d\n", platform::LastError());
+        PrintConsoleMessage("SetupDiEnumDeviceInterfaces failed, Error: %d\n",
+                            platform::LastError());
         return nullptr;
     }
     platform::ControlDevicePtr handle =
         platform::OpenControlDevice(paths[static_cast<std::size_t>(index)], overlapped);
     if (!handle) {
-        std::printf("CreateFile failed.  Error:%d\n", platform::LastError());
+        PrintConsoleMessage("CreateFile failed.  Error:%d\n", platform::LastError());
     }
     return handle;
 }
@@ -94,7 +96,7 @@ int RiffaDevice::List(fpga_info_list* list) {
     std::vector<std::string> paths;
     platform::ListingStop stop;
     if (!platform::ListDeviceInterfaces(platform::kRiffaInterfaceClass, paths, &stop)) {
-        std::printf("SetupDiGetClassDevs failed, Error: %d\n", platform::LastError());
+        PrintConsoleMessage("SetupDiGetClassDevs failed, Error: %d\n", platform::LastError());
         return platform::LastError();
     }
     for (std::size_t index = 0; index < paths.size(); ++index) {
@@ -104,7 +106,7 @@ int RiffaDevice::List(fpga_info_list* list) {
         }
         const platform::ControlDevicePtr device = platform::OpenControlDevice(paths[index], false);
         if (!device) {
-            std::printf("CreateFile failed.  Error:%d\n", platform::LastError());
+            PrintConsoleMessage("CreateFile failed.  Error:%d\n", platform::LastError());
             return platform::LastError();
         }
         const std::int32_t slot = static_cast<std::int32_t>(index);
@@ -115,7 +117,7 @@ int RiffaDevice::List(fpga_info_list* list) {
             const int error = result.outcome == Outcome::AbortedLater
                                   ? platform::SystemCode(platform::Error::OperationAborted)
                                   : result.error;
-            std::printf("Error in DeviceIoControl: %d\n", error);
+            PrintConsoleMessage("Error in DeviceIoControl: %d\n", error);
             return error;
         }
         ++list->fpgaCount;
@@ -156,7 +158,7 @@ void RiffaDevice::Close() {
 
 platform::ControlDevice* RiffaDevice::UsableHandle() {
     if (!fpga_ || !fpga_->deviceHandle) {
-        std::printf("Invalid fpga_t device handle\n");
+        PrintConsoleMessage("Invalid fpga_t device handle\n");
         return nullptr;
     }
     return fpga_->deviceHandle.get();
@@ -193,13 +195,13 @@ std::int32_t RiffaDevice::Transfer(std::uint32_t code, int channel, void* data, 
         case platform::ControlResult::Outcome::CompletedLater:
             break;
         case platform::ControlResult::Outcome::Failed:
-            std::printf("Error in DeviceIoControl: %d\n", result.error);
+            PrintConsoleMessage("Error in DeviceIoControl: %d\n", result.error);
             return 0;
         case platform::ControlResult::Outcome::AbortedLater:
-            std::printf("Operation timed out or was aborted\n");
+            PrintConsoleMessage("Operation timed out or was aborted\n");
             break;
         case platform::ControlResult::Outcome::FailedLater:
-            std::printf("Error in GetOverlappedResult: %d\n", result.error);
+            PrintConsoleMessage("Error in GetOverlappedResult: %d\n", result.error);
             break;
     }
     return static_cast<std::int32_t>(result.count);
@@ -225,14 +227,14 @@ void RiffaDevice::Reset() {
     const platform::ControlResult result = handle->Control(kResetCode, nullptr, 0, nullptr, 0);
     switch (result.outcome) {
         case platform::ControlResult::Outcome::Failed:
-            std::printf("Error in DeviceIoControl: %d\n", result.error);
+            PrintConsoleMessage("Error in DeviceIoControl: %d\n", result.error);
             break;
         case platform::ControlResult::Outcome::AbortedLater:
-            std::printf("Error in GetOverlappedResult: %d\n",
-                        platform::SystemCode(platform::Error::OperationAborted));
+            PrintConsoleMessage("Error in GetOverlappedResult: %d\n",
+                                platform::SystemCode(platform::Error::OperationAborted));
             break;
         case platform::ControlResult::Outcome::FailedLater:
-            std::printf("Error in GetOverlappedResult: %d\n", result.error);
+            PrintConsoleMessage("Error in GetOverlappedResult: %d\n", result.error);
             break;
         default:
             break;

@@ -3,6 +3,7 @@
 
 #include "drivers/XdmaCardRegisters.h"
 
+#include "Common/ConsoleMessages.h"
 #include "Common/WriterFirstSharedMutex.h"
 #include "platform/SystemError.h"
 
@@ -116,8 +117,8 @@ DeviceFilePtr XdmaOpenDeviceFile(const char* interfacePath, const char* node, un
         platform::SetLastError(platform::Error::InvalidParameter);
         return nullptr;
     }
-    std::printf("Device base path: %s\n", interfacePath);
-    std::printf("Device node: %s\n", node);
+    PrintConsoleMessage("Device base path: %s\n", interfacePath);
+    PrintConsoleMessage("Device node: %s\n", node);
     char path[kPathBufferBytes];
     const int length = std::snprintf(path, sizeof path, "%s\\%s", interfacePath, node);
     DeviceFilePtr file;
