@@ -60,6 +60,12 @@ bool IsCaptureFormatAcceptable(unsigned channel, int width, int height, ePixelTy
     return true;
 }
 
+bool PCIeDataManager::IsCaptureFormatAcceptable(unsigned int channel, int width, int height,
+                                                ePixelType pixelType) {
+    kvpcie::ClearErrorText();
+    return ::IsCaptureFormatAcceptable(channel, width, height, pixelType);
+}
+
 bool PCIeDataManager::PreProcCapture(KvFrameFormat& format, unsigned int channel, bool cardTiming,
                                      int width, int height, ePixelType pixelType) {
     if (!kvpcie::OpenFirstXdmaCardIfNone(d, "StartCapture")) {

@@ -5,15 +5,25 @@
 
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/InjectFormat.h"
 
+#include <KvPCIeInjectSdk/PCIeDataManager.h>
+
 bool IsInjectRequestAcceptable(const KvFrameFormat& format, const char* frameData) {
+    if (!IsInjectFormatAcceptable(format)) {
+        return false;
+    }
+    // Last: a host that could not size a frame for a bad format learns what is wrong with it.
+    if (frameData == nullptr) {
+        kvpcie::SetErrorText("frameData is null");
+        return false;
+    }
+    return true;
+}
+
+bool IsInjectFormatAcceptable(const KvFrameFormat& format) {
     using namespace kvpcie;
     using xdma::kMaxInjectGeometryField;
     if (format.channel >= static_cast<unsigned>(xdma::kChannelCount)) {
         SetErrorText("channel %u is outside 0 to 3", format.channel);
-        return false;
-    }
-    if (frameData == nullptr) {
-        SetErrorText("frameData is null");
         return false;
     }
     if (format.frameRate <= 0) {
@@ -41,4 +51,16 @@ bool IsInjectRequestAcceptable(const KvFrameFormat& format, const char* frameDat
         return false;
     }
     return true;
+}
+
+bool PCIeDataManager::IsInjectFormatAcceptable(unsigned int channel, int frameRate, int width,
+                                               int height, ePixelType pixelType) {
+    kvpcie::ClearErrorText();
+    KvFrameFormat format;
+    format.channel = channel;
+    format.frameRate = frameRate;
+    format.width = width;
+    format.height = height;
+    format.pixelType = pixelType;
+    return ::IsInjectFormatAcceptable(format);
 }

@@ -121,6 +121,11 @@ public:
                       ePixelType pixelType, eErrorCode& error, CaptureFrameCallbackEx callback,
                       void* userContext, char* frameBuffer);
     ///@}
+    /// Whether StartCapture would take this channel and format, by the same checks and without
+    /// touching the card: for a host that sizes its buffers only for a format the card can
+    /// take. When not, LastErrorText says why, in StartCapture's words.
+    bool IsCaptureFormatAcceptable(unsigned int channel, int width, int height,
+                                   ePixelType pixelType);
     /// When it returns, the channel's frame buffer and callback are no longer used (called from
     /// the channel's own callback: once that callback returns). Channels outside 0 to 3 are
     /// ignored here and in every other operation that takes a channel (false or null results).
@@ -175,6 +180,11 @@ public:
     /// data is not touched; the copy in the queue is.
     bool StartInject(unsigned int channel, int frameRate, int width, int height,
                      ePixelType pixelType, int linePeriod, char* frameData, eErrorCode& error);
+    /// Whether the first StartInject of a run would take this channel and format, by the same
+    /// checks and without touching the card (a parameter line switched on is not counted).
+    /// When not, LastErrorText says why, in StartInject's words.
+    bool IsInjectFormatAcceptable(unsigned int channel, int frameRate, int width, int height,
+                                  ePixelType pixelType);
     /// Stops handing the channel's frames to the card and drops those still queued; the card
     /// stops playing the channel. Blocks 50 ms.
     void StopInject(int channel);

@@ -9,6 +9,7 @@
 
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <ostream>
 #include <string>
@@ -65,6 +66,9 @@ constexpr FrameRequest kRefusedInjects[] = {
     {"InjectOnChannelUintMax", UINT_MAX, 25, kWidth, kHeight, Y16, false,
      "channel 4294967295 is outside 0 to 3"},
     {"InjectNullFrame", 0, 25, kWidth, kHeight, Y16, true, "frameData is null"},
+    // A host that could not size a frame for a bad format learns what is wrong with the format.
+    {"InjectNullFrameOfABadFormat", 0, 25, 4096, 2561, Y16, true,
+     "frame of 20,979,712 bytes exceeds the 20 MiB card buffer"},
     {"InjectFrameRateZero", 0, 0, kWidth, kHeight, Y16, false, "frame rate 0 is below 1"},
     {"InjectFrameRateNegative", 0, -25, kWidth, kHeight, Y16, false, "frame rate -25 is below 1"},
     {"InjectPixel32", 0, 25, kWidth, kHeight, PIXEL32, false, "pixel type 5 cannot be injected"},
@@ -100,6 +104,15 @@ Row CaptureRefused(const FrameRequest& request) {
                 EXPECT_EQ(error, ERR_NO_CARD);
                 ExpectReason(m, request.reason);
                 ExpectCardUntouched(m);
+                // The check a host makes before it sizes its buffer says the same, of the format.
+                const bool onlyTheBuffer = std::strstr(request.reason, "is null") != nullptr;
+                EXPECT_EQ(m.IsCaptureFormatAcceptable(request.channel, request.width,
+                                                      request.height, request.type),
+                          onlyTheBuffer);
+                if (!onlyTheBuffer) {
+                    ExpectReason(m, request.reason);
+                }
+                ExpectCardUntouched(m);
             }};
 }
 
@@ -111,6 +124,14 @@ Row InjectRefused(const FrameRequest& request) {
                                        request.type, 0, DataFor(request), error));
             EXPECT_EQ(error, ERR_NO_CARD);
             ExpectReason(m, request.reason);
+            ExpectCardUntouched(m);
+            const bool onlyTheFrame = std::strstr(request.reason, "is null") != nullptr;
+            EXPECT_EQ(m.IsInjectFormatAcceptable(request.channel, request.rate, request.width,
+                                                 request.height, request.type),
+                      onlyTheFrame);
+            if (!onlyTheFrame) {
+                ExpectReason(m, request.reason);
+            }
             ExpectCardUntouched(m);
         }};
 }
