@@ -169,6 +169,23 @@ TEST_F(Kvviewer, ShowsWhatAnotherProcessInjectsThroughTheDriverModel) {
     EXPECT_GT(FramesPrinted(run.out, 0), 0) << run.out.toStdString();
 }
 
+TEST_F(Kvviewer, TheDemoRunsOnTheSimulatedCardWithoutBeingToldSo) {
+    if (!qEnvironmentVariableIsEmpty("KVPCIE_MODEL_ROOT")) {
+        GTEST_SKIP() << "the driver model's card is named: the demo runs there";
+    }
+    const QString shot = scratch.filePath(QStringLiteral("demo.png"));
+    const QByteArray simulated = qgetenv("KVPCIE_SIM");
+    qunsetenv("KVPCIE_SIM");  // nothing but --demo names the card
+    const ViewerRun run = Run({"--demo", "--quit-after", "1500", "--screenshot", shot});
+    if (!simulated.isNull()) {
+        qputenv("KVPCIE_SIM", simulated);
+    }
+    ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+    EXPECT_FALSE(run.err.contains(QStringLiteral("needs the simulated card")))
+        << run.err.toStdString();
+    EXPECT_GT(FramesPrinted(run.out, 0), 0) << run.out.toStdString();
+}
+
 TEST_F(Kvviewer, RefusesBadCommandLinesAndUnsavableScreenshots) {
     const std::pair<QStringList, const char*> cases[] = {
         {{"--bogus"}, "unknown option --bogus"},

@@ -9,9 +9,11 @@
 
 #include <QApplication>
 #include <QComboBox>
-#include <QMouseEvent>
 #include <QLabel>
+#include <QMouseEvent>
 #include <QPushButton>
+#include <QScreen>
+#include <QSettings>
 #include <QSpinBox>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -78,6 +80,9 @@ private slots:
     void aStartedChannelCountsFrames();
     void aCardThatGoesAwayShowsABannerAndALogLine();
     void theFormatChangesWhileTheChannelRuns();
+    void aFormatTheCardCannotTakeIsRefusedBeforeAnythingIsSized_data();
+    void aFormatTheCardCannotTakeIsRefusedBeforeAnythingIsSized();
+    void aKeptGeometryLargerThanTheScreenIsBroughtOntoIt();
     void theInspectorShowsTheCardPatternsValue_data();
     void theInspectorShowsTheCardPatternsValue();
     void anInjectedPatternComesBackInThatChannelsPicture();
@@ -86,6 +91,7 @@ private slots:
     void aRegisterWrittenInThePanelReadsBack();
     void theFormatAndCardAreKeptForTheNextSession();
     void anotherCardOpensInPlaceOfTheFirstWhichIsLetGo();
+    void aRiffaDeviceLeavesNoStartOrPlayButtonToPress();
 
 private:
     std::unique_ptr<StudioWindow> MakeWindow(bool keepSettings = false);
@@ -144,6 +150,10 @@ void StudioTest::aStartedChannelCountsFrames() {
     QTest::mouseClick(panel->findChild<QPushButton*>(QStringLiteral("start")), Qt::LeftButton);
     QVERIFY2(panel->IsRunning(), qPrintable(window_->Log()->toPlainText()));
     QTRY_VERIFY_WITH_TIMEOUT(panel->Frames() >= 10, kWaitMs);
+    // The card's own count of frames it had no buffer for stands beside the host's.
+    QTRY_VERIFY_WITH_TIMEOUT(panel->StateText().contains(QRegularExpression(QStringLiteral(
+                                 "[0-9]+ failed, [0-9]+ flagged, [0-9]+ lost on the card"))),
+                             kWaitMs);
     window_->SetCurrentChannel(2);
     QTRY_VERIFY_WITH_TIMEOUT(window_->Inspect()->StatisticsText().contains(
                                  QRegularExpression(QStringLiteral("delivered [1-9]"))),
@@ -193,6 +203,69 @@ void StudioTest::theFormatChangesWhileTheChannelRuns() {
     QCOMPARE(frame.size(), std::size_t{200 * 100 * 2});
     // The frames of the new format are the card's pattern for it.
     QCOMPARE(static_cast<unsigned char>(frame[20]), PatternByte(20, FrameNumber(frame)));
+}
+
+void StudioTest::aFormatTheCardCannotTakeIsRefusedBeforeAnythingIsSized_data() {
+    QTest::addColumn<int>("width");
+    QTest::addColumn<int>("height");
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QString>("reason");
+    QTest::newRow("the largest the boxes take")
+        << 65535 << 65535 << int(Y16) << "exceeds the 20 MiB card buffer";
+    QTest::newRow("8000 x 8000") << 8000 << 8000 << int(Y16) << "exceeds the 20 MiB card buffer";
+    QTest::newRow("no width") << 0 << 256 << int(Y8) << "width 0 is outside 1 to 65535";
+    QTest::newRow("too high") << 320 << 70000 << int(Y8) << "height 70000 is outside 1 to 65535";
+}
+
+void StudioTest::aFormatTheCardCannotTakeIsRefusedBeforeAnythingIsSized() {
+    QFETCH(int, width);
+    QFETCH(int, height);
+    QFETCH(int, type);
+    QFETCH(QString, reason);
+    CapturePanel* panel = window_->Capture(0);
+    QVERIFY(panel->Start());
+    const int windowWidth = window_->width();
+    const std::size_t held = panel->HeldFrameBytes();
+    const std::uint64_t frames = panel->Frames();
+    QVERIFY(!panel->SetFormat(CaptureFormat{width, height, static_cast<ePixelType>(type), false}));
+    QVERIFY2(window_->Log()->toPlainText().contains(reason),
+             qPrintable(window_->Log()->toPlainText()));
+    // Nothing was sized for it, and the channel goes on as it was.
+    QCOMPARE(panel->HeldFrameBytes(), held);
+    QCOMPARE(panel->Format().width, 320);
+    QVERIFY(panel->IsRunning());
+    QTRY_VERIFY_WITH_TIMEOUT(panel->Frames() > frames, kWaitMs);
+    QCOMPARE(window_->width(), windowWidth);
+    // Stopped, the same format is refused at the start and nothing is held for it.
+    panel->Stop();
+    QVERIFY(!panel->SetFormat(CaptureFormat{width, height, static_cast<ePixelType>(type), false}));
+    QVERIFY(panel->Start());
+}
+
+void StudioTest::aKeptGeometryLargerThanTheScreenIsBroughtOntoIt() {
+    window_->Shutdown();
+    window_.reset();
+    {
+        // As a window that something had widened far past the screen would have kept it.
+        QWidget huge;
+        huge.setGeometry(3000, 2000, 22297, 9000);
+        QSettings(QStringLiteral("KvPCIeInjectSdk"), QStringLiteral("kvviewer"))
+            .setValue(QStringLiteral("window/geometry"), huge.saveGeometry());
+    }
+    ViewerOptions options;
+    options.noSettings = false;
+    StudioWindow window(options);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    const QRect available = QGuiApplication::primaryScreen()->availableGeometry();
+    QVERIFY2(available.contains(window.geometry()), qPrintable(QStringLiteral("%1 x %2 at %3, %4")
+                                                                   .arg(window.width())
+                                                                   .arg(window.height())
+                                                                   .arg(window.x())
+                                                                   .arg(window.y())));
+    window.Shutdown();
+    // The next cases start from no kept settings.
+    QSettings(QStringLiteral("KvPCIeInjectSdk"), QStringLiteral("kvviewer")).clear();
 }
 
 void StudioTest::theInspectorShowsTheCardPatternsValue_data() {
@@ -246,6 +319,12 @@ void StudioTest::anInjectedPatternComesBackInThatChannelsPicture() {
                           1));  // capture channel 3 plays inject channel 3
     InjectPage* inject = window_->Inject();
     window_->SetCurrentChannel(kChannel);
+    // A frame larger than a card buffer is refused before anything is sized for it.
+    inject->ChooseSource(InjectSource{QString(), 65535, 65535, Y16, 25, true});
+    QVERIFY(!inject->Play());
+    QTRY_VERIFY_WITH_TIMEOUT(
+        inject->StatisticsText().contains(QStringLiteral("exceeds the 20 MiB card buffer")),
+        kWaitMs);
     inject->ChooseSource(InjectSource{QString(), 320, 256, Y8, 25, true});
     QVERIFY2(inject->Play(), qPrintable(window_->Log()->toPlainText()));
     CapturePanel* panel = window_->Capture(kChannel);
@@ -261,9 +340,9 @@ void StudioTest::anInjectedPatternComesBackInThatChannelsPicture() {
                         kvpcie::tools::LoopbackCheck::Verified),
         kWaitMs);
     QVERIFY(verified);
-    QTRY_VERIFY_WITH_TIMEOUT(
-        inject->StatisticsText().contains(QRegularExpression(QStringLiteral("played [1-9]"))),
-        kWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(inject->StatisticsText().contains(QRegularExpression(QStringLiteral(
+                                 "handed to the card [1-9].*\n.*the card: played [1-9]"))),
+                             kWaitMs);
     inject->StopChannel(kChannel);
     QVERIFY(!inject->IsPlaying(kChannel));
 }
@@ -271,6 +350,7 @@ void StudioTest::anInjectedPatternComesBackInThatChannelsPicture() {
 void StudioTest::aCommandIsSentAndCounted() {
     window_->SetCurrentChannel(1);
     CommandPage* commands = window_->Commands();
+    const int windowWidth = window_->width();
     // True when the card took it within 40 ms; on a loaded machine it may take longer and still
     // go out, so what the card took is what is checked.
     commands->Send(QStringLiteral("55 aa 01 02 03"));
@@ -280,12 +360,21 @@ void StudioTest::aCommandIsSentAndCounted() {
     QTRY_VERIFY_WITH_TIMEOUT(commands->StatisticsText().contains(QStringLiteral("sent 1 ")),
                              kWaitMs);
     QCOMPARE(commands->History().value(0), QStringLiteral("55 aa 01 02 03"));
-    // Not hex: refused before the card, said in the log.
+    // Not hex: refused before the card, said in the log with the item at fault.
     QVERIFY(!commands->Send(QStringLiteral("55 zz")));
-    QVERIFY(window_->Log()->toPlainText().contains(QStringLiteral("\"55 zz\" is not hex bytes")));
+    QVERIFY(window_->Log()->toPlainText().contains(
+        QStringLiteral("\"55 zz\" is not hex bytes: item 2, \"zz\", is not hex")));
+    QVERIFY(!commands->Send(QString(QStringLiteral("a5 ")).repeated(99) + QStringLiteral("g1")));
+    QVERIFY(window_->Log()->toPlainText().contains(QStringLiteral("item 100, \"g1\", is not hex")));
+    QVERIFY(!commands->Send(QStringLiteral("55 a")));
+    QVERIFY(
+        window_->Log()->toPlainText().contains(QStringLiteral("3 hex digits: a byte takes two")));
     // Longer than the mailbox: the library's reason is logged.
     QVERIFY(!commands->Send(QString(QStringLiteral("00")).repeated(1025)));
     QVERIFY(window_->Log()->toPlainText().contains(QStringLiteral("exceeds 1,024 bytes")));
+    // None of the long answers widened the window.
+    QApplication::processEvents();
+    QCOMPARE(window_->width(), windowWidth);
 }
 
 void StudioTest::aStatusBlockOfTheCardAppears() {
@@ -381,6 +470,36 @@ void StudioTest::anotherCardOpensInPlaceOfTheFirstWhichIsLetGo() {
     window_->Shutdown();
     window_.reset();
     QVERIFY(Configure("xdma:1"));
+}
+
+void StudioTest::aRiffaDeviceLeavesNoStartOrPlayButtonToPress() {
+    CardPicker* picker = window_->Picker();
+    QString riffa;
+    QString xdma;
+    for (int k = 0; k < picker->count(); ++k) {
+        (picker->itemText(k).startsWith(QStringLiteral("RIFFA")) ? riffa : xdma) =
+            picker->itemText(k);
+    }
+    if (riffa.isEmpty()) {
+        QSKIP("no RIFFA device is listed here");
+    }
+    QVERIFY(window_->Capture(0)->CanStart());
+    QVERIFY(picker->Choose(riffa));
+    QVERIFY(window_->OpenChosenCard());
+    for (int c = 0; c < 4; ++c) {
+        QVERIFY(!window_->Capture(c)->CanStart());
+        QVERIFY(!window_->Capture(c)->Start());
+    }
+    QVERIFY(!window_->Inject()->CanPlay());
+    QVERIFY(!window_->Inject()->Play());
+    QVERIFY(window_->findChild<QPushButton*>(QStringLiteral("start"))
+                ->toolTip()
+                .contains(QStringLiteral("serves registers only")));
+    // Back on the XDMA card, everything can be started again.
+    QVERIFY(picker->Choose(xdma));
+    QVERIFY(window_->OpenChosenCard());
+    QVERIFY(window_->Capture(0)->CanStart());
+    QVERIFY(window_->Inject()->CanPlay());
 }
 
 int main(int argc, char** argv) {

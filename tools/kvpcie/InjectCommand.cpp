@@ -122,7 +122,7 @@ int RunInject(const std::vector<std::string>& args) {
                         static_cast<unsigned long long>(queued),
                         static_cast<unsigned long long>(refused));
             if (simulated) {
-                std::printf(", %u played, %u underruns",
+                std::printf(", the card played %u, underruns on the card %u",
                             manager.ReadReg(ControlBlock(channel) + 0x10),
                             manager.ReadReg(ControlBlock(channel) + 0x14));
             }

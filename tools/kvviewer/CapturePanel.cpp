@@ -6,6 +6,7 @@
 #include "ZoomView.h"
 
 #include <KvPCIeInjectSdk/GLWidget.h>
+#include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
 #include <QCheckBox>
 #include <QComboBox>
@@ -94,10 +95,12 @@ CapturePanel::CapturePanel(StudioContext& context, int channel, const CaptureFor
     formatRow->addWidget(widthBox_);
     formatRow->addWidget(new QLabel(QStringLiteral("x"), this));
     formatRow->addWidget(heightBox_);
-    formatRow->addWidget(cardTimingBox_);
     formatRow->addWidget(applyButton_);
     formatRow->addStretch(1);
+    // Two short rows rather than one long one: four panels and the side panel fit a screen
+    // 1,280 pixels wide.
     auto* controls = new QHBoxLayout;
+    controls->addWidget(cardTimingBox_);
     controls->addWidget(startButton_);
     controls->addWidget(recordButton_);
     controls->addWidget(snapshotButton_);
@@ -140,11 +143,43 @@ void CapturePanel::SetCurrent(bool current) {
     setAttribute(Qt::WA_StyledBackground, current);
 }
 
+bool CapturePanel::FormatAcceptable(const CaptureFormat& format) {
+    if (context_.manager.IsCaptureFormatAcceptable(static_cast<unsigned>(channel_), format.width,
+                                                   format.height, format.pixelType)) {
+        return true;
+    }
+    ShowProblem(context_.Refused(tr("channel %1: %2 x %3 %4")
+                                     .arg(channel_)
+                                     .arg(format.width)
+                                     .arg(format.height)
+                                     .arg(TypeName(format.pixelType))));
+    return false;
+}
+
+void CapturePanel::ReleaseFrames() {
+    std::vector<char>().swap(frame_);
+    std::vector<unsigned char>().swap(rgba_);
+    tap_.Reset(0);
+}
+
+void CapturePanel::SetNoFramesReason(const QString& reason) {
+    noFramesReason_ = reason;
+    SyncButtons();
+}
+
 bool CapturePanel::Start() {
     if (running_) {
         return true;
     }
     problem_.clear();
+    if (!noFramesReason_.isEmpty()) {
+        ShowProblem(noFramesReason_);
+        return false;
+    }
+    if (!FormatAcceptable(format_)) {
+        SyncButtons();
+        return false;
+    }
     const auto frameBytes = static_cast<std::size_t>(
         KvFrameSizeBytes(format_.pixelType, format_.width, format_.height));
     try {
@@ -167,6 +202,7 @@ bool CapturePanel::Start() {
                                              format_.width, format_.height, format_.pixelType,
                                              error, &CapturePanel::OnFrame, this, frame_.data());
     if (!running_) {
+        ReleaseFrames();
         Display()->SetBackImage(0);
         ShowProblem(context_.Refused(tr("channel %1: start capture").arg(channel_)));
         SyncButtons();
@@ -197,6 +233,11 @@ void CapturePanel::Stop() {
 }
 
 bool CapturePanel::SetFormat(const CaptureFormat& format) {
+    // Checked before anything is sized for it: a format the card cannot take changes nothing.
+    if (!FormatAcceptable(format)) {
+        ShowFormat();
+        return false;
+    }
     const bool wasRunning = running_;
     Stop();
     format_ = format;
@@ -332,10 +373,20 @@ void CapturePanel::SyncButtons() {
     const QSignalBlocker recordBlocker(recordButton_);
     startButton_->setChecked(running_);
     startButton_->setText(running_ ? tr("Stop") : tr("Start"));
+    startButton_->setEnabled(running_ || noFramesReason_.isEmpty());
+    startButton_->setToolTip(noFramesReason_);
     recordButton_->setEnabled(running_);
     recordButton_->setChecked(recording_);
     recordButton_->setText(recording_ ? tr("Stop recording") : tr("Record"));
     snapshotButton_->setEnabled(running_);
+}
+
+bool CapturePanel::CanStart() const {
+    return startButton_->isEnabled();
+}
+
+QString CapturePanel::StateText() const {
+    return state_->text();
 }
 
 void CapturePanel::ShowState() {
@@ -355,6 +406,13 @@ void CapturePanel::ShowState() {
                     .arg(Frames());
         if (counted) {
             text += tr(", %1 failed, %2 flagged").arg(stats.framesFailed).arg(stats.errorFrames);
+        }
+        // Frames the card had no free buffer for: known where the card counts them.
+        if (context_.manager.ReadReg(KvPCIeSim::kRegIdentity) == KvPCIeSim::kIdentityValue) {
+            text += tr(", %1 lost on the card")
+                        .arg(context_.manager.ReadReg(
+                            KvPCIeSim::ControlBlock(static_cast<unsigned>(channel_)) +
+                            KvPCIeSim::kCtlFramesDropped));
         }
         if (recording_ && counted) {
             text += tr(", recording into %1: %2 written, %3 not written")

@@ -64,10 +64,18 @@ public:
     bool TakeNewFrame(std::vector<char>& frame) { return tap_.TakeNew(frame); }
 
     std::uint64_t Frames() const { return frames_.load(); }
+    // The memory the panel holds for its frames, in bytes.
+    std::size_t HeldFrameBytes() const { return frame_.capacity() + rgba_.capacity(); }
     int Channel() const { return channel_; }
     ZoomView* View() const { return view_; }
     GLWidget* Display() const;
     void SetCurrent(bool current);
+    // Empty: the card gives frames. Otherwise why it does not (a RIFFA device serves registers
+    // only): Start is disabled, with the reason as its tip.
+    void SetNoFramesReason(const QString& reason);
+    bool CanStart() const;
+    // The panel's status line.
+    QString StateText() const;
 
 signals:
     void selected(int channel);
@@ -83,6 +91,10 @@ private:
     void OnRecordToggled(bool on);
     void OnSnapshotClicked();
     void ShowFormat();
+    // Whether the library takes `format` on this channel; if not, the panel and the log say why.
+    bool FormatAcceptable(const CaptureFormat& format);
+    // Gives back the memory sized for the last format.
+    void ReleaseFrames();
     CaptureFormat ChosenFormat() const;
     void ShowState();
     void ShowProblem(const QString& problem);
@@ -101,6 +113,7 @@ private:
     QPushButton* startButton_;
     QPushButton* recordButton_;
     QPushButton* snapshotButton_;
+    QString noFramesReason_;
     bool running_ = false;
     bool recording_ = false;
     QString takeFolder_;

@@ -6,6 +6,8 @@
 #include <QLineEdit>
 #include <QListWidget>
 #include <QPushButton>
+#include <QRegularExpression>
+#include <QSizePolicy>
 #include <QTimer>
 #include <QVBoxLayout>
 
@@ -24,6 +26,10 @@ CommandPage::CommandPage(StudioContext& context, QWidget* parent)
       result_(new QLabel(this)),
       statistics_(new QLabel(this)) {
     bytesEdit_->setPlaceholderText(tr("hex bytes, e.g. 55 aa 01 00"));
+    // A long answer wraps or is cut; it never widens the window.
+    result_->setWordWrap(true);
+    result_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    statistics_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     history_->setToolTip(tr("double-click a command to send it again"));
     auto* row = new QHBoxLayout;
     row->addWidget(bytesEdit_, 1);
@@ -48,29 +54,45 @@ void CommandPage::SetChannel(int channel) {
     Refresh();
 }
 
-bool CommandPage::ParseHex(const QString& text, QByteArray& bytes) {
-    QString digits = text;
-    digits.remove(QLatin1Char(' ')).remove(QLatin1Char(',')).remove(QLatin1Char('\t'));
-    if (digits.startsWith(QStringLiteral("0x"), Qt::CaseInsensitive)) {
-        digits = digits.mid(2);
+QString CommandPage::ParseHex(const QString& text, QByteArray& bytes) {
+    static const QRegularExpression separators(QStringLiteral("[\\s,]+"));
+    static const QRegularExpression hexDigits(QStringLiteral("^[0-9A-Fa-f]+$"));
+    QStringList items = text.split(separators, Qt::SkipEmptyParts);
+    if (items.isEmpty()) {
+        return tr("no bytes");
+    }
+    if (items.front().startsWith(QStringLiteral("0x"), Qt::CaseInsensitive)) {
+        items.front().remove(0, 2);
+    }
+    QString digits;
+    for (int k = 0; k < items.size(); ++k) {
+        if (!items[k].isEmpty() && !hexDigits.match(items[k]).hasMatch()) {
+            return tr("item %1, \"%2\", is not hex").arg(k + 1).arg(Shortened(items[k]));
+        }
+        digits += items[k];
     }
     if (digits.isEmpty() || digits.size() % 2 != 0) {
-        return false;
-    }
-    for (const QChar c : digits) {
-        if (!c.isDigit() && !(c.toLower() >= QLatin1Char('a') && c.toLower() <= QLatin1Char('f'))) {
-            return false;
-        }
+        return digits.size() == 1 ? tr("1 hex digit: a byte takes two")
+                                  : tr("%1 hex digits: a byte takes two").arg(digits.size());
     }
     bytes = QByteArray::fromHex(digits.toLatin1());
-    return true;
+    return {};
+}
+
+QString CommandPage::Shortened(const QString& text) {
+    constexpr int kShown = 40;
+    return text.size() <= kShown ? text : text.left(kShown) + QStringLiteral("...");
 }
 
 bool CommandPage::Send(const QString& hex) {
     QByteArray command;
-    if (!ParseHex(hex, command)) {
-        result_->setText(tr("not hex bytes: %1").arg(hex));
-        context_.Did(tr("command channel %1: \"%2\" is not hex bytes").arg(channel_).arg(hex));
+    const QString problem = ParseHex(hex, command);
+    if (!problem.isEmpty()) {
+        result_->setText(tr("not hex bytes: %1").arg(problem));
+        context_.Did(tr("command channel %1: \"%2\" is not hex bytes: %3")
+                         .arg(channel_)
+                         .arg(Shortened(hex))
+                         .arg(problem));
         return false;
     }
     const QString spelled = QString::fromLatin1(command.toHex(' '));

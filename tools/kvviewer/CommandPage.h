@@ -26,11 +26,14 @@ public:
     QStringList History() const;
     QString StatisticsText() const;
 
-    // "01 02 0a" -> bytes; false for anything but pairs of hex digits (spaces, commas allowed).
-    static bool ParseHex(const QString& text, QByteArray& bytes);
+    // "01 02 0a" -> bytes: hex digits in items apart by spaces or commas, two per byte, "0x"
+    // allowed before the first. Empty when they are, otherwise what is wrong, naming the item.
+    static QString ParseHex(const QString& text, QByteArray& bytes);
 
 private:
     void Refresh();
+    // At most 40 characters of what the user typed, for the messages.
+    static QString Shortened(const QString& text);
 
     StudioContext& context_;
     int channel_ = 0;

@@ -7,7 +7,8 @@ namespace kvpcie::viewer {
 
 void FrameTap::Reset(std::size_t frameBytes) {
     std::lock_guard<std::mutex> lock(lock_);
-    copy_.assign(frameBytes, 0);
+    // A new vector, so that a smaller format gives back what a larger one held.
+    decltype(copy_)(frameBytes, 0).swap(copy_);
     hasCopy_ = false;
     fresh_ = false;
     wanted_.store(false, std::memory_order_release);

@@ -37,10 +37,22 @@ bool InjectFeeder::Start(const InjectSource& requested) {
         source_.height = info->height + info->paramLines;
         source_.pixelType = info->pixelType;
     }
+    // Checked before the frame is sized: a format the card cannot take allocates nothing.
+    if (!context_.manager.IsInjectFormatAcceptable(static_cast<unsigned>(channel_),
+                                                   source_.frameRate, source_.width, source_.height,
+                                                   source_.pixelType)) {
+        problem_ = context_.Refused(tr("inject channel %1: %2 x %3 at %4 fps")
+                                        .arg(channel_)
+                                        .arg(source_.width)
+                                        .arg(source_.height)
+                                        .arg(source_.frameRate));
+        return false;
+    }
     const auto bytes = static_cast<std::size_t>(
         KvFrameSizeBytes(source_.pixelType, source_.width, source_.height));
     try {
-        frame_.assign(bytes, 0);
+        // A new vector, so that a smaller format gives back what a larger one held.
+        std::vector<char>(bytes, 0).swap(frame_);
     } catch (const std::bad_alloc&) {
         context_.Did(tr("inject channel %1: no memory for the frames").arg(channel_));
         return false;
@@ -53,6 +65,7 @@ bool InjectFeeder::Start(const InjectSource& requested) {
                          .arg(bytes));
         return false;
     }
+    problem_.clear();
     run_ = tools::NewTestRun();
     number_ = 0;
     offered_ = 0;

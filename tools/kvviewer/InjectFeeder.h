@@ -40,6 +40,8 @@ public:
     const InjectSource& Source() const { return source_; }
     std::uint64_t FramesOffered() const { return offered_; }
     std::uint32_t RunTag() const { return run_; }
+    // Why the last Start was refused; empty after one that started.
+    QString Problem() const { return problem_; }
 
 signals:
     void stopped(int channel);
@@ -55,6 +57,7 @@ private:
     InjectSource source_;
     tools::RawFrameFile raw_;
     std::vector<char> frame_;
+    QString problem_;
     std::uint32_t run_ = 0;
     std::uint32_t number_ = 0;
     std::uint64_t offered_ = 0;

@@ -3,6 +3,8 @@
 
 #include "PixelTypeNames.h"
 
+#include <KvPCIeInjectSdk/KvPCIeSimulation.h>
+
 #include <QCheckBox>
 #include <QComboBox>
 #include <QFileDialog>
@@ -120,6 +122,9 @@ void InjectPage::ChooseSource(const InjectSource& source) {
 }
 
 bool InjectPage::Play() {
+    if (!noFramesReason_.isEmpty()) {
+        return false;
+    }
     const bool playing = feeders_[static_cast<std::size_t>(channel_)]->Start(ChosenSource());
     SyncControls();
     return playing;
@@ -161,8 +166,18 @@ void InjectPage::SyncControls() {
     for (QWidget* control : std::initializer_list<QWidget*>{typeBox_, widthBox_, heightBox_}) {
         control->setEnabled(!playing && !raw);
     }
-    playButton_->setEnabled(!playing);
+    playButton_->setEnabled(!playing && noFramesReason_.isEmpty());
+    playButton_->setToolTip(noFramesReason_);
     stopButton_->setEnabled(playing);
+}
+
+void InjectPage::SetNoFramesReason(const QString& reason) {
+    noFramesReason_ = reason;
+    SyncControls();
+}
+
+bool InjectPage::CanPlay() const {
+    return playButton_->isEnabled();
 }
 
 void InjectPage::Refresh() {
@@ -171,8 +186,10 @@ void InjectPage::Refresh() {
         statistics_->setText(tr("inject channel %1: no statistics (no card open)").arg(channel_));
         return;
     }
+    // The host's counts, and the card's own where the card keeps them (the simulated card).
     statistics_->setText(tr("inject channel %1%2\nqueued %3   refused (queue full) %4   "
-                            "waiting %5\nplayed %6   underruns %7   failed %8")
+                            "waiting %5\nhanded to the card %6   periods without a new frame %7   "
+                            "transfers failed %8")
                              .arg(channel_)
                              .arg(IsPlaying(channel_) ? tr(": playing") : QString())
                              .arg(stats.framesQueued)
@@ -180,7 +197,23 @@ void InjectPage::Refresh() {
                              .arg(stats.framesWaiting)
                              .arg(stats.framesToCard)
                              .arg(stats.periodsWithoutFrame)
-                             .arg(stats.transfersFailed));
+                             .arg(stats.transfersFailed) +
+                         CardCounts() + (IsPlaying(channel_) ? QString() : Problem()));
+}
+
+QString InjectPage::CardCounts() {
+    if (context_.manager.ReadReg(KvPCIeSim::kRegIdentity) != KvPCIeSim::kIdentityValue) {
+        return {};
+    }
+    const unsigned block = KvPCIeSim::ControlBlock(static_cast<unsigned>(channel_));
+    return tr("\nthe card: played %1   underruns %2")
+        .arg(context_.manager.ReadReg(block + KvPCIeSim::kCtlInjectPlayed))
+        .arg(context_.manager.ReadReg(block + KvPCIeSim::kCtlInjectUnderruns));
+}
+
+QString InjectPage::Problem() const {
+    const QString problem = feeders_[static_cast<std::size_t>(channel_)]->Problem();
+    return problem.isEmpty() ? QString() : QStringLiteral("\n") + problem;
 }
 
 void InjectPage::OnBrowse() {

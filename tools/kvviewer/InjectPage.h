@@ -37,9 +37,16 @@ public:
     // The run tag in the channel's test frames (the moving pattern).
     std::uint32_t RunTag(int channel) const;
     QString StatisticsText() const;
+    // As CapturePanel::SetNoFramesReason: Play is disabled, with the reason as its tip.
+    void SetNoFramesReason(const QString& reason);
+    bool CanPlay() const;
 
 private:
     void Refresh();
+    // The last refusal of the channel's start, on a line of its own; empty when none.
+    QString Problem() const;
+    // The card's own counts of the channel on a card that keeps them; empty on another.
+    QString CardCounts();
     void SyncControls();
     void OnBrowse();
 
@@ -57,6 +64,7 @@ private:
     QPushButton* playButton_;
     QPushButton* stopButton_;
     QLabel* statistics_;
+    QString noFramesReason_;
 };
 
 }  // namespace kvpcie::viewer

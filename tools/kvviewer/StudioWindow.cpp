@@ -11,16 +11,19 @@
 #include <QComboBox>
 #include <QDockWidget>
 #include <QGridLayout>
+#include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPainter>
 #include <QPushButton>
+#include <QScreen>
 #include <QSettings>
 #include <QTabWidget>
 #include <QTimer>
 #include <QToolBar>
 #include <QVBoxLayout>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace kvpcie::viewer {
@@ -198,9 +201,12 @@ bool StudioWindow::OpenChosenCard() {
         }
         log_->Add(tr("opened %1: only its registers are served").arg(choice.name));
         setWindowTitle(tr("kvviewer - %1").arg(choice.name));
-        banner_->setText(tr("%1 serves registers only: capture and injection need an XDMA card.")
-                             .arg(choice.name));
+        const QString reason =
+            tr("%1 serves registers only: capture and injection need an XDMA card.")
+                .arg(choice.name);
+        banner_->setText(reason);
         banner_->show();
+        ShowNoFramesReason(reason);
         return true;
     }
     registers_->SetRegisters(&manager_);
@@ -212,8 +218,16 @@ bool StudioWindow::OpenChosenCard() {
     }
     log_->Add(tr("opened %1").arg(choice.path));
     banner_->hide();
+    ShowNoFramesReason(QString());
     setWindowTitle(tr("kvviewer - %1").arg(choice.path));
     return true;
+}
+
+void StudioWindow::ShowNoFramesReason(const QString& reason) {
+    for (CapturePanel* panel : panels_) {
+        panel->SetNoFramesReason(reason);
+    }
+    inject_->SetNoFramesReason(reason);
 }
 
 bool StudioWindow::StartChosenChannels() {
@@ -355,6 +369,7 @@ void StudioWindow::RestoreSettings() {
     QSettings settings = Settings();
     restoreGeometry(settings.value(QStringLiteral("window/geometry")).toByteArray());
     restoreState(settings.value(QStringLiteral("window/state")).toByteArray());
+    KeepOnScreen();
     if (!options_.cardGiven) {
         picker_->Choose(settings.value(QStringLiteral("card/last")).toString());
     }
@@ -373,11 +388,36 @@ void StudioWindow::RestoreSettings() {
         format.pixelType = static_cast<ePixelType>(settings.value(ChannelKey(c, "type")).toInt());
         format.cardTiming = settings.value(ChannelKey(c, "cardTiming")).toBool();
         // Kept values that no longer make sense are ignored rather than refused later.
-        if (format.width > 0 && format.width <= 65535 && format.height > 0 &&
-            format.height <= 65535 && format.pixelType >= UYVY422 && format.pixelType <= BGR24) {
+        if (format.pixelType >= UYVY422 && format.pixelType <= BGR24 &&
+            manager_.IsCaptureFormatAcceptable(static_cast<unsigned>(c), format.width,
+                                               format.height, format.pixelType)) {
             panel->SetFormat(format);
         }
     }
+}
+
+void StudioWindow::KeepOnScreen() {
+    // A geometry kept from a larger screen, or from a window that something widened, would put
+    // the window where it cannot be seen or moved.
+    const QScreen* screen = QGuiApplication::screenAt(geometry().center());
+    if (screen == nullptr) {
+        screen = QGuiApplication::primaryScreen();
+    }
+    if (screen == nullptr) {
+        return;
+    }
+    const QRect available = screen->availableGeometry();
+    if (isMaximized() || isFullScreen()) {
+        return;
+    }
+    const QSize size = this->size().boundedTo(available.size());
+    resize(size);
+    QRect placed = frameGeometry();
+    placed.moveLeft(qBound(available.left(), placed.left(),
+                           std::max(available.left(), available.right() - placed.width() + 1)));
+    placed.moveTop(qBound(available.top(), placed.top(),
+                          std::max(available.top(), available.bottom() - placed.height() + 1)));
+    move(placed.topLeft());
 }
 
 void StudioWindow::SaveSettings() {

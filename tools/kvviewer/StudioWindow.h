@@ -74,6 +74,10 @@ private:
     void ShowCardLost(const QString& path);
     void BuildActions();
     void RestoreSettings();
+    // Empty when the open card gives frames; otherwise why not, on every Start and Play.
+    void ShowNoFramesReason(const QString& reason);
+    // Moves and shrinks the window into the screen it is on.
+    void KeepOnScreen();
     void SaveSettings();
     bool SaveShot(const std::string& file, const QImage& image);
 

@@ -32,8 +32,9 @@ const char* const kUsage =
     "  --screenshot FILE  save a picture of the four channels when the window closes\n"
     "  --window-screenshot FILE  save a picture of the whole window when it closes\n"
     "  --no-settings      neither use nor keep the last card, formats and window layout\n"
-    "  --demo             on the simulated card: channel 0 live, and a moving pattern injected\n"
-    "                     into channel 1 and captured back through the card's loopback\n"
+    "  --demo             on the simulated card (--sim unless a driver model is named):\n"
+    "                     channel 0 live, and a moving pattern injected into channel 1 and\n"
+    "                     captured back through the card's loopback\n"
     "  --tab NAME         the channel panel shown: inspect, inject, command, status, registers\n"
     "  --quit-after MS    close the window after MS milliseconds\n";
 

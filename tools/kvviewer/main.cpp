@@ -35,7 +35,11 @@ int main(int argc, char** argv) {
         return 2;
     }
     const auto& options = parsed.options;
-    if (options.simulated) {
+    // The demo runs on a simulated card: the one in this process unless the environment
+    // names simulated cards or a driver model's.
+    const bool demoNeedsCard = options.demo && qEnvironmentVariableIsEmpty("KVPCIE_SIM") &&
+                               qEnvironmentVariableIsEmpty("KVPCIE_LINUX_ROOT");
+    if (options.simulated || demoNeedsCard) {
         qputenv("KVPCIE_SIM", "1");
     }
 
