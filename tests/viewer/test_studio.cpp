@@ -212,9 +212,8 @@ void StudioTest::aFormatTheCardCannotTakeIsRefusedBeforeAnythingIsSized_data() {
     QTest::addColumn<QString>("reason");
     QTest::newRow("the largest the boxes take")
         << 65535 << 65535 << int(Y16) << "exceeds the 20 MiB card buffer";
-    QTest::newRow("8000 x 8000") << 8000 << 8000 << int(Y16) << "exceeds the 20 MiB card buffer";
+    // The library's other refusals are the facade suite's; this is what the panel makes of one.
     QTest::newRow("no width") << 0 << 256 << int(Y8) << "width 0 is outside 1 to 65535";
-    QTest::newRow("too high") << 320 << 70000 << int(Y8) << "height 70000 is outside 1 to 65535";
 }
 
 void StudioTest::aFormatTheCardCannotTakeIsRefusedBeforeAnythingIsSized() {
