@@ -47,6 +47,8 @@ RecordThread::~RecordThread() {
     if (IsRecording() || isRunning()) {
         StopRecord();
     }
+    wait();
+    static_cast<void>(runEnded_.load(std::memory_order_acquire));
 }
 
 QString RecordThread::FileName(const KvFrameFormat& format, int index) {
@@ -150,6 +152,7 @@ void RecordThread::run() {
         }
         WriteFrame(frame);
     }
+    runEnded_.store(true, std::memory_order_release);
 }
 
 void RecordThread::WriteFrame(const char* frame) {

@@ -89,6 +89,9 @@ private:
     bool directWrites_ = false;
     std::int64_t bytesCounted_ = 0;
     std::atomic<bool> recording_{false};
+    // Set as run() returns. QThread's own wait is invisible to ThreadSanitizer (Qt's futexes),
+    // so the destructor reads this too: the thread's last accesses come before the delete.
+    std::atomic<bool> runEnded_{false};
     std::atomic<std::uint64_t> framesWritten_{0};
     std::atomic<std::uint64_t> bytesWritten_{0};
     std::atomic<std::uint64_t> framesLost_{0};
