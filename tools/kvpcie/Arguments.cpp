@@ -3,8 +3,6 @@
 
 #include "PixelTypeNames.h"
 
-#include <QString>
-
 #include <cctype>
 
 namespace kvpcie::cli {
@@ -69,10 +67,23 @@ double ParseSeconds(const std::string& text, double high) {
     if (digits == 0 || points > 1 || text.size() > 20) {
         throw UsageError{"seconds is not a number: \"" + text + "\""};
     }
-    const double value = QString::fromStdString(text).toDouble();
+    // By hand, so that no locale's decimal comma and no Qt reach this parser.
+    double value = 0.0;
+    double scale = 1.0;
+    bool fraction = false;
+    for (const char c : text) {
+        if (c == '.') {
+            fraction = true;
+        } else if (fraction) {
+            scale /= 10.0;
+            value += (c - '0') * scale;
+        } else {
+            value = value * 10.0 + (c - '0');
+        }
+    }
     if (value < 0.001 || value > high) {
         throw UsageError{"seconds must be from 0.001 to " +
-                         QString::number(high, 'f', 0).toStdString() + ": " + text};
+                         std::to_string(static_cast<long long>(high)) + ": " + text};
     }
     return value;
 }
