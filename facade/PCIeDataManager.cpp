@@ -7,7 +7,7 @@
 #include "InjectRequest.h"
 #include "PCIeDataManagerPrivate.h"
 
-#include "Common/ApplicationDir.h"
+#include <KvPCIeInjectSdk/KvPCIeRecording.h>
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
 
 #include <KvPCIeInjectSdk/GLWidget.h>
@@ -209,10 +209,8 @@ bool PCIeDataManager::StartRecord(int channel) {
     if (!started && !capture->IsStartCapture(channel)) {
         SetErrorText("channel %d is not capturing: start it before recording it", channel);
     } else if (!started) {
-        SetErrorText(
-            "channel %d's recording folder or file below \"%s/VideoRecord\" could not "
-            "be created",
-            channel, qPrintable(ApplicationDir()));
+        SetErrorText("channel %d's recording folder or file below \"%s\" could not be created",
+                     channel, qPrintable(KvPCIe::RecordRoot()));
     }
     return started;
 }
@@ -221,6 +219,13 @@ void PCIeDataManager::StopRecord(int channel) {
     if (const auto capture = CaptureEngine(d, channel)) {
         capture->StopRecord(channel);
     }
+}
+
+QString PCIeDataManager::GetRecordTakeFolder(int channel) {
+    if (const auto capture = CaptureEngine(d, channel)) {
+        return capture->RecordTakeFolder(channel);
+    }
+    return QString();
 }
 
 void PCIeDataManager::ImgSnapShot(int channel) {

@@ -54,7 +54,7 @@ const kvpcie::gst::PropertyRow<KvPcieSrcState> kProperties[] = {
     {PROP_RECORD, "record", "Record",
      "The library also records the channel's frames to raw files below "
      "VideoRecord/Capture<channel + 1>/ of the application folder (the current folder without "
-     "a Qt application)",
+     "a Qt application), or below the process's record root; without it nothing is written",
      &KvPcieSrcState::record, FALSE},
 };
 

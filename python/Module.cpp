@@ -4,6 +4,7 @@
 #include "FrameLayout.h"
 #include "SimModule.h"
 
+#include <KvPCIeInjectSdk/KvPCIeRecording.h>
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
 #include <pybind11/stl.h>
@@ -66,6 +67,15 @@ PYBIND11_MODULE(_kvpcie, m) {
         "card in the machine.");
     m.def("list_riffa", &ListRiffa,
           "The RIFFA devices: one dict each with id, channels, name, vendor_id and device_id.");
+    m.def(
+        "set_record_root",
+        [](const std::string& folder) { KvPCIe::SetRecordRoot(QString::fromStdString(folder)); },
+        py::arg("folder"),
+        "Recordings of every card go below `folder` (<folder>/Capture<channel + 1>/<take>/) "
+        "from the next take; '' brings back the default, VideoRecord of the current folder.");
+    m.def(
+        "record_root", [] { return KvPCIe::RecordRoot().toStdString(); },
+        "The folder that recordings go below, absolute.");
     m.def("_close_all", &CloseAll,
           "Closes every card still open; runs at the interpreter's exit.");
 
@@ -119,9 +129,11 @@ PYBIND11_MODULE(_kvpcie, m) {
         .def_property_readonly(
             "closed", [](const Card& c) { return !c.IsOpen(); }, "True once close() was called.")
         .def_property_readonly("path", &Card::Path, "The card's path, as list_cards() gives it.")
-        .def("__enter__", [](Card& c) -> Card& { return c; }, py::return_value_policy::reference,
-             "The card itself.")
-        .def("__exit__", [](Card& c, const py::args&) { c.Close(); }, "Closes the card.")
+        .def(
+            "__enter__", [](Card& c) -> Card& { return c; }, py::return_value_policy::reference,
+            "The card itself.")
+        .def(
+            "__exit__", [](Card& c, const py::args&) { c.Close(); }, "Closes the card.")
         .def("read_reg", &Card::ReadReg, py::arg("address"), "A 32-bit register of the card.")
         .def("write_reg", &Card::WriteReg, py::arg("address"), py::arg("value"),
              "Writes a 32-bit register; RuntimeError when the write failed.")
@@ -129,14 +141,13 @@ PYBIND11_MODULE(_kvpcie, m) {
              "`size` bytes of card memory at `address`, by DMA.")
         .def("write_mem", &Card::WriteMem, py::arg("address"), py::arg("data"),
              "Writes bytes or a contiguous NumPy array to card memory at `address`, by DMA.")
-        .def("capture", &Card::Capture, py::arg("channel"), py::arg("width"),
-             py::arg("height"), py::arg("pixel_type") = "Y8", py::arg("card_timing") = true,
-             py::arg("record") = false,
+        .def("capture", &Card::Capture, py::arg("channel"), py::arg("width"), py::arg("height"),
+             py::arg("pixel_type") = "Y8", py::arg("card_timing") = true, py::arg("record") = false,
              "Starts capturing `channel` (0 to 3) and returns its CaptureStream. Frames are "
              "(h, w) uint8 for Y8, (h, w) uint16 for Y16, (h, w, 2) uint8 for UYVY422, "
              "(h, w, 3) uint8 for BGR24 and Y16_Y8, (h, w, 4) uint8 for PIXEL32. card_timing: "
              "the card times the frames at 25 per second. record: the library also records "
-             "them, below VideoRecord/Capture<channel + 1>/ of the current folder.")
+             "them into a take folder below record_root()/Capture<channel + 1>/.")
         .def("inject", &Card::Inject, py::arg("channel"), py::arg("frame"),
              py::arg("frame_rate") = 25, py::arg("timeout") = 1.0,
              py::arg("pixel_type") = py::none(),

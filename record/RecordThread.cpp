@@ -1,8 +1,9 @@
 // The raw recorder of a capture channel.
 #include "RecordThread.h"
 
-#include "Common/ApplicationDir.h"
 #include "DirectWrites.h"
+
+#include <KvPCIeInjectSdk/KvPCIeRecording.h>
 
 #include <QDateTime>
 #include <QDir>
@@ -36,11 +37,9 @@ bool MakeDir(const QString& dir) {
 }  // namespace
 
 RecordThread::RecordThread(const KvFrameFormat& format, std::int64_t sizeLimit)
-    : QThread(nullptr),
-      recordDir_(ApplicationDir() + "/VideoRecord"),
-      sizeLimit_(sizeLimit),
-      format_(format) {
-    MakeDir(recordDir_);
+    : QThread(nullptr), recordDir_(KvPCIe::RecordRoot()), sizeLimit_(sizeLimit), format_(format) {
+    // The folder is made when a take starts: a host that captures without recording (a
+    // GStreamer pipeline run from any folder) finds nothing new on its disk.
 }
 
 RecordThread::~RecordThread() {

@@ -25,7 +25,7 @@ class RecordThread : public QThread {
 public:
     static constexpr std::int64_t kDefaultSizeLimit = std::int64_t{1} << 32;  // 4 GiB per file
 
-    // Creates <application dir>/VideoRecord if missing. `sizeLimit` is for tests.
+    // The record folder is KvPCIe::RecordRoot() until SetRecordDir. `sizeLimit` is for tests.
     explicit RecordThread(const KvFrameFormat& format, std::int64_t sizeLimit = kDefaultSizeLimit);
     // Stops a recording that is still running first.
     ~RecordThread() override;

@@ -161,6 +161,14 @@ namespace KvPCIe
             get { return NativeMethods.Text(NativeMethods.kvpcie_version()); }
         }
 
+        /// <summary>Recordings of every card go below <paramref name="folder"/>
+        /// (folder/Capture&lt;channel + 1&gt;/&lt;take&gt;/) from the next take on; "" brings back
+        /// the default, "VideoRecord" beside the program.</summary>
+        public static void SetRecordRoot(string folder)
+        {
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_set_record_root(NativeMethods.Utf8(folder)));
+        }
+
         /// <summary>Bytes of one frame of the format; 0 for a bad one.</summary>
         public static long FrameBytes(PixelType pixelType, int width, int height)
         {
@@ -353,7 +361,8 @@ namespace KvPCIe
             return NativeMethods.kvpcie_is_capturing(handle_, channel) != 0;
         }
 
-        /// <summary>Records the capturing channel below the program's folder ("VideoRecord").</summary>
+        /// <summary>Records the capturing channel into a take folder below the record root
+        /// (SetRecordRoot; "VideoRecord" beside the program by default).</summary>
         public void StartRecord(int channel)
         {
             KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_start_record(handle_, channel));

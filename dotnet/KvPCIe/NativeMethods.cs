@@ -67,6 +67,8 @@ namespace KvPCIe
         internal static extern int kvpcie_start_record(CardHandle card, int channel);
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern int kvpcie_stop_record(CardHandle card, int channel);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int kvpcie_set_record_root(byte[] folderUtf8);
         [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
         internal delegate void CardLostCallback(IntPtr path, IntPtr context);
 

@@ -141,6 +141,44 @@ namespace KvPCIe.Tests
         }
 
         [Test]
+        public void ARecordingGoesBelowTheChosenRoot()
+        {
+            string root = System.IO.Path.Combine(System.IO.Path.GetTempPath(),
+                                                 "kvpcie-dotnet-" + Guid.NewGuid().ToString("N"));
+            Card.SetRecordRoot(root);
+            try
+            {
+                using (Card card = Card.Open())
+                {
+                    int frames = 0;
+                    card.WriteRegister(ControlBlock(1, 0x04), 200);
+                    card.StartCapture(1, false, Width, Height, PixelType.Y8,
+                                      frame => Interlocked.Increment(ref frames));
+                    card.StartRecord(1);
+                    int recordedFrom = Volatile.Read(ref frames);
+                    Assert.That(Eventually(() => Volatile.Read(ref frames) >= recordedFrom + 5), Is.True);
+                    card.StopRecord(1);
+                    card.StopCapture(1);
+                    string[] files = System.IO.Directory.GetFiles(
+                        System.IO.Path.Combine(root, "Capture2"), "*_Y8.raw",
+                        System.IO.SearchOption.AllDirectories);
+                    Assert.That(files.Length, Is.EqualTo(1));
+                    long bytes = new System.IO.FileInfo(files[0]).Length;
+                    Assert.That(bytes, Is.GreaterThan(0L));
+                    Assert.That(bytes % FrameBytes, Is.EqualTo(0L));
+                }
+            }
+            finally
+            {
+                Card.SetRecordRoot("");
+                if (System.IO.Directory.Exists(root))
+                {
+                    System.IO.Directory.Delete(root, true);
+                }
+            }
+        }
+
+        [Test]
         public void InjectedFramesComeBackInTheLoopbackByteForByte()
         {
             var sent = new byte[FrameBytes];

@@ -2,6 +2,7 @@
 #include "facade/capi/CApiCard.h"
 #include "facade/capi/CApiErrors.h"
 
+#include <KvPCIeInjectSdk/KvPCIeRecording.h>
 #include <KvPCIeInjectSdk/KvPCIeSharedCard.h>
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
@@ -113,6 +114,16 @@ kvpcie_status KVPCIE_CALL kvpcie_list_riffa(kvpcie_riffa_device* devices, int32_
             std::memcpy(record, &ours, std::min<std::size_t>(size, sizeof ours));
         }
         *count = listed;
+        return Succeed();
+    });
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_set_record_root(const char* folder) {
+    return Guarded([&] {
+        if (folder == nullptr) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "the folder is null");
+        }
+        KvPCIe::SetRecordRoot(QString::fromUtf8(folder));
         return Succeed();
     });
 }

@@ -133,11 +133,15 @@ public:
     /// True while the channel is capturing (from StartCapture to StopCapture).
     bool IsStartCapture(int channel);
     /// Records the channel's frames to raw files below the application directory's
-    /// "VideoRecord" folder; false when the channel is not capturing.
+    /// "VideoRecord" folder (or the root chosen with KvPCIe::SetRecordRoot,
+    /// KvPCIeRecording.h); false when the channel is not capturing.
     bool StartRecord(int channel);
     /// Ends the channel's recording; the frames still on their way are written before it
     /// returns. The recording thread stops when no channel records.
     void StopRecord(int channel);
+    /// The folder of the channel's running or last take (absolute); "" when the channel has
+    /// not recorded since the card was opened.
+    QString GetRecordTakeFolder(int channel);
     /// Marks a snapshot request for the channel. The library itself keeps no picture: a host
     /// takes its snapshot from the frames its callback receives (kvpcie capture --snapshot).
     void ImgSnapShot(int channel);

@@ -19,11 +19,11 @@
  * Inside a frame callback, call only kvpcie_stop_capture (its own channel or another; the stop
  * takes effect when the callback returns), kvpcie_inject, kvpcie_send_command, the statistics,
  * kvpcie_close, and the calls that reach no card: kvpcie_last_error, kvpcie_version,
- * kvpcie_frame_bytes, kvpcie_card_path, kvpcie_list_count, kvpcie_list_path, kvpcie_list_free
- * and the kvpcie_sim_ calls but kvpcie_sim_configure. Every other call is refused there with
- * KVPCIE_ERROR (NULL from kvpcie_list_xdma, kvpcie_open and kvpcie_open_riffa, 0 from the
- * kvpcie_is_ calls) and a text, since it would wait for the card thread, which may be waiting
- * for that very callback. Inside a status callback every function may be called.
+ * kvpcie_frame_bytes, kvpcie_card_path, kvpcie_list_count, kvpcie_list_path, kvpcie_list_free,
+ * kvpcie_set_record_root and the kvpcie_sim_ calls but kvpcie_sim_configure. Every other call is
+ * refused there with KVPCIE_ERROR (NULL from kvpcie_list_xdma, kvpcie_open and kvpcie_open_riffa, 0
+ * from the kvpcie_is_ calls) and a text, since it would wait for the card thread, which may be
+ * waiting for that very callback. Inside a status callback every function may be called.
  *
  * Lifetime. kvpcie_close stops everything the handle started and returns once no callback of it
  * runs or will run; the frame buffers and contexts given to it may be freed then. Called inside
@@ -212,12 +212,17 @@ KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_stop_capture(kvpcie_card* card, int3
 /** 1 while this handle captures on the channel, else 0. */
 KVPCIE_API int32_t KVPCIE_CALL kvpcie_is_capturing(kvpcie_card* card, int32_t channel);
 
-/** Raw recording of a capturing channel below the program's folder ("VideoRecord"). */
+/** Raw recording of a capturing channel, each take in a folder of its own below
+   <root>/Capture<channel + 1>/; the root is the program's "VideoRecord" folder unless
+   kvpcie_set_record_root chose another. */
 /** @{ */
 KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_start_record(kvpcie_card* card, int32_t channel);
 KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_stop_record(kvpcie_card* card, int32_t channel);
 KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_snapshot(kvpcie_card* card, int32_t channel);
 /** @} */
+/** The root of every card's recordings from the next take on (UTF-8; a relative folder is
+   taken from the current folder now); "" restores the default. Created when a take starts. */
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_set_record_root(const char* folder);
 
 /** Status blocks that the card posts for `channel`: each one to `callback` on the card thread,
    every 20 ms. NULL switches them off (they then wait in the card's mailbox). */

@@ -12,11 +12,12 @@ KVPCIE_SIM=1 in the environment (or kvpcie.sim.configure) a simulated card 'sim:
 import atexit as _atexit
 
 from ._kvpcie import Card, CaptureStream, CardLostError, __version__, list_cards, list_riffa
+from ._kvpcie import record_root, set_record_root
 from ._kvpcie import _close_all
 from . import sim
 
 __all__ = ["Card", "CaptureStream", "CardLostError", "__version__", "list_cards", "list_riffa",
-           "sim"]
+           "record_root", "set_record_root", "sim"]
 
 # Captures and cards still open when the interpreter ends are closed before its threads go.
 _atexit.register(_close_all)

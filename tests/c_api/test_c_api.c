@@ -137,6 +137,7 @@ static void NullHandlesAndPointersAreRefused(void) {
     kvpcie_list_free(NULL);
     CHECK(kvpcie_list_riffa(NULL, 1, &count) == KVPCIE_BAD_ARGUMENT);
     CHECK(kvpcie_list_riffa(NULL, 0, NULL) == KVPCIE_BAD_ARGUMENT);
+    CHECK(kvpcie_set_record_root(NULL) == KVPCIE_BAD_ARGUMENT);
     CHECK(kvpcie_sim_configure(NULL) == KVPCIE_BAD_ARGUMENT);
     CHECK(kvpcie_sim_peek_register(0, 0, NULL) == KVPCIE_BAD_ARGUMENT);
     CHECK(kvpcie_sim_peek_memory(0, 0, NULL, 4) == KVPCIE_BAD_ARGUMENT);

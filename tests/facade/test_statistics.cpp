@@ -5,6 +5,9 @@
 
 #include <QCoreApplication>
 #include <QFile>
+#include <QFileInfo>
+
+#include <KvPCIeInjectSdk/KvPCIeRecording.h>
 
 #include <atomic>
 #include <thread>
@@ -234,6 +237,39 @@ TEST_F(Statistics, ARecordingFolderThatCannotBeMadeRefusesStartRecord) {
     EXPECT_STREQ(manager.LastErrorText(), "");
     manager.StopRecord(1);
     manager.StopCapture(1);
+}
+
+// The root a host chooses: capturing alone writes nothing anywhere; a take goes below the root
+// and its folder is told; a relative root is fixed when chosen; "" brings the default back.
+TEST_F(Statistics, TakesGoBelowTheChosenRootAndCapturingAloneWritesNothing) {
+    QDir("VideoRecord").removeRecursively();
+    QDir("chosen").removeRecursively();
+    KvPCIe::SetRecordRoot("chosen/takes");
+    const QString root = QDir::current().absoluteFilePath("chosen/takes");
+    EXPECT_EQ(KvPCIe::RecordRoot(), root);
+    EXPECT_EQ(manager.GetRecordTakeFolder(2), QString());
+
+    FrameSink sink(kFrameBytes);
+    ASSERT_TRUE(StartQuiet(2, sink));
+    ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 2, 2));
+    ASSERT_TRUE(WaitFor([&] { return sink.delivered == 2; }));
+    EXPECT_FALSE(QDir("chosen").exists());
+    EXPECT_FALSE(QDir("VideoRecord").exists());
+
+    ASSERT_TRUE(manager.StartRecord(2));
+    const QString take = manager.GetRecordTakeFolder(2);
+    EXPECT_TRUE(take.startsWith(root + "/Capture3/")) << take.toStdString();
+    ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 2, 3));
+    ASSERT_TRUE(WaitFor([&] { return sink.delivered == 5; }));
+    manager.StopRecord(2);
+    manager.StopCapture(2);
+    EXPECT_EQ(manager.GetRecordTakeFolder(2), take);  // the last take, after the stop too
+    EXPECT_EQ(QFileInfo(take + "/0_64x48_ParamLine0_Fps25_Y16.raw").size(),
+              static_cast<qint64>(3 * kFrameBytes));
+
+    KvPCIe::SetRecordRoot("");
+    EXPECT_EQ(KvPCIe::RecordRoot(), QDir::currentPath() + "/VideoRecord");
+    QDir("chosen").removeRecursively();
 }
 
 TEST_F(Statistics, InjectCountsMatchTheCardsPlayout) {

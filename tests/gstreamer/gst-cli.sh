@@ -56,7 +56,10 @@ inspect)
     ;;
 eos)
     # The line of the README, and nothing from Qt about a missing application or event loop.
+    rm -rf VideoRecord
     launch eos kvpciesrc num-buffers=50 ! video/x-raw,format=GRAY8,width=320,height=240 ! fakesink
+    # A source that does not record leaves no recording folder behind.
+    [ ! -e VideoRecord ] || fail "kvpciesrc without record=true made VideoRecord"
     if grep -E "QObject|QEventLoop|QThread|QTimer|QSocketNotifier|QCoreApplication" eos.log; then
         fail "Qt warned"
     fi

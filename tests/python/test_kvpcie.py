@@ -160,6 +160,21 @@ def test_loopback_is_exact_apart_from_the_counter_stamp(card, sim_card):
     assert card.inject_stats(2)["frames_to_card"] == 40
 
 
+def test_recordings_go_below_the_chosen_root(card, sim_card, tmp_path):
+    kvpcie.set_record_root(str(tmp_path / "takes"))
+    try:
+        assert kvpcie.record_root() == str(tmp_path / "takes")
+        with card.capture(1, 64, 32, "Y8", record=True) as stream:
+            for _ in range(3):
+                stream.get(timeout=5.0)
+        files = list((tmp_path / "takes" / "Capture2").glob("*/0_64x32_ParamLine0_Fps25_Y8.raw"))
+        assert len(files) == 1
+        assert files[0].stat().st_size > 0 and files[0].stat().st_size % 2048 == 0
+    finally:
+        kvpcie.set_record_root("")
+    assert kvpcie.record_root().endswith("VideoRecord")
+
+
 def test_a_full_queue_waits_then_times_out(card):
     frame = np.zeros((32, 64), np.uint8)
     started = time.monotonic()

@@ -34,7 +34,14 @@ bool CaptureRecording::StartTake(const QString& folder) {
         FinishTake();
         return false;
     }
+    std::lock_guard<std::mutex> lock(lock_);
+    lastTakeFolder_ = recorder_->TakeDir();
     return true;
+}
+
+QString CaptureRecording::LastTakeFolder() {
+    std::lock_guard<std::mutex> lock(lock_);
+    return lastTakeFolder_;
 }
 
 void CaptureRecording::FinishTake() {

@@ -43,6 +43,8 @@ public:
     // The frames still on their way (in this queue and the recorder's) are written before it
     // returns.
     void FinishTake();
+    // The folder of the running or last take over this channel's recorders; "" before one.
+    QString LastTakeFolder();
 
     // Polling thread: queues the frame when a take runs; a full queue counts it as not recorded.
     void Offer(const char* frame, int frameSize);
@@ -59,6 +61,7 @@ private:
     std::mutex lock_;
     std::unique_ptr<RecordThread> recorder_;
     std::unique_ptr<KvCycleQueue> queue_;
+    QString lastTakeFolder_;
     RelaxedCount notQueued_;
     // Losses in a row, logged once when they begin and once when they end: frames the queue
     // refused (polling thread) and frames the recorder lost (recording thread).

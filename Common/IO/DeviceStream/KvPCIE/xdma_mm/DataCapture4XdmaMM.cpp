@@ -5,7 +5,7 @@
 #include "drivers/XdmaCardRegisters.h"
 #include "XdmaDevice.h"
 
-#include "Common/ApplicationDir.h"
+#include <KvPCIeInjectSdk/KvPCIeRecording.h>
 
 #include "platform/SystemError.h"
 #include "platform/ThreadAffinity.h"
@@ -203,12 +203,16 @@ bool DataCapture4XdmaMM::StartRecord(int c) {
             recordingThread_.Start(cores_, [this] { RecordingLoop(); }, "kvpcie-record");
         }
     }
-    if (!channel.Recording().StartTake(ApplicationDir() + "/VideoRecord/Capture" +
+    if (!channel.Recording().StartTake(KvPCIe::RecordRoot() + "/Capture" +
                                        QString::number(c + 1))) {
         StopRecord(c);
         return false;
     }
     return true;
+}
+
+QString DataCapture4XdmaMM::RecordTakeFolder(int c) {
+    return ValidChannel(c) ? channels_[c].Recording().LastTakeFolder() : QString();
 }
 
 void DataCapture4XdmaMM::StopRecord(int c) {

@@ -59,6 +59,7 @@ public:
 
     bool StartRecord(int channel);
     void StopRecord(int channel);
+    QString RecordTakeFolder(int channel);
 
     // Eight records, one per card buffer; the same area for every channel.
     tagCaptureDelayStatusInfo* GetCaptureDelayStatus(int channel);
