@@ -1,6 +1,8 @@
 // Card memory with described capture frames.
 #include "CardMemory.h"
 
+#include "SimScene.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -38,6 +40,11 @@ void CardMemory::Generate(const FrameDescription& frame, std::uint32_t offset, s
             std::memcpy(out, frame.loopback->data() + offset, copied);
         }
         std::memset(out + copied, 0, size - copied);
+        return;
+    }
+    if (frame.kind == FrameDescription::Kind::Scene) {
+        GenerateScene(SceneFrame{frame.number, frame.width, frame.lines, frame.pixelCode}, offset,
+                      out, size);
         return;
     }
     std::size_t k = offset;

@@ -20,7 +20,7 @@ namespace kvpcie::sim {
 
 // The frame in one capture buffer: its first `bytes` bytes.
 struct FrameDescription {
-    enum class Kind { None, Pattern, Loopback };
+    enum class Kind { None, Pattern, Loopback, Scene };
     Kind kind = Kind::None;
     // Pattern: bytes 0-3 the number, 4-7 the channel (both least significant byte first), byte
     // k from 8 on (k + number) mod 256.
@@ -29,6 +29,10 @@ struct FrameDescription {
     std::uint32_t bytes = 0;
     // Loopback: the frame's bytes as far as it reaches, zeros after.
     std::shared_ptr<const std::vector<std::uint8_t>> loopback;
+    // Scene: frame `number` of the moving scene in this geometry and pixel code.
+    std::uint32_t width = 0;
+    std::uint32_t lines = 0;
+    std::uint32_t pixelCode = 0;
 };
 
 class CardMemory {

@@ -24,6 +24,10 @@ void SimCaptureChannel::Plan(const CaptureSettings& settings, int count, TimePoi
     batchGeneration_ = clock_.Run();
     batchBytes_ = settings.frameBytes;
     batchLoopback_ = settings.loopback;
+    batchScene_ = settings.scene;
+    batchWidth_ = settings.width;
+    batchLines_ = settings.lines;
+    batchPixelCode_ = settings.pixelCode;
     batchLoopbackFrame_ = settings.loopback ? loopbackFrame_ : nullptr;
     if (settings.frameBytes == 0 || settings.frameBytes > xdma::kCardBufferBytes) {
         return;
@@ -51,6 +55,12 @@ void SimCaptureChannel::WriteFrames(CardMemory& memory) {
         if (batchLoopback_) {
             description.kind = FrameDescription::Kind::Loopback;
             description.loopback = batchLoopbackFrame_;
+        } else if (batchScene_) {
+            description.kind = FrameDescription::Kind::Scene;
+            description.number = frame.number;
+            description.width = batchWidth_;
+            description.lines = batchLines_;
+            description.pixelCode = batchPixelCode_;
         } else {
             description.kind = FrameDescription::Kind::Pattern;
             description.number = frame.number;

@@ -22,6 +22,11 @@ namespace kvpcie::sim {
 struct CaptureSettings {
     std::uint32_t frameBytes = 0;
     bool loopback = false;
+    // The moving scene instead of the test pattern, drawn in the channel's format.
+    bool scene = false;
+    std::uint32_t width = 0;
+    std::uint32_t lines = 0;
+    std::uint32_t pixelCode = 0;
     std::uint32_t errorEvery = 0;
     // The host has not taken the frame in the buffer yet.
     std::array<bool, xdma::kCardBufferCount> held{};
@@ -129,6 +134,10 @@ private:
     std::uint64_t batchGeneration_ = 0;
     std::uint32_t batchBytes_ = 0;
     bool batchLoopback_ = false;
+    bool batchScene_ = false;
+    std::uint32_t batchWidth_ = 0;
+    std::uint32_t batchLines_ = 0;
+    std::uint32_t batchPixelCode_ = 0;
     std::shared_ptr<const std::vector<std::uint8_t>> batchLoopbackFrame_;
     std::shared_ptr<const std::vector<std::uint8_t>> loopbackFrame_;
 

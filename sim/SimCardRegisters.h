@@ -51,6 +51,7 @@ constexpr std::uint32_t kCommandNeverTaken = 0xFFFFFFFF;
 constexpr std::uint32_t kDefaultInjectFrameRate = 25;
 
 constexpr std::uint32_t kCaptureSourceLoopback = 1;
+constexpr std::uint32_t kCaptureSourceScene = 2;
 constexpr std::uint32_t kFrameEventOff = 1;
 // Bit 0 of a capture channel's sync word: the card times the frames itself (kCapFramePeriod).
 constexpr std::uint32_t kSyncCardTimed = 0x1;

@@ -142,7 +142,13 @@ CaptureSettings SimXdmaCard::CaptureSettingsLocked(unsigned channel) const {
     const std::uint32_t control = ControlBlock(channel);
     CaptureSettings settings;
     settings.frameBytes = RegisterValueLocked(block + xdma::kCapFrameBytes);
-    settings.loopback = RegisterValueLocked(control + kCtlCaptureSource) == kCaptureSourceLoopback;
+    const std::uint32_t source = RegisterValueLocked(control + kCtlCaptureSource);
+    settings.loopback = source == kCaptureSourceLoopback;
+    settings.scene = source == kCaptureSourceScene;
+    const std::uint32_t geometry = RegisterValueLocked(block + xdma::kCapGeometry);
+    settings.width = geometry >> 16;
+    settings.lines = geometry & 0xFFFF;
+    settings.pixelCode = RegisterValueLocked(block + xdma::kCapPixelCode);
     settings.errorEvery = RegisterValueLocked(control + kCtlErrorFrameEvery);
     for (unsigned buffer = 0; buffer < xdma::kCardBufferCount; ++buffer) {
         const std::uint32_t status = RegisterValueLocked(block + xdma::CapBufferStatus(buffer));
