@@ -1,11 +1,11 @@
-# A recording made by "kvpcie capture --record" on the simulated card, read back by "raw info"
-# and turned into a PNG by "raw png". TOOL and WORK_DIR; EMULATOR runs TOOL where needed.
+# A recording made by "kvpcie capture --record --output DIR" on the simulated card: the take
+# folder it prints lies below DIR, "raw info" reads the file back and "raw png" turns it into a
+# PNG. TOOL and WORK_DIR; EMULATOR runs TOOL where needed.
 file(REMOVE_RECURSE ${WORK_DIR})
 foreach(log Capture_AllChannel Inject_AllChannel InjectReadFile)
     file(MAKE_DIRECTORY ${WORK_DIR}/Log/${log})
 endforeach()
-get_filename_component(tool_dir ${TOOL} DIRECTORY)
-set(recordings ${tool_dir}/VideoRecord/Capture4)
+set(root ${WORK_DIR}/takes)
 
 function(run)
     execute_process(COMMAND ${ARGN} WORKING_DIRECTORY ${WORK_DIR}
@@ -16,23 +16,34 @@ function(run)
     set(output "${out}" PARENT_SCOPE)
 endfunction()
 
-file(GLOB_RECURSE before ${recordings}/*.raw)
 run(${EMULATOR} ${TOOL} --sim capture --channels 3 --frames 6 --card-timing --record --type Y8
-    --width 64 --height 32)
-file(GLOB_RECURSE after ${recordings}/*.raw)
-list(REMOVE_ITEM after ${before} "")
-list(LENGTH after made)
-if(NOT made EQUAL 1)
-    message(FATAL_ERROR "expected one new recording below ${recordings}, found: ${after}")
+    --width 64 --height 32 --output takes)
+# The folder is printed when the take starts and again with the counts.
+if(NOT output MATCHES "ch3: recording into ([^\n]*)\n")
+    message(FATAL_ERROR "the take's folder is not printed:\n${output}")
 endif()
-run(${EMULATOR} ${TOOL} raw info ${after})
+set(printed "${CMAKE_MATCH_1}")
+string(REGEX MATCH "ch3: [0-9]+ frames recorded, 0 not recorded, in ([^\n]*)\n" counted
+       "${output}")
+if(NOT counted OR NOT CMAKE_MATCH_1 STREQUAL printed)
+    message(FATAL_ERROR "the take's folder is not printed with the counts:\n${output}")
+endif()
+file(TO_CMAKE_PATH "${printed}" take)
+if(NOT take MATCHES "^${root}/Capture4/[0-9]+_[0-9]+$")
+    message(FATAL_ERROR "the take ${take} is not below ${root}/Capture4")
+endif()
+file(GLOB made ${take}/*.raw)
+list(LENGTH made count)
+if(NOT count EQUAL 1)
+    message(FATAL_ERROR "expected one recording in ${take}, found: ${made}")
+endif()
+run(${EMULATOR} ${TOOL} raw info ${made})
 if(NOT output MATCHES "64 x 32, 0 parameter line\\(s\\), Y8, 25 fps" OR
    NOT output MATCHES "frame\\(s\\) of 2048 bytes")
     message(FATAL_ERROR "raw info:\n${output}")
 endif()
-run(${EMULATOR} ${TOOL} raw png ${after} --frame 0 -o ${WORK_DIR}/frame0.png)
+run(${EMULATOR} ${TOOL} raw png ${made} --frame 0 -o ${WORK_DIR}/frame0.png)
 file(READ ${WORK_DIR}/frame0.png signature LIMIT 8 HEX)
 if(NOT signature STREQUAL "89504e470d0a1a0a")
     message(FATAL_ERROR "frame0.png is not a PNG (${signature})")
 endif()
-file(REMOVE ${after})

@@ -200,6 +200,8 @@ TEST_F(Kvviewer, RefusesBadCommandLinesAndUnsavableScreenshots) {
         {{"--sim=1"}, "--sim takes no value"},
         {{"--card", "4"}, "--card takes a card number from 0 to 3"},
         {{"--width", "65535", "--height", "65535"}, "larger than the card's 20 MiB buffer"},
+        {{"-o"}, "--output needs a value"},
+        {{"--output="}, "--output needs a folder"},
     };
     for (const auto& [args, message] : cases) {
         SCOPED_TRACE(args.join(' ').toStdString());
@@ -208,6 +210,15 @@ TEST_F(Kvviewer, RefusesBadCommandLinesAndUnsavableScreenshots) {
         EXPECT_TRUE(bad.err.contains(QString::fromLatin1(message))) << bad.err.toStdString();
         EXPECT_TRUE(bad.err.contains(QStringLiteral("usage: kvviewer")));
     }
+    // A KVPCIE_SIM that would quietly give fewer cards than it names.
+    const QByteArray simulated = qgetenv("KVPCIE_SIM");
+    qputenv("KVPCIE_SIM", "xdma:5");
+    const ViewerRun tooMany = Run({"--quit-after", "0"});
+    qputenv("KVPCIE_SIM", simulated);
+    EXPECT_EQ(tooMany.exitCode, 2);
+    EXPECT_TRUE(tooMany.err.contains(QStringLiteral("asks for 5 XDMA cards")))
+        << tooMany.err.toStdString();
+
     const ViewerRun help = Run({"--help"});
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_TRUE(help.out.contains(QStringLiteral("--screenshot FILE")));

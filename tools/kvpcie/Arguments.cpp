@@ -19,11 +19,11 @@ Arguments::Arguments(std::vector<std::string> words, const std::set<std::string>
             } else {
                 options_[word] = "";
             }
-        } else if (word == "-o") {
+        } else if (word == "-o" || (word.size() == 2 && word[0] == '-' && valued.count(word))) {
             if (i + 1 >= words.size()) {
-                throw UsageError{"-o needs a file name"};
+                throw UsageError{word == "-o" ? "-o needs a file name" : word + " needs a value"};
             }
-            options_["-o"] = words[++i];
+            options_[word] = words[++i];
         } else {
             words_.push_back(word);
         }

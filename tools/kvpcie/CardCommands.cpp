@@ -116,20 +116,16 @@ int RunReg(const std::vector<std::string>& args) {
     const auto& words = arguments.Words();
     if (words.size() == 2 && words[0] == "read") {
         const unsigned address = RegisterAddress(words[1]);
-        PCIeDataManager manager;
-        OpenChosenCard(manager);
-        std::printf("0x%08x\n", manager.ReadReg(address));
-        manager.CloseCard();
+        OpenedCard card;
+        std::printf("0x%08x\n", card.Manager().ReadReg(address));
         return 0;
     }
     if (words.size() == 3 && words[0] == "write") {
         const unsigned address = RegisterAddress(words[1]);
         const auto value = static_cast<unsigned>(ParseNumber(words[2], "value", 0, 0xFFFFFFFF));
-        PCIeDataManager manager;
-        OpenChosenCard(manager);
-        const int result = manager.WriteReg(address, static_cast<int>(value));
-        const std::string reason = manager.LastErrorText();
-        manager.CloseCard();
+        OpenedCard card;
+        const int result = card.Manager().WriteReg(address, static_cast<int>(value));
+        const std::string reason = card.Manager().LastErrorText();
         if (result != 4) {
             throw RuntimeError{reason.empty() ? "the register write failed (" +
                                                     std::to_string(result) + ")"
@@ -154,13 +150,13 @@ int RunMem(const std::vector<std::string>& args) {
         const auto address = ParseNumber(words[1], "address", 0, kCardMemoryBytes - 1);
         const auto size = ParseNumber(words[2], "size", 1, kCardMemoryBytes - address);
         std::vector<unsigned char> bytes(static_cast<std::size_t>(size));
-        PCIeDataManager manager;
-        OpenChosenCard(manager);
-        const bool read = manager.ReadData(static_cast<unsigned>(address),
-                                           static_cast<unsigned>(size), bytes.data());
-        manager.CloseCard();
-        if (!read) {
-            throw RuntimeError{std::string("the DMA read failed: ") + manager.LastErrorText()};
+        {
+            OpenedCard card;
+            if (!card.Manager().ReadData(static_cast<unsigned>(address),
+                                         static_cast<unsigned>(size), bytes.data())) {
+                throw RuntimeError{std::string("the DMA read failed: ") +
+                                   card.Manager().LastErrorText()};
+            }
         }
         if (const auto file = arguments.Value("-o")) {
             std::ofstream out(*file, std::ios::binary);
@@ -185,14 +181,11 @@ int RunMem(const std::vector<std::string>& args) {
         if (bytes.empty() || bytes.size() > kCardMemoryBytes - address) {
             throw UsageError{words[2] + " is empty or does not fit in card memory from there"};
         }
-        PCIeDataManager manager;
-        OpenChosenCard(manager);
-        const bool written = manager.WriteData(static_cast<unsigned>(address),
-                                               static_cast<unsigned>(bytes.size()), bytes.data());
-        const std::string reason = manager.LastErrorText();
-        manager.CloseCard();
-        if (!written) {
-            throw RuntimeError{"the DMA write failed: " + reason};
+        OpenedCard card;
+        if (!card.Manager().WriteData(static_cast<unsigned>(address),
+                                      static_cast<unsigned>(bytes.size()), bytes.data())) {
+            throw RuntimeError{std::string("the DMA write failed: ") +
+                               card.Manager().LastErrorText()};
         }
         std::printf("%zu bytes written at 0x%llx\n", bytes.size(),
                     static_cast<unsigned long long>(address));
@@ -225,12 +218,10 @@ int RunCmd(const std::vector<std::string>& args) {
     }
     // The library prints its four timing messages through Qt; they are not for this tool's user.
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
-    PCIeDataManager manager;
-    OpenChosenCard(manager);
-    const bool sent = manager.WriteControlCmd(
+    OpenedCard card;
+    const bool sent = card.Manager().WriteControlCmd(
         channel,
         QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size())));
-    manager.CloseCard();
     if (!sent) {
         throw RuntimeError{"the card did not take the command within 40 ms"};
     }
@@ -256,8 +247,8 @@ int RunStatus(const std::vector<std::string>& args) {
     const double seconds =
         arguments.Value("--seconds") ? ParseSeconds(*arguments.Value("--seconds"), 86400) : 0;
     CatchInterrupts();
-    PCIeDataManager manager;
-    OpenChosenCard(manager);
+    OpenedCard card;
+    PCIeDataManager& manager = card.Manager();
     struct Received {
         std::uint64_t deliveries = 0;
         std::uint64_t bytes = 0;
@@ -295,7 +286,6 @@ int RunStatus(const std::vector<std::string>& args) {
     KvCaptureStatistics stats;
     manager.GetCaptureStatistics(channel, stats);
     manager.SetSystemStatusCallback(channel, nullptr, nullptr, false);
-    manager.CloseCard();
     if (asJson) {
         json.Print(QJsonObject{{"channel", channel},
                                {"deliveries", static_cast<qint64>(received.deliveries)},

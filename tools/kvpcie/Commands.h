@@ -35,6 +35,22 @@ extern std::vector<int> chosenCards;
 // runtime error that says how to use the simulated card when none is found, and one that says
 // how many are listed when that one is not. Returns the card's path.
 std::string OpenChosenCard(PCIeDataManager& manager, int card = -1);
+// A command's card: opened by the constructor as OpenChosenCard does (its errors thrown), and
+// closed on every way out of the command, a thrown error or Ctrl-C included.
+class OpenedCard {
+public:
+    explicit OpenedCard(int card = -1) : path_(OpenChosenCard(manager_, card)) {}
+    ~OpenedCard() { manager_.CloseCard(); }
+    OpenedCard(const OpenedCard&) = delete;
+    OpenedCard& operator=(const OpenedCard&) = delete;
+
+    PCIeDataManager& Manager() { return manager_; }
+    const std::string& Path() const { return path_; }
+
+private:
+    PCIeDataManager manager_;
+    std::string path_;
+};
 // The number of the simulated card in this process that `path` names; -1 for any other card
 // (a real one, or the driver model's in its own process).
 int InProcessSimCardNumber(const std::string& path);

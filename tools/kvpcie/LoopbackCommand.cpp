@@ -5,6 +5,7 @@
 #include "JsonOutput.h"
 #include "TestFrames.h"
 
+#include <KvPCIeInjectSdk/KvPCIeRecording.h>
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
 #include <QCoreApplication>
@@ -18,6 +19,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <thread>
 
 namespace kvpcie::cli {
@@ -32,11 +34,13 @@ namespace {
 
 const char kHelp[] =
     "usage: kvpcie [--card N]... loopback [--channels 0,1,2,3] [--seconds S] [--rate FPS]\n"
-    "                       [--width W] [--height H] [--type TYPE] [--record] [--json]\n"
+    "                       [--width W] [--height H] [--type TYPE] [--record [--output DIR]]\n"
+    "                       [--json]\n"
     "The self-test on the simulated card (kvpcie --sim loopback): each channel injects frames\n"
     "at FPS (25) that the card plays into its capture channel (card-timed, 25 fps); every\n"
     "captured frame is checked byte for byte against the frame injected, and with --record\n"
-    "recorded below VideoRecord/Capture<N>/ beside the program. After S seconds (5) a table\n"
+    "recorded into a take folder below DIR/Capture<N>/ (DIR: the program's VideoRecord folder\n"
+    "unless --output says), printed at the end. After S seconds (5) a table\n"
     "gives frames, drops, underruns, capture latency and throughput per channel, and PASS or\n"
     "FAIL (--json: the same as one JSON document). With --card given more than once the cards\n"
     "run side by side, each channel's frames tagged for that card and channel alone, and the\n"
@@ -147,17 +151,17 @@ double Percentile(std::vector<std::int64_t> samples, double share) {
     return samples[static_cast<std::size_t>(share * (samples.size() - 1))] / 1e6;
 }
 
-std::uint64_t RecordedBytes(int channel) {
+std::uint64_t RecordedBytes(const QString& takeFolder) {
     std::uint64_t bytes = 0;
-    QDirIterator files(QCoreApplication::applicationDirPath() + "/VideoRecord/Capture" +
-                           QString::number(channel + 1),
-                       QDir::Files, QDirIterator::Subdirectories);
+    if (takeFolder.isEmpty()) {
+        return 0;
+    }
+    QDirIterator files(takeFolder, QDir::Files);
     while (files.hasNext()) {
         bytes += static_cast<std::uint64_t>(QFileInfo(files.next()).size());
     }
     return bytes;
 }
-
 
 struct LoopbackOptions {
     std::vector<int> channels;
@@ -165,34 +169,37 @@ struct LoopbackOptions {
     int rate = 25;
     FrameGeometry geometry;
     bool record = false;
+    std::optional<std::string> recordRoot;  // --output
     bool json = false;
 };
 
-// One card of the run and its channels. Its manager closes the card when it goes.
+// One card of the run and its channels; the card is closed when it goes, on every way out.
 struct LoopbackCard {
+    LoopbackCard() = default;
+    ~LoopbackCard() { manager.CloseCard(); }
+    LoopbackCard(const LoopbackCard&) = delete;
+    LoopbackCard& operator=(const LoopbackCard&) = delete;
+
     int number = 0;  // in the listing
     bool named = false;  // several cards run: messages and the table name it
     PCIeDataManager manager;
     std::array<Channel, 4> channels;
-    std::array<std::uint64_t, 4> recordedBefore{};
 
     std::string Label(int c) const {
         return (named ? "card " + std::to_string(number) + " channel " : "channel ") +
                std::to_string(c);
     }
     [[noreturn]] void Fail(int c, const std::string& what) {
-        const std::string reason = manager.LastErrorText();
-        manager.CloseCard();
-        throw RuntimeError{Label(c) + " " + what + ": " + reason};
+        throw RuntimeError{Label(c) + " " + what + ": " + manager.LastErrorText()};
     }
 };
 
 LoopbackOptions ParseLoopbackOptions(const std::vector<std::string>& args) {
     const Arguments arguments(
-        args, {"--channels", "--seconds", "--rate", "--width", "--height", "--type"});
+        args, {"--channels", "--seconds", "--rate", "--width", "--height", "--type", "--output"});
     // --no-record is still taken: it was the way to switch off what is now off by default.
     arguments.AllowOnly({"--channels", "--seconds", "--rate", "--width", "--height", "--type",
-                         "--record", "--no-record", "--json"});
+                         "--record", "--no-record", "--output", "--json"});
     if (!arguments.Words().empty()) {
         throw UsageError{"unexpected \"" + arguments.Words().front() + "\""};
     }
@@ -211,6 +218,10 @@ LoopbackOptions ParseLoopbackOptions(const std::vector<std::string>& args) {
         throw UsageError{"--record takes one card: the cards' channels would share their "
                          "recording folders"};
     }
+    options.recordRoot = arguments.Value("--output");
+    if (options.recordRoot && !options.record) {
+        throw UsageError{"--output DIR is where --record writes: add --record"};
+    }
     options.json = arguments.Has("--json");
     return options;
 }
@@ -219,7 +230,6 @@ LoopbackOptions ParseLoopbackOptions(const std::vector<std::string>& args) {
 void StartCard(LoopbackCard& card, const LoopbackOptions& options) {
     const int simCard = InProcessSimCardNumber(OpenChosenCard(card.manager, card.number));
     if (!IsSimulatedCard(card.manager)) {
-        card.manager.CloseCard();
         throw RuntimeError{
             "loopback needs the simulated card's loopback source (run kvpcie --sim "
             "loopback)"};
@@ -236,7 +246,6 @@ void StartCard(LoopbackCard& card, const LoopbackOptions& options) {
         // Each card's channel has a tag of its own: a frame of another card or channel fails.
         state.run = NewTestRun();
         card.manager.WriteReg(ControlBlock(c), static_cast<int>(kCaptureSourceLoopback));
-        card.recordedBefore[c] = RecordedBytes(c);
         eErrorCode error = ERR_NONE;
         if (!card.manager.StartCapture(c, true, geometry.width, geometry.height, geometry.type,
                                        error, &OnFrame, &state, state.buffer.data())) {
@@ -276,8 +285,8 @@ bool ReportCard(LoopbackCard& card, const LoopbackOptions& options, double elaps
         const Channel& state = card.channels[c];
         const unsigned dropped = card.manager.ReadReg(ControlBlock(c) + kCtlDropped);
         const unsigned underruns = card.manager.ReadReg(ControlBlock(c) + kCtlUnderruns);
-        const std::uint64_t recorded =
-            options.record ? (RecordedBytes(c) - card.recordedBefore[c]) / frameBytes : 0;
+        const QString takeFolder = options.record ? card.manager.GetRecordTakeFolder(c) : QString();
+        const std::uint64_t recorded = RecordedBytes(takeFolder) / frameBytes;
         const std::vector<std::int64_t> latencies(
             state.latencies.begin(),
             state.latencies.begin() + static_cast<long>(state.latencyCount));
@@ -317,6 +326,9 @@ bool ReportCard(LoopbackCard& card, const LoopbackOptions& options, double elaps
             {"p50Ms", latencies.empty() ? QJsonValue() : QJsonValue(Percentile(latencies, 0.5))},
             {"p99Ms", latencies.empty() ? QJsonValue() : QJsonValue(Percentile(latencies, 0.99))},
             {"megabytesPerSecond", megabytesPerSecond}};
+        if (options.record) {
+            row["recordFolder"] = QDir::toNativeSeparators(takeFolder);
+        }
         if (card.named) {
             row["card"] = card.number;
         }
@@ -333,6 +345,9 @@ int RunLoopback(const std::vector<std::string>& args) {
     }
     const LoopbackOptions options = ParseLoopbackOptions(args);
     JsonOutput json(options.json);
+    if (options.recordRoot) {
+        KvPCIe::SetRecordRoot(QString::fromLocal8Bit(options.recordRoot->c_str()));
+    }
     CatchInterrupts();
     std::vector<std::unique_ptr<LoopbackCard>> cards;
     for (int number : chosenCards) {
@@ -375,20 +390,17 @@ int RunLoopback(const std::vector<std::string>& args) {
                 cards.size() > 1 ? "card  " : "");
     for (const std::unique_ptr<LoopbackCard>& card : cards) {
         pass = ReportCard(*card, options, elapsed, figures) && pass;
-        card->manager.CloseCard();
     }
     if (options.record) {
-        std::printf("recordings: %s/VideoRecord/Capture<N>/\n",
-                    qPrintable(QCoreApplication::applicationDirPath()));
+        for (int c : options.channels) {
+            std::printf("channel %d recorded into %s\n", c,
+                        qPrintable(QDir::toNativeSeparators(
+                            cards.front()->manager.GetRecordTakeFolder(c))));
+        }
     }
     std::printf("%s\n", pass ? "PASS" : "FAIL");
     if (options.json) {
-        QJsonObject document{{"channels", figures}, {"pass", pass}};
-        if (options.record) {
-            document["recordFolder"] =
-                QCoreApplication::applicationDirPath() + "/VideoRecord/Capture<N>";
-        }
-        json.Print(document);
+        json.Print(QJsonObject{{"channels", figures}, {"pass", pass}});
     }
     return pass ? 0 : 1;
 }

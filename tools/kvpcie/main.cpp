@@ -1,5 +1,6 @@
 // kvpcie: the command-line tool for XDMA and RIFFA frame cards and the simulated card.
 #include "Commands.h"
+#include "SimulationSetting.h"
 
 #include <KvPCIeInjectSdk/KvPCIeInjectSdkVersion.h>
 
@@ -91,6 +92,10 @@ int main(int argc, char** argv) {
         {"capture", RunCapture}, {"inject", RunInject}, {"loopback", RunLoopback},
         {"cmd", RunCmd},         {"status", RunStatus}, {"raw", RunRaw},
     };
+    if (const std::string problem = kvpcie::tools::SimulationSettingProblem(); !problem.empty()) {
+        std::fprintf(stderr, "kvpcie: %s\n", problem.c_str());
+        return 2;
+    }
     const auto command = commands.find(words.front());
     if (command == commands.end()) {
         std::fprintf(stderr, "kvpcie: unknown command \"%s\" (kvpcie --help lists them)\n",

@@ -1,6 +1,7 @@
 // kvviewer: the bench's window onto an XDMA frame card.
-#include "ViewerOptions.h"
+#include "SimulationSetting.h"
 #include "StudioWindow.h"
+#include "ViewerOptions.h"
 
 #include <QApplication>
 #include <QTimer>
@@ -41,6 +42,11 @@ int main(int argc, char** argv) {
                                qEnvironmentVariableIsEmpty("KVPCIE_LINUX_ROOT");
     if (options.simulated || demoNeedsCard) {
         qputenv("KVPCIE_SIM", "1");
+    }
+
+    if (const std::string problem = kvpcie::tools::SimulationSettingProblem(); !problem.empty()) {
+        std::fprintf(stderr, "kvviewer: %s\n", problem.c_str());
+        return 2;
     }
 
     // Every argument is the viewer's; Qt gets none of them to reinterpret.
