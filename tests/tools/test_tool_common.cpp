@@ -16,6 +16,7 @@ namespace {
 using kvpcie::tools::ConvertToRgba;
 using kvpcie::tools::ParseRawRecordingName;
 using kvpcie::tools::RawRecordingInfo;
+using kvpcie::tools::Y16Window;
 
 using Bytes = std::vector<unsigned char>;
 
@@ -29,10 +30,11 @@ struct Pixel {
 };
 
 void ExpectConverts(const char* what, ePixelType type, int width, int height, const Bytes& frame,
-                    const std::vector<Pixel>& expected) {
+                    const std::vector<Pixel>& expected, const Y16Window& window = {}) {
     SCOPED_TRACE(what);
     Bytes rgba(static_cast<std::size_t>(width) * height * 4, kUntouched);
-    ASSERT_TRUE(ConvertToRgba(type, width, height, frame.data(), frame.size(), rgba.data()));
+    ASSERT_TRUE(
+        ConvertToRgba(type, width, height, frame.data(), frame.size(), rgba.data(), window));
     for (const Pixel& p : expected) {
         const unsigned char* seen = &rgba[4 * p.index];
         EXPECT_NEAR(seen[0], p.r, p.tolerance) << "pixel " << p.index;
@@ -65,6 +67,15 @@ TEST(PixelConversion, EachTypeShowsAsExpected) {
     ExpectConverts("flat Y16 black", Y16, 2, 1, {0, 0, 0, 0}, {{1, 0, 0, 0, 0}});
     ExpectConverts("flat Y16 middle", Y16, 2, 1, {0x00, 0x80, 0x00, 0x80}, {{0, 128, 128, 128, 2}});
     ExpectConverts("flat Y16 white", Y16, 1, 1, {0xFF, 0xFF}, {{0, 255, 255, 255, 0}});
+    // A window set by the user: 500 below it black, 2000 halfway, 4000 above it white; the
+    // picture's own range (500-4000) plays no part.
+    ExpectConverts("Y16 window", Y16, 3, 1, {0xF4, 0x01, 0xD0, 0x07, 0xA0, 0x0F},
+                   {{0, 0, 0, 0, 0}, {1, 128, 128, 128, 2}, {2, 255, 255, 255, 0}},
+                   Y16Window{false, 1000, 3000});
+    ExpectConverts("Y16 window upside down is automatic", Y16, 3, 1,
+                   {0xF4, 0x01, 0xD0, 0x07, 0xA0, 0x0F},
+                   {{0, 0, 0, 0, 0}, {1, 110, 110, 110, 2}, {2, 255, 255, 255, 0}},
+                   Y16Window{false, 3000, 1000});
     // Each pixel: the 16-bit value little-endian, then the 8-bit value shown.
     ExpectConverts("Y16&Y8", Y16_Y8, 2, 1, {0xFF, 0xFF, 10, 0x00, 0x00, 200},
                    {{0, 10, 10, 10, 0}, {1, 200, 200, 200, 0}});

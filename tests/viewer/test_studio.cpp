@@ -8,6 +8,7 @@
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
 #include <QApplication>
+#include <QCheckBox>
 #include <QComboBox>
 #include <QLabel>
 #include <QMouseEvent>
@@ -92,6 +93,10 @@ private slots:
     void theFormatAndCardAreKeptForTheNextSession();
     void anotherCardOpensInPlaceOfTheFirstWhichIsLetGo();
     void aRiffaDeviceLeavesNoStartOrPlayButtonToPress();
+    void takesAndNumberedSnapshotsGoToTheChosenFolder();
+    void theHistogramCountsEveryPixelOfAKnownPicture();
+    void theY16WindowIsTakenOrRefusedAndShownOverThePicture();
+    void theDemoShowsTheCardsMovingScene();
 
 private:
     std::unique_ptr<StudioWindow> MakeWindow(bool keepSettings = false);
@@ -507,6 +512,130 @@ int main(int argc, char** argv) {
     static QApplication* application = new QApplication(argc, argv);
     StudioTest test;
     return QTest::qExec(&test, argc, argv);
+}
+
+void StudioTest::takesAndNumberedSnapshotsGoToTheChosenFolder() {
+    const QString out = QDir(scratch_.path()).filePath(QStringLiteral("bench out"));
+    window_->SetOutputFolder(out);
+    QVERIFY(window_->Log()->toPlainText().contains(out));
+    CapturePanel* panel = window_->Capture(1);
+    QVERIFY(panel->Start());
+    QTRY_VERIFY_WITH_TIMEOUT(panel->Frames() >= 3, kWaitMs);
+    QVERIFY(panel->StartRecording());
+    QVERIFY2(panel->TakeFolder().startsWith(QDir::toNativeSeparators(out + "/Capture2/")),
+             qPrintable(panel->TakeFolder()));
+    QVERIFY(window_->Log()->toPlainText().contains(panel->TakeFolder()));
+    panel->StopRecording();
+
+    // Ctrl+P on the current channel numbers on from the highest snapshot there, never over one.
+    QFile kept(out + QStringLiteral("/snapshot_ch1_0007.png"));
+    QVERIFY(kept.open(QIODevice::WriteOnly));
+    kept.write("kept");
+    kept.close();
+    window_->SetCurrentChannel(1);
+    window_->activateWindow();
+    QVERIFY(QTest::qWaitForWindowActive(window_.get()));
+    std::vector<char> frame;
+    CaptureFormat format;
+    panel->AskForFrame();
+    QTRY_VERIFY_WITH_TIMEOUT(panel->LatestFrame(frame, format), kWaitMs);
+    for (int shot = 0; shot < 2; ++shot) {
+        QTest::keyClick(window_.get(), Qt::Key_P, Qt::ControlModifier);
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(QDir(out).entryList({QStringLiteral("snapshot_ch1_*.png")}),
+                              QStringList({QStringLiteral("snapshot_ch1_0007.png"),
+                                           QStringLiteral("snapshot_ch1_0008.png"),
+                                           QStringLiteral("snapshot_ch1_0009.png")}),
+                              kWaitMs);
+    QVERIFY(kept.open(QIODevice::ReadOnly));
+    QCOMPARE(kept.readAll(), QByteArray("kept"));
+    QVERIFY(!QImage(out + QStringLiteral("/snapshot_ch1_0009.png")).isNull());
+    window_->SetOutputFolder(QString());
+}
+
+// A 640-wide Y8 frame of the card's pattern holds every level 0-255 equally often (byte k is
+// (k + n) mod 256): a histogram that samples every second pixel shows a comb of half of them.
+void StudioTest::theHistogramCountsEveryPixelOfAKnownPicture() {
+    CapturePanel* panel = window_->Capture(0);
+    QVERIFY(panel->SetFormat(CaptureFormat{640, 512, Y8, false}));
+    QVERIFY(panel->Start());
+    window_->SetCurrentChannel(0);
+    const HistogramView* histogram = window_->Inspect()->Histogram();
+    QTRY_VERIFY_WITH_TIMEOUT(histogram->Levels().pixels == 640u * 512u, kWaitMs);
+    panel->Stop();
+    const kvpcie::tools::LevelHistogram& levels = histogram->Levels();
+    for (int bin = 0; bin < 256; ++bin) {
+        // 1,280 each; the 8 bytes of the frame's stamp move one level up or down a little.
+        QVERIFY2(levels.bins[bin] >= 1270 && levels.bins[bin] <= 1290,
+                 qPrintable(QStringLiteral("bin %1: %2").arg(bin).arg(levels.bins[bin])));
+    }
+    QCOMPARE(levels.minLevel, 0u);
+    QCOMPARE(levels.maxLevel, 255u);
+    QVERIFY(std::abs(levels.MeanLevel() - 127.5) < 0.5);
+    QVERIFY2(histogram->SummaryText().startsWith(QStringLiteral("min 0   max 255   mean 127.")),
+             qPrintable(histogram->SummaryText()));
+}
+
+void StudioTest::theY16WindowIsTakenOrRefusedAndShownOverThePicture() {
+    CapturePanel* panel = window_->Capture(2);
+    window_->SetCurrentChannel(2);
+    InspectPage* inspect = window_->Inspect();
+    QVERIFY(inspect->SetY16Window(false, 1000, 3000));
+    kvpcie::tools::Y16Window shown = panel->Y16WindowShown();
+    QVERIFY(!shown.automatic);
+    QCOMPARE(shown.low, 1000u);
+    QCOMPARE(shown.high, 3000u);
+    // Refused: the picture keeps the window it had.
+    QVERIFY(!inspect->SetY16Window(false, 3000, 3000));
+    QVERIFY(window_->Log()->toPlainText().contains(QStringLiteral("low below high")));
+    QCOMPARE(panel->Y16WindowShown().low, 1000u);
+    // Each channel has its own; the page shows the current one's.
+    window_->SetCurrentChannel(3);
+    QVERIFY(window_->Capture(3)->Y16WindowShown().automatic);
+    QVERIFY(inspect->findChild<QCheckBox*>(QStringLiteral("windowAuto"))->isChecked());
+    window_->SetCurrentChannel(2);
+    QVERIFY(!inspect->findChild<QCheckBox*>(QStringLiteral("windowAuto"))->isChecked());
+    QCOMPARE(inspect->findChild<QSpinBox*>(QStringLiteral("windowHigh"))->value(), 3000);
+    QVERIFY(inspect->SetY16Window(true, 0, 0xFFFF));
+    QVERIFY(panel->Y16WindowShown().automatic);
+
+    // The overlay over the picture: figures while running, gone when switched off.
+    QVERIFY(panel->Start());
+    QVERIFY(window_->OverlayShown() && panel->OverlayShown());
+    QTRY_VERIFY_WITH_TIMEOUT(panel->OverlayText().contains(QRegularExpression(
+                                 QStringLiteral("^[0-9.]+ fps   [0-9]+ lost   [0-9.]+ MB/s$"))),
+                             kWaitMs);
+    window_->activateWindow();
+    QVERIFY(QTest::qWaitForWindowActive(window_.get()));
+    QTest::keyClick(window_.get(), Qt::Key_I, Qt::ControlModifier);
+    QVERIFY(!panel->OverlayShown());
+    window_->SetOverlayShown(true);
+    QVERIFY(panel->OverlayShown());
+}
+
+// The demo's live channel looks like a camera's picture, not a ramp: its levels spread unevenly
+// over much of the range, nothing clips, and it moves.
+void StudioTest::theDemoShowsTheCardsMovingScene() {
+    if (!qEnvironmentVariableIsEmpty("KVPCIE_MODEL_ROOT")) {
+        QSKIP("the driver model's card: the demo's sources are the in-process card's");
+    }
+    QVERIFY(window_->StartDemo());
+    window_->SetCurrentChannel(0);
+    const HistogramView* histogram = window_->Inspect()->Histogram();
+    QTRY_VERIFY_WITH_TIMEOUT(histogram->Levels().pixels > 0, kWaitMs);
+    const std::vector<char> first = window_->Inspect()->InspectedFrame();
+    const kvpcie::tools::LevelHistogram levels = histogram->Levels();
+    int populated = 0;
+    std::uint32_t tallest = 0;
+    for (std::uint32_t count : levels.bins) {
+        populated += count > 0 ? 1 : 0;
+        tallest = std::max(tallest, count);
+    }
+    QVERIFY2(populated > 100, qPrintable(QString::number(populated)));
+    // A ramp fills its bins evenly; a scene has favourite levels.
+    QVERIFY(tallest > 3 * levels.pixels / 256);
+    QCOMPARE(levels.clippedLow + levels.clippedHigh, std::uint64_t{0});
+    QTRY_VERIFY_WITH_TIMEOUT(window_->Inspect()->InspectedFrame() != first, kWaitMs);
 }
 
 #include "test_studio.moc"

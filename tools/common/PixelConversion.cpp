@@ -68,7 +68,8 @@ void ConvertGrey(std::size_t pixels, std::size_t bytesPerPixel, std::size_t grey
     }
 }
 
-void ConvertY16(std::size_t pixels, const unsigned char* frame, unsigned char* rgba) {
+void ConvertY16(std::size_t pixels, const unsigned char* frame, unsigned char* rgba,
+                const Y16Window& window) {
     const auto value = [frame](std::size_t i) {
         std::uint16_t word;
         std::memcpy(&word, frame + 2 * i, sizeof word);
@@ -80,9 +81,15 @@ void ConvertY16(std::size_t pixels, const unsigned char* frame, unsigned char* r
         low = std::min(low, value(i));
         high = std::max(high, value(i));
     }
-    // A flat picture keeps its brightness rather than turning an arbitrary grey.
-    const std::uint32_t range = high > low ? high - low : 0xFFFF;
-    const std::uint32_t base = high > low ? low : 0;
+    // A flat picture keeps its brightness rather than turning an arbitrary grey. A window set
+    // by the user holds still from frame to frame; levels outside it are black or white.
+    const bool fixed = !window.automatic && window.high > window.low && window.high <= 0xFFFF;
+    std::uint32_t range = high > low ? high - low : 0xFFFF;
+    std::uint32_t base = high > low ? low : 0;
+    if (fixed) {
+        range = window.high - window.low;
+        base = window.low;
+    }
     // Division per pixel was most of a viewer's cost: each level that occurs gets its grey once
     // (a table per thread: nothing is allocated per frame), by a multiplication with the
     // range's reciprocal that is exact for every numerator below 2^24 since the range is at
@@ -90,7 +97,8 @@ void ConvertY16(std::size_t pixels, const unsigned char* frame, unsigned char* r
     thread_local std::uint32_t rgbaOfLevel[0x10000];
     const std::uint64_t reciprocal = ((std::uint64_t{1} << 40) + range - 1) / range;
     for (std::uint32_t level = low; level <= high; ++level) {
-        const std::uint64_t numerator = std::uint64_t{level - base} * 255 + range / 2;
+        const std::uint32_t inside = std::clamp(level, base, base + range) - base;
+        const std::uint64_t numerator = std::uint64_t{inside} * 255 + range / 2;
         const auto grey = static_cast<std::uint32_t>((numerator * reciprocal) >> 40);
         rgbaOfLevel[level] = qToLittleEndian(grey * 0x010101u | 0xFF000000u);
     }
@@ -110,6 +118,11 @@ void ConvertBgr(std::size_t pixels, const unsigned char* frame, unsigned char* r
 
 bool ConvertToRgba(ePixelType type, int width, int height, const unsigned char* frame,
                    std::size_t frameBytes, unsigned char* rgba) {
+    return ConvertToRgba(type, width, height, frame, frameBytes, rgba, Y16Window{});
+}
+
+bool ConvertToRgba(ePixelType type, int width, int height, const unsigned char* frame,
+                   std::size_t frameBytes, unsigned char* rgba, const Y16Window& window) {
     if (!CanShow(type) || width <= 0 || height <= 0 || frame == nullptr || rgba == nullptr) {
         return false;
     }
@@ -131,7 +144,7 @@ bool ConvertToRgba(ePixelType type, int width, int height, const unsigned char* 
             ConvertGrey(count, 1, 0, frame, rgba);
             break;
         case Y16:
-            ConvertY16(count, frame, rgba);
+            ConvertY16(count, frame, rgba, window);
             break;
         case Y16_Y8:
             ConvertGrey(count, 3, 2, frame, rgba);

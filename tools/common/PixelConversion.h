@@ -4,6 +4,7 @@
 #include <KvPCIeInjectSdk/KvPCIeTypes.h>
 
 #include <cstddef>
+#include <cstdint>
 
 namespace kvpcie::tools {
 
@@ -24,5 +25,17 @@ namespace kvpcie::tools {
 //   BGR24    B, G, R bytes.
 bool ConvertToRgba(ePixelType type, int width, int height, const unsigned char* frame,
                    std::size_t frameBytes, unsigned char* rgba);
+
+// How Y16 levels become greys: stretched between the picture's own minimum and maximum
+// (automatic), or between `low` (black and below) and `high` (white and above), which hold from
+// frame to frame. A window with high <= low counts as automatic.
+struct Y16Window {
+    bool automatic = true;
+    std::uint32_t low = 0;
+    std::uint32_t high = 0xFFFF;
+};
+// As above, with Y16 shown through `window`; the other types are shown as above.
+bool ConvertToRgba(ePixelType type, int width, int height, const unsigned char* frame,
+                   std::size_t frameBytes, unsigned char* rgba, const Y16Window& window);
 
 }  // namespace kvpcie::tools

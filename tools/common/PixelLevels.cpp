@@ -1,6 +1,7 @@
 // Pixel values and level histograms of the card's pixel types.
 #include "PixelLevels.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace kvpcie::tools {
@@ -97,15 +98,22 @@ bool CountLevels(ePixelType type, int width, int height, const unsigned char* fr
     out.bits = (type == Y16 || type == Y16_Y8) ? 16 : 8;
     const unsigned top = out.bits == 16 ? 0xFFFFu : 0xFFu;
     const int shift = out.bits - 8;
+    unsigned lowest = top;
+    unsigned highest = 0;
     for (int y = 0; y < height; y += step) {
         for (int x = 0; x < width; x += step) {
             const unsigned level = Level(type, frame, width, x, y);
             ++out.bins[level >> shift];
             out.clippedLow += level == 0;
             out.clippedHigh += level == top;
+            out.levelSum += level;
+            lowest = std::min(lowest, level);
+            highest = std::max(highest, level);
             ++out.pixels;
         }
     }
+    out.minLevel = lowest;
+    out.maxLevel = highest;
     return true;
 }
 

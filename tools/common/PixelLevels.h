@@ -26,9 +26,14 @@ struct LevelHistogram {
     std::uint64_t clippedLow = 0;
     std::uint64_t clippedHigh = 0;
     int bits = 8;
+    // Over the pixels counted, in the type's own levels (0-65535 for the 16-bit types).
+    std::uint32_t minLevel = 0;
+    std::uint32_t maxLevel = 0;
+    std::uint64_t levelSum = 0;
 
     double ClippedLowShare() const { return pixels == 0 ? 0.0 : double(clippedLow) / pixels; }
     double ClippedHighShare() const { return pixels == 0 ? 0.0 : double(clippedHigh) / pixels; }
+    double MeanLevel() const { return pixels == 0 ? 0.0 : double(levelSum) / pixels; }
 };
 
 // Counts every `step`-th pixel of every `step`-th line (step 1: all). False, counting nothing,

@@ -6,6 +6,7 @@
 #include "ZoomView.h"
 
 #include <KvPCIeInjectSdk/GLWidget.h>
+#include <KvPCIeInjectSdk/KvPCIeRecording.h>
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
 #include <QCheckBox>
@@ -24,6 +25,7 @@
 #include <QTimer>
 #include <QVBoxLayout>
 
+#include <algorithm>
 #include <new>
 
 namespace kvpcie::viewer {
@@ -36,16 +38,20 @@ QString TypeName(ePixelType type) {
     return QString::fromLatin1(tools::PixelTypeName(type));
 }
 
-// The library writes each take into a folder of its own below this one.
-QString RecordingRoot(int channel) {
-    return QCoreApplication::applicationDirPath() + QStringLiteral("/VideoRecord/Capture") +
-           QString::number(channel + 1);
-}
-
-QString NewestFolder(const QString& root) {
-    const QFileInfoList takes =
-        QDir(root).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Time);
-    return takes.isEmpty() ? QString() : takes.front().absoluteFilePath();
+// The next free name: one past the highest number of the channel's snapshots in `folder`.
+QString NextSnapshotFile(const QString& folder, int channel) {
+    const QString prefix = QStringLiteral("snapshot_ch%1_").arg(channel);
+    int highest = 0;
+    for (const QString& name :
+         QDir(folder).entryList({prefix + QStringLiteral("*.png")}, QDir::Files)) {
+        bool number = false;
+        const int taken = name.mid(prefix.size(), name.size() - prefix.size() - 4).toInt(&number);
+        if (number) {
+            highest = std::max(highest, taken);
+        }
+    }
+    return QDir(folder).filePath(
+        prefix + QStringLiteral("%1.png").arg(highest + 1, 4, 10, QLatin1Char('0')));
 }
 
 }  // namespace
@@ -89,6 +95,13 @@ CapturePanel::CapturePanel(StudioContext& context, int channel, const CaptureFor
     state_->setWordWrap(true);
     state_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Minimum);
     view_->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
+    overlay_ = new QLabel(view_);
+    overlay_->setObjectName(QStringLiteral("overlay"));
+    overlay_->setAttribute(Qt::WA_TransparentForMouseEvents);
+    overlay_->setStyleSheet(QStringLiteral(
+        "QLabel { background: rgba(0, 0, 0, 150); color: white; padding: 2px 4px; }"));
+    overlay_->move(4, 4);
+    overlay_->hide();
 
     auto* formatRow = new QHBoxLayout;
     formatRow->addWidget(typeBox_);
@@ -246,6 +259,36 @@ bool CapturePanel::SetFormat(const CaptureFormat& format) {
     return !wasRunning || Start();
 }
 
+void CapturePanel::SetY16Window(const tools::Y16Window& window) {
+    const bool automatic = window.automatic || window.high <= window.low || window.high > 0xFFFF;
+    y16Window_.store((automatic ? std::uint64_t{1} << 40 : 0) |
+                         std::uint64_t{window.low & 0xFFFF} << 16 | (window.high & 0xFFFF),
+                     std::memory_order_relaxed);
+}
+
+tools::Y16Window CapturePanel::Y16WindowShown() const {
+    const std::uint64_t word = y16Window_.load(std::memory_order_relaxed);
+    tools::Y16Window window;
+    window.automatic = (word >> 40 & 1) != 0;
+    window.low = static_cast<std::uint32_t>(word >> 16 & 0xFFFF);
+    window.high = static_cast<std::uint32_t>(word & 0xFFFF);
+    return window;
+}
+
+void CapturePanel::SetOverlayShown(bool shown) {
+    overlay_->setVisible(shown);
+    overlay_->raise();
+    ShowState();
+}
+
+bool CapturePanel::OverlayShown() const {
+    return !overlay_->isHidden();
+}
+
+QString CapturePanel::OverlayText() const {
+    return overlay_->text();
+}
+
 void CapturePanel::OnFrame(int, const char* frame, void* context) {
     auto* panel = static_cast<CapturePanel*>(context);
     const CaptureFormat& format = panel->format_;
@@ -253,7 +296,7 @@ void CapturePanel::OnFrame(int, const char* frame, void* context) {
     panel->tap_.Offer(frame);
     if (tools::ConvertToRgba(format.pixelType, format.width, format.height,
                              reinterpret_cast<const unsigned char*>(frame), panel->frame_.size(),
-                             panel->rgba_.data())) {
+                             panel->rgba_.data(), panel->Y16WindowShown())) {
         // The widget copies the picture, so the buffer is free again for the next frame.
         panel->Display()->PushImageData(panel->rgba_.data());
     }
@@ -269,7 +312,7 @@ bool CapturePanel::StartRecording() {
         SyncButtons();
         return false;
     }
-    takeFolder_ = NewestFolder(RecordingRoot(channel_));
+    takeFolder_ = QDir::toNativeSeparators(context_.manager.GetRecordTakeFolder(channel_));
     context_.Did(tr("channel %1: recording into %2").arg(channel_).arg(takeFolder_));
     problem_.clear();
     SyncButtons();
@@ -343,12 +386,20 @@ void CapturePanel::OnRecordToggled(bool on) {
     SyncButtons();
 }
 
+QString CapturePanel::SaveNumberedSnapshot() {
+    const QString folder = KvPCIe::RecordRoot();
+    if (!QDir().mkpath(folder)) {
+        context_.Did(tr("channel %1: the folder %2 could not be created for a snapshot")
+                         .arg(channel_)
+                         .arg(QDir::toNativeSeparators(folder)));
+        return QString();
+    }
+    const QString file = NextSnapshotFile(folder, channel_);
+    return SaveSnapshot(file) ? file : QString();
+}
+
 void CapturePanel::OnSnapshotClicked() {
-    const QString file = QDir::current().filePath(
-        QStringLiteral("snapshot_ch%1_%2.png")
-            .arg(channel_)
-            .arg(QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd_hhmmss_zzz"))));
-    SaveSnapshot(file);
+    SaveNumberedSnapshot();
 }
 
 void CapturePanel::ShowFormat() {
@@ -408,12 +459,22 @@ void CapturePanel::ShowState() {
             text += tr(", %1 failed, %2 flagged").arg(stats.framesFailed).arg(stats.errorFrames);
         }
         // Frames the card had no free buffer for: known where the card counts them.
+        std::uint64_t lost = counted ? stats.framesFailed : 0;
         if (context_.manager.ReadReg(KvPCIeSim::kRegIdentity) == KvPCIeSim::kIdentityValue) {
-            text += tr(", %1 lost on the card")
-                        .arg(context_.manager.ReadReg(
-                            KvPCIeSim::ControlBlock(static_cast<unsigned>(channel_)) +
-                            KvPCIeSim::kCtlFramesDropped));
+            const unsigned lostOnCard =
+                context_.manager.ReadReg(KvPCIeSim::ControlBlock(static_cast<unsigned>(channel_)) +
+                                         KvPCIeSim::kCtlFramesDropped);
+            text += tr(", %1 lost on the card").arg(lostOnCard);
+            lost += lostOnCard;
         }
+        const double fps = counted ? stats.framesPerSecond : 0.0;
+        overlay_->setText(
+            tr("%1 fps   %2 lost   %3 MB/s")
+                .arg(fps, 0, 'f', 1)
+                .arg(lost)
+                .arg(fps * KvFrameSizeBytes(format_.pixelType, format_.width, format_.height) / 1e6,
+                     0, 'f', 1));
+        overlay_->adjustSize();
         if (recording_ && counted) {
             text += tr(", recording into %1: %2 written, %3 not written")
                         .arg(QDir::toNativeSeparators(takeFolder_))
@@ -422,6 +483,8 @@ void CapturePanel::ShowState() {
         }
     } else {
         text += tr(": stopped");
+        overlay_->setText(tr("stopped"));
+        overlay_->adjustSize();
     }
     state_->setText(text);
 }

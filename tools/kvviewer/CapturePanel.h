@@ -3,6 +3,7 @@
 #pragma once
 
 #include "FrameTap.h"
+#include "PixelConversion.h"
 #include "StudioContext.h"
 
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
@@ -56,6 +57,9 @@ public:
     QString TakeFolder() const { return takeFolder_; }
     // Saves the latest frame as a PNG; false (logged) when there is none or it cannot be saved.
     bool SaveSnapshot(const QString& file);
+    // Saves it as snapshot_ch<N>_<number>.png in the output folder, numbered on from the
+    // highest number there, so no snapshot is overwritten. The file, or empty when none saved.
+    QString SaveNumberedSnapshot();
 
     // The latest analysis copy of a frame in the format it came in; false when none came yet.
     bool LatestFrame(std::vector<char>& frame, CaptureFormat& format);
@@ -76,6 +80,13 @@ public:
     bool CanStart() const;
     // The panel's status line.
     QString StateText() const;
+    // How a Y16 picture is shown; from the next frame on. From the window's thread.
+    void SetY16Window(const tools::Y16Window& window);
+    tools::Y16Window Y16WindowShown() const;
+    // A line over the picture with frames per second, frames lost and MB/s.
+    void SetOverlayShown(bool shown);
+    bool OverlayShown() const;
+    QString OverlayText() const;
 
 signals:
     void selected(int channel);
@@ -123,6 +134,10 @@ private:
     std::vector<unsigned char> rgba_;
     FrameTap tap_;
     std::atomic<std::uint64_t> frames_{0};
+    // The Y16 window in one word, so the polling thread never reads half of a change: bit 40
+    // automatic, bits 16-31 low, bits 0-15 high.
+    std::atomic<std::uint64_t> y16Window_{std::uint64_t{1} << 40 | 0xFFFF};
+    QLabel* overlay_;
 };
 
 }  // namespace kvpcie::viewer

@@ -24,10 +24,23 @@ void HistogramView::Clear() {
     update();
 }
 
+QString HistogramView::SummaryText() const {
+    if (!shown_ || levels_.pixels == 0) {
+        return QString();
+    }
+    return tr("min %1   max %2   mean %3 (%4-bit)\nclipped: %5 % dark, %6 % bright")
+        .arg(levels_.minLevel)
+        .arg(levels_.maxLevel)
+        .arg(levels_.MeanLevel(), 0, 'f', 1)
+        .arg(levels_.bits)
+        .arg(100.0 * levels_.ClippedLowShare(), 0, 'f', 2)
+        .arg(100.0 * levels_.ClippedHighShare(), 0, 'f', 2);
+}
+
 void HistogramView::paintEvent(QPaintEvent*) {
     QPainter painter(this);
     painter.fillRect(rect(), palette().base());
-    const int textHeight = fontMetrics().height() + 2;
+    const int textHeight = 2 * fontMetrics().height() + 2;
     const QRect plot = rect().adjusted(2, 2, -2, -textHeight);
     if (!shown_ || levels_.pixels == 0 || plot.width() <= 0 || plot.height() <= 0) {
         painter.drawText(rect(), Qt::AlignCenter, tr("no picture"));
@@ -41,16 +54,15 @@ void HistogramView::paintEvent(QPaintEvent*) {
         const int right = plot.left() + (bin + 1) * plot.width() / 256;
         const int height = int(std::lround(std::sqrt(double(levels_.bins[bin])) / top *
                                            plot.height()));
-        const bool edge = bin == 0 || bin == 255;
+        // Red where pixels sit at the lowest or highest level the type holds, and only there.
+        const bool clipped =
+            (bin == 0 && levels_.clippedLow > 0) || (bin == 255 && levels_.clippedHigh > 0);
         painter.fillRect(QRect(left, plot.bottom() - height + 1, std::max(1, right - left), height),
-                         edge ? QColor(200, 40, 40) : QColor(70, 110, 170));
+                         clipped ? QColor(200, 40, 40) : QColor(70, 110, 170));
     }
     painter.setPen(palette().text().color());
-    painter.drawText(QRect(2, plot.bottom() + 2, width() - 4, textHeight), Qt::AlignLeft,
-                     tr("clipped: %1 % dark, %2 % bright (%3-bit)")
-                         .arg(100.0 * levels_.ClippedLowShare(), 0, 'f', 2)
-                         .arg(100.0 * levels_.ClippedHighShare(), 0, 'f', 2)
-                         .arg(levels_.bits));
+    painter.drawText(QRect(2, plot.bottom() + 2, width() - 4, textHeight),
+                     Qt::AlignLeft | Qt::TextWordWrap, SummaryText());
 }
 
 }  // namespace kvpcie::viewer

@@ -1,4 +1,5 @@
-// A picture's level histogram, with the share of clipped pixels at both ends.
+// A picture's level histogram, with its min, max and mean and the share of clipped pixels at
+// both ends (red bars only where there are any).
 #pragma once
 
 #include "PixelLevels.h"
@@ -15,6 +16,8 @@ public:
     void Show(const tools::LevelHistogram& levels);
     void Clear();
     const tools::LevelHistogram& Levels() const { return levels_; }
+    // The figures drawn under the bars: min, max and mean level, and the clipped shares.
+    QString SummaryText() const;
     QSize sizeHint() const override { return {280, 120}; }
 
 protected:

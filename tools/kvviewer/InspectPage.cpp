@@ -3,18 +3,18 @@
 
 #include "PixelLevels.h"
 
+#include <QCheckBox>
 #include <QFormLayout>
+#include <QHBoxLayout>
 #include <QLabel>
+#include <QSignalBlocker>
+#include <QSpinBox>
 #include <QTimer>
 #include <QVBoxLayout>
-
-#include <cmath>
 
 namespace kvpcie::viewer {
 namespace {
 constexpr int kRefreshMs = 250;
-// About this many pixels are counted per histogram, whatever the picture's size.
-constexpr double kHistogramSamples = 65536.0;
 }  // namespace
 
 InspectPage::InspectPage(StudioContext& context, QWidget* parent)
@@ -23,12 +23,43 @@ InspectPage::InspectPage(StudioContext& context, QWidget* parent)
       histogram_(new HistogramView(this)),
       inspector_(new QLabel(this)),
       statistics_(new QLabel(this)),
+      windowAuto_(new QCheckBox(tr("auto"), this)),
+      windowLow_(new QSpinBox(this)),
+      windowHigh_(new QSpinBox(this)),
       timer_(new QTimer(this)) {
+    windowAuto_->setObjectName(QStringLiteral("windowAuto"));
+    windowLow_->setObjectName(QStringLiteral("windowLow"));
+    windowHigh_->setObjectName(QStringLiteral("windowHigh"));
+    windowAuto_->setChecked(true);
+    windowAuto_->setToolTip(
+        tr("Y16 pictures stretched from their darkest to their brightest "
+           "pixel, frame by frame"));
+    for (QSpinBox* box : {windowLow_, windowHigh_}) {
+        box->setRange(0, 0xFFFF);
+        box->setAccelerated(true);
+        box->setEnabled(false);
+    }
+    windowHigh_->setValue(0xFFFF);
+    windowLow_->setToolTip(tr("this Y16 level and below are shown black"));
+    windowHigh_->setToolTip(tr("this Y16 level and above are shown white"));
+    auto* window = new QHBoxLayout;
+    window->addWidget(new QLabel(tr("Y16 window"), this));
+    window->addWidget(windowAuto_);
+    window->addWidget(windowLow_);
+    window->addWidget(new QLabel(QStringLiteral("-"), this));
+    window->addWidget(windowHigh_);
+    window->addStretch(1);
+    connect(windowAuto_, &QCheckBox::toggled, this, &InspectPage::ApplyWindow);
+    connect(windowLow_, QOverload<int>::of(&QSpinBox::valueChanged), this,
+            &InspectPage::ApplyWindow);
+    connect(windowHigh_, QOverload<int>::of(&QSpinBox::valueChanged), this,
+            &InspectPage::ApplyWindow);
     inspector_->setTextInteractionFlags(Qt::TextSelectableByMouse);
     statistics_->setTextInteractionFlags(Qt::TextSelectableByMouse);
     statistics_->setAlignment(Qt::AlignTop | Qt::AlignLeft);
     auto* layout = new QVBoxLayout(this);
     layout->addWidget(histogram_, 1);
+    layout->addLayout(window);
     layout->addWidget(inspector_);
     layout->addWidget(statistics_);
     connect(timer_, &QTimer::timeout, this, &InspectPage::Refresh);
@@ -38,11 +69,59 @@ InspectPage::InspectPage(StudioContext& context, QWidget* parent)
 
 void InspectPage::SetChannel(CapturePanel* panel) {
     panel_ = panel;
+    if (panel_ != nullptr) {
+        const tools::Y16Window shown = panel_->Y16WindowShown();
+        const QSignalBlocker blockAuto(windowAuto_);
+        const QSignalBlocker blockLow(windowLow_);
+        const QSignalBlocker blockHigh(windowHigh_);
+        windowAuto_->setChecked(shown.automatic);
+        windowLow_->setValue(static_cast<int>(shown.low));
+        windowHigh_->setValue(static_cast<int>(shown.high));
+        windowLow_->setEnabled(!shown.automatic);
+        windowHigh_->setEnabled(!shown.automatic);
+    }
     frame_.clear();
     histogram_->Clear();
     hoverX_ = hoverY_ = -1;
     ShowPixel();
     Refresh();
+}
+
+bool InspectPage::SetY16Window(bool automatic, int low, int high) {
+    if (!automatic && (low < 0 || high > 0xFFFF || low >= high)) {
+        windowProblem_ = tr("the Y16 window needs low below high, within 0 to 65535");
+        context_.Did(windowProblem_);
+        return false;
+    }
+    const QSignalBlocker blockAuto(windowAuto_);
+    const QSignalBlocker blockLow(windowLow_);
+    const QSignalBlocker blockHigh(windowHigh_);
+    windowAuto_->setChecked(automatic);
+    windowLow_->setValue(low);
+    windowHigh_->setValue(high);
+    ApplyWindow();
+    return windowProblem_.isEmpty();
+}
+
+void InspectPage::ApplyWindow() {
+    const bool automatic = windowAuto_->isChecked();
+    windowLow_->setEnabled(!automatic);
+    windowHigh_->setEnabled(!automatic);
+    if (panel_ == nullptr) {
+        return;
+    }
+    tools::Y16Window window;
+    window.automatic = automatic;
+    window.low = static_cast<std::uint32_t>(windowLow_->value());
+    window.high = static_cast<std::uint32_t>(windowHigh_->value());
+    // While the user types one end past the other the picture keeps the last good window.
+    if (!automatic && window.low >= window.high) {
+        windowProblem_ = tr("the Y16 window needs low below high");
+        windowLow_->setToolTip(windowProblem_);
+        return;
+    }
+    windowProblem_.clear();
+    panel_->SetY16Window(window);
 }
 
 void InspectPage::Hover(int channel, int x, int y) {
@@ -63,12 +142,11 @@ void InspectPage::Refresh() {
         // The capture thread copies the next frame; the copy is read here next time.
         if (panel_->TakeNewFrame(frame_)) {
             format_ = panel_->Format();
-            const double pixels = double(format_.width) * format_.height;
-            const int step = std::max(1, int(std::sqrt(pixels / kHistogramSamples)));
+            // Every pixel: a sample of them aliases with periodic pictures (a comb of levels).
             tools::LevelHistogram levels;
             if (tools::CountLevels(format_.pixelType, format_.width, format_.height,
                                    reinterpret_cast<const unsigned char*>(frame_.data()),
-                                   frame_.size(), step, levels)) {
+                                   frame_.size(), 1, levels)) {
                 histogram_->Show(levels);
             }
             ShowPixel();

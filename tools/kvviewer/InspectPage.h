@@ -10,7 +10,9 @@
 
 #include <vector>
 
+class QCheckBox;
 class QLabel;
+class QSpinBox;
 class QTimer;
 
 namespace kvpcie::viewer {
@@ -24,6 +26,10 @@ public:
     // The pixel under the cursor of `channel`'s picture; (-1, -1): none.
     void Hover(int channel, int x, int y);
 
+    // The current channel's Y16 window: automatic, or low (black) to high (white). False, with
+    // the reason logged, for low >= high or values outside 0 to 65535.
+    bool SetY16Window(bool automatic, int low, int high);
+
     QString InspectorText() const;
     QString StatisticsText() const;
     const HistogramView* Histogram() const { return histogram_; }
@@ -33,12 +39,17 @@ public:
 private:
     void Refresh();
     void ShowPixel();
+    void ApplyWindow();
 
     StudioContext& context_;
     CapturePanel* panel_ = nullptr;
     HistogramView* histogram_;
     QLabel* inspector_;
     QLabel* statistics_;
+    QCheckBox* windowAuto_;
+    QSpinBox* windowLow_;
+    QSpinBox* windowHigh_;
+    QString windowProblem_;
     QTimer* timer_;
     // The analysis copy the histogram and the inspector read.
     std::vector<char> frame_;

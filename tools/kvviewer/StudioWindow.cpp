@@ -4,12 +4,15 @@
 #include "ZoomView.h"
 
 #include <KvPCIeInjectSdk/GLWidget.h>
+#include <KvPCIeInjectSdk/KvPCIeRecording.h>
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 
 #include <QAction>
 #include <QCloseEvent>
 #include <QComboBox>
+#include <QDir>
 #include <QDockWidget>
+#include <QFileDialog>
 #include <QGridLayout>
 #include <QGuiApplication>
 #include <QHBoxLayout>
@@ -107,6 +110,9 @@ StudioWindow::StudioWindow(const ViewerOptions& options, QWidget* parent)
             &StudioWindow::SetCurrentChannel);
 
     BuildActions();
+    if (!options.output.empty()) {
+        SetOutputFolder(QString::fromLocal8Bit(options.output.c_str()));
+    }
     picker_->Refresh(manager_, riffaManager_);
     // Room for four pictures of 640 x 512 beside the panels, unless a kept layout says otherwise.
     resize(1280, 1000);
@@ -114,6 +120,7 @@ StudioWindow::StudioWindow(const ViewerOptions& options, QWidget* parent)
     if (options.card >= 0 && options.card < picker_->count() && options.cardGiven) {
         picker_->setCurrentIndex(options.card);
     }
+    SetOverlayShown(overlayShown_);
     SetCurrentChannel(0);
     cardOpen_ = OpenChosenCard();
     if (!cardOpen_) {
@@ -136,6 +143,15 @@ void StudioWindow::BuildActions() {
     connect(open, &QAction::triggered, this, [this] { cardOpen_ = OpenChosenCard(); });
     connect(refresh, &QAction::triggered, this,
             [this] { picker_->Refresh(manager_, riffaManager_); });
+    auto* output = toolbar->addAction(tr("Output folder..."));
+    output->setToolTip(tr("Where recordings and snapshots go"));
+    connect(output, &QAction::triggered, this, [this] {
+        const QString folder = QFileDialog::getExistingDirectory(
+            this, tr("Recordings and snapshots go to"), KvPCIe::RecordRoot());
+        if (!folder.isEmpty()) {
+            SetOutputFolder(folder);
+        }
+    });
     toolbar->addSeparator();
 
     const auto add = [this, toolbar](const QString& text, const QKeySequence& keys, auto slot) {
@@ -153,10 +169,10 @@ void StudioWindow::BuildActions() {
         CapturePanel* panel = Capture(current_);
         panel->IsRecording() ? panel->StopRecording() : static_cast<void>(panel->StartRecording());
     });
-    add(tr("Snapshot"), QKeySequence(Qt::CTRL + Qt::Key_P), [this] {
-        const QString file = QStringLiteral("snapshot_ch%1.png").arg(current_);
-        Capture(current_)->SaveSnapshot(file);
-    });
+    add(tr("Snapshot"), QKeySequence(Qt::CTRL + Qt::Key_P),
+        [this] { Capture(current_)->SaveNumberedSnapshot(); });
+    add(tr("Overlay"), QKeySequence(Qt::CTRL + Qt::Key_I),
+        [this] { SetOverlayShown(!overlayShown_); });
     add(tr("Fit"), QKeySequence(Qt::CTRL + Qt::Key_0),
         [this] { Capture(current_)->View()->Fit(); });
     add(tr("1:1"), QKeySequence(Qt::CTRL + Qt::Key_1),
@@ -247,8 +263,14 @@ bool StudioWindow::StartDemo() {
         log_->Add(tr("the demo needs the simulated card (--sim)"));
         return false;
     }
-    manager_.WriteReg(ControlBlock(kLoopChannel) + kCtlCaptureSource, 1);
-    log_->Add(tr("demo: capture channel 1 plays what inject channel 1 plays"));
+    constexpr int kSceneSource = 2;
+    for (int c = 0; c < 4; ++c) {
+        manager_.WriteReg(ControlBlock(static_cast<unsigned>(c)) + kCtlCaptureSource,
+                          c == kLoopChannel ? 1 : kSceneSource);
+    }
+    log_->Add(
+        tr("demo: capture channels 0, 2 and 3 show the card's moving scene; channel 1 "
+           "plays what inject channel 1 plays"));
     const CaptureFormat format = Capture(kLoopChannel)->Format();
     InjectSource source;
     source.width = format.width;
@@ -373,6 +395,10 @@ void StudioWindow::RestoreSettings() {
     if (!options_.cardGiven) {
         picker_->Choose(settings.value(QStringLiteral("card/last")).toString());
     }
+    const QString output = settings.value(QStringLiteral("output/folder")).toString();
+    if (options_.output.empty() && !output.isEmpty()) {
+        SetOutputFolder(output);
+    }
     // The command line's format wins over the one kept.
     if (options_.formatGiven) {
         return;
@@ -394,6 +420,20 @@ void StudioWindow::RestoreSettings() {
             panel->SetFormat(format);
         }
     }
+}
+
+void StudioWindow::SetOverlayShown(bool shown) {
+    overlayShown_ = shown;
+    for (CapturePanel* panel : panels_) {
+        panel->SetOverlayShown(shown);
+    }
+}
+
+void StudioWindow::SetOutputFolder(const QString& folder) {
+    KvPCIe::SetRecordRoot(folder);
+    outputChosen_ = !folder.isEmpty();
+    context_.Did(tr("recordings and snapshots go below %1")
+                     .arg(QDir::toNativeSeparators(KvPCIe::RecordRoot())));
 }
 
 void StudioWindow::KeepOnScreen() {
@@ -428,6 +468,8 @@ void StudioWindow::SaveSettings() {
     settings.setValue(QStringLiteral("window/geometry"), saveGeometry());
     settings.setValue(QStringLiteral("window/state"), saveState());
     settings.setValue(QStringLiteral("card/last"), picker_->currentText());
+    settings.setValue(QStringLiteral("output/folder"),
+                      outputChosen_ ? KvPCIe::RecordRoot() : QString());
     for (CapturePanel* panel : panels_) {
         const int c = panel->Channel();
         const CaptureFormat format = panel->Format();

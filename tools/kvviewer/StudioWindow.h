@@ -45,6 +45,12 @@ public:
     void ShowTab(const QString& name);
     void SetCurrentChannel(int channel);
     int CurrentChannel() const { return current_; }
+    // Recordings (folder/Capture<N>/<take>/) and snapshots go below `folder` from the next take
+    // on; empty: the library's default beside the program. Logged, and kept for the next start.
+    void SetOutputFolder(const QString& folder);
+    // The line over each picture with frames per second, frames lost and MB/s (Ctrl+I).
+    void SetOverlayShown(bool shown);
+    bool OverlayShown() const { return overlayShown_; }
 
     // The four pictures as on screen, channel n in quarter n.
     QImage PicturesShot();
@@ -99,6 +105,8 @@ private:
     RegisterPage* registers_;
     int current_ = 0;
     bool cardOpen_ = false;
+    bool outputChosen_ = false;
+    bool overlayShown_ = true;  // by --output, the folder chooser or the kept setting
     bool shutDown_ = false;
     bool screenshotSaved_ = true;
 };

@@ -17,7 +17,7 @@ const char* const kUsage =
     "usage: kvviewer [--sim] [--card N] [--card-timing] [--width W] [--height H] [--type TYPE]\n"
     "                [--channels LIST] [--autostart] [--screenshot FILE]\n"
     "                [--window-screenshot FILE] [--no-settings] [--demo] [--tab NAME]\n"
-    "                [--quit-after MS]\n"
+    "                [--output DIR] [--quit-after MS]\n"
     "\n"
     "The bench's window: capture channels 0-3 of an XDMA card live, with their format chosen at\n"
     "run time, recording and snapshots, a histogram and pixel inspector, and panels to inject,\n"
@@ -36,6 +36,8 @@ const char* const kUsage =
     "                     channel 0 live, and a moving pattern injected into channel 1 and\n"
     "                     captured back through the card's loopback\n"
     "  --tab NAME         the channel panel shown: inspect, inject, command, status, registers\n"
+    "  --output DIR, -o DIR  recordings (DIR/Capture<N>/<take>/) and snapshots go here (the\n"
+    "                     folder chosen last, or VideoRecord beside the program)\n"
     "  --quit-after MS    close the window after MS milliseconds\n";
 
 namespace {
@@ -86,7 +88,7 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
         return parsed;
     };
     for (std::size_t i = 0; i < args.size(); ++i) {
-        std::string name = args[i];
+        std::string name = args[i] == "-o" ? std::string("--output") : args[i];
         std::optional<std::string> value;
         if (const std::size_t equals = name.find('='); equals != std::string::npos) {
             value = name.substr(equals + 1);
@@ -95,7 +97,7 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
         const bool takesValue = name == "--width" || name == "--height" || name == "--type" ||
                                 name == "--channels" || name == "--screenshot" ||
                                 name == "--window-screenshot" || name == "--tab" ||
-                                name == "--quit-after" || name == "--card";
+                                name == "--quit-after" || name == "--card" || name == "--output";
         if (takesValue && !value) {
             if (i + 1 == args.size()) {
                 return fail(name + " needs a value");
@@ -157,6 +159,11 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
                 return fail("--window-screenshot needs a file name");
             }
             options.windowScreenshot = *value;
+        } else if (name == "--output") {
+            if (value->empty()) {
+                return fail("--output needs a folder");
+            }
+            options.output = *value;
         } else if (name == "--card") {
             const auto card = ParseNumber(*value, 0, 3);
             if (!card) {

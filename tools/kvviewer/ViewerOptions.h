@@ -26,6 +26,8 @@ struct ViewerOptions {
     bool noSettings = false;       // neither read nor write the kept settings
     bool demo = false;             // the simulated card's tour: a live channel and a loopback
     std::string tab;               // the channel panel shown first: inspect, inject, ...
+    std::string output;            // recordings and snapshots; empty: the folder kept, or the
+                                   // library's default
     int quitAfterMs = -1;    // negative: run until closed
 };
 
