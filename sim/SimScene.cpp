@@ -74,12 +74,14 @@ std::uint32_t Mix(std::uint32_t a) {
     return a;
 }
 
+// The counter stands in the top right corner (a viewer's own figures go top left).
 bool OnCounter(const Layout& layout, std::int64_t x, std::int64_t y, bool& lit) {
     const std::int64_t margin = 2 * layout.scale;
     const std::int64_t cell = 6 * layout.scale;
     const std::int64_t right = margin + kCounterDigits * cell + layout.scale;
     const std::int64_t bottom = margin + 9 * layout.scale;
-    if (x >= right || y >= bottom) {
+    x -= layout.width - right;
+    if (x < 0 || y >= bottom) {
         return false;
     }
     lit = false;

@@ -1,5 +1,5 @@
 // A camera-like moving scene for the simulated card's capture channels: gradients, a warm disc
-// and a dark bar that move, the frame's number drawn in the picture, and sensor noise.
+// and a dark bar that move, the frame's number drawn top right, and sensor noise.
 #pragma once
 
 #include <cstddef>

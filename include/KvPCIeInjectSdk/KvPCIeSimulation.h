@@ -35,7 +35,7 @@ constexpr std::uint32_t ControlBlock(unsigned channel) {
 }
 /// 0: a test pattern (the default); 1: the frame last played on inject channel c; 2: a moving,
 /// camera-like scene in the channel's format (gradients, a warm disc, a dark bar, the frame's
-/// number drawn top left, sensor noise), for demonstrations.
+/// number drawn top right, sensor noise), for demonstrations.
 constexpr std::uint32_t kCtlCaptureSource = 0x00;
 /// Frames per second of the source when the card does not time the frames itself (25); 0: none.
 constexpr std::uint32_t kCtlExternalFrameRate = 0x04;

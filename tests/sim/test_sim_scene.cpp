@@ -74,7 +74,7 @@ INSTANTIATE_TEST_SUITE_P(
                       SceneCase{"BGR24", 4, 200, 150}, SceneCase{"PIXEL32", 5, 64, 48}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// The frame's number stands top left in 5 x 7 digits: frames 1 and 8 differ exactly where the
+// The frame's number stands top right in 5 x 7 digits: frames 1 and 8 differ exactly where the
 // last digit's strokes differ, and only inside the counter's box.
 TEST(SceneCounter, TheLastDigitIsDrawnWhereTheNumberSaysIt) {
     constexpr std::uint32_t kWidth = 96;
@@ -84,9 +84,10 @@ TEST(SceneCounter, TheLastDigitIsDrawnWhereTheNumberSaysIt) {
     };
     const std::vector<std::uint8_t> one = grey(1);
     const std::vector<std::uint8_t> eight = grey(8);
-    // Digit 6 of the counter: columns 2 + 1 + 5 * 6 = 33 to 37, rows 3 to 9.
+    // The counter's box is 2 + 6 x 6 + 1 = 39 pixels wide, at the right edge; its digit 6
+    // covers columns 3 + 5 x 6 = 33 to 37 of the box, rows 3 to 9.
     const auto at = [&](const std::vector<std::uint8_t>& frame, int x, int y) {
-        return frame[static_cast<std::size_t>(y) * kWidth + static_cast<std::size_t>(x)];
+        return frame[static_cast<std::size_t>(y) * kWidth + static_cast<std::size_t>(x + 57)];
     };
     // "1" has its stem in the middle column; "8" has its top corners dark and its top bar lit.
     EXPECT_GT(at(one, 35, 6), 200);

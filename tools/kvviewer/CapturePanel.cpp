@@ -95,7 +95,8 @@ CapturePanel::CapturePanel(StudioContext& context, int channel, const CaptureFor
     state_->setWordWrap(true);
     state_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Minimum);
     view_->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
-    overlay_ = new QLabel(view_);
+    // Over the picture and not scrolled with it: a child of the viewport beside the display.
+    overlay_ = new QLabel(view_->viewport());
     overlay_->setObjectName(QStringLiteral("overlay"));
     overlay_->setAttribute(Qt::WA_TransparentForMouseEvents);
     overlay_->setStyleSheet(QStringLiteral(
@@ -283,6 +284,10 @@ void CapturePanel::SetOverlayShown(bool shown) {
 
 bool CapturePanel::OverlayShown() const {
     return !overlay_->isHidden();
+}
+
+QWidget* CapturePanel::OverlayWidget() const {
+    return overlay_;
 }
 
 QString CapturePanel::OverlayText() const {
@@ -475,6 +480,7 @@ void CapturePanel::ShowState() {
                 .arg(fps * KvFrameSizeBytes(format_.pixelType, format_.width, format_.height) / 1e6,
                      0, 'f', 1));
         overlay_->adjustSize();
+        overlay_->raise();
         if (recording_ && counted) {
             text += tr(", recording into %1: %2 written, %3 not written")
                         .arg(QDir::toNativeSeparators(takeFolder_))
@@ -485,6 +491,7 @@ void CapturePanel::ShowState() {
         text += tr(": stopped");
         overlay_->setText(tr("stopped"));
         overlay_->adjustSize();
+        overlay_->raise();
     }
     state_->setText(text);
 }

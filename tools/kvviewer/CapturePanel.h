@@ -87,6 +87,7 @@ public:
     void SetOverlayShown(bool shown);
     bool OverlayShown() const;
     QString OverlayText() const;
+    QWidget* OverlayWidget() const;
 
 signals:
     void selected(int channel);

@@ -280,9 +280,13 @@ bool StudioWindow::StartDemo() {
     inject_->ChooseSource(source);
     const bool started = Capture(0)->Start() && inject_->Play() && Capture(kLoopChannel)->Start();
     if (started) {
-        // A pixel of the ramp under the inspector, as if the cursor were there.
-        QTimer::singleShot(1000, this, [this, format] {
-            inspect_->Hover(kLoopChannel, format.width / 3, format.height / 2);
+        // The inspector looks at the live scene; the inject panel at the loopback it feeds.
+        const int looked = tabs_->currentWidget() == inject_ ? kLoopChannel : 0;
+        SetCurrentChannel(looked);
+        // A pixel under the inspector, as if the cursor were there.
+        const CaptureFormat shown = Capture(looked)->Format();
+        QTimer::singleShot(1000, this, [this, looked, shown] {
+            inspect_->Hover(looked, shown.width / 3, shown.height / 2);
         });
     }
     return started;
@@ -328,6 +332,11 @@ QImage StudioWindow::PicturesShot() {
                                    panel->View()->viewport()->size()));
         const QRect source(shown.topLeft() - display->mapTo(pictures_, QPoint(0, 0)), shown.size());
         painter.drawImage(shown, display->grabFramebuffer(), source);
+        // The line over the picture goes over the framebuffer again, as on screen.
+        if (panel->OverlayShown()) {
+            QWidget* overlay = panel->OverlayWidget();
+            painter.drawPixmap(overlay->mapTo(pictures_, QPoint(0, 0)), overlay->grab());
+        }
     }
     return shot;
 }
