@@ -5,14 +5,7 @@
 file(REMOVE_RECURSE ${WORK_DIR})
 file(MAKE_DIRECTORY ${WORK_DIR})
 
-function(run)
-    execute_process(COMMAND ${ARGN} WORKING_DIRECTORY ${WORK_DIR}
-                    RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
-    if(NOT code EQUAL 0)
-        message(FATAL_ERROR "${ARGN}\nfailed (${code}):\n${out}\n${err}")
-    endif()
-    set(output "${out}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/RunInWorkDir.cmake)
 
 set(named 0_64x32_ParamLine0_Fps25_Y8.raw)
 run(${EMULATOR} ${TOOL} --sim capture --channels 2 -n 7 --width 64 --height 32 --type Y8

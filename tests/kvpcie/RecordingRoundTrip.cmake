@@ -7,14 +7,7 @@ foreach(log Capture_AllChannel Inject_AllChannel InjectReadFile)
 endforeach()
 set(root ${WORK_DIR}/takes)
 
-function(run)
-    execute_process(COMMAND ${ARGN} WORKING_DIRECTORY ${WORK_DIR}
-                    RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
-    if(NOT code EQUAL 0)
-        message(FATAL_ERROR "${ARGN}\nfailed (${code}):\n${out}\n${err}")
-    endif()
-    set(output "${out}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/RunInWorkDir.cmake)
 
 run(${EMULATOR} ${TOOL} --sim capture --channels 3 --frames 6 --card-timing --record --type Y8
     --width 64 --height 32 --output takes)
