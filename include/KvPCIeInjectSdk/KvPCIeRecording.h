@@ -1,5 +1,5 @@
 /// \file
-/// Where recordings go. Takes are written to <root>/Capture<channel + 1>/<yyyyMMdd_hhmmss>/,
+/// Where recordings go. Takes are written to ROOT/Capture<channel + 1>/yyyyMMdd_hhmmss/,
 /// and the root is the "VideoRecord" folder beside the program until a host chooses another.
 #pragma once
 
