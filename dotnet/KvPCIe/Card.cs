@@ -361,6 +361,38 @@ namespace KvPCIe
             return NativeMethods.kvpcie_is_capturing(handle_, channel) != 0;
         }
 
+        /// <summary>Starts capturing the channel for Pull: the library keeps its newest
+        /// <paramref name="depth"/> (1 to 64) frames, and older ones that were not pulled in time
+        /// are counted lost. No handler runs; StopCapture stops it.</summary>
+        public void StartPull(int channel, bool cardTiming, int width, int height,
+                              PixelType pixelType, int depth)
+        {
+            KvPCIeException.ThrowIfFailed(NativeMethods.kvpcie_start_pull(
+                handle_, channel, cardTiming ? 1 : 0, width, height, (int)pixelType, depth));
+        }
+
+        /// <summary>Copies the oldest waiting frame of a pulled channel into
+        /// <paramref name="buffer"/>, waiting up to <paramref name="timeoutMs"/> ms (-1: no
+        /// limit). False when none came in time; a KvPCIeException with Status.Stopped once the
+        /// channel stopped and nothing waits.</summary>
+        public bool Pull(int channel, byte[] buffer, int timeoutMs, out PulledFrame frame)
+        {
+            frame = new PulledFrame();
+            frame.Size = (uint)Marshal.SizeOf(typeof(PulledFrame));
+            if (buffer == null)
+            {
+                throw new ArgumentNullException("buffer");
+            }
+            int status = NativeMethods.kvpcie_pull(handle_, channel, buffer, (ulong)buffer.Length,
+                                                   ref frame, timeoutMs);
+            if (status == (int)Status.Timeout)
+            {
+                return false;
+            }
+            KvPCIeException.ThrowIfFailed(status);
+            return true;
+        }
+
         /// <summary>Records the capturing channel into a take folder below the record root
         /// (SetRecordRoot; "VideoRecord" beside the program by default).</summary>
         public void StartRecord(int channel)

@@ -69,6 +69,14 @@ namespace KvPCIe
         internal static extern int kvpcie_stop_record(CardHandle card, int channel);
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern int kvpcie_set_record_root(byte[] folderUtf8);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int kvpcie_start_pull(CardHandle card, int channel, int cardTiming,
+                                                     int width, int height, int pixelType,
+                                                     int depth);
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern int kvpcie_pull(CardHandle card, int channel, byte[] buffer,
+                                               ulong capacity, ref PulledFrame frame,
+                                               int timeoutMs);
         [UnmanagedFunctionPointer(CallingConvention.Cdecl)]
         internal delegate void CardLostCallback(IntPtr path, IntPtr context);
 

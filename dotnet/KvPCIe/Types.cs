@@ -40,6 +40,40 @@ namespace KvPCIe
         WrongKind = -6,
         /// <summary>The card was found gone: dispose the Card, open it again once it is back.</summary>
         CardLost = -7,
+        /// <summary>Pull: no frame came within the time-out.</summary>
+        Timeout = -8,
+        /// <summary>Pull: the channel stopped and no frame of it waits.</summary>
+        Stopped = -9,
+    }
+
+    /// <summary>What Card.Pull copied into the buffer.</summary>
+    [StructLayout(LayoutKind.Sequential)]
+    public struct PulledFrame
+    {
+        internal uint Size;
+        /// <summary>The channel, 0 to 3.</summary>
+        public int Channel;
+        /// <summary>Bytes copied: one frame.</summary>
+        public ulong Bytes;
+        /// <summary>Pixels per line.</summary>
+        public int Width;
+        /// <summary>Lines.</summary>
+        public int Height;
+        /// <summary>The frame's pixel layout.</summary>
+        public PixelType PixelType;
+        internal int ErrorFlag;
+        /// <summary>0 for the first frame since StartPull; a gap: frames lost.</summary>
+        public ulong Sequence;
+        /// <summary>When the library got it, ns on the host's steady clock.</summary>
+        public long ReceivedNs;
+        /// <summary>Frames that found the queue full since the start.</summary>
+        public ulong FramesLost;
+
+        /// <summary>True when the card marked the frame as an error frame.</summary>
+        public bool ErrorFrame
+        {
+            get { return ErrorFlag != 0; }
+        }
     }
 
     /// <summary>A call that failed: its status and the library's own words for why.</summary>

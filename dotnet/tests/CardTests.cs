@@ -141,6 +141,43 @@ namespace KvPCIe.Tests
         }
 
         [Test]
+        public void PulledFramesAreTheCardsPatternAndAStopEndsThePull()
+        {
+            using (Card card = Card.Open())
+            {
+                card.WriteRegister(ControlBlock(3, 0x04), 200);
+                card.StartPull(3, false, Width, Height, PixelType.Y8, 4);
+                byte[] buffer = new byte[FrameBytes];
+                ulong previous = 0;
+                for (int pulled = 0; pulled < 8; ++pulled)
+                {
+                    PulledFrame frame;
+                    Assert.That(card.Pull(3, buffer, 2000, out frame), Is.True);
+                    uint number = BitConverter.ToUInt32(buffer, 0);
+                    for (int k = 8; k < FrameBytes; ++k)
+                    {
+                        Assert.That(buffer[k], Is.EqualTo((byte)((k + number) % 256)));
+                    }
+                    Assert.That(frame.Channel, Is.EqualTo(3));
+                    Assert.That(frame.PixelType, Is.EqualTo(PixelType.Y8));
+                    Assert.That(frame.Bytes, Is.EqualTo((ulong)FrameBytes));
+                    Assert.That(pulled == 0 || frame.Sequence > previous, Is.True);
+                    previous = frame.Sequence;
+                }
+                card.StopCapture(3);
+                // What waited is still handed out; then the stop ends the pulls.
+                var stopped = Assert.Throws<KvPCIeException>(() =>
+                {
+                    PulledFrame rest;
+                    while (card.Pull(3, buffer, 1000, out rest))
+                    {
+                    }
+                });
+                Assert.That(stopped.Status, Is.EqualTo(Status.Stopped));
+            }
+        }
+
+        [Test]
         public void ARecordingGoesBelowTheChosenRoot()
         {
             string root = System.IO.Path.Combine(System.IO.Path.GetTempPath(),

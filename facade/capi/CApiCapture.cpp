@@ -8,6 +8,8 @@
 
 #include <QByteArray>
 
+#include <functional>
+
 using kvpcie::capi::BadChannel;
 using kvpcie::capi::ChannelValid;
 using kvpcie::capi::Fail;
@@ -82,6 +84,97 @@ kvpcie_status OnCapturingChannel(kvpcie_card* card, int32_t channel, const char*
 
 }  // namespace
 
+namespace kvpcie::capi {
+
+kvpcie_status StartChannel(kvpcie_card* card, int32_t channel, int32_t card_timing, int32_t width,
+                           int32_t height, int32_t pixel_type,
+                           const std::function<char*(kvpcie_card::CaptureSlot&)>& prepare,
+                           CaptureFrameCallbackEx deliver) {
+    if (const kvpcie_status refused = CheckCaptureCall(card, channel)) {
+        return refused;
+    }
+    // The format before the buffer: a host that got 0 from kvpcie_frame_bytes has no buffer.
+    if (!IsCaptureFormatAcceptable(static_cast<unsigned>(channel), width, height,
+                                   static_cast<ePixelType>(pixel_type))) {
+        return Fail(KVPCIE_NO_CARD, kvpcie::ErrorText());
+    }
+    kvpcie_card::CaptureSlot& slot = card->capture[channel];
+    const auto claim = [&] {
+        if (slot.claimed) {
+            return true;
+        }
+        if (!card->lease->Claim(KvPCIe::SharedCard::Direction::Capture,
+                                static_cast<unsigned>(channel))) {
+            return false;
+        }
+        slot.claimed = true;
+        return true;
+    };
+    const auto inUse = [channel] {
+        return Fail(KVPCIE_IN_USE, "another handle captures on channel " + std::to_string(channel));
+    };
+    if (!claim()) {
+        return inUse();
+    }
+    bool claimed = true;
+    bool started = false;
+    bool noBuffer = false;
+    eErrorCode error = ERR_NO_CARD;
+    std::string text;
+    kvpcie::capi::RunOnCard(card, text, [&](PCIeDataManager& manager) {
+        // A restart starts clean: the old run's callback is gone before the slot changes.
+        manager.StopCapture(channel);
+        kvpcie::capi::WaitForDeliveries(slot);
+        // That callback may have stopped the channel and given it back meanwhile.
+        claimed = claim();
+        if (!claimed) {
+            return;
+        }
+        // The old run's pulls end with it; its queue goes (pullers keep it until they return).
+        {
+            std::lock_guard<std::mutex> guard(slot.pullLock);
+            if (slot.pull) {
+                slot.pull->Stop();
+                slot.pull.reset();
+            }
+            slot.pullTarget = nullptr;
+        }
+        slot.callback = nullptr;
+        slot.context = nullptr;
+        char* const buffer = prepare(slot);
+        if (buffer == nullptr) {
+            noBuffer = true;
+            return;
+        }
+        slot.frame = kvpcie_frame{};
+        slot.frame.size = sizeof(kvpcie_frame);
+        slot.frame.channel = channel;
+        slot.frame.bytes = kvpcie_frame_bytes(pixel_type, width, height);
+        slot.frame.width = width;
+        slot.frame.height = height;
+        slot.frame.pixel_type = pixel_type;
+        started = manager.StartCapture(static_cast<unsigned>(channel), card_timing != 0, width,
+                                       height, static_cast<ePixelType>(pixel_type), error, deliver,
+                                       &slot, buffer);
+    });
+    if (!claimed) {
+        return inUse();
+    }
+    if (!started) {
+        if (slot.claimed.exchange(false)) {
+            card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
+                                 static_cast<unsigned>(channel));
+        }
+        if (noBuffer) {
+            return Fail(KVPCIE_BAD_ARGUMENT, "the frame buffer is null");
+        }
+        return Fail(card->lease->IsLost() ? KVPCIE_CARD_LOST : KVPCIE_NO_CARD, text);
+    }
+    return Succeed();
+}
+
+}  // namespace kvpcie::capi
+
 extern "C" {
 
 kvpcie_status KVPCIE_CALL kvpcie_start_capture(kvpcie_card* card, int32_t channel,
@@ -89,6 +182,7 @@ kvpcie_status KVPCIE_CALL kvpcie_start_capture(kvpcie_card* card, int32_t channe
                                                int32_t pixel_type, void* frame_buffer,
                                                kvpcie_frame_callback callback, void* context) {
     return Guarded([&] {
+        // Refused before anything changes: a running channel keeps running.
         if (const kvpcie_status refused = CheckCaptureCall(card, channel)) {
             return refused;
         }
@@ -100,63 +194,14 @@ kvpcie_status KVPCIE_CALL kvpcie_start_capture(kvpcie_card* card, int32_t channe
         if (frame_buffer == nullptr) {
             return Fail(KVPCIE_BAD_ARGUMENT, "the frame buffer is null");
         }
-        kvpcie_card::CaptureSlot& slot = card->capture[channel];
-        const auto claim = [&] {
-            if (slot.claimed) {
-                return true;
-            }
-            if (!card->lease->Claim(KvPCIe::SharedCard::Direction::Capture,
-                                    static_cast<unsigned>(channel))) {
-                return false;
-            }
-            slot.claimed = true;
-            return true;
-        };
-        const auto inUse = [channel] {
-            return Fail(KVPCIE_IN_USE,
-                        "another handle captures on channel " + std::to_string(channel));
-        };
-        if (!claim()) {
-            return inUse();
-        }
-        bool claimed = true;
-        bool started = false;
-        eErrorCode error = ERR_NO_CARD;
-        std::string text;
-        kvpcie::capi::RunOnCard(card, text, [&](PCIeDataManager& manager) {
-            // A restart starts clean: the old run's callback is gone before the slot changes.
-            manager.StopCapture(channel);
-            kvpcie::capi::WaitForDeliveries(slot);
-            // That callback may have stopped the channel and given it back meanwhile.
-            claimed = claim();
-            if (!claimed) {
-                return;
-            }
-            slot.callback = callback;
-            slot.context = context;
-            slot.frame = kvpcie_frame{};
-            slot.frame.size = sizeof(kvpcie_frame);
-            slot.frame.channel = channel;
-            slot.frame.bytes = kvpcie_frame_bytes(pixel_type, width, height);
-            slot.frame.width = width;
-            slot.frame.height = height;
-            slot.frame.pixel_type = pixel_type;
-            started = manager.StartCapture(
-                static_cast<unsigned>(channel), card_timing != 0, width, height,
-                static_cast<ePixelType>(pixel_type), error,
-                callback != nullptr ? DeliverFrame : DeliverFrameToNobody, &slot,
-                static_cast<char*>(frame_buffer));
-        });
-        if (!claimed) {
-            return inUse();
-        }
-        if (!started) {
-            card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
-                                 static_cast<unsigned>(channel));
-            slot.claimed = false;
-            return Fail(card->lease->IsLost() ? KVPCIE_CARD_LOST : KVPCIE_NO_CARD, text);
-        }
-        return Succeed();
+        return kvpcie::capi::StartChannel(
+            card, channel, card_timing, width, height, pixel_type,
+            [&](kvpcie_card::CaptureSlot& slot) -> char* {
+                slot.callback = callback;
+                slot.context = context;
+                return static_cast<char*>(frame_buffer);
+            },
+            callback != nullptr ? DeliverFrame : DeliverFrameToNobody);
     });
 }
 
@@ -185,6 +230,7 @@ kvpcie_status KVPCIE_CALL kvpcie_stop_capture(kvpcie_card* card, int32_t channel
         }
         // Stopped by its own callback, which may still run.
         kvpcie::capi::WaitForDeliveries(slot);
+        kvpcie::capi::StopPulls(slot);
         return Succeed();
     });
 }
@@ -222,6 +268,35 @@ kvpcie_status KVPCIE_CALL kvpcie_snapshot(kvpcie_card* card, int32_t channel) {
     return OnCapturingChannel(card, channel, "a snapshot", [channel](PCIeDataManager& manager) {
         manager.ImgSnapShot(channel);
         return true;
+    });
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_set_save_log(kvpcie_card* card, int32_t on) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = kvpcie::capi::RequireXdma(card)) {
+            return refused;
+        }
+        if (const kvpcie_status refused = kvpcie::capi::RequireNotInFrameCallback()) {
+            return refused;
+        }
+        std::string text;
+        kvpcie::capi::RunOnCard(card, text,
+                                [&](PCIeDataManager& manager) { manager.SetSaveLog(on != 0); });
+        return Succeed();
+    });
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_set_display_delay_test(kvpcie_card* card, int32_t channel,
+                                                        int32_t on) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = CheckCaptureCall(card, channel)) {
+            return refused;
+        }
+        std::string text;
+        kvpcie::capi::RunOnCard(card, text, [&](PCIeDataManager& manager) {
+            manager.SetImgDisplayDelayTest(channel, on != 0);
+        });
+        return Succeed();
     });
 }
 

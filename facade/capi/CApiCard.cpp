@@ -63,6 +63,7 @@ void StopCaptureInFrameCallback(kvpcie_card* card, int channel) {
     // The library takes a stop from inside a frame callback on the polling thread itself; it
     // takes effect when the callback returns.
     card->lease->AnyThreadManager().StopCapture(channel);
+    StopPulls(slot);
     // Whoever clears the flag gives the channel back: the card thread may stop it too.
     if (slot.claimed.exchange(false)) {
         card->lease->Unclaim(KvPCIe::SharedCard::Direction::Capture,
@@ -73,6 +74,13 @@ void StopCaptureInFrameCallback(kvpcie_card* card, int channel) {
 void WaitForDeliveries(kvpcie_card::CaptureSlot& slot) {
     while (slot.delivering.load(std::memory_order_acquire) != 0) {
         std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+}
+
+void StopPulls(kvpcie_card::CaptureSlot& slot) {
+    std::lock_guard<std::mutex> guard(slot.pullLock);
+    if (slot.pull) {
+        slot.pull->Stop();
     }
 }
 
@@ -107,6 +115,7 @@ void StopEverything(kvpcie_card* card) {
     // A channel that its own callback stopped was skipped above; that callback may still run.
     for (kvpcie_card::CaptureSlot& capture : card->capture) {
         WaitForDeliveries(capture);
+        StopPulls(capture);
     }
 }
 
@@ -118,6 +127,13 @@ namespace {
 void CloseNow(kvpcie_card* card) {
     if (!card->riffa) {
         kvpcie::capi::StopEverything(card);
+    }
+    // Pulls that wait end now (the handle is closing); those under way return first.
+    for (kvpcie_card::CaptureSlot& capture : card->capture) {
+        kvpcie::capi::StopPulls(capture);
+    }
+    while (card->pulling.load(std::memory_order_acquire) != 0) {
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
     delete card;
 }

@@ -5,8 +5,12 @@
 #include <KvPCIeInjectSdk/KvPCIeSharedCard.h>
 #include <KvPCIeInjectSdk/kvpcie.h>
 
+#include "facade/capi/PullQueue.h"
+
 #include <atomic>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 struct kvpcie_card {
@@ -22,6 +26,15 @@ struct kvpcie_card {
         // a stop or close that finds the channel already stopped waits for this to be 0 before
         // the host may free what the callback uses.
         std::atomic<int> delivering{0};
+        // A pulled channel: its queue, which the polling thread fills through `pullTarget`
+        // (set while the channel is stopped, as the callback is). The queue outlives a stop,
+        // so that what waits in it can still be pulled, until the next start replaces it.
+        std::mutex pullLock;
+        std::shared_ptr<kvpcie::capi::PullQueue> pull;
+        int32_t pullWidth = 0;
+        int32_t pullHeight = 0;
+        int32_t pullPixelType = 0;
+        kvpcie::capi::PullQueue* pullTarget = nullptr;
     };
     struct StatusSlot {
         kvpcie_card* card = nullptr;
@@ -38,6 +51,8 @@ struct kvpcie_card {
     // Set by kvpcie_close before anything else: from then on no callback of the handle is
     // called, even while the rest of the close waits for the card thread.
     std::atomic<bool> closing{false};
+    // kvpcie_pull calls under way: the close frees the handle only once they have returned.
+    std::atomic<int> pulling{0};
 };
 
 namespace kvpcie::capi {
@@ -73,5 +88,15 @@ void WaitForDeliveries(kvpcie_card::CaptureSlot& slot);
 
 // Stops what the handle started on the card; the lease stays.
 void StopEverything(kvpcie_card* card);
+// Ends the waiting pulls of a channel that stopped: they return once the queue is empty.
+void StopPulls(kvpcie_card::CaptureSlot& slot);
+
+// Starts (or starts again) a capture channel of the handle on the card thread: `prepare` sets
+// up the slot for the new run and returns the frame buffer the card writes into (null: refused
+// as a null buffer); `deliver` gets each frame with the slot as its context.
+kvpcie_status StartChannel(kvpcie_card* card, int32_t channel, int32_t card_timing, int32_t width,
+                           int32_t height, int32_t pixel_type,
+                           const std::function<char*(kvpcie_card::CaptureSlot&)>& prepare,
+                           CaptureFrameCallbackEx deliver);
 
 }  // namespace kvpcie::capi

@@ -4,6 +4,9 @@
 
 #include <KvPCIeInjectSdk/kvpcie.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <string>
 
 namespace kvpcie::capi {
@@ -27,5 +30,18 @@ kvpcie_status Guarded(Body body) {
 
 bool ChannelValid(int channel);
 kvpcie_status BadChannel(int channel);
+
+// The caller's record gets the first `size` bytes of ours: an older caller's shorter record
+// is filled as far as it goes; `size` itself stays the caller's.
+template <typename Record>
+kvpcie_status CopyOut(const Record& ours, Record* theirs) {
+    const std::uint32_t size = theirs->size;
+    if (size < sizeof(std::uint32_t)) {
+        return Fail(KVPCIE_BAD_ARGUMENT, "set the record's size before the call");
+    }
+    std::memcpy(theirs, &ours, std::min<std::size_t>(size, sizeof(Record)));
+    theirs->size = size;
+    return Succeed();
+}
 
 }  // namespace kvpcie::capi

@@ -7,10 +7,12 @@
 #include <QByteArray>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 using kvpcie::capi::BadChannel;
 using kvpcie::capi::ChannelValid;
+using kvpcie::capi::CopyOut;
 using kvpcie::capi::Fail;
 using kvpcie::capi::Guarded;
 using kvpcie::capi::Succeed;
@@ -22,19 +24,6 @@ kvpcie_status CheckChannelCall(kvpcie_card* card, int32_t channel) {
         return refused;
     }
     return ChannelValid(channel) ? KVPCIE_OK : BadChannel(channel);
-}
-
-// The caller's record gets the first `size` bytes of ours: an older caller's shorter record
-// is filled as far as it goes; `size` itself stays the caller's.
-template <typename Record>
-kvpcie_status CopyOut(const Record& ours, Record* theirs) {
-    const std::uint32_t size = theirs->size;
-    if (size < sizeof(std::uint32_t)) {
-        return Fail(KVPCIE_BAD_ARGUMENT, "set the record's size before the call");
-    }
-    std::memcpy(theirs, &ours, std::min<std::size_t>(size, sizeof(Record)));
-    theirs->size = size;
-    return Succeed();
 }
 
 // The statistics calls: checked, read from any thread, translated and copied out by size.
@@ -106,13 +95,9 @@ kvpcie_status Delays(kvpcie_card* card, int32_t channel, kvpcie_delay* delays, i
     });
 }
 
-}  // namespace
-
-extern "C" {
-
-kvpcie_status KVPCIE_CALL kvpcie_inject(kvpcie_card* card, int32_t channel, int32_t frame_rate,
-                                        int32_t width, int32_t height, int32_t pixel_type,
-                                        const void* frame) {
+// One frame for the channel; the first of a run programs it with this format and line period.
+kvpcie_status Inject(kvpcie_card* card, int32_t channel, int32_t frame_rate, int32_t width,
+                     int32_t height, int32_t pixel_type, int32_t line_period, const void* frame) {
     return Guarded([&] {
         if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
             return refused;
@@ -134,8 +119,8 @@ kvpcie_status KVPCIE_CALL kvpcie_inject(kvpcie_card* card, int32_t channel, int3
         std::string text;
         // StartInject copies the frame and does not write to it.
         const auto queue = [&](PCIeDataManager& manager) {
-            queued = manager.StartInject(static_cast<unsigned>(channel), frame_rate, width,
-                                         height, static_cast<ePixelType>(pixel_type), 0,
+            queued = manager.StartInject(static_cast<unsigned>(channel), frame_rate, width, height,
+                                         static_cast<ePixelType>(pixel_type), line_period,
                                          static_cast<char*>(const_cast<void*>(frame)), error);
         };
         if (kvpcie::capi::InFrameCallback()) {
@@ -161,6 +146,57 @@ kvpcie_status KVPCIE_CALL kvpcie_inject(kvpcie_card* card, int32_t channel, int3
             return Fail(KVPCIE_CARD_LOST, text);
         }
         return Fail(error == ERR_NO_CARD ? KVPCIE_NO_CARD : KVPCIE_ERROR, text);
+    });
+}
+
+}  // namespace
+
+extern "C" {
+
+kvpcie_status KVPCIE_CALL kvpcie_inject(kvpcie_card* card, int32_t channel, int32_t frame_rate,
+                                        int32_t width, int32_t height, int32_t pixel_type,
+                                        const void* frame) {
+    return Inject(card, channel, frame_rate, width, height, pixel_type, 0, frame);
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_inject_with_format(kvpcie_card* card, int32_t channel,
+                                                    const kvpcie_inject_format* format,
+                                                    const void* frame) {
+    if (format == nullptr) {
+        return Fail(KVPCIE_BAD_ARGUMENT, "the format record is null");
+    }
+    // An older caller's shorter record: what it does not hold reads as 0.
+    kvpcie_inject_format ours{};
+    const std::uint32_t size = format->size;
+    if (size < offsetof(kvpcie_inject_format, line_period)) {
+        return Fail(KVPCIE_BAD_ARGUMENT, "set the record's size before the call");
+    }
+    std::memcpy(&ours, format, std::min<std::size_t>(size, sizeof ours));
+    return Inject(card, channel, ours.frame_rate, ours.width, ours.height, ours.pixel_type,
+                  ours.line_period, frame);
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_set_param_simulate(kvpcie_card* card, int32_t channel,
+                                                    int32_t enable, const void* params,
+                                                    size_t bytes) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+            return refused;
+        }
+        tagThermalImgParams record{};
+        if (bytes != sizeof record || params == nullptr) {
+            return Fail(KVPCIE_BAD_ARGUMENT,
+                        "the parameter record has " + std::to_string(sizeof record) + " bytes");
+        }
+        if (const kvpcie_status refused = kvpcie::capi::RequireNotInFrameCallback()) {
+            return refused;
+        }
+        std::memcpy(&record, params, sizeof record);
+        std::string text;
+        kvpcie::capi::RunOnCard(card, text, [&](PCIeDataManager& manager) {
+            manager.UpdateParamSimulate(channel, enable != 0, record);
+        });
+        return Succeed();
     });
 }
 

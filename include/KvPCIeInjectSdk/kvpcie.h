@@ -25,6 +25,11 @@
  * from the kvpcie_is_ calls) and a text, since it would wait for the card thread, which may be
  * waiting for that very callback. Inside a status callback every function may be called.
  *
+ * What the C++ interface has and this one leaves out: the display widgets
+ * (SetCaptureFullScreenWgt, SetInjectFullScreenWgt, GLWidget), which are Qt objects of the
+ * host's own process; SetOsdHidden and SetShowErrorFrame, which the library stores and nothing
+ * reads; the RIFFA engines' frame calls, which no RIFFA device serves (registers only).
+ *
  * Lifetime. kvpcie_close stops everything the handle started and returns once no callback of it
  * runs or will run; the frame buffers and contexts given to it may be freed then. Called inside
  * a callback (a frame callback, or a status callback on the card thread), it returns at once:
@@ -77,6 +82,8 @@ typedef int32_t kvpcie_status;
 #define KVPCIE_IN_USE (-5) /**< another handle captures or injects on this channel */
 #define KVPCIE_WRONG_KIND (-6) /**< an XDMA operation on a RIFFA handle, or the reverse */
 #define KVPCIE_CARD_LOST (-7) /**< the card was found gone: close the handle, open it again */
+#define KVPCIE_TIMEOUT (-8)   /**< kvpcie_pull: no frame came within the time-out */
+#define KVPCIE_STOPPED (-9)   /**< kvpcie_pull: the channel stopped and no frame of it waits */
 
 /** @{ Pixel layouts; the values of the C++ interface's ePixelType. */
 #define KVPCIE_UYVY422 0
@@ -212,14 +219,58 @@ KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_stop_capture(kvpcie_card* card, int3
 /** 1 while this handle captures on the channel, else 0. */
 KVPCIE_API int32_t KVPCIE_CALL kvpcie_is_capturing(kvpcie_card* card, int32_t channel);
 
+/* --- pulling frames: capture without callbacks --- */
+
+/** What kvpcie_pull copied. Set `size` to sizeof(kvpcie_pulled_frame) before the call. */
+typedef struct kvpcie_pulled_frame {
+    uint32_t size;        /**< the caller's sizeof(kvpcie_pulled_frame) */
+    int32_t channel;      /**< 0 to 3 */
+    uint64_t bytes;       /**< bytes copied into the caller's buffer: one frame */
+    int32_t width;        /**< pixels per line */
+    int32_t height;       /**< lines */
+    int32_t pixel_type;   /**< KVPCIE_UYVY422 ... */
+    int32_t error_frame;  /**< 1 when the card marked the frame as an error frame */
+    uint64_t sequence;    /**< 0 for the first frame since kvpcie_start_pull; a gap: frames lost */
+    int64_t received_ns;  /**< when the library got it, ns on the host's steady clock */
+    uint64_t frames_lost; /**< since the start: frames that found the queue full */
+} kvpcie_pulled_frame;
+
+/** Starts capturing `channel` for kvpcie_pull: the library copies each frame into a queue of
+   `depth` (1 to 64) frames it keeps; when the queue is full the oldest frame makes room and is
+   counted lost, so the queue holds the newest frames. As kvpcie_start_capture otherwise (a
+   started channel is started again; kvpcie_stop_capture stops it). No callback, no function
+   pointer: for hosts that can only call C with numbers and buffers (LabVIEW, MATLAB). */
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_start_pull(kvpcie_card* card, int32_t channel,
+                                                       int32_t card_timing, int32_t width,
+                                                       int32_t height, int32_t pixel_type,
+                                                       int32_t depth);
+/** Copies the oldest waiting frame of a pulled channel into `buffer` (`capacity` bytes, at
+   least one frame) and its record into `*frame` (NULL: none), waiting up to `timeout_ms` for
+   one (0: no wait; -1: no limit). KVPCIE_TIMEOUT when none came; KVPCIE_STOPPED when the
+   channel stopped, or its handle is closing, and every frame queued before has been pulled
+   (a stop or close ends every waiting call). Any number of threads may pull one channel; each
+   frame goes to one of them. Not inside a frame callback (it would hold up the card's
+   polling thread, which brings the frames). */
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_pull(kvpcie_card* card, int32_t channel, void* buffer,
+                                                 uint64_t capacity, kvpcie_pulled_frame* frame,
+                                                 int32_t timeout_ms);
+
 /** Raw recording of a capturing channel, each take in a folder of its own below
-   <root>/Capture<channel + 1>/; the root is the program's "VideoRecord" folder unless
+   ROOT/Capture<channel + 1>/; the root is the program's "VideoRecord" folder unless
    kvpcie_set_record_root chose another. */
 /** @{ */
 KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_start_record(kvpcie_card* card, int32_t channel);
 KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_stop_record(kvpcie_card* card, int32_t channel);
 KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_snapshot(kvpcie_card* card, int32_t channel);
 /** @} */
+/** The per-buffer capture log ("./Log/Capture_AllChannel") on (1) or off (0) for the card as it
+   is open now (a card opened again starts with it off). */
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_set_save_log(kvpcie_card* card, int32_t on);
+/** The channel's display delay test on (1) or off (0): the card counts it in the capture delay
+   records' `test_count`. */
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_set_display_delay_test(kvpcie_card* card,
+                                                                   int32_t channel, int32_t on);
+
 /** The root of every card's recordings from the next take on (UTF-8; a relative folder is
    taken from the current folder now); "" restores the default. Created when a take starts. */
 KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_set_record_root(const char* folder);
@@ -243,6 +294,28 @@ KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_inject(kvpcie_card* card, int32_t ch
                                                    int32_t frame_rate, int32_t width,
                                                    int32_t height, int32_t pixel_type,
                                                    const void* frame);
+/** The whole format of an inject run. Set `size` to sizeof(kvpcie_inject_format). */
+typedef struct kvpcie_inject_format {
+    uint32_t size;       /**< the caller's sizeof(kvpcie_inject_format) */
+    int32_t frame_rate;  /**< frames per second the card plays */
+    int32_t width;       /**< pixels per line */
+    int32_t height;      /**< lines */
+    int32_t pixel_type;  /**< KVPCIE_UYVY422 ... */
+    int32_t line_period; /**< the card's line period register; 0: the card's own timing */
+} kvpcie_inject_format;
+
+/** As kvpcie_inject, with the format (and the line period, which kvpcie_inject leaves 0) in a
+   record. */
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_inject_with_format(kvpcie_card* card, int32_t channel,
+                                                               const kvpcie_inject_format* format,
+                                                               const void* frame);
+/** Frames of the channel's next inject run carry one parameter line after the picture (`enable`
+   1), with `params` the 78-byte thermal parameter record the library keeps for the channel;
+   0 switches it off. A stop of the channel switches it off too. */
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_set_param_simulate(kvpcie_card* card, int32_t channel,
+                                                               int32_t enable, const void* params,
+                                                               size_t bytes);
+
 /** Stops the channel's injection; frames still queued are dropped. */
 KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_stop_inject(kvpcie_card* card, int32_t channel);
 /** 1 while this handle injects on the channel, else 0. */

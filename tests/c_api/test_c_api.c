@@ -385,6 +385,105 @@ static void CaptureDeliversTheCardsPatternByteForByte(void) {
     kvpcie_close(card);
 }
 
+/* As a LabVIEW or MATLAB host captures: numbers and buffers, no callback. Frames come byte for
+   byte with their records; no frame: a time-out; frames not pulled in time: a gap in the
+   sequence and the count of frames lost; a stop: the frames that waited, then KVPCIE_STOPPED. */
+static void PulledFramesComeWithTheirRecordsAndLossesShow(void) {
+    static unsigned char buffer[64 * 32];
+    kvpcie_pulled_frame frame;
+    uint64_t previous = 0;
+    uint32_t number;
+    uint64_t k;
+    int pulled;
+    int wrong = 0;
+    kvpcie_card* card = FreshCard();
+    Begin("pulled frames come with their records, and losses show");
+    CHECK(card != NULL);
+    /* The README's LabVIEW and MATLAB sequences set this size by hand. */
+    CHECK(sizeof(kvpcie_pulled_frame) == 56);
+    CHECK(kvpcie_write_reg(card, Control(1, 0x04), 0) == KVPCIE_OK); /* no frames yet */
+    CHECK(kvpcie_start_pull(card, 1, 0, 64, 32, KVPCIE_Y8, 0) == KVPCIE_BAD_ARGUMENT);
+    CHECK(kvpcie_start_pull(card, 1, 0, 64, 32, KVPCIE_Y8, 4) == KVPCIE_OK);
+    CHECK(kvpcie_is_capturing(card, 1) == 1);
+    memset(&frame, 0, sizeof frame);
+    frame.size = sizeof frame;
+    CHECK(kvpcie_pull(card, 1, buffer, sizeof buffer, &frame, 20) == KVPCIE_TIMEOUT);
+    CHECK(kvpcie_pull(card, 0, buffer, sizeof buffer, &frame, 0) == KVPCIE_ERROR);
+    CHECK(kvpcie_pull(card, 1, buffer, sizeof buffer - 1, &frame, 0) == KVPCIE_BAD_ARGUMENT);
+
+    CHECK(kvpcie_write_reg(card, Control(1, 0x04), 200) == KVPCIE_OK);
+    for (pulled = 0; pulled < 10; ++pulled) {
+        CHECK(kvpcie_pull(card, 1, buffer, sizeof buffer, &frame, 2000) == KVPCIE_OK);
+        number = (uint32_t)buffer[0] | (uint32_t)buffer[1] << 8 | (uint32_t)buffer[2] << 16 |
+                 (uint32_t)buffer[3] << 24;
+        for (k = 8; k < sizeof buffer; ++k) {
+            wrong += buffer[k] != (unsigned char)((k + number) % 256u);
+        }
+        CHECK(frame.size == sizeof frame && frame.channel == 1 && frame.bytes == sizeof buffer);
+        CHECK(frame.width == 64 && frame.height == 32 && frame.pixel_type == KVPCIE_Y8);
+        CHECK(frame.received_ns > 0 && (pulled == 0 || frame.sequence > previous));
+        previous = frame.sequence;
+    }
+    CHECK(wrong == 0);
+    /* Not pulled for a while: the queue keeps the newest four, the rest are lost. */
+    SleepMs(200);
+    CHECK(kvpcie_pull(card, 1, buffer, sizeof buffer, &frame, 0) == KVPCIE_OK);
+    CHECK(frame.sequence > previous + 4 && frame.frames_lost > 0);
+    CHECK(frame.frames_lost + 10 + 4 >= frame.sequence);
+
+    CHECK(kvpcie_stop_capture(card, 1) == KVPCIE_OK);
+    while (kvpcie_pull(card, 1, buffer, sizeof buffer, NULL, 0) == KVPCIE_OK) {
+    }
+    CHECK(kvpcie_pull(card, 1, buffer, sizeof buffer, &frame, 1000) == KVPCIE_STOPPED);
+    kvpcie_close(card);
+}
+
+/* What the C++ interface sets up for an inject run reaches the card from C too: the line period
+   (register 0x020 of the channel's inject block) and the parameter line (one more line). */
+static void TheWholeInjectFormatReachesTheCard(void) {
+    static unsigned char frame[64 * 33];
+    unsigned char params[78];
+    kvpcie_inject_format format;
+    uint32_t value = 0;
+    kvpcie_card* card = FreshCard();
+    const uint32_t block = 0x111000u + 2u * 0x1000u;
+    Begin("the whole inject format reaches the card");
+    CHECK(card != NULL);
+    memset(&format, 0, sizeof format);
+    format.size = sizeof format;
+    format.frame_rate = 50;
+    format.width = 64;
+    format.height = 32;
+    format.pixel_type = KVPCIE_Y8;
+    format.line_period = 1234;
+    CHECK(kvpcie_inject_with_format(card, 2, &format, frame) == KVPCIE_OK);
+    CHECK(kvpcie_sim_peek_register(0, block + 0x020, &value) == KVPCIE_OK && value == 1234);
+    CHECK(kvpcie_sim_peek_register(0, block + 0x004, &value) == KVPCIE_OK &&
+          value == (64u << 16 | 32u));
+    CHECK(kvpcie_stop_inject(card, 2) == KVPCIE_OK);
+    /* kvpcie_inject leaves the line period to the card. */
+    CHECK(kvpcie_inject(card, 2, 50, 64, 32, KVPCIE_Y8, frame) == KVPCIE_OK);
+    CHECK(kvpcie_sim_peek_register(0, block + 0x020, &value) == KVPCIE_OK && value == 0);
+    CHECK(kvpcie_stop_inject(card, 2) == KVPCIE_OK);
+
+    memset(params, 7, sizeof params);
+    CHECK(kvpcie_set_param_simulate(card, 2, 1, params, 77) == KVPCIE_BAD_ARGUMENT);
+    CHECK(kvpcie_set_param_simulate(card, 2, 1, params, sizeof params) == KVPCIE_OK);
+    CHECK(kvpcie_inject(card, 2, 50, 64, 32, KVPCIE_Y8, frame) == KVPCIE_OK);
+    CHECK(kvpcie_sim_peek_register(0, block + 0x004, &value) == KVPCIE_OK &&
+          value == (64u << 16 | 33u));
+    CHECK(kvpcie_stop_inject(card, 2) == KVPCIE_OK);
+    format.size = 4; /* too short to say anything */
+    CHECK(kvpcie_inject_with_format(card, 2, &format, frame) == KVPCIE_BAD_ARGUMENT);
+    CHECK(kvpcie_inject_with_format(card, 2, NULL, frame) == KVPCIE_BAD_ARGUMENT);
+
+    CHECK(kvpcie_set_save_log(card, 1) == KVPCIE_OK);
+    CHECK(kvpcie_set_save_log(card, 0) == KVPCIE_OK);
+    CHECK(kvpcie_set_display_delay_test(card, 1, 1) == KVPCIE_OK);
+    CHECK(kvpcie_set_display_delay_test(card, 4, 1) == KVPCIE_BAD_ARGUMENT);
+    kvpcie_close(card);
+}
+
 static void StopOwnChannel(const kvpcie_frame* frame, void* context) {
     Seen* seen = (Seen*)context;
     ++seen->frames;
@@ -605,6 +704,8 @@ int main(void) {
     ListingNamesTheSimulatedCards();
     RegistersAndMemoryOfXdmaAndRiffa();
     CaptureDeliversTheCardsPatternByteForByte();
+    PulledFramesComeWithTheirRecordsAndLossesShow();
+    TheWholeInjectFormatReachesTheCard();
     ACallbackThatStopsItsOwnChannelGetsNoFurtherFrame();
     InjectedFramesComeBackInTheLoopback();
     StatusBlocksReachTheCallbackWithoutAnEventLoop();

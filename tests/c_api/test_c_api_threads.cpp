@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -249,6 +250,112 @@ INSTANTIATE_TEST_SUITE_P(
         return std::to_string(info.param.framesPerSecond) + "fps_" +
                (info.param.cardThreadBusyMs > 0 ? "busy" : "idle");
     });
+
+// ------------------------------------------------------------------ pulled frames
+
+// Whatever ends a pulled channel ends the pulls that wait on it, at once and for every puller.
+enum class PullEnd { Stop, Close, Restart };
+
+class PullEnded : public CApiThreads, public ::testing::WithParamInterface<PullEnd> {};
+
+TEST_P(PullEnded, EndsEveryWaitingPull) {
+    const Watchdog watchdog("a pull that waits past its channel's end", std::chrono::seconds(20));
+    kvpcie_card* card = kvpcie_open(kPath);
+    ASSERT_NE(card, nullptr);
+    SetFrameRate(card, 2, 0);  // nothing comes: the pulls wait without limit
+    ASSERT_EQ(kvpcie_start_pull(card, 2, 0, kWidth, kHeight, KVPCIE_Y8, 2), KVPCIE_OK);
+    std::atomic<int> waiting{0};
+    std::atomic<int> stopped{0};
+    std::vector<std::thread> pullers;
+    for (int i = 0; i < 3; ++i) {
+        pullers.emplace_back([&] {
+            std::array<unsigned char, kFrameBytes> buffer{};
+            ++waiting;
+            if (kvpcie_pull(card, 2, buffer.data(), buffer.size(), nullptr, -1) == KVPCIE_STOPPED) {
+                ++stopped;
+            }
+        });
+    }
+    ASSERT_TRUE(WaitFor([&] { return waiting.load() == 3; }));
+    // Each puller is inside kvpcie_pull by now: a close frees the handle once they return.
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    switch (GetParam()) {
+        case PullEnd::Stop:
+            ASSERT_EQ(kvpcie_stop_capture(card, 2), KVPCIE_OK);
+            break;
+        case PullEnd::Close:
+            kvpcie_close(card);  // returns once the pulls have
+            card = nullptr;
+            break;
+        case PullEnd::Restart:
+            ASSERT_EQ(kvpcie_start_pull(card, 2, 0, kWidth, kHeight, KVPCIE_Y8, 2), KVPCIE_OK);
+            break;
+    }
+    for (std::thread& puller : pullers) {
+        puller.join();
+    }
+    EXPECT_EQ(stopped.load(), 3);
+    kvpcie_close(card);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ends, PullEnded,
+                         ::testing::Values(PullEnd::Stop, PullEnd::Close, PullEnd::Restart),
+                         [](const ::testing::TestParamInfo<PullEnd>& info) {
+                             return info.param == PullEnd::Stop    ? std::string("Stop")
+                                    : info.param == PullEnd::Close ? std::string("Close")
+                                                                   : std::string("Restart");
+                         });
+
+// Several threads pull one channel at 1,000 frames a second: each frame reaches one of them,
+// whole, and what none got is counted lost.
+TEST_F(CApiThreads, ConcurrentPullersShareTheFramesAndLossesAddUp) {
+    const Watchdog watchdog("concurrent pullers", std::chrono::seconds(30));
+    kvpcie_card* card = kvpcie_open(kPath);
+    ASSERT_NE(card, nullptr);
+    SetFrameRate(card, 0, 1000);
+    ASSERT_EQ(kvpcie_start_pull(card, 0, 0, kWidth, kHeight, KVPCIE_Y8, 3), KVPCIE_OK);
+    std::vector<std::vector<std::uint64_t>> seen(3);
+    std::atomic<int> torn{0};
+    std::vector<std::thread> pullers;
+    for (auto& mine : seen) {
+        pullers.emplace_back([&, &mine = mine] {
+            std::array<unsigned char, kFrameBytes> buffer{};
+            kvpcie_pulled_frame frame{};
+            frame.size = sizeof frame;
+            while (kvpcie_pull(card, 0, buffer.data(), buffer.size(), &frame, 2000) == KVPCIE_OK) {
+                mine.push_back(frame.sequence);
+                std::uint32_t number = 0;
+                std::memcpy(&number, buffer.data(), sizeof number);
+                for (std::size_t k = 8; k < kFrameBytes; ++k) {
+                    if (buffer[k] != static_cast<unsigned char>((k + number) % 256)) {
+                        ++torn;
+                        break;
+                    }
+                }
+            }
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    ASSERT_EQ(kvpcie_stop_capture(card, 0), KVPCIE_OK);
+    for (std::thread& puller : pullers) {
+        puller.join();
+    }
+    kvpcie_capture_statistics statistics{};
+    statistics.size = sizeof statistics;
+    ASSERT_EQ(kvpcie_capture_statistics_get(card, 0, &statistics), KVPCIE_OK);
+    std::vector<std::uint64_t> all;
+    for (const auto& mine : seen) {
+        all.insert(all.end(), mine.begin(), mine.end());
+    }
+    std::sort(all.begin(), all.end());
+    EXPECT_EQ(torn.load(), 0);
+    EXPECT_GT(all.size(), 100u);
+    EXPECT_EQ(std::adjacent_find(all.begin(), all.end()), all.end()) << "a frame pulled twice";
+    // Every frame the card delivered was pulled or is past the last one pulled, as lost.
+    ASSERT_FALSE(all.empty());
+    EXPECT_LE(all.back() + 1, statistics.frames_delivered);
+    kvpcie_close(card);
+}
 
 }  // namespace
 }  // namespace kvpcie::testing

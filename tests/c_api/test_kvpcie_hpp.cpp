@@ -1,0 +1,146 @@
+// kvpcie.hpp as a host built with another compiler uses it: C++11, warnings as errors, the
+// library reached through kvpcie.h alone. On the simulated card: callbacks as std::function,
+// pulled frames, a loopback, and failures as exceptions that carry the library's text. Plain
+// checks rather than a test framework, which would want a newer C++.
+#include <KvPCIeInjectSdk/kvpcie.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+#include <utility>
+
+namespace {
+
+int failures = 0;
+
+#define CHECK(condition)                                                      \
+    do {                                                                      \
+        if (!(condition)) {                                                   \
+            ++failures;                                                       \
+            std::fprintf(stderr, "FAIL line %d: %s\n", __LINE__, #condition); \
+        }                                                                     \
+    } while (0)
+
+const int kWidth = 64;
+const int kHeight = 32;
+
+uint32_t Control(int channel, uint32_t offset) {
+    return 0x1F1000u + static_cast<uint32_t>(channel) * 0x1000u + offset;
+}
+
+bool IsPattern(const unsigned char* frame, size_t bytes, int channel) {
+    uint32_t number = 0;
+    std::memcpy(&number, frame, sizeof number);
+    if (frame[4] != channel) {
+        return false;
+    }
+    for (size_t k = 8; k < bytes; ++k) {
+        if (frame[k] != static_cast<unsigned char>((k + number) % 256)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void CallbacksAndPullsGiveTheCardsPattern() {
+    kvpcie::card card;
+    CHECK(card.path() == kvpcie::list_cards().front());
+    card.write_reg(Control(0, 0x04), 200);
+    card.write_reg(Control(1, 0x04), 200);
+    std::atomic<int> frames(0);
+    std::atomic<int> wrong(0);
+    card.start_capture(0, false, kWidth, kHeight, KVPCIE_Y8, [&](const kvpcie_frame& frame) {
+        if (!IsPattern(static_cast<const unsigned char*>(frame.data),
+                       static_cast<size_t>(frame.bytes), 0)) {
+            ++wrong;
+        }
+        ++frames;
+    });
+    card.start_pull(1, false, kWidth, kHeight, KVPCIE_Y8, 4);
+    std::vector<unsigned char> pulled;
+    kvpcie_pulled_frame record;
+    for (int i = 0; i < 5; ++i) {
+        CHECK(card.pull(1, pulled, record, 2000));
+        CHECK(pulled.size() == static_cast<size_t>(kWidth * kHeight));
+        CHECK(IsPattern(pulled.data(), pulled.size(), 1));
+    }
+    // The card object moves; its callbacks go on into the same handler.
+    kvpcie::card moved(std::move(card));
+    const int before = frames.load();
+    for (int waited = 0; waited < 200 && frames.load() < before + 5; ++waited) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    CHECK(frames.load() >= before + 5);
+    moved.stop_capture(0);
+    CHECK(wrong.load() == 0);
+    CHECK(moved.capture_statistics(0).frames_delivered == static_cast<uint64_t>(frames.load()));
+    moved.stop_capture(1);
+    bool stopped = false;
+    try {
+        while (moved.pull(1, pulled, record, 1000)) {
+        }
+    } catch (const kvpcie::error& e) {
+        stopped = e.status() == KVPCIE_STOPPED;
+    }
+    CHECK(stopped);
+}
+
+void InjectedFramesComeBackAndFailuresThrowWithTheirText() {
+    kvpcie::card card("sim:xdma0");
+    card.write_reg(Control(2, 0x00), 1);  // capture 2 shows what inject 2 plays
+    card.start_pull(2, true, kWidth, kHeight, KVPCIE_Y8, 8);
+    kvpcie_inject_format format = kvpcie_inject_format();
+    format.frame_rate = 50;
+    format.width = kWidth;
+    format.height = kHeight;
+    format.pixel_type = KVPCIE_Y8;
+    std::vector<unsigned char> frame(static_cast<size_t>(kWidth * kHeight), 0x5A);
+    int queued = 0;
+    while (queued < 20) {
+        if (card.inject(2, format, frame.data())) {
+            ++queued;
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    std::vector<unsigned char> pulled;
+    kvpcie_pulled_frame record;
+    bool matched = false;
+    for (int i = 0; i < 100 && !matched; ++i) {
+        CHECK(card.pull(2, pulled, record, 2000));
+        // The card stamps its playout number over the first pixel.
+        matched = pulled.size() == frame.size() &&
+                  std::memcmp(pulled.data() + 1, frame.data() + 1, frame.size() - 1) == 0;
+    }
+    CHECK(matched);
+    card.stop_inject(2);
+    card.stop_capture(2);
+
+    bool named = false;
+    try {
+        card.start_capture(7, true, kWidth, kHeight, KVPCIE_Y8, nullptr);
+    } catch (const kvpcie::error& e) {
+        named = e.status() == KVPCIE_BAD_ARGUMENT && std::strstr(e.what(), "7") != nullptr;
+    }
+    CHECK(named);
+    bool refused = false;
+    try {
+        kvpcie::card missing("sim:no-such-card");
+    } catch (const kvpcie::error& e) {
+        refused = e.status() == KVPCIE_NO_CARD && std::strlen(e.what()) > 0;
+    }
+    CHECK(refused);
+}
+
+}  // namespace
+
+int main() {
+    kvpcie::check(kvpcie_sim_configure("xdma:1,riffa:1"));
+    CallbacksAndPullsGiveTheCardsPattern();
+    InjectedFramesComeBackAndFailuresThrowWithTheirText();
+    kvpcie_sim_configure("");
+    std::printf("%s: %d failure(s)\n", failures == 0 ? "PASS" : "FAIL", failures);
+    return failures == 0 ? 0 : 1;
+}
