@@ -12,16 +12,18 @@ include(${CMAKE_CURRENT_LIST_DIR}/RunInWorkDir.cmake)
 run(${EMULATOR} ${TOOL} --sim capture --channels 3 --frames 6 --card-timing --record --type Y8
     --width 64 --height 32 --output takes)
 # The folder is printed when the take starts and again with the counts.
-if(NOT output MATCHES "ch3: recording into ([^\n]*)\n")
+if(NOT output MATCHES "ch3: recording into ([^\r\n]*)\r?\n")
     message(FATAL_ERROR "the take's folder is not printed:\n${output}")
 endif()
 set(printed "${CMAKE_MATCH_1}")
-string(REGEX MATCH "ch3: [0-9]+ frames recorded, 0 not recorded, in ([^\n]*)\n" counted
+string(REGEX MATCH "ch3: [0-9]+ frames recorded, 0 not recorded, in ([^\r\n]*)\r?\n" counted
        "${output}")
 if(NOT counted OR NOT CMAKE_MATCH_1 STREQUAL printed)
     message(FATAL_ERROR "the take's folder is not printed with the counts:\n${output}")
 endif()
-file(TO_CMAKE_PATH "${printed}" take)
+# Under Wine the tool prints a Windows path of the same folder: Z:\work\... is /work/...
+string(REPLACE "\\" "/" take "${printed}")
+string(REGEX REPLACE "^[Zz]:/" "/" take "${take}")
 if(NOT take MATCHES "^${root}/Capture4/[0-9]+_[0-9]+$")
     message(FATAL_ERROR "the take ${take} is not below ${root}/Capture4")
 endif()
