@@ -15,7 +15,9 @@ constexpr int kCardTimingSubMode = 2;
 constexpr int kLineBlankingExternal = 100;
 constexpr int kLineBlankingCardTiming = 200;
 // The card's geometry register holds width and line count in 16 bits each.
-constexpr int kMaxGeometryField = 0xFFFF;
+constexpr int kMaxGeometryField = KvMaxFrameSide;
+static_assert(kvpcie::xdma::kCardBufferBytes == KvCardBufferBytes,
+              "the public frame limit is the card's buffer size");
 }  // namespace
 
 bool IsCaptureRequestAcceptable(unsigned channel, int width, int height, ePixelType pixelType,

@@ -21,14 +21,9 @@ CaptureStream::CaptureStream(std::shared_ptr<CardCore> core, int channel, int wi
       type_(type),
       frameBytes_(static_cast<std::size_t>(KvFrameSizeBytes(type, width, height))) {
     CheckChannel(channel);
-    if (width < 1 || width > 65535 || height < 1 || height > 65535) {
-        throw py::value_error("a frame is 1 to 65535 pixels wide and high, not " +
-                              std::to_string(width) + "x" + std::to_string(height));
-    }
-    if (frameBytes_ > 20971520) {
+    if (const std::string problem = KvFrameFormatProblem(type, width, height); !problem.empty()) {
         throw py::value_error("a " + std::to_string(width) + "x" + std::to_string(height) + " " +
-                              NameOf(type) + " frame (" + std::to_string(frameBytes_) +
-                              " bytes) is larger than a card buffer (20971520 bytes)");
+                              NameOf(type) + " frame cannot be captured: " + problem);
     }
     const CardLease card = core_->Open();
     if (!card->Claim(KvPCIe::SharedCard::Direction::Capture, static_cast<unsigned>(channel))) {

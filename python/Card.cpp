@@ -17,9 +17,6 @@ namespace py = pybind11;
 namespace kvpcie::python {
 namespace {
 
-constexpr std::uint64_t kCardBufferBytes = 20971520;
-
-
 std::string Hex(std::uint64_t value) {
     char text[24];
     std::snprintf(text, sizeof text, "0x%llX", static_cast<unsigned long long>(value));
@@ -195,13 +192,10 @@ void Card::Inject(int channel, const py::array& frame, int frameRate, double tim
         throw py::value_error("PIXEL32 frames cannot be injected (the card plays UYVY422, Y8, "
                               "Y16, Y16_Y8 and BGR24)");
     }
-    if (geometry.width > 65535 || geometry.height > 65535) {
-        throw py::value_error("a frame is 1 to 65535 pixels wide and high");
-    }
-    const std::uint64_t bytes = KvFrameSizeBytes(geometry.type, geometry.width, geometry.height);
-    if (bytes > kCardBufferBytes) {
-        throw py::value_error("a frame of " + std::to_string(bytes) +
-                              " bytes is larger than a card buffer (20971520 bytes)");
+    if (const std::string problem =
+            KvFrameFormatProblem(geometry.type, geometry.width, geometry.height);
+        !problem.empty()) {
+        throw py::value_error(problem);
     }
     InjectChannel& playing = core_->inject[channel];
     const CardLease card = core_->Open();

@@ -118,6 +118,10 @@ kvpcie_status KVPCIE_CALL kvpcie_list_riffa(kvpcie_riffa_device* devices, int32_
     });
 }
 
+static_assert(KVPCIE_MAX_FRAME_SIDE == KvMaxFrameSide &&
+                  KVPCIE_CARD_BUFFER_BYTES == KvCardBufferBytes,
+              "the C interface's frame limits are the library's");
+
 kvpcie_status KVPCIE_CALL kvpcie_set_record_root(const char* folder) {
     return Guarded([&] {
         if (folder == nullptr) {

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 /// The driver framework a PCIeDataManager drives, fixed when it is constructed.
 enum ePCIeFrameworkType : std::int32_t {
@@ -76,6 +77,37 @@ inline std::uint64_t KvFrameSizeBytes(ePixelType pixelType, int width, int heigh
         return 0;
     }
     return std::uint64_t(KvBytesPerPixel(pixelType)) * std::uint64_t(width) * std::uint64_t(lines);
+}
+
+/// The largest width, and the largest line count (parameter lines included), that the card's
+/// 16-bit geometry fields hold.
+constexpr int KvMaxFrameSide = 65535;
+/// Bytes of one card buffer, and so of the largest frame: 20 MiB.
+constexpr std::uint64_t KvCardBufferBytes = 20971520;
+
+/// Why a frame of this format cannot go through a card ("" when it can): a width or a line
+/// count outside 1 to KvMaxFrameSide, or more bytes than a card buffer holds. Front-ends check
+/// with it before they size anything; StartCapture and StartInject check the same, and also
+/// the channel, the pixel type and the frame rate.
+inline std::string KvFrameFormatProblem(ePixelType pixelType, int width, int height,
+                                        int paramLines = 0) {
+    const std::int64_t lines = std::int64_t{height} + paramLines;
+    if (width < 1 || width > KvMaxFrameSide) {
+        return "width " + std::to_string(width) + " is outside 1 to " +
+               std::to_string(KvMaxFrameSide);
+    }
+    if (height < 1 || paramLines < 0 || lines > KvMaxFrameSide) {
+        return "height " + std::to_string(height) +
+               (paramLines != 0 ? " + " + std::to_string(paramLines) + " parameter line(s)"
+                                : std::string()) +
+               " is outside 1 to " + std::to_string(KvMaxFrameSide);
+    }
+    const std::uint64_t bytes = KvFrameSizeBytes(pixelType, width, height, paramLines);
+    if (bytes > KvCardBufferBytes) {
+        return "a frame of " + std::to_string(bytes) + " bytes is larger than a card buffer (" +
+               std::to_string(KvCardBufferBytes) + " bytes)";
+    }
+    return std::string();
 }
 
 #pragma pack(push, 1)

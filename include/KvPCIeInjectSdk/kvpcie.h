@@ -96,6 +96,10 @@ typedef int32_t kvpcie_status;
 
 /** Capture and inject channels of a card: 0 to 3. */
 #define KVPCIE_CHANNELS 4
+/** The largest width, and line count, of a frame (the card's 16-bit geometry fields). */
+#define KVPCIE_MAX_FRAME_SIDE 65535
+/** Bytes of a card buffer, and so of the largest frame: 20 MiB. */
+#define KVPCIE_CARD_BUFFER_BYTES 20971520u
 
 /** "major.minor.patch" of the library as built. */
 KVPCIE_API const char* KVPCIE_CALL kvpcie_version(void);

@@ -220,7 +220,7 @@ def test_bad_input_says_what_was_wrong(card):
     cases = [
         (lambda: card.capture(4, 64, 32), ValueError, "channel 4 is outside 0 to 3"),
         (lambda: card.capture(0, 64, 32, "NV12"), ValueError, "unknown pixel type"),
-        (lambda: card.capture(0, 0, 32), ValueError, "1 to 65535 pixels"),
+        (lambda: card.capture(0, 0, 32), ValueError, "width 0 is outside 1 to 65535"),
         (lambda: card.capture(0, 4096, 2048, "PIXEL32"), ValueError, "larger than a card buffer"),
         (lambda: card.inject(-1, frame), ValueError, "channel -1 is outside"),
         (lambda: card.inject(0, frame.astype(np.float32)), ValueError, "uint8 or uint16"),

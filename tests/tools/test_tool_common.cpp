@@ -113,6 +113,30 @@ TEST(PixelConversion, RefusesWithoutWritingAnything) {
     EXPECT_TRUE(ConvertToRgba(BGR24, 4, 2, frame.data(), 24, rgba.data()));
 }
 
+// The limits every front-end checks a format against before it sizes anything.
+TEST(FrameFormat, ProblemsAreNamedAtTheLimitsAndJustPastThem) {
+    const struct {
+        ePixelType type;
+        int width, height, paramLines;
+        const char* problem;  // "" when the format fits
+    } cases[] = {
+        {Y8, 1, 1, 0, ""},
+        {Y8, 65535, 320, 0, ""},  // 20,971,200 bytes: just fits
+        {Y8, 65535, 321, 0,
+         "a frame of 21036735 bytes is larger than a card buffer (20971520 bytes)"},
+        {Y8, 0, 1, 0, "width 0 is outside 1 to 65535"},
+        {Y8, 65536, 1, 0, "width 65536 is outside 1 to 65535"},
+        {Y16, 10, 0, 0, "height 0 is outside 1 to 65535"},
+        {Y16, 10, 65535, 1, "height 65535 + 1 parameter line(s) is outside 1 to 65535"},
+        {BGR24, 4096, 2048, 0,
+         "a frame of 25165824 bytes is larger than a card buffer (20971520 bytes)"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(KvFrameFormatProblem(c.type, c.width, c.height, c.paramLines), c.problem)
+            << c.width << " x " << c.height << " + " << c.paramLines;
+    }
+}
+
 // The fuzzer goes through names at large; these are the cases worth seeing fail by name.
 TEST(RawRecordingName, AcceptsTheRecordersNamesUpToTheLimits) {
     const auto fields = [](const RawRecordingInfo& i) {

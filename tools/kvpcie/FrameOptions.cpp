@@ -10,15 +10,15 @@ namespace kvpcie::cli {
 FrameGeometry ParseGeometry(const Arguments& arguments, FrameGeometry defaults) {
     FrameGeometry geometry = defaults;
     if (const auto width = arguments.Value("--width")) {
-        geometry.width = static_cast<int>(ParseNumber(*width, "width", 1, 65535));
+        geometry.width = static_cast<int>(ParseNumber(*width, "width", 1, KvMaxFrameSide));
     }
     if (const auto height = arguments.Value("--height")) {
-        geometry.height = static_cast<int>(ParseNumber(*height, "height", 1, 65535));
+        geometry.height = static_cast<int>(ParseNumber(*height, "height", 1, KvMaxFrameSide));
     }
     if (const auto type = arguments.Value("--type")) {
         geometry.type = ParsePixelType(*type);
     }
-    if (geometry.Bytes() > 0x1400000) {
+    if (geometry.Bytes() > KvCardBufferBytes) {
         throw UsageError{"a frame of " + std::to_string(geometry.Bytes()) +
                          " bytes does not fit a 20 MiB card buffer"};
     }

@@ -84,7 +84,7 @@ CapturePanel::CapturePanel(StudioContext& context, int channel, const CaptureFor
         typeBox_->addItem(TypeName(type), static_cast<int>(type));
     }
     for (QSpinBox* box : {widthBox_, heightBox_}) {
-        box->setRange(1, 65535);
+        box->setRange(1, KvMaxFrameSide);
         box->setAccelerated(true);
     }
     widthBox_->setToolTip(tr("width in pixels"));

@@ -48,8 +48,8 @@ InjectPage::InjectPage(StudioContext& context, QWidget* parent)
     for (ePixelType type : kPatternTypes) {
         typeBox_->addItem(QString::fromLatin1(tools::PixelTypeName(type)), static_cast<int>(type));
     }
-    widthBox_->setRange(1, 65535);
-    heightBox_->setRange(1, 65535);
+    widthBox_->setRange(1, KvMaxFrameSide);
+    heightBox_->setRange(1, KvMaxFrameSide);
     rateBox_->setRange(1, 1000);
     rateBox_->setSuffix(tr(" fps"));
     loopBox_->setChecked(true);

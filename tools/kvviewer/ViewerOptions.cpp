@@ -42,9 +42,6 @@ const char* const kUsage =
 
 namespace {
 
-// The card's frame buffers hold 20 MiB.
-constexpr std::uint64_t kMaxFrameBytes = 20u * 1024 * 1024;
-
 std::optional<int> ParseNumber(std::string_view text, int low, int high) {
     if (text.empty() || text.size() > 10) {
         return std::nullopt;
@@ -129,7 +126,7 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
         } else if (name == "--autostart") {
             options.autostart = true;
         } else if (name == "--width" || name == "--height") {
-            const auto size = ParseNumber(*value, 1, 65535);
+            const auto size = ParseNumber(*value, 1, KvMaxFrameSide);
             if (!size) {
                 return fail(name + " must be from 1 to 65535: " + *value);
             }
@@ -181,7 +178,7 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
             return fail("unknown option " + name);
         }
     }
-    if (KvFrameSizeBytes(options.pixelType, options.width, options.height) > kMaxFrameBytes) {
+    if (KvFrameSizeBytes(options.pixelType, options.width, options.height) > KvCardBufferBytes) {
         return fail("a frame of " + std::to_string(options.width) + " x " +
                     std::to_string(options.height) + " is larger than the card's 20 MiB buffer");
     }
