@@ -49,11 +49,8 @@ void DeliverStatus(int channel, const QByteArray& data, void* userContext) {
 
 // The common checks of the capture calls: an XDMA handle, a channel, not in a frame callback.
 kvpcie_status CheckCaptureCall(kvpcie_card* card, int32_t channel) {
-    if (const kvpcie_status refused = kvpcie::capi::RequireXdma(card)) {
+    if (const kvpcie_status refused = kvpcie::capi::RequireXdmaChannel(card, channel)) {
         return refused;
-    }
-    if (!ChannelValid(channel)) {
-        return BadChannel(channel);
     }
     return kvpcie::capi::RequireNotInFrameCallback();
 }

@@ -30,6 +30,13 @@ kvpcie_status RequireXdma(const kvpcie_card* card) {
     return KVPCIE_OK;
 }
 
+kvpcie_status RequireXdmaChannel(const kvpcie_card* card, int32_t channel) {
+    if (const kvpcie_status refused = RequireXdma(card)) {
+        return refused;
+    }
+    return ChannelValid(channel) ? KVPCIE_OK : BadChannel(channel);
+}
+
 kvpcie_status FailureStatus(kvpcie_card* card) {
     return card->lease->IsLost() ? KVPCIE_CARD_LOST : KVPCIE_ERROR;
 }

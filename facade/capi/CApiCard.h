@@ -59,6 +59,8 @@ namespace kvpcie::capi {
 
 // KVPCIE_OK when `card` is an XDMA handle (else the status, with its text).
 kvpcie_status RequireXdma(const kvpcie_card* card);
+// KVPCIE_OK for an XDMA handle and a channel 0 to 3 (else the status, with its text).
+kvpcie_status RequireXdmaChannel(const kvpcie_card* card, int32_t channel);
 // What a call on the card that failed comes to: KVPCIE_CARD_LOST once the card is gone, else
 // KVPCIE_ERROR.
 kvpcie_status FailureStatus(kvpcie_card* card);

@@ -10,8 +10,6 @@
 #include <cstddef>
 #include <cstring>
 
-using kvpcie::capi::BadChannel;
-using kvpcie::capi::ChannelValid;
 using kvpcie::capi::CopyOut;
 using kvpcie::capi::Fail;
 using kvpcie::capi::Guarded;
@@ -19,19 +17,12 @@ using kvpcie::capi::Succeed;
 
 namespace {
 
-kvpcie_status CheckChannelCall(kvpcie_card* card, int32_t channel) {
-    if (const kvpcie_status refused = kvpcie::capi::RequireXdma(card)) {
-        return refused;
-    }
-    return ChannelValid(channel) ? KVPCIE_OK : BadChannel(channel);
-}
-
 // The statistics calls: checked, read from any thread, translated and copied out by size.
 template <typename Counts, typename Record, typename Translate>
 kvpcie_status StatisticsCall(kvpcie_card* card, int32_t channel, Record* statistics,
                              bool (PCIeDataManager::*get)(int, Counts&), Translate translate) {
     return Guarded([&] {
-        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+        if (const kvpcie_status refused = kvpcie::capi::RequireXdmaChannel(card, channel)) {
             return refused;
         }
         if (statistics == nullptr) {
@@ -57,7 +48,7 @@ constexpr int kCardBuffers = 8;
 kvpcie_status Delays(kvpcie_card* card, int32_t channel, kvpcie_delay* delays, int32_t count,
                      int32_t* filled, bool capture) {
     return Guarded([&] {
-        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+        if (const kvpcie_status refused = kvpcie::capi::RequireXdmaChannel(card, channel)) {
             return refused;
         }
         if (delays == nullptr || filled == nullptr || count < 0) {
@@ -99,7 +90,7 @@ kvpcie_status Delays(kvpcie_card* card, int32_t channel, kvpcie_delay* delays, i
 kvpcie_status Inject(kvpcie_card* card, int32_t channel, int32_t frame_rate, int32_t width,
                      int32_t height, int32_t pixel_type, int32_t line_period, const void* frame) {
     return Guarded([&] {
-        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+        if (const kvpcie_status refused = kvpcie::capi::RequireXdmaChannel(card, channel)) {
             return refused;
         }
         if (frame == nullptr) {
@@ -180,7 +171,7 @@ kvpcie_status KVPCIE_CALL kvpcie_set_param_simulate(kvpcie_card* card, int32_t c
                                                     int32_t enable, const void* params,
                                                     size_t bytes) {
     return Guarded([&] {
-        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+        if (const kvpcie_status refused = kvpcie::capi::RequireXdmaChannel(card, channel)) {
             return refused;
         }
         tagThermalImgParams record{};
@@ -202,7 +193,7 @@ kvpcie_status KVPCIE_CALL kvpcie_set_param_simulate(kvpcie_card* card, int32_t c
 
 kvpcie_status KVPCIE_CALL kvpcie_stop_inject(kvpcie_card* card, int32_t channel) {
     return Guarded([&] {
-        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+        if (const kvpcie_status refused = kvpcie::capi::RequireXdmaChannel(card, channel)) {
             return refused;
         }
         if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
@@ -222,7 +213,7 @@ kvpcie_status KVPCIE_CALL kvpcie_stop_inject(kvpcie_card* card, int32_t channel)
 int32_t KVPCIE_CALL kvpcie_is_injecting(kvpcie_card* card, int32_t channel) {
     bool injecting = false;
     Guarded([&] {
-        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+        if (const kvpcie_status refused = kvpcie::capi::RequireXdmaChannel(card, channel)) {
             return refused;
         }
         if (kvpcie::capi::RequireNotInFrameCallback() != KVPCIE_OK) {
@@ -240,7 +231,7 @@ int32_t KVPCIE_CALL kvpcie_is_injecting(kvpcie_card* card, int32_t channel) {
 kvpcie_status KVPCIE_CALL kvpcie_send_command(kvpcie_card* card, int32_t channel,
                                               const void* bytes, size_t length) {
     return Guarded([&] {
-        if (const kvpcie_status refused = CheckChannelCall(card, channel)) {
+        if (const kvpcie_status refused = kvpcie::capi::RequireXdmaChannel(card, channel)) {
             return refused;
         }
         if (bytes == nullptr || length == 0 || length > 1024) {

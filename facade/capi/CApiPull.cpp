@@ -7,8 +7,6 @@
 #include <chrono>
 #include <memory>
 
-using kvpcie::capi::BadChannel;
-using kvpcie::capi::ChannelValid;
 using kvpcie::capi::CopyOut;
 using kvpcie::capi::Fail;
 using kvpcie::capi::Guarded;
@@ -51,11 +49,8 @@ kvpcie_status KVPCIE_CALL kvpcie_start_pull(kvpcie_card* card, int32_t channel, 
                                             int32_t width, int32_t height, int32_t pixel_type,
                                             int32_t depth) {
     return Guarded([&] {
-        if (const kvpcie_status refused = kvpcie::capi::RequireXdma(card)) {
+        if (const kvpcie_status refused = kvpcie::capi::RequireXdmaChannel(card, channel)) {
             return refused;
-        }
-        if (!ChannelValid(channel)) {
-            return BadChannel(channel);
         }
         if (const kvpcie_status refused = kvpcie::capi::RequireNotInFrameCallback()) {
             return refused;
@@ -90,11 +85,8 @@ kvpcie_status KVPCIE_CALL kvpcie_pull(kvpcie_card* card, int32_t channel, void* 
                                       uint64_t capacity, kvpcie_pulled_frame* frame,
                                       int32_t timeout_ms) {
     return Guarded([&] {
-        if (const kvpcie_status refused = kvpcie::capi::RequireXdma(card)) {
+        if (const kvpcie_status refused = kvpcie::capi::RequireXdmaChannel(card, channel)) {
             return refused;
-        }
-        if (!ChannelValid(channel)) {
-            return BadChannel(channel);
         }
         if (buffer == nullptr) {
             return Fail(KVPCIE_BAD_ARGUMENT, "the buffer is null");
