@@ -9,7 +9,7 @@ packages=(cmake ninja-build g++ pkg-config qtbase5-dev qtbase5-private-dev libgl
           libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
           gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-x
           python3-dev pybind11-dev python3-numpy python3-pytest python3-gi
-          gir1.2-gstreamer-1.0 doxygen dpkg-dev
+          gir1.2-gstreamer-1.0 doxygen dpkg-dev abigail-tools
           mono-mcs mono-runtime libnunit-cil-dev nunit-console "$@")
 
 missing=()
