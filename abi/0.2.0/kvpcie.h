@@ -69,14 +69,14 @@ extern "C" {
 
 /** What a call came to: KVPCIE_OK or one of the negative codes below. */
 typedef int32_t kvpcie_status;
-#define KVPCIE_OK 0              /**< the call did what it was asked */
-#define KVPCIE_ERROR (-1)        /**< the call failed; kvpcie_last_error says why */
+#define KVPCIE_OK 0 /**< the call did what it was asked */
+#define KVPCIE_ERROR (-1) /**< the call failed; kvpcie_last_error says why */
 #define KVPCIE_BAD_ARGUMENT (-2) /**< a null handle or pointer, a channel outside 0 to 3, ... */
-#define KVPCIE_NO_CARD (-3)      /**< no card, or it would not open, or the format was refused */
-#define KVPCIE_QUEUE_FULL (-4)   /**< injection: 15 frames wait; the frame was not taken */
-#define KVPCIE_IN_USE (-5)       /**< another handle captures or injects on this channel */
-#define KVPCIE_WRONG_KIND (-6)   /**< an XDMA operation on a RIFFA handle, or the reverse */
-#define KVPCIE_CARD_LOST (-7)    /**< the card was found gone: close the handle, open it again */
+#define KVPCIE_NO_CARD (-3) /**< no card, or it would not open, or the format was refused */
+#define KVPCIE_QUEUE_FULL (-4) /**< injection: 15 frames wait; the frame was not taken */
+#define KVPCIE_IN_USE (-5) /**< another handle captures or injects on this channel */
+#define KVPCIE_WRONG_KIND (-6) /**< an XDMA operation on a RIFFA handle, or the reverse */
+#define KVPCIE_CARD_LOST (-7) /**< the card was found gone: close the handle, open it again */
 
 /** @{ Pixel layouts; the values of the C++ interface's ePixelType. */
 #define KVPCIE_UYVY422 0
@@ -99,7 +99,7 @@ KVPCIE_API const char* KVPCIE_CALL kvpcie_last_error(void);
 
 /** Bytes of one frame of `width` x `height` pixels of `pixel_type`; 0 for a bad type or size. */
 KVPCIE_API uint64_t KVPCIE_CALL kvpcie_frame_bytes(int32_t pixel_type, int32_t width,
-                                                   int32_t height);
+                                                    int32_t height);
 
 /* --- listing --- */
 
@@ -119,10 +119,10 @@ KVPCIE_API void KVPCIE_CALL kvpcie_list_free(kvpcie_list* list);
 /** One RIFFA device of the listing. Set `size` to sizeof(kvpcie_riffa_device) before the call:
    later versions may add fields at the end and fill only what the caller's size holds. */
 typedef struct kvpcie_riffa_device {
-    uint32_t size;     /**< the caller's sizeof(kvpcie_riffa_device) */
-    int32_t id;        /**< the index kvpcie_open_riffa takes */
-    int32_t channels;  /**< RIFFA channels */
-    char name[16];     /**< zero-padded */
+    uint32_t size; /**< the caller's sizeof(kvpcie_riffa_device) */
+    int32_t id; /**< the index kvpcie_open_riffa takes */
+    int32_t channels; /**< RIFFA channels */
+    char name[16]; /**< zero-padded */
     int32_t vendor_id; /**< PCI vendor */
     int32_t device_id; /**< PCI device */
 } kvpcie_riffa_device;
@@ -160,8 +160,8 @@ typedef void(KVPCIE_CALL* kvpcie_card_lost_callback)(const char* path, void* con
    then on no frame is handed over in either direction, the statistics say card_lost, and the
    calls that reach the card return KVPCIE_CARD_LOST; close the handle and open the card again
    once it is back. */
-KVPCIE_API kvpcie_status KVPCIE_CALL
-kvpcie_set_card_lost_callback(kvpcie_card* card, kvpcie_card_lost_callback callback, void* context);
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_set_card_lost_callback(
+    kvpcie_card* card, kvpcie_card_lost_callback callback, void* context);
 /** 1 once the handle's card was found gone, else 0 (RIFFA: 0). */
 KVPCIE_API int32_t KVPCIE_CALL kvpcie_is_card_lost(kvpcie_card* card);
 
@@ -187,13 +187,13 @@ KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_write_data(kvpcie_card* card, uint32
 
 /** One captured frame, as a frame callback sees it: valid during the callback only. */
 typedef struct kvpcie_frame {
-    uint32_t size;       /**< sizeof(kvpcie_frame) of the library that calls */
-    int32_t channel;     /**< 0 to 3 */
-    const void* data;    /**< the caller's frame buffer, filled by the card's DMA */
-    uint64_t bytes;      /**< bytes of the frame */
-    int32_t width;       /**< pixels per line */
-    int32_t height;      /**< lines */
-    int32_t pixel_type;  /**< KVPCIE_UYVY422 ... */
+    uint32_t size; /**< sizeof(kvpcie_frame) of the library that calls */
+    int32_t channel; /**< 0 to 3 */
+    const void* data; /**< the caller's frame buffer, filled by the card's DMA */
+    uint64_t bytes; /**< bytes of the frame */
+    int32_t width; /**< pixels per line */
+    int32_t height; /**< lines */
+    int32_t pixel_type; /**< KVPCIE_UYVY422 ... */
     int32_t error_frame; /**< 1 when the card marked the frame as an error frame */
 } kvpcie_frame;
 
@@ -226,10 +226,11 @@ KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_set_record_root(const char* folder);
 
 /** Status blocks that the card posts for `channel`: each one to `callback` on the card thread,
    every 20 ms. NULL switches them off (they then wait in the card's mailbox). */
-typedef void(KVPCIE_CALL* kvpcie_status_callback)(int32_t channel, const void* data, size_t bytes,
-                                                  void* context);
+typedef void(KVPCIE_CALL* kvpcie_status_callback)(int32_t channel, const void* data,
+                                                   size_t bytes, void* context);
 /** Sets (or, with NULL, clears) the channel's status callback; see kvpcie_status_callback. */
-KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_set_status_callback(kvpcie_card* card, int32_t channel,
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_set_status_callback(kvpcie_card* card,
+                                                                int32_t channel,
                                                                 kvpcie_status_callback callback,
                                                                 void* context);
 
@@ -257,17 +258,17 @@ KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_send_command(kvpcie_card* card, int3
 /** The counts of the C++ interface's KvCaptureStatistics. Set `size` first (see
    kvpcie_riffa_device). */
 typedef struct kvpcie_capture_statistics {
-    uint32_t size;                   /**< the caller's sizeof(kvpcie_capture_statistics) */
-    uint32_t reserved;               /**< 0 */
-    uint64_t frames_delivered;       /**< handed to the callback (or recorded) */
-    uint64_t frames_failed;          /**< lost: DMA failures, card buffers skipped */
-    uint64_t error_frames;           /**< delivered with the card's error flag */
-    uint64_t frames_recorded;        /**< written to the recording */
-    uint64_t bytes_recorded;         /**< bytes written to the recording */
-    uint64_t frames_not_recorded;    /**< recording queue full or file failed */
-    double frames_per_second;        /**< over the last second */
-    uint64_t callback_micros_max;    /**< slowest frame callback */
-    int32_t last_card_buffer;        /**< the card buffer of the last frame; -1 before any */
+    uint32_t size;     /**< the caller's sizeof(kvpcie_capture_statistics) */
+    uint32_t reserved; /**< 0 */
+    uint64_t frames_delivered; /**< handed to the callback (or recorded) */
+    uint64_t frames_failed; /**< lost: DMA failures, card buffers skipped */
+    uint64_t error_frames; /**< delivered with the card's error flag */
+    uint64_t frames_recorded; /**< written to the recording */
+    uint64_t bytes_recorded; /**< bytes written to the recording */
+    uint64_t frames_not_recorded; /**< recording queue full or file failed */
+    double frames_per_second; /**< over the last second */
+    uint64_t callback_micros_max; /**< slowest frame callback */
+    int32_t last_card_buffer; /**< the card buffer of the last frame; -1 before any */
     int32_t reserved2;               /**< 0 */
     uint64_t status_bytes_delivered; /**< status block bytes handed to the status callback */
     uint64_t status_bytes_dropped;   /**< status block bytes taken from the card, not delivered */
@@ -278,14 +279,14 @@ typedef struct kvpcie_capture_statistics {
 
 /** The counts of the C++ interface's KvInjectStatistics. Set `size` first. */
 typedef struct kvpcie_inject_statistics {
-    uint32_t size;                      /**< the caller's sizeof(kvpcie_inject_statistics) */
-    uint32_t frames_waiting;            /**< in the queue now */
-    uint64_t frames_queued;             /**< taken by kvpcie_inject */
-    uint64_t frames_refused;            /**< refused as the queue was full */
-    uint64_t frames_to_card;            /**< handed to the card */
-    uint64_t transfers_failed;          /**< DMA writes that failed */
-    uint64_t frames_dropped_at_stop;    /**< still queued at a stop */
-    uint64_t periods_without_frame;     /**< a buffer came free with the queue dry */
+    uint32_t size;                    /**< the caller's sizeof(kvpcie_inject_statistics) */
+    uint32_t frames_waiting; /**< in the queue now */
+    uint64_t frames_queued; /**< taken by kvpcie_inject */
+    uint64_t frames_refused; /**< refused as the queue was full */
+    uint64_t frames_to_card; /**< handed to the card */
+    uint64_t transfers_failed; /**< DMA writes that failed */
+    uint64_t frames_dropped_at_stop; /**< still queued at a stop */
+    uint64_t periods_without_frame; /**< a buffer came free with the queue dry */
     uint64_t commands_sent;             /**< control commands that reached the card */
     uint64_t commands_not_sent_in_time; /**< not taken by the card within 40 ms */
     uint64_t commands_replaced;         /**< replaced by a newer one before they went out */
@@ -307,9 +308,9 @@ KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_inject_statistics_get(
 typedef struct kvpcie_delay {
     double start_to_release; /**< capture: frame start to release; inject: writing to play end */
     double ready_to_release; /**< capture: ready to release; inject: ready to play */
-    double interval;         /**< between frames */
-    double write_time;       /**< capture: the card's write; inject: the host's write */
-    int32_t test_count;      /**< capture: the display delay test count; inject: 0 */
+    double interval; /**< between frames */
+    double write_time; /**< capture: the card's write; inject: the host's write */
+    int32_t test_count; /**< capture: the display delay test count; inject: 0 */
     int32_t reserved;        /**< 0 */
 } kvpcie_delay;
 
@@ -337,7 +338,8 @@ KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_sim_peek_memory(int32_t card, uint64
 /** The card drops off the bus (1) or comes back (0). */
 KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_sim_set_removed(int32_t card, int32_t removed);
 /** Simulated RIFFA device `device` stops answering (1) or answers again (0). */
-KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_sim_riffa_never_answers(int32_t device, int32_t never);
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_sim_riffa_never_answers(int32_t device,
+                                                                    int32_t never);
 
 #ifdef __cplusplus
 }
