@@ -5,6 +5,8 @@
 #include "FrameLayout.h"
 #include "Waiting.h"
 
+#include <KvPCIeInjectSdk/KvPCIeStatisticsFields.h>
+
 #include <chrono>
 #include <cstring>
 
@@ -181,19 +183,9 @@ py::dict CaptureStream::Stats() {
         card->AnyThreadManager().GetCaptureStatistics(channel_, stats);
     }
     py::dict result;
-    result["frames_delivered"] = stats.framesDelivered;
-    result["frames_failed"] = stats.framesFailed;
-    result["error_frames"] = stats.errorFrames;
-    result["frames_recorded"] = stats.framesRecorded;
-    result["bytes_recorded"] = stats.bytesRecorded;
-    result["frames_not_recorded"] = stats.framesNotRecorded;
-    result["frames_per_second"] = stats.framesPerSecond;
-    result["callback_micros_max"] = stats.callbackMicrosMax;
-    result["last_card_buffer"] = stats.lastCardBuffer;
-    result["status_bytes_delivered"] = stats.statusBytesDelivered;
-    result["status_bytes_dropped"] = stats.statusBytesDropped;
-    result["card_lost"] = stats.cardLost;
-    result["card_lost_at_ms"] = stats.cardLostAtMs;
+#define KVPCIE_DICT_ENTRY(member, name, label, text) result[#name] = stats.member;
+    KVPCIE_CAPTURE_STATISTICS_FIELDS(KVPCIE_DICT_ENTRY)
+#undef KVPCIE_DICT_ENTRY
     result["frames_taken"] = taken_;
     result["frames_not_taken"] = notTaken_.load();
     return result;

@@ -6,6 +6,8 @@
 #include "InjectDrain.h"
 #include "Waiting.h"
 
+#include <KvPCIeInjectSdk/KvPCIeStatisticsFields.h>
+
 #include <QByteArray>
 
 #include <chrono>
@@ -332,18 +334,9 @@ py::dict Card::InjectStats(int channel) {
     KvInjectStatistics stats;
     core_->Open()->AnyThreadManager().GetInjectStatistics(channel, stats);
     py::dict result;
-    result["frames_queued"] = stats.framesQueued;
-    result["frames_refused"] = stats.framesRefused;
-    result["frames_to_card"] = stats.framesToCard;
-    result["transfers_failed"] = stats.transfersFailed;
-    result["frames_dropped_at_stop"] = stats.framesDroppedAtStop;
-    result["periods_without_frame"] = stats.periodsWithoutFrame;
-    result["frames_waiting"] = stats.framesWaiting;
-    result["commands_sent"] = stats.commandsSent;
-    result["commands_not_sent_in_time"] = stats.commandsNotSentInTime;
-    result["commands_replaced"] = stats.commandsReplaced;
-    result["card_lost"] = stats.cardLost;
-    result["card_lost_at_ms"] = stats.cardLostAtMs;
+#define KVPCIE_DICT_ENTRY(member, name, label, text) result[#name] = stats.member;
+    KVPCIE_INJECT_STATISTICS_FIELDS(KVPCIE_DICT_ENTRY)
+#undef KVPCIE_DICT_ENTRY
     return result;
 }
 

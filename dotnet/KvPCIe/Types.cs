@@ -115,63 +115,8 @@ namespace KvPCIe
         public int DeviceId;
     }
 
-    /// <summary>A capture channel's running counts (kvpcie_capture_statistics).</summary>
-    [StructLayout(LayoutKind.Sequential)]
-    public struct CaptureStatistics
-    {
-        internal uint Size;
-        internal uint Reserved;
-        /// <summary>Frames handed to the handler (or recorded).</summary>
-        public ulong FramesDelivered;
-        /// <summary>Frames lost: DMA failures, card buffers skipped.</summary>
-        public ulong FramesFailed;
-        /// <summary>Frames delivered with the card's error flag.</summary>
-        public ulong ErrorFrames;
-        /// <summary>Frames written to the recording.</summary>
-        public ulong FramesRecorded;
-        /// <summary>Bytes written to the recording.</summary>
-        public ulong BytesRecorded;
-        /// <summary>Frames the recording had no room for, or could not write.</summary>
-        public ulong FramesNotRecorded;
-        /// <summary>Frames per second over the last second.</summary>
-        public double FramesPerSecond;
-        /// <summary>The slowest handler call, in microseconds.</summary>
-        public ulong CallbackMicrosMax;
-        /// <summary>The card buffer of the last frame; -1 before any.</summary>
-        public int LastCardBuffer;
-        internal int Reserved2;
-        /// <summary>Status block bytes handed to the status handler.</summary>
-        public ulong StatusBytesDelivered;
-        /// <summary>Status block bytes taken from the card and not delivered.</summary>
-        public ulong StatusBytesDropped;
-    }
-
-    /// <summary>An inject channel's running counts (kvpcie_inject_statistics).</summary>
-    [StructLayout(LayoutKind.Sequential)]
-    public struct InjectStatistics
-    {
-        internal uint Size;
-        /// <summary>Frames in the queue now.</summary>
-        public uint FramesWaiting;
-        /// <summary>Frames taken by Inject.</summary>
-        public ulong FramesQueued;
-        /// <summary>Frames refused as the queue was full.</summary>
-        public ulong FramesRefused;
-        /// <summary>Frames handed to the card.</summary>
-        public ulong FramesToCard;
-        /// <summary>DMA writes that failed.</summary>
-        public ulong TransfersFailed;
-        /// <summary>Frames still queued at a stop.</summary>
-        public ulong FramesDroppedAtStop;
-        /// <summary>Card buffers that came free while the queue was dry.</summary>
-        public ulong PeriodsWithoutFrame;
-        /// <summary>Control commands that reached the card.</summary>
-        public ulong CommandsSent;
-        /// <summary>Commands the card did not take within 40 ms.</summary>
-        public ulong CommandsNotSentInTime;
-        /// <summary>Commands replaced by a newer one before they went out.</summary>
-        public ulong CommandsReplaced;
-    }
+    // CaptureStatistics and InjectStatistics are made by the build from the library's table
+    // (dotnet/generate-records.py writes Statistics.g.cs).
 
     // kvpcie_frame as the library passes it to a frame callback.
     [StructLayout(LayoutKind.Sequential)]

@@ -95,6 +95,13 @@ namespace KvPCIe.Tests
                 Assert.That(Eventually(() => Volatile.Read(ref lostA) == 1), Is.True);
                 Assert.That(a.IsLost, Is.True);
                 Assert.That(b.IsLost, Is.False);
+                // The counts say so too: the records' flag and time sit where the C records
+                // have them (the statistics records are made from the library's table).
+                CaptureStatistics lostCounts = a.GetCaptureStatistics(0);
+                Assert.That(lostCounts.CardLost, Is.True);
+                Assert.That(lostCounts.CardLostAtMs, Is.GreaterThan(1600000000000L));
+                Assert.That(lostCounts.FramesDelivered, Is.GreaterThanOrEqualTo(3UL));
+                Assert.That(b.GetInjectStatistics(0).CardLost, Is.False);
                 var error = Assert.Throws<KvPCIeException>(() => a.ReadRegister(0x1F0000));
                 Assert.That(error.Status, Is.EqualTo(Status.CardLost));
                 Assert.That(b.ReadRegister(ControlBlock(0, 0x04)), Is.EqualTo(20u));

@@ -2,6 +2,7 @@
 #include "facade/capi/CApiCard.h"
 #include "facade/capi/CApiErrors.h"
 
+#include <KvPCIeInjectSdk/KvPCIeStatisticsFields.h>
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
 #include <QByteArray>
@@ -38,6 +39,31 @@ kvpcie_status StatisticsCall(kvpcie_card* card, int32_t channel, Record* statist
         return CopyOut(ours, statistics);
     });
 }
+
+// The C records hold the table's fields in the table's order: the .NET records are laid out
+// from the same table and the C offsets.
+#define KVPCIE_CAPTURE_OFFSET(member, name, label, text) offsetof(kvpcie_capture_statistics, name),
+#define KVPCIE_INJECT_OFFSET(member, name, label, text) offsetof(kvpcie_inject_statistics, name),
+constexpr std::size_t kCaptureOffsets[] = {KVPCIE_CAPTURE_STATISTICS_FIELDS(KVPCIE_CAPTURE_OFFSET)};
+constexpr std::size_t kInjectOffsets[] = {KVPCIE_INJECT_STATISTICS_FIELDS(KVPCIE_INJECT_OFFSET)};
+#undef KVPCIE_CAPTURE_OFFSET
+#undef KVPCIE_INJECT_OFFSET
+
+template <std::size_t N>
+constexpr bool Ascending(const std::size_t (&offsets)[N]) {
+    for (std::size_t i = 1; i < N; ++i) {
+        if (offsets[i] <= offsets[i - 1]) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(Ascending(kCaptureOffsets), "kvpcie_capture_statistics is out of the table's order");
+static_assert(Ascending(kInjectOffsets), "kvpcie_inject_statistics is out of the table's order");
+
+// One field of a C record from its C++ count (a flag becomes 0 or 1).
+#define KVPCIE_COPY_COUNT(member, name, label, text) \
+    ours.name = static_cast<decltype(ours.name)>(counts.member);
 
 }  // namespace
 
@@ -254,19 +280,7 @@ kvpcie_status KVPCIE_CALL kvpcie_capture_statistics_get(kvpcie_card* card, int32
     return StatisticsCall<KvCaptureStatistics>(
         card, channel, statistics, &PCIeDataManager::GetCaptureStatistics,
         [](const KvCaptureStatistics& counts, kvpcie_capture_statistics& ours) {
-            ours.frames_delivered = counts.framesDelivered;
-            ours.frames_failed = counts.framesFailed;
-            ours.error_frames = counts.errorFrames;
-            ours.frames_recorded = counts.framesRecorded;
-            ours.bytes_recorded = counts.bytesRecorded;
-            ours.frames_not_recorded = counts.framesNotRecorded;
-            ours.frames_per_second = counts.framesPerSecond;
-            ours.callback_micros_max = counts.callbackMicrosMax;
-            ours.last_card_buffer = counts.lastCardBuffer;
-            ours.status_bytes_delivered = counts.statusBytesDelivered;
-            ours.status_bytes_dropped = counts.statusBytesDropped;
-            ours.card_lost = counts.cardLost ? 1 : 0;
-            ours.card_lost_at_ms = counts.cardLostAtMs;
+            KVPCIE_CAPTURE_STATISTICS_FIELDS(KVPCIE_COPY_COUNT)
         });
 }
 
@@ -275,18 +289,7 @@ kvpcie_status KVPCIE_CALL kvpcie_inject_statistics_get(kvpcie_card* card, int32_
     return StatisticsCall<KvInjectStatistics>(
         card, channel, statistics, &PCIeDataManager::GetInjectStatistics,
         [](const KvInjectStatistics& counts, kvpcie_inject_statistics& ours) {
-            ours.frames_waiting = counts.framesWaiting;
-            ours.frames_queued = counts.framesQueued;
-            ours.frames_refused = counts.framesRefused;
-            ours.frames_to_card = counts.framesToCard;
-            ours.transfers_failed = counts.transfersFailed;
-            ours.frames_dropped_at_stop = counts.framesDroppedAtStop;
-            ours.periods_without_frame = counts.periodsWithoutFrame;
-            ours.commands_sent = counts.commandsSent;
-            ours.commands_not_sent_in_time = counts.commandsNotSentInTime;
-            ours.commands_replaced = counts.commandsReplaced;
-            ours.card_lost = counts.cardLost ? 1 : 0;
-            ours.card_lost_at_ms = counts.cardLostAtMs;
+            KVPCIE_INJECT_STATISTICS_FIELDS(KVPCIE_COPY_COUNT)
         });
 }
 

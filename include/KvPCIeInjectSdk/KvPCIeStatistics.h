@@ -1,7 +1,8 @@
 /// \file
 /// Stream statistics of one capture or inject channel, filled by
 /// PCIeDataManager::GetCaptureStatistics and GetInjectStatistics. Every count is a running
-/// total: a host that wants a rate over its own interval subtracts two readings.
+/// total: a host that wants a rate over its own interval subtracts two readings. A field added
+/// here goes into KvPCIeStatisticsFields.h too, which every front-end is made from.
 #pragma once
 
 #include <cstdint>

@@ -6,6 +6,7 @@
 #include "../capture/CaptureTestSupport.h"
 
 #include <KvPCIeInjectSdk/KvPCIeSharedCard.h>
+#include <KvPCIeInjectSdk/KvPCIeStatisticsFields.h>
 
 #include <gst/app/gstappsrc.h>
 #include <gst/video/video.h>
@@ -16,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace kvpcie::testing {
@@ -49,6 +51,31 @@ guint64 StatsField(GstElement* element, const char* field) {
     }
     return value;
 }
+
+// Every field of the library's statistics table is in an element's `stats`, named with dashes,
+// and the card is not lost.
+void ExpectEveryTableField(GstElement* element, const std::vector<std::string>& names) {
+    GstStructure* stats = nullptr;
+    g_object_get(element, "stats", &stats, nullptr);
+    ASSERT_NE(stats, nullptr);
+    for (std::string name : names) {
+        std::replace(name.begin(), name.end(), '_', '-');
+        EXPECT_TRUE(gst_structure_has_field(stats, name.c_str())) << name;
+    }
+    gboolean lost = TRUE;
+    EXPECT_TRUE(gst_structure_get_boolean(stats, "card-lost", &lost));
+    EXPECT_FALSE(lost);
+    gint64 lostAt = -1;
+    EXPECT_TRUE(gst_structure_get_int64(stats, "card-lost-at-ms", &lostAt));
+    EXPECT_EQ(lostAt, 0);
+    gst_structure_free(stats);
+}
+
+#define KVPCIE_TABLE_NAME(member, name, label, text) #name,
+const std::vector<std::string> kCaptureTable = {
+    KVPCIE_CAPTURE_STATISTICS_FIELDS(KVPCIE_TABLE_NAME)};
+const std::vector<std::string> kInjectTable = {KVPCIE_INJECT_STATISTICS_FIELDS(KVPCIE_TABLE_NAME)};
+#undef KVPCIE_TABLE_NAME
 
 // The first QoS message on the bus within `timeout`: the buffers it counts as dropped, or -1.
 gint64 QosDropped(TestPipeline& pipeline, GstClockTime timeout) {
@@ -248,6 +275,7 @@ TEST(KvPcieSrc, FramesTheCardFailedToDeliverMarkADiscontinuityAndAQosMessage) {
     EXPECT_TRUE(gapSeen);
     EXPECT_EQ(QosDropped(pipeline, GST_SECOND), 2);
     EXPECT_EQ(StatsField(pipeline.Element("src"), "frames-failed"), 2u);
+    ExpectEveryTableField(pipeline.Element("src"), kCaptureTable);
 }
 
 TEST(KvPcieSrc, FramesWithNoFreeBufferAreCountedAsLostNotQueuedForever) {
@@ -501,6 +529,7 @@ TEST(KvPcieSink, EndOfStreamWaitsUntilEveryQueuedFrameWasPlayed) {
     EXPECT_EQ(StatsField(sink, "frames-queued"), 30u);
     EXPECT_EQ(StatsField(sink, "frames-to-card"), 30u);
     EXPECT_EQ(StatsField(sink, "frames-dropped-at-stop"), 0u);
+    ExpectEveryTableField(sink, kInjectTable);
     EXPECT_GE(Played(1), 30u);
 }
 

@@ -3,6 +3,7 @@ checked against the card's test pattern, loopback injection, full queues and tim
 blocks, commands, bad input, and an interpreter that exits with a capture running."""
 
 import os
+import re
 import subprocess
 import sys
 import threading
@@ -173,6 +174,28 @@ def test_recordings_go_below_the_chosen_root(card, sim_card, tmp_path):
     finally:
         kvpcie.set_record_root("")
     assert kvpcie.record_root().endswith("VideoRecord")
+
+
+def statistics_table(macro):
+    """The field names of one of the library's statistics tables, read from its header."""
+    header = os.path.join(os.path.dirname(__file__), "..", "..", "include", "KvPCIeInjectSdk",
+                          "KvPCIeStatisticsFields.h")
+    with open(header) as source:
+        text = source.read().replace("\\\n", " ")
+    body = re.search(r"#define %s\(X\)(.*)" % macro, text).group(1)
+    return re.findall(r"X\(\w+,\s*(\w+),", body)
+
+
+@pytest.mark.parametrize("macro, read", [
+    ("KVPCIE_CAPTURE_STATISTICS_FIELDS", lambda card: card.capture(0, 64, 32, "Y8").stats),
+    ("KVPCIE_INJECT_STATISTICS_FIELDS", lambda card: card.inject_stats(0)),
+])
+def test_the_statistics_carry_every_field_of_the_librarys_table(card, macro, read):
+    names = statistics_table(macro)
+    assert len(names) >= 12 and "card_lost" in names
+    stats = read(card)
+    assert set(names) <= set(stats), set(names) - set(stats)
+    assert stats["card_lost"] is False
 
 
 def test_a_full_queue_waits_then_times_out(card):

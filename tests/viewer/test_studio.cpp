@@ -163,6 +163,10 @@ void StudioTest::aStartedChannelCountsFrames() {
     QTRY_VERIFY_WITH_TIMEOUT(window_->Inspect()->StatisticsText().contains(
                                  QRegularExpression(QStringLiteral("delivered [1-9]"))),
                              kWaitMs);
+    // Every count of the library's table has its row, the card's state too.
+    QVERIFY(window_->Inspect()->StatisticsText().contains(QStringLiteral("card lost no")));
+    QVERIFY(
+        window_->Inspect()->StatisticsText().contains(QStringLiteral("status bytes dropped 0")));
     QVERIFY(window_->Log()->toPlainText().contains(QStringLiteral("channel 2: capturing")));
     // Stopped, it counts no more.
     panel->Stop();
@@ -510,6 +514,7 @@ int main(int argc, char** argv) {
     // Kept to the end of the process: destroying it closes the X connection, which unloads the
     // OpenGL driver with blocks it still holds, and leak checkers then blame them on us.
     static QApplication* application = new QApplication(argc, argv);
+    Q_UNUSED(application);
     StudioTest test;
     return QTest::qExec(&test, argc, argv);
 }

@@ -3,18 +3,32 @@
 
 #include "PixelLevels.h"
 
+#include <KvPCIeInjectSdk/KvPCIeStatisticsFields.h>
+
 #include <QCheckBox>
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QSignalBlocker>
 #include <QSpinBox>
+#include <QStringList>
 #include <QTimer>
 #include <QVBoxLayout>
 
 namespace kvpcie::viewer {
 namespace {
 constexpr int kRefreshMs = 250;
+
+QString CountText(double value) {
+    return QString::number(value, 'f', 1);
+}
+QString CountText(bool value) {
+    return value ? QStringLiteral("yes") : QStringLiteral("no");
+}
+template <typename Integer>
+QString CountText(Integer value) {
+    return QString::number(value);
+}
 }  // namespace
 
 InspectPage::InspectPage(StudioContext& context, QWidget* parent)
@@ -158,16 +172,17 @@ void InspectPage::Refresh() {
         statistics_->setText(tr("channel %1: no statistics (no card open)").arg(panel_->Channel()));
         return;
     }
-    statistics_->setText(tr("channel %1\ndelivered %2   failed %3   flagged %4\n"
-                            "recorded %5   not recorded %6\n%7 fps   slowest callback %8 us")
-                             .arg(panel_->Channel())
-                             .arg(stats.framesDelivered)
-                             .arg(stats.framesFailed)
-                             .arg(stats.errorFrames)
-                             .arg(stats.framesRecorded)
-                             .arg(stats.framesNotRecorded)
-                             .arg(stats.framesPerSecond, 0, 'f', 1)
-                             .arg(stats.callbackMicrosMax));
+    // Every count of the library's table, three to a line.
+    QStringList rows;
+#define KVPCIE_INSPECT_ROW(member, name, label, text) \
+    rows << QStringLiteral(label " ") + CountText(stats.member);
+    KVPCIE_CAPTURE_STATISTICS_FIELDS(KVPCIE_INSPECT_ROW)
+#undef KVPCIE_INSPECT_ROW
+    QString text = tr("channel %1").arg(panel_->Channel());
+    for (int i = 0; i < rows.size(); ++i) {
+        text += (i % 3 == 0 ? QStringLiteral("\n") : QStringLiteral("   ")) + rows[i];
+    }
+    statistics_->setText(text);
 }
 
 void InspectPage::ShowPixel() {

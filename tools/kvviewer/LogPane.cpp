@@ -20,7 +20,7 @@ void LogPane::Add(const QString& line) {
 }
 
 QStringList LogPane::Lines() const {
-    return toPlainText().split(QLatin1Char('\n'), QString::SkipEmptyParts);
+    return toPlainText().split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
 }  // namespace kvpcie::viewer
