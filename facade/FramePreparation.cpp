@@ -14,8 +14,6 @@ constexpr int kCardTimingSubMode = 2;
 // Line period beyond the active width, in pixel clocks.
 constexpr int kLineBlankingExternal = 100;
 constexpr int kLineBlankingCardTiming = 200;
-// The card's geometry register holds width and line count in 16 bits each.
-constexpr int kMaxGeometryField = KvMaxFrameSide;
 static_assert(kvpcie::xdma::kCardBufferBytes == KvCardBufferBytes,
               "the public frame limit is the card's buffer size");
 }  // namespace
@@ -44,19 +42,10 @@ bool IsCaptureFormatAcceptable(unsigned channel, int width, int height, ePixelTy
                      static_cast<int>(pixelType));
         return false;
     }
-    // The card would get a wrapped geometry word.
-    if (width <= 0 || width > kMaxGeometryField) {
-        SetErrorText("width %d is outside 1 to 65535", width);
-        return false;
-    }
-    if (height <= 0 || height > kMaxGeometryField) {
-        SetErrorText("height %d is outside 1 to 65535", height);
-        return false;
-    }
-    const std::uint64_t bytes = KvFrameSizeBytes(pixelType, width, height);
-    if (bytes > kvpcie::xdma::kCardBufferBytes) {
-        SetErrorText("frame of %s bytes exceeds the 20 MiB card buffer",
-                     kvpcie::GroupedDigits(bytes).c_str());
+    // The card would get a wrapped geometry word, or overrun its buffer.
+    if (const std::string problem = KvFrameFormatProblem(pixelType, width, height);
+        !problem.empty()) {
+        SetErrorText("%s", problem.c_str());
         return false;
     }
     return true;

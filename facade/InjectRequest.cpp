@@ -21,7 +21,6 @@ bool IsInjectRequestAcceptable(const KvFrameFormat& format, const char* frameDat
 
 bool IsInjectFormatAcceptable(const KvFrameFormat& format) {
     using namespace kvpcie;
-    using xdma::kMaxInjectGeometryField;
     if (format.channel >= static_cast<unsigned>(xdma::kChannelCount)) {
         SetErrorText("channel %u is outside 0 to 3", format.channel);
         return false;
@@ -35,19 +34,15 @@ bool IsInjectFormatAcceptable(const KvFrameFormat& format) {
                      static_cast<int>(format.pixelType));
         return false;
     }
-    if (format.width <= 0 || format.width > kMaxInjectGeometryField) {
-        SetErrorText("width %d is outside 1 to 65535", format.width);
+    if (const std::string problem =
+            KvFrameFormatProblem(format.pixelType, format.width, format.height, format.paramLines);
+        !problem.empty()) {
+        SetErrorText("%s", problem.c_str());
         return false;
     }
-    if (format.height <= 0 || format.height > kMaxInjectGeometryField) {
-        SetErrorText("height %d is outside 1 to 65535", format.height);
-        return false;
-    }
+    // The card's own rule, which the check above mirrors.
     if (!xdma::IsInjectFormatAcceptable(format, false)) {
-        const std::uint64_t bytes =
-            KvFrameSizeBytes(format.pixelType, format.width, format.height, format.paramLines);
-        SetErrorText("frame of %s bytes exceeds the 20 MiB card buffer",
-                     GroupedDigits(bytes).c_str());
+        SetErrorText("the card cannot play frames of this format");
         return false;
     }
     return true;

@@ -104,8 +104,11 @@ inline std::string KvFrameFormatProblem(ePixelType pixelType, int width, int hei
     }
     const std::uint64_t bytes = KvFrameSizeBytes(pixelType, width, height, paramLines);
     if (bytes > KvCardBufferBytes) {
-        return "a frame of " + std::to_string(bytes) + " bytes is larger than a card buffer (" +
-               std::to_string(KvCardBufferBytes) + " bytes)";
+        std::string digits = std::to_string(bytes);
+        for (std::size_t at = digits.size(); at > 3; at -= 3) {
+            digits.insert(at - 3, ",");
+        }
+        return "frame of " + digits + " bytes exceeds the 20 MiB card buffer";
     }
     return std::string();
 }

@@ -199,7 +199,7 @@ TEST_F(Kvviewer, RefusesBadCommandLinesAndUnsavableScreenshots) {
         {{"--quit-after", "soon"}, "--quit-after takes milliseconds"},
         {{"--sim=1"}, "--sim takes no value"},
         {{"--card", "4"}, "--card takes a card number from 0 to 3"},
-        {{"--width", "65535", "--height", "65535"}, "larger than the card's 20 MiB buffer"},
+        {{"--width", "65535", "--height", "65535"}, "exceeds the 20 MiB card buffer"},
         {{"-o"}, "--output needs a value"},
         {{"--output="}, "--output needs a folder"},
     };

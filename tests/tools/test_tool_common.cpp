@@ -122,14 +122,12 @@ TEST(FrameFormat, ProblemsAreNamedAtTheLimitsAndJustPastThem) {
     } cases[] = {
         {Y8, 1, 1, 0, ""},
         {Y8, 65535, 320, 0, ""},  // 20,971,200 bytes: just fits
-        {Y8, 65535, 321, 0,
-         "a frame of 21036735 bytes is larger than a card buffer (20971520 bytes)"},
+        {Y8, 65535, 321, 0, "frame of 21,036,735 bytes exceeds the 20 MiB card buffer"},
         {Y8, 0, 1, 0, "width 0 is outside 1 to 65535"},
         {Y8, 65536, 1, 0, "width 65536 is outside 1 to 65535"},
         {Y16, 10, 0, 0, "height 0 is outside 1 to 65535"},
         {Y16, 10, 65535, 1, "height 65535 + 1 parameter line(s) is outside 1 to 65535"},
-        {BGR24, 4096, 2048, 0,
-         "a frame of 25165824 bytes is larger than a card buffer (20971520 bytes)"},
+        {BGR24, 4096, 2048, 0, "frame of 25,165,824 bytes exceeds the 20 MiB card buffer"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(KvFrameFormatProblem(c.type, c.width, c.height, c.paramLines), c.problem)

@@ -18,9 +18,10 @@ FrameGeometry ParseGeometry(const Arguments& arguments, FrameGeometry defaults) 
     if (const auto type = arguments.Value("--type")) {
         geometry.type = ParsePixelType(*type);
     }
-    if (geometry.Bytes() > KvCardBufferBytes) {
-        throw UsageError{"a frame of " + std::to_string(geometry.Bytes()) +
-                         " bytes does not fit a 20 MiB card buffer"};
+    if (const std::string problem =
+            KvFrameFormatProblem(geometry.type, geometry.width, geometry.height);
+        !problem.empty()) {
+        throw UsageError{problem};
     }
     return geometry;
 }

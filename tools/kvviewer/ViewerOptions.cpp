@@ -178,9 +178,10 @@ ParsedOptions ParseViewerOptions(const std::vector<std::string>& args) {
             return fail("unknown option " + name);
         }
     }
-    if (KvFrameSizeBytes(options.pixelType, options.width, options.height) > KvCardBufferBytes) {
-        return fail("a frame of " + std::to_string(options.width) + " x " +
-                    std::to_string(options.height) + " is larger than the card's 20 MiB buffer");
+    if (const std::string problem =
+            KvFrameFormatProblem(options.pixelType, options.width, options.height);
+        !problem.empty()) {
+        return fail(problem);
     }
     return parsed;
 }
