@@ -7,6 +7,7 @@
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
 #include <QByteArray>
+#include <QString>
 
 #include <functional>
 
@@ -258,6 +259,25 @@ kvpcie_status KVPCIE_CALL kvpcie_stop_record(kvpcie_card* card, int32_t channel)
     return OnCapturingChannel(card, channel, "recording", [channel](PCIeDataManager& manager) {
         manager.StopRecord(channel);
         return true;
+    });
+}
+
+kvpcie_status KVPCIE_CALL kvpcie_record_take_folder(kvpcie_card* card, int32_t channel,
+                                                    char* folder, size_t capacity) {
+    return Guarded([&] {
+        if (const kvpcie_status refused = kvpcie::capi::RequireXdmaChannel(card, channel)) {
+            return refused;
+        }
+        // The engine's take is read on the card thread, which a frame callback may hold up.
+        if (const kvpcie_status refused = kvpcie::capi::RequireNotInFrameCallback()) {
+            return refused;
+        }
+        std::string take;
+        std::string text;
+        kvpcie::capi::RunOnCard(card, text, [&](PCIeDataManager& manager) {
+            take = manager.GetRecordTakeFolder(channel).toUtf8().toStdString();
+        });
+        return kvpcie::capi::CopyText(take, folder, capacity);
     });
 }
 

@@ -31,6 +31,10 @@ kvpcie_status Guarded(Body body) {
 bool ChannelValid(int channel);
 kvpcie_status BadChannel(int channel);
 
+// `text` with its terminating 0 into the caller's `buffer` of `capacity` bytes; refused, saying
+// how many bytes it needs, when it does not fit (the buffer is then left as it was).
+kvpcie_status CopyText(const std::string& text, char* buffer, std::size_t capacity);
+
 // The caller's record gets the first `size` bytes of ours: an older caller's shorter record
 // is filled as far as it goes; `size` itself stays the caller's.
 template <typename Record>

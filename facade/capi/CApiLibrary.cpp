@@ -132,6 +132,13 @@ kvpcie_status KVPCIE_CALL kvpcie_set_record_root(const char* folder) {
     });
 }
 
+kvpcie_status KVPCIE_CALL kvpcie_record_root(char* folder, size_t capacity) {
+    return Guarded([&] {
+        return kvpcie::capi::CopyText(KvPCIe::RecordRoot().toUtf8().toStdString(), folder,
+                                      capacity);
+    });
+}
+
 kvpcie_status KVPCIE_CALL kvpcie_sim_configure(const char* cards) {
     return Guarded([&] {
         if (cards == nullptr) {

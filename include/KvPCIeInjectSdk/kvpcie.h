@@ -20,15 +20,19 @@
  * takes effect when the callback returns), kvpcie_inject, kvpcie_send_command, the statistics,
  * kvpcie_close, and the calls that reach no card: kvpcie_last_error, kvpcie_version,
  * kvpcie_frame_bytes, kvpcie_card_path, kvpcie_list_count, kvpcie_list_path, kvpcie_list_free,
- * kvpcie_set_record_root and the kvpcie_sim_ calls but kvpcie_sim_configure. Every other call is
- * refused there with KVPCIE_ERROR (NULL from kvpcie_list_xdma, kvpcie_open and kvpcie_open_riffa, 0
- * from the kvpcie_is_ calls) and a text, since it would wait for the card thread, which may be
- * waiting for that very callback. Inside a status callback every function may be called.
+ * kvpcie_set_record_root, kvpcie_record_root and the kvpcie_sim_ calls but kvpcie_sim_configure.
+ * Every other call is refused there with KVPCIE_ERROR (NULL from kvpcie_list_xdma, kvpcie_open and
+ * kvpcie_open_riffa, 0 from the kvpcie_is_ calls) and a text, since it would wait for the card
+ * thread, which may be waiting for that very callback. Inside a status callback every function may
+ * be called.
  *
  * What the C++ interface has and this one leaves out: the display widgets
  * (SetCaptureFullScreenWgt, SetInjectFullScreenWgt, GLWidget), which are Qt objects of the
  * host's own process; SetOsdHidden and SetShowErrorFrame, which the library stores and nothing
- * reads; the RIFFA engines' frame calls, which no RIFFA device serves (registers only).
+ * reads; the RIFFA engines' frame calls, which no RIFFA device serves (registers only);
+ * IsCaptureFormatAcceptable and IsInjectFormatAcceptable, whose refusals kvpcie_start_capture
+ * and kvpcie_inject give with the same text; GetIdealCpuCoreIndex, ResetUsedCpuCoreIndex and
+ * PreProcCapture, the engines' own bookkeeping.
  *
  * Lifetime. kvpcie_close stops everything the handle started and returns once no callback of it
  * runs or will run; the frame buffers and contexts given to it may be freed then. Called inside
@@ -278,6 +282,13 @@ KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_set_display_delay_test(kvpcie_card* 
 /** The root of every card's recordings from the next take on (UTF-8; a relative folder is
    taken from the current folder now); "" restores the default. Created when a take starts. */
 KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_set_record_root(const char* folder);
+/** The root of the recordings now, as UTF-8 with its terminating 0 into `folder`, which holds
+   `capacity` bytes; KVPCIE_BAD_ARGUMENT, saying how many bytes it needs, when it does not fit. */
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_record_root(char* folder, size_t capacity);
+/** The folder of the channel's current take, or of its last one once it stopped ("" while it
+   has recorded nothing), as kvpcie_record_root writes it. Not inside a frame callback. */
+KVPCIE_API kvpcie_status KVPCIE_CALL kvpcie_record_take_folder(kvpcie_card* card, int32_t channel,
+                                                               char* folder, size_t capacity);
 
 /** Status blocks that the card posts for `channel`: each one to `callback` on the card thread,
    every 20 ms. NULL switches them off (they then wait in the card's mailbox). */

@@ -521,6 +521,7 @@ static void ACallbackThatStopsItsOwnChannelGetsNoFurtherFrame(void) {
 /* What a frame callback got from the calls that would wait for the card thread. */
 typedef struct Refusals {
     kvpcie_card* riffa;
+    kvpcie_card* xdma;
     int calls; /* callbacks that made the calls */
     int taken; /* calls that were taken instead of refused */
     int silent; /* refusals without a text */
@@ -541,6 +542,7 @@ static void CallWhatWaitsForTheCardThread(const kvpcie_frame* frame, void* conte
     uint32_t value = 0;
     kvpcie_list* list;
     kvpcie_card* opened;
+    char take[256];
     (void)frame;
     if (refusals->calls > 0) {
         return;
@@ -556,6 +558,8 @@ static void CallWhatWaitsForTheCardThread(const kvpcie_frame* frame, void* conte
     CountRefusal(refusals, opened == NULL);
     kvpcie_close(opened);
     CountRefusal(refusals, kvpcie_sim_configure("1") == KVPCIE_ERROR);
+    CountRefusal(refusals,
+                 kvpcie_record_take_folder(refusals->xdma, 0, take, sizeof take) == KVPCIE_ERROR);
     CountRefusal(refusals, kvpcie_read_reg(refusals->riffa, 0x1F0000, &value) == KVPCIE_ERROR);
     opened = kvpcie_open("sim:xdma0");
     CountRefusal(refusals, opened == NULL);
@@ -569,6 +573,7 @@ static void CallsThatWaitForTheCardThreadAreRefusedInAFrameCallback(void) {
     Begin("calls that wait for the card thread are refused in a frame callback");
     memset(&refusals, 0, sizeof refusals);
     refusals.riffa = kvpcie_open_riffa(0);
+    refusals.xdma = card;
     CHECK(card != NULL && refusals.riffa != NULL);
     CHECK(kvpcie_write_reg(card, Control(0, 0x04), 200) == KVPCIE_OK);
     CHECK(kvpcie_start_capture(card, 0, 0, 64, 32, KVPCIE_Y8, buffer,
@@ -638,6 +643,40 @@ static void InjectedFramesComeBackInTheLoopback(void) {
     kvpcie_close(card);
 }
 
+/* Takes go below the chosen root, and the handle says where: "" before the first take, the
+   take's folder while it runs and after it stopped. */
+static void TheTakeFolderIsBelowTheChosenRoot(void) {
+    static unsigned char buffer[64 * 32];
+    char root[512];
+    char take[512];
+    char tiny[4];
+    kvpcie_card* card = FreshCard();
+    Begin("the take folder is below the chosen root");
+    CHECK(card != NULL);
+    CHECK(kvpcie_set_record_root("c_api_takes") == KVPCIE_OK);
+    CHECK(kvpcie_record_root(root, sizeof root) == KVPCIE_OK);
+    CHECK(strstr(root, "c_api_takes") != NULL);
+    CHECK(kvpcie_record_root(tiny, sizeof tiny) == KVPCIE_BAD_ARGUMENT);
+    CHECK(strstr(kvpcie_last_error(), "needs") != NULL);
+    CHECK(kvpcie_record_root(NULL, 16) == KVPCIE_BAD_ARGUMENT);
+    CHECK(kvpcie_record_take_folder(card, 2, take, sizeof take) == KVPCIE_OK);
+    CHECK(strcmp(take, "") == 0);
+    CHECK(kvpcie_record_take_folder(card, 4, take, sizeof take) == KVPCIE_BAD_ARGUMENT);
+
+    CHECK(kvpcie_start_capture(card, 2, 0, 64, 32, KVPCIE_Y8, buffer, NULL, NULL) == KVPCIE_OK);
+    CHECK(kvpcie_start_record(card, 2) == KVPCIE_OK);
+    CHECK(WaitForDeliveries(card, 2, 3, 0));
+    CHECK(kvpcie_record_take_folder(card, 2, take, sizeof take) == KVPCIE_OK);
+    CHECK(strncmp(take, root, strlen(root)) == 0 && strstr(take, "Capture3") != NULL);
+    CHECK(kvpcie_record_take_folder(card, 2, tiny, sizeof tiny) == KVPCIE_BAD_ARGUMENT);
+    CHECK(kvpcie_stop_record(card, 2) == KVPCIE_OK);
+    CHECK(kvpcie_stop_capture(card, 2) == KVPCIE_OK);
+    CHECK(kvpcie_record_take_folder(card, 2, root, sizeof root) == KVPCIE_OK);
+    CHECK(strcmp(root, take) == 0);
+    CHECK(kvpcie_set_record_root("") == KVPCIE_OK);
+    kvpcie_close(card);
+}
+
 typedef struct StatusSeen {
     int blocks;
     size_t bytes;
@@ -695,8 +734,8 @@ static void TwoHandlesShareOneCardButNotOneChannel(void) {
 }
 
 int main(void) {
-    /* Unbuffered, so that a case that hangs shows where. No case records (recordings would go
-       below the program's folder). */
+    /* Unbuffered, so that a case that hangs shows where. Recordings go below the working
+       folder's "c_api_takes". */
     setvbuf(stdout, NULL, _IONBF, 0);
     TheVersionAndTheFrameSizes();
     NullHandlesAndPointersAreRefused();
@@ -714,6 +753,7 @@ int main(void) {
     ABadFormatIsNamedBeforeTheMissingBuffer();
     APathThatDoesNotExistIsNoSuchCardWhileAnotherCaptures();
     CallsThatWaitForTheCardThreadAreRefusedInAFrameCallback();
+    TheTakeFolderIsBelowTheChosenRoot();
     printf("%s: %d failure(s)\n", failures == 0 ? "PASS" : "FAIL", failures);
     return failures == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
