@@ -100,10 +100,13 @@ void FormatStampPrefix(const platform::LocalTime& t, char* out) {
     *at = '_';
 }
 
-// Tells the core that this is a wait loop (x86's pause), so that a sibling hyperthread runs.
+// Tells the core that this is a wait loop (x86's pause, Arm's yield), so that a sibling
+// hardware thread runs.
 inline void CpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)
     __builtin_ia32_pause();
+#elif defined(__aarch64__) || defined(__arm__)
+    __asm__ __volatile__("yield");
 #endif
 }
 

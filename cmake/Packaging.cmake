@@ -26,6 +26,15 @@ set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 # the Python module and the plugin need at run time besides is named here, and a host's build
 # needs Qt's CMake package and headers (find_dependency(Qt5) in ours).
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+# A cross build's packages are for the machine it builds for (arm64), not the one it runs on.
+if(CMAKE_CROSSCOMPILING AND CMAKE_LIBRARY_ARCHITECTURE)
+    execute_process(COMMAND dpkg-architecture -t ${CMAKE_LIBRARY_ARCHITECTURE} -qDEB_HOST_ARCH
+                    OUTPUT_VARIABLE debian_architecture OUTPUT_STRIP_TRAILING_WHITESPACE
+                    ERROR_QUIET)
+    if(debian_architecture)
+        set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${debian_architecture})
+    endif()
+endif()
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME kvpcie-inject-sdk)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION video)
