@@ -4,11 +4,11 @@
 # emulation, runs the main job `kvpcie --sim loopback` and the driver model's list under qemu, and
 # builds the arm64 Debian packages and checks what they hold and depend on.
 #
-# Left out on arm64, each for its reason: the Python module (pybind11 would need the arm64
-# CPython development files and an arm64 interpreter to import it under qemu), the GStreamer
-# plugin (its suites start gst-launch and arm64 plugins from scripts, which qemu without binfmt
-# cannot follow), the .NET binding (Mono runs amd64 here) and the benchmarks (timings under
-# emulation mean nothing). The driver model's suites (label driver-model) start kvpcie-simd and the
+# Left out on arm64, each for its reason: the Python module and the GStreamer plugin, whose arm64
+# development packages are not co-installable with the host's (apt would remove the amd64
+# libgstreamer-plugins-base1.0-dev that the host's plugin builds against; python3-dev:arm64
+# would replace the host's interpreter and remove clang's tools), the .NET binding (Mono runs
+# amd64 here) and the benchmarks (timings under emulation mean nothing). The driver model's suites (label driver-model) start kvpcie-simd and the
 # programs from a script, which qemu without binfmt cannot follow; the arm64 tool is run against
 # the host's kvpcie-simd below instead. The installed-package check (label install) is the
 # package check's.
