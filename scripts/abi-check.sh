@@ -49,8 +49,8 @@ cat > "$work/c-only.suppr" <<'SUPPR'
   name_not_regexp = ^kvpcie_
   drop = yes
 SUPPR
-abidw --suppressions "$work/c-only.suppr" --no-corpus-path --no-comp-dir-path --short-locs --no-elf-needed --type-id-style hash \
-      "$library" > "$work/whole.abi"
+abidw --suppressions "$work/c-only.suppr" --no-corpus-path --no-comp-dir-path --short-locs \
+      --no-elf-needed --type-id-style hash "$library" > "$work/whole.abi"
 python3 "$root/scripts/abi-prune.py" "$work/whole.abi" "$work/library.abi"
 
 if [ -n "$dump" ]; then

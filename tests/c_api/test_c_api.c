@@ -1,49 +1,16 @@
 /* The C interface from C99, on the simulated card: built with -std=c99 -pedantic -Werror and
    linked to the library alone (on Windows through its import library), as a C, C# or LabVIEW
    host would be. Each case prints its name and what failed; the exit status counts failures. */
-/* nanosleep, which strict C99 does not declare. */
-#if !defined(_WIN32)
-#define _POSIX_C_SOURCE 199309L
-#endif
+#include "CHostCheck.h"
 
 #include <KvPCIeInjectSdk/kvpcie.h>
 
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-
-#ifdef _WIN32
-#include <windows.h>
-#else
-#include <time.h>
-#endif
-
-static int failures = 0;
-static const char* currentCase = "";
-
-#define CHECK(condition)                                                                    \
-    do {                                                                                    \
-        if (!(condition)) {                                                                 \
-            ++failures;                                                                     \
-            fprintf(stderr, "FAIL %s, line %d: %s (last error: \"%s\")\n", currentCase,     \
-                    __LINE__, #condition, kvpcie_last_error());                             \
-        }                                                                                   \
-    } while (0)
 
 static void Begin(const char* name) {
     currentCase = name;
     printf("case: %s\n", name);
-}
-
-static void SleepMs(int milliseconds) {
-#ifdef _WIN32
-    Sleep((DWORD)milliseconds);
-#else
-    struct timespec pause;
-    pause.tv_sec = milliseconds / 1000;
-    pause.tv_nsec = (long)(milliseconds % 1000) * 1000000L;
-    nanosleep(&pause, NULL);
-#endif
 }
 
 /* Registers of the simulated card's control block for channel c. */
