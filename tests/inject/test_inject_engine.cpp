@@ -1,6 +1,7 @@
 // Injection through the facade on the simulated card: the programming of a channel, the frame
 // queue, the buffer handshake in ring order, the frame counter stamp, stop and restart, the
 // timing read-back and the refusals. (Loopback into capture is the soak's, frame by frame.)
+#include "../support/ProcessCounters.h"
 #include "InjectTestSupport.h"
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace kvpcie::testing {
@@ -518,6 +520,47 @@ TEST_F(Inject, TheTimingReadBackGivesBoundedTimesOnTheDelayClock) {
     }
     EXPECT_EQ(manager.GetInjectDelayStatus(4), nullptr);
 }
+
+#ifdef __linux__
+// The low-latency setting raises the threads that wait for the card (the capture engine's
+// polling and event threads, the inject worker) and no other: real-time threads that all wake
+// at once starve each other.
+TEST_F(Inject, TheLowLatencySettingRaisesTheThreadsThatWaitForTheCardAndNoOther) {
+    SetEnvironment("KVPCIE_REALTIME_POLLING", "1");
+    manager.CloseCard();
+    const bool opened = manager.OpenCard(path);  // the engines read it when the card opens
+    UnsetEnvironment("KVPCIE_REALTIME_POLLING");
+    ASSERT_TRUE(opened);
+    bool granted = false;
+    std::thread([&] {
+        sched_param parameters{};
+        parameters.sched_priority = sched_get_priority_min(SCHED_FIFO);
+        granted = pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters) == 0;
+    }).join();
+    constexpr int kWidth = 64, kHeight = 16;
+    FrameSink sink(kWidth * kHeight * 2);
+    ASSERT_TRUE(StartQuietCapture(0, kWidth, kHeight, FrameSink::OnFrame, sink));
+    std::vector<char> frame(kWidth * kHeight * 2, 0x22);
+    ASSERT_TRUE(Offer(1, 100, kWidth, kHeight, Y16, frame));
+    ASSERT_TRUE(WaitFor([&] { return InjectStats(1).framesToCard >= 1; }));
+    const std::map<std::string, int> policies = ThreadPolicies("kvpcie-");
+    const int raised = granted ? SCHED_FIFO : SCHED_OTHER;
+    for (const char* name : {"kvpcie-capture", "kvpcie-event0", "kvpcie-inject"}) {
+        ASSERT_EQ(policies.count(name), 1u) << name;
+        EXPECT_EQ(policies.at(name), raised) << name;
+    }
+    for (const auto& [name, policy] : policies) {
+        if (name != "kvpcie-capture" && name != "kvpcie-event0" && name != "kvpcie-inject") {
+            EXPECT_EQ(policy, SCHED_OTHER) << name;
+        }
+    }
+    if (!granted) {  // a refusal is told, not kept quiet
+        EXPECT_TRUE(LogText("Inject_AllChannel").contains("the inject worker keeps its normal"));
+    }
+    manager.StopCapture(0);
+    manager.StopInject(1);
+}
+#endif
 
 }  // namespace
 }  // namespace kvpcie::testing

@@ -9,6 +9,12 @@
 #else
 #include <dirent.h>
 #include <malloc.h>
+#include <sched.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <string>
 #endif
 
 namespace kvpcie::testing {
@@ -80,5 +86,35 @@ inline long HeapInUse() {
     return static_cast<long>(mallinfo2().uordblks);
 #endif
 }
+
+#ifndef _WIN32
+// The scheduling policy (SCHED_OTHER, SCHED_FIFO, ...) of each thread of this process whose
+// name begins with `prefix`, by name.
+inline std::map<std::string, int> ThreadPolicies(const std::string& prefix) {
+    std::map<std::string, int> policies;
+    DIR* tasks = opendir("/proc/self/task");
+    if (tasks == nullptr) {
+        return policies;
+    }
+    while (const dirent* entry = readdir(tasks)) {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        char name[32] = {};
+        const std::string comm = std::string("/proc/self/task/") + entry->d_name + "/comm";
+        if (std::FILE* in = std::fopen(comm.c_str(), "r")) {
+            if (std::fscanf(in, "%31s", name) != 1) {
+                name[0] = '\0';
+            }
+            std::fclose(in);
+        }
+        if (std::string(name).rfind(prefix, 0) == 0) {
+            policies[name] = sched_getscheduler(std::atoi(entry->d_name));
+        }
+    }
+    closedir(tasks);
+    return policies;
+}
+#endif
 
 }  // namespace kvpcie::testing

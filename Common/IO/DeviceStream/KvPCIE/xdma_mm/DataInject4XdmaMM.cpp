@@ -6,6 +6,10 @@
 #include "drivers/XdmaCardRegisters.h"
 #include "XdmaDevice.h"
 
+#include "platform/SystemError.h"
+#include "platform/ThreadAffinity.h"
+
+#include <QtGlobal>
 
 #include <chrono>
 #include <cstddef>
@@ -31,6 +35,7 @@ DataInject4XdmaMM::DataInject4XdmaMM(std::shared_ptr<XdmaCard> card, CpuCoreSour
     : QObject(nullptr),
       card_(std::move(card)),
       cores_(cores),
+      realTimeWorker_(qEnvironmentVariableIntValue("KVPCIE_REALTIME_POLLING") == 1),
       logAllChannel_("Inject_AllChannel"),
       logReadFile_("InjectReadFile"),
       commands_(*card_, cores) {
@@ -99,6 +104,10 @@ void DataInject4XdmaMM::WorkerLoop() {
     // worker sleeps until shortly before the next one is due, then looks every quarter of a
     // millisecond. A buffer is still refilled well within a millisecond of its release.
     using Clock = InjectChannel::Clock;
+    if (realTimeWorker_ && !platform::RaiseThisThreadToRealTime()) {
+        logAllChannel_.WriteLog("the inject worker keeps its normal priority: %s",
+                                platform::ErrorText(platform::LastError()).c_str());
+    }
     while (injectThread_.IsRunning()) {
         const Clock::time_point now = Clock::now();
         Clock::time_point wake = Clock::time_point::max();

@@ -77,6 +77,9 @@ private:
 
     const std::shared_ptr<XdmaCard> card_;
     CpuCoreSource* const cores_;
+    // KVPCIE_REALTIME_POLLING=1 at construction: the worker runs at a real-time priority, so
+    // that a busy process on its core does not hold a refill back.
+    const bool realTimeWorker_;
     std::uint32_t clockFreq_ = 0;
     std::uint32_t injectChannelMask_ = 0;
     bool injectThreadStarted_ = false;
