@@ -8,6 +8,7 @@
  *     card.start_capture(0, true, 640, 512, KVPCIE_Y16, [](const kvpcie_frame& frame) {
  *         // frame.data holds frame.bytes bytes, valid during the call
  *     });
+ *     card.start_record(0);                               // raw files below record_root()
  */
 #ifndef KVPCIE_HPP
 #define KVPCIE_HPP
@@ -40,6 +41,35 @@ inline void check(kvpcie_status status) {
     if (status != KVPCIE_OK) {
         throw error(status, kvpcie_last_error());
     }
+}
+
+namespace detail {
+/** What a text call of the C interface writes, in a buffer that grows until the text fits (the
+   call refuses a short one with KVPCIE_BAD_ARGUMENT). */
+template <typename Call>
+std::string read_text(Call call) {
+    std::vector<char> text(256);
+    for (;;) {
+        const kvpcie_status status = call(&text[0], text.size());
+        if (status == KVPCIE_OK) {
+            return std::string(&text[0]);
+        }
+        if (status != KVPCIE_BAD_ARGUMENT || text.size() >= 65536) {
+            check(status);
+        }
+        text.resize(text.size() * 2);
+    }
+}
+}  // namespace detail
+
+/** The root below which every card's recordings go from the next take on ("" restores the
+   default; a relative folder is taken from the current folder now). */
+inline void set_record_root(const std::string& folder) {
+    check(kvpcie_set_record_root(folder.c_str()));
+}
+inline std::string record_root() {
+    return detail::read_text(
+        [](char* text, size_t capacity) { return kvpcie_record_root(text, capacity); });
 }
 
 /** The XDMA card paths the library lists. */
@@ -168,6 +198,20 @@ public:
         return true;
     }
     void stop_inject(int32_t channel) { check(kvpcie_stop_inject(handle_, channel)); }
+
+    /** Records the capturing `channel` raw, each take in a folder of its own below
+       record_root(). */
+    void start_record(int32_t channel) { check(kvpcie_start_record(handle_, channel)); }
+    void stop_record(int32_t channel) { check(kvpcie_stop_record(handle_, channel)); }
+    /** The folder of the channel's current take, or of its last one ("" before any). Not
+       inside a frame handler. */
+    std::string record_take_folder(int32_t channel) {
+        slot_of(channel);  // a bad channel is named, not taken for a short buffer
+        kvpcie_card* const handle = handle_;
+        return detail::read_text([handle, channel](char* text, size_t capacity) {
+            return kvpcie_record_take_folder(handle, channel, text, capacity);
+        });
+    }
 
     kvpcie_capture_statistics capture_statistics(int32_t channel) {
         kvpcie_capture_statistics statistics = kvpcie_capture_statistics();

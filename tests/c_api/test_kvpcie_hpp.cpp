@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -134,12 +135,41 @@ void InjectedFramesComeBackAndFailuresThrowWithTheirText() {
     CHECK(refused);
 }
 
+// Texts longer than the wrapper's first buffer come back whole; refusals throw.
+void RecordingCallsReadTextsOfAnyLengthAndThrowWhenRefused() {
+    const std::string root = "hpp-records/" + std::string(300, 'r');
+    kvpcie::set_record_root(root);  // nothing is made before a take starts
+    const std::string read = kvpcie::record_root();
+    CHECK(read.size() > root.size() &&
+          read.compare(read.size() - root.size(), root.size(), root) == 0);
+    kvpcie::set_record_root("");
+    CHECK(kvpcie::record_root() != read);
+
+    kvpcie::card card("sim:xdma0");
+    CHECK(card.record_take_folder(1).empty());
+    bool notCapturing = false;
+    try {
+        card.start_record(1);
+    } catch (const kvpcie::error& e) {
+        notCapturing = e.status() == KVPCIE_ERROR;
+    }
+    CHECK(notCapturing);
+    bool named = false;
+    try {
+        card.record_take_folder(9);
+    } catch (const kvpcie::error& e) {
+        named = e.status() == KVPCIE_BAD_ARGUMENT && std::strstr(e.what(), "9") != nullptr;
+    }
+    CHECK(named);
+}
+
 }  // namespace
 
 int main() {
     kvpcie::check(kvpcie_sim_configure("xdma:1,riffa:1"));
     CallbacksAndPullsGiveTheCardsPattern();
     InjectedFramesComeBackAndFailuresThrowWithTheirText();
+    RecordingCallsReadTextsOfAnyLengthAndThrowWhenRefused();
     kvpcie_sim_configure("");
     std::printf("%s: %d failure(s)\n", failures == 0 ? "PASS" : "FAIL", failures);
     return failures == 0 ? 0 : 1;
