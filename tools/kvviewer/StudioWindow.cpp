@@ -269,8 +269,8 @@ bool StudioWindow::StartDemo() {
                           c == kLoopChannel ? 1 : kSceneSource);
     }
     log_->Add(
-        tr("demo: capture channels 0, 2 and 3 show the card's moving scene; channel 1 "
-           "plays what inject channel 1 plays"));
+        tr("demo: capture channel 0 shows the card's moving scene (channels 2 and 3 do too once "
+           "started); channel 1 plays what inject channel 1 plays"));
     const CaptureFormat format = Capture(kLoopChannel)->Format();
     InjectSource source;
     source.width = format.width;
