@@ -212,21 +212,14 @@ TEST_F(CApiCards, ACardThatGoesAwayIsToldToEveryHandleOnceAndCallsSaySo) {
     EXPECT_EQ(kvpcie_is_card_lost(again), 0);
     ASSERT_EQ(kvpcie_read_reg(again, kIdentity, &value), KVPCIE_OK);
     EXPECT_EQ(value, 0x53494D31u);
-    kvpcie_close(again);
-    kvpcie_close(otherCard);
-}
-
-// A register read that fails says so instead of giving 0.
-TEST_F(CApiCards, ARegisterReadOfACardThatIsGoneFails) {
-    kvpcie_card* card = kvpcie_open("sim:xdma0");
-    ASSERT_NE(card, nullptr);
+    // Gone again with nothing running: the read itself finds it, and gives no value.
     ASSERT_EQ(kvpcie_sim_set_removed(0, 1), KVPCIE_OK);
-    std::uint32_t value = 9;
-    EXPECT_NE(kvpcie_read_reg(card, kIdentity, &value), KVPCIE_OK);
+    EXPECT_NE(kvpcie_read_reg(again, kIdentity, &value), KVPCIE_OK);
     EXPECT_EQ(value, 0u);
-    EXPECT_EQ(kvpcie_read_reg(card, kIdentity, &value), KVPCIE_CARD_LOST);
-    kvpcie_close(card);
+    EXPECT_EQ(kvpcie_read_reg(again, kIdentity, &value), KVPCIE_CARD_LOST);
+    kvpcie_close(again);
     ASSERT_EQ(kvpcie_sim_set_removed(0, 0), KVPCIE_OK);
+    kvpcie_close(otherCard);
 }
 
 // ------------------------------------------------------------------ cycles that give back
