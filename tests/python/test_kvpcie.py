@@ -1,6 +1,5 @@
-"""kvpcie on the simulated card: listing, registers and memory, capture of every pixel type
-checked against the card's test pattern, loopback injection, full queues and time-outs, status
-blocks, commands, bad input, and an interpreter that exits with a capture running."""
+"""kvpcie on the simulated card: what the module adds to the library (arrays of each pixel type,
+streams, time-outs, exceptions, callbacks on its threads) and the interpreter's exit."""
 
 import os
 import re
@@ -297,13 +296,6 @@ def test_two_cards_in_one_process_each_reach_their_own(sim_card):
         assert a.read_reg(control(0, 0x04)) == 100
         assert b.read_reg(control(0, 0x04)) == 20
         assert kvpcie.sim.peek_register(1, control(0, 0x04)) == 20
-        with a.capture(0, 64, 32, card_timing=False) as on_a, \
-                b.capture(0, 64, 32, card_timing=False) as on_b:
-            for _ in range(10):
-                assert is_pattern(on_a.get(timeout=2.0), 0)
-            time.sleep(0.5)
-            # Card 0 makes 100 frames a second, card 1 twenty.
-            assert on_a.stats["frames_delivered"] > 2 * on_b.stats["frames_delivered"] > 0
         a.close()
         assert b.read_reg(control(0, 0x04)) == 20
 
