@@ -160,21 +160,6 @@ protected:
         Capture::TearDown();
         UnsetEnvironment("KVPCIE_REALTIME_POLLING");
     }
-    // Cores the table still hands out before it has to share core 0.
-    unsigned FreeCores() {
-        std::vector<unsigned> taken;
-        for (;;) {
-            const unsigned core = manager.GetIdealCpuCoreIndex();
-            if (!std::string(manager.LastErrorText()).empty()) {
-                break;
-            }
-            taken.push_back(core);
-        }
-        for (unsigned core : taken) {
-            manager.ResetUsedCpuCoreIndex(core);
-        }
-        return static_cast<unsigned>(taken.size());
-    }
 };
 
 TEST_P(CaptureWake, EachFrameComesOnceAndInOrder) {

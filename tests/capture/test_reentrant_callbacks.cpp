@@ -42,25 +42,10 @@ protected:
     bool StartQuiet(int channel, CallingSink& sink) {
         return StartQuietCapture(channel, kWidth, kHeight, &CallingSink::OnFrame, sink);
     }
-    // How many cores of the manager's table are free now (taken and given back again).
-    std::size_t FreeCores() {
-        std::vector<unsigned> taken;
-        for (;;) {
-            const unsigned core = manager.GetIdealCpuCoreIndex();
-            if (*manager.LastErrorText() != '\0') {
-                break;  // every core is in use: this one is shared
-            }
-            taken.push_back(core);
-        }
-        for (const unsigned core : taken) {
-            manager.ResetUsedCpuCoreIndex(core);
-        }
-        return taken.size();
-    }
 };
 
 TEST_F(Reentrant, AStopOfTheOwnChannelTakesEffectWhenTheCallbackReturns) {
-    const std::size_t idleCores = FreeCores();
+    const unsigned idleCores = FreeCores();
     CallingSink sink(kFrameBytes);
     sink.onFrame = [&](int seen) {
         if (seen == 3) {
