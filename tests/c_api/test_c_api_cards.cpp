@@ -1,6 +1,5 @@
-// The C interface as a bench with several cards uses it: handles of two cards side by side, each
-// reaching its own card only, and open/close cycles of card and RIFFA handles that give back the
-// threads, descriptors and memory they took. Only kvpcie.h is used.
+// kvpcie.h on a bench of several cards: two cards side by side, a card that goes away, and
+// open/close cycles that give back their threads, descriptors and memory.
 #include "../support/ModelCards.h"
 #include "../support/ProcessCounters.h"
 #include "../support/WaitFor.h"
@@ -236,9 +235,8 @@ void PrintTo(const CycleCase& cycleCase, std::ostream* out) {
 
 class OpenCloseCycles : public CApiCards, public ::testing::WithParamInterface<CycleCase> {};
 
-// Threads, descriptors and heap after many open/close cycles stand where they stood after the
-// first few (which bring up what lives as long as the process: the card thread's first start,
-// the simulated card, the logs' files).
+// After the first few cycles (which bring up what lives as long as the process), more give
+// back all they take.
 TEST_P(OpenCloseCycles, GiveBackTheirThreadsDescriptorsAndMemory) {
     const CycleCase& param = GetParam();
     const Watchdog watchdog(param.name, std::chrono::seconds(120));

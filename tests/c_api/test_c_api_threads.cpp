@@ -1,7 +1,5 @@
-// The C interface as a threaded host uses it: several threads with handles of one card starting,
-// stopping and reopening while frame callbacks stop their own channels, and closes from inside
-// a frame callback while the card thread is busy elsewhere. Only kvpcie.h is used; every test
-// runs under a watchdog, so a deadlock fails the suite instead of stalling it.
+// kvpcie.h from several threads and from inside callbacks, each case under a watchdog so that a
+// deadlock fails the suite instead of stalling it.
 #include "../support/Watchdog.h"
 #include "../support/WaitFor.h"
 

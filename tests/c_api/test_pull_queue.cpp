@@ -1,6 +1,5 @@
-// The queue of a pulled channel, in memory: it keeps the newest frames, numbers every frame so
-// that a loss shows as a gap, never holds the pusher on a puller, and ends waiting pulls on a
-// stop while still handing out what waited.
+// The queue of a pulled channel: the newest frames kept, losses as gaps in the numbers, the
+// pusher never held, and a stop that ends waiting pulls after what waited.
 #include "facade/capi/PullQueue.h"
 
 #include <gtest/gtest.h>

@@ -42,9 +42,7 @@ constexpr std::uint32_t kCtlPostStatus = 0x28;
 constexpr std::uint32_t kCtlNoEvents = 0x34;
 constexpr std::uint32_t kCtlStaging = 0x400;
 
-// A register of card `card` as the card itself sees it: the simulated card in this process, or
-// the driver model's, read from its register node as the driver offers it (the counters and
-// mailboxes that the suites peek at do not change when read).
+// A register of card `card` as the card itself sees it: in this process, or the driver model's.
 inline std::uint32_t Peek(std::uint32_t address, int card = 0) {
     std::uint32_t value = 0;
     if (OnDriverModel()) {

@@ -141,10 +141,8 @@ TEST_F(Capture, StoppingTheLastChannelEndsThePendingEventReadAndThePolling) {
     EXPECT_EQ(after.registerReads, before.registerReads) << "nothing polls any more";
 }
 
-// The polling thread wakes on the card's events and scans at least every millisecond without
-// them: either way, and with the two racing, each frame comes once and in order; so too with
-// real-time polling, whose event threads run on the polling thread's core and take none of the
-// table's.
+// Woken by events, by the millisecond scan, or both racing, each frame comes once and in order;
+// real-time polling's event threads take no core of the table.
 struct WakeCase {
     bool events;
     bool realTime;

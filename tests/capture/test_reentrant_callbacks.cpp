@@ -1,6 +1,4 @@
-// Frame and status callbacks that call back into the library: starts, stops and recordings of
-// their own channel and of others, commands and injection, each test bounded by a watchdog
-// that ends the process on a deadlock; and the calls that must be refused there.
+// Frame and status callbacks that call back into the library, each test under a watchdog.
 #include "../faults/FaultTestSupport.h"
 #include "../inject/InjectTestSupport.h"
 #include "../support/Application.h"

@@ -1,7 +1,5 @@
-// Faults of the card, through the facade: failed transfers, a missing event file, buffer
-// statuses that never clear, a mailbox that stays busy, and the card dropping off the bus.
-// Each case checks that nothing hangs and that every frame lost was counted by the card or
-// refused with a result.
+// Faults of the card through the facade: nothing hangs, and every frame lost was counted by the
+// card or refused with a result.
 #include "FaultTestSupport.h"
 
 #include <algorithm>
@@ -157,12 +155,8 @@ TEST_F(FaultTest, ACardRemovedDuringCaptureInjectionAndCommandsIsLostClosesAndRe
                         std::chrono::seconds(20)));
 
     ASSERT_TRUE(DropCardOffTheBus(kCard));
-    // The capture's next transfer finds it gone.
+    // The capture's next transfer finds it gone (the counts say so: test_card_lost).
     ASSERT_TRUE(WaitFor([&] { return manager.IsCardLost(); }));
-    KvCaptureStatistics capture;
-    ASSERT_TRUE(manager.GetCaptureStatistics(0, capture));
-    EXPECT_TRUE(capture.cardLost);
-    EXPECT_GT(capture.cardLostAtMs, 0);
     // The calls that reach the card say so.
     EXPECT_NE(manager.WriteReg(ControlBlock(0) + KvPCIeSim::kCtlExternalFrameRate, 200), 4);
     unsigned value = 7;

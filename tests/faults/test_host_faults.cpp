@@ -1,6 +1,5 @@
-// Faults on the host's side, through the facade: the recording folder removed, a full disk, an
-// unwritable log folder, and stops, closes and reopens while frames arrive. Capture must go on
-// without an uncounted gap, nothing may hang, and no frame may reach a stopped channel.
+// Faults on the host's side: capture goes on without an uncounted gap, nothing hangs, and no
+// frame reaches a stopped channel.
 #include "../support/FileSizeLimit.h"
 #include "FaultTestSupport.h"
 

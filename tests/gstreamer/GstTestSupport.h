@@ -17,9 +17,8 @@ extern "C" void __tsan_release(void* address);
 
 namespace kvpcie::testing {
 
-// GLib's queues, which hand a buffer from a streaming thread to the test's thread, synchronise
-// through futex calls that ThreadSanitizer does not see. A probe where the buffer enters the
-// queue and the pull that takes it out tell it of that order; elsewhere they do nothing.
+// GLib's queues synchronise through futex calls that ThreadSanitizer does not see: the probe and
+// the pull tell it of the hand-over (elsewhere they do nothing).
 inline GstPadProbeReturn HandOverBuffer(GstPad*, GstPadProbeInfo* info, gpointer) {
 #if defined(__SANITIZE_THREAD__)
     __tsan_release(GST_PAD_PROBE_INFO_BUFFER(info));

@@ -1,8 +1,5 @@
-// What every backing of the device files keeps to, as the engines rely on it: register words,
-// DMA at the position, event reads that a cancel ends. The backings: the in-process simulated
-// card, the Linux backend over ordinary files and a pipe, and the driver model's card through
-// the OS layer (run through driver-model/with-model.sh or with-wine-model.sh; skipped, saying
-// so, without the model).
+// What every backing of the device files keeps to, as the engines rely on it: the in-process
+// card, the Linux backend over plain files, and the driver model's (skipped without it).
 #include "../support/Environment.h"
 #include "../support/TestCard.h"
 #include "../support/WaitFor.h"

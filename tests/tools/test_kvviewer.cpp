@@ -147,9 +147,7 @@ TEST_F(Kvviewer, ShowsTheStatusPictureOnChannelsNotStarted) {
         {false, true, false, false});
 }
 
-// Through the driver model (run by with-model.sh, which points the library at a kvpcie-simd):
-// the viewer in one process shows the frames that kvpcie injects in another, played back into
-// capture channel 0 by the card's loopback.
+// On the driver model (with-model.sh): the viewer shows what kvpcie injects in another process.
 TEST_F(Kvviewer, ShowsWhatAnotherProcessInjectsThroughTheDriverModel) {
     if (qEnvironmentVariableIsEmpty("KVPCIE_MODEL_ROOT")) {
         GTEST_SKIP() << "runs against kvpcie-simd: start it through with-model.sh";
