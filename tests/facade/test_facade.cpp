@@ -148,7 +148,8 @@ TEST_F(Facade, ASecondManagerLeavesTheCardOfOneWithRunningChannelsAlone) {
     second.CloseCard();
 }
 
-TEST_F(Facade, CopiesShareOneRecord) {
+// The core table hands out the lowest free core, and core 0 to share once all are taken.
+TEST_F(Facade, CopiesShareOneRecordAndItsCoreTable) {
     kvpcie::testing::UnsetEnvironment("KVPCIE_SIM");
     PCIeDataManager first;
     PCIeDataManager second(RIFFA);
@@ -162,8 +163,14 @@ TEST_F(Facade, CopiesShareOneRecord) {
         EXPECT_EQ(first.GetIdealCpuCoreIndex(), core);
     }
     EXPECT_EQ(fourth.GetIdealCpuCoreIndex(), 0u) << "the cores taken through `first` are taken";
+    fourth.ResetUsedCpuCoreIndex(cores + 3);  // outside the table: never handed out
+    fourth.ResetUsedCpuCoreIndex(0xFFFFFFFFu);
+    EXPECT_EQ(fourth.GetIdealCpuCoreIndex(), 0u);
     fourth.ResetUsedCpuCoreIndex(cores - 1);
+    fourth.ResetUsedCpuCoreIndex(0);
+    EXPECT_EQ(second.GetIdealCpuCoreIndex(), 0u);
     EXPECT_EQ(second.GetIdealCpuCoreIndex(), cores - 1);
+    EXPECT_EQ(second.GetIdealCpuCoreIndex(), 0u);
     EXPECT_EQ(PCIeDataManager().GetIdealCpuCoreIndex(), 0u) << "a new facade has its own table";
 
     // `second` was made for RIFFA; sharing the record made it an XDMA facade.

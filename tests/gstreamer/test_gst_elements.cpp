@@ -504,7 +504,6 @@ TEST(KvPcieElements, LoopbackThroughTheCardIsByteExactApartFromTheCounterStamp) 
     EXPECT_TRUE(inject.EndsInEos());
     EXPECT_TRUE(lastSeen);
     EXPECT_GE(matched, 10);
-    KvPCIeSim::PokeRegister(TestCard(), ControlBlock(kChannel), 0);
 }
 
 TEST(KvPcieSink, EndOfStreamWaitsUntilEveryQueuedFrameWasPlayed) {
@@ -566,7 +565,6 @@ TEST(KvPcieSink, AFlushPlaysNothingOfWhatCameBeforeIt) {
         }
     }
     gst_harness_teardown(harness);
-    KvPCIeSim::PokeRegister(TestCard(), ControlBlock(kChannel), 0);
     ASSERT_FALSE(shown.empty());
     EXPECT_TRUE(std::all_of(shown.begin(), shown.end(), [](int fill) { return fill == 0xB0; }))
         << ::testing::PrintToString(shown);
@@ -612,7 +610,6 @@ TEST(KvPcieSrc, PlayingToNullIsBoundedWhetherFramesFlowOrNot) {
         const double ms = MillisecondsToNull(silent);
         std::printf("PLAYING -> NULL with no frame coming: %.1f ms\n", ms);
         EXPECT_LT(ms, 140.0);
-        KvPCIeSim::PokeRegister(TestCard(), ControlBlock(0) + 0x04, 25);
     }
 }
 
