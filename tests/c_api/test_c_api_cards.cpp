@@ -1,5 +1,4 @@
-// kvpcie.h on a bench of several cards: two cards side by side, a card that goes away, and
-// open/close cycles that give back their threads, descriptors and memory.
+// kvpcie.h on a bench of several cards: side by side, one going away, open/close cycles.
 #include "../support/ModelCards.h"
 #include "../support/ProcessCounters.h"
 #include "../support/WaitFor.h"
@@ -48,8 +47,7 @@ protected:
     }
 };
 
-// What one card's capture saw: frames whose last byte names the card they were injected into
-// (the first is the library's frame counter).
+// What one card's capture saw: frames whose last byte names the card they were injected into.
 struct CardFrames {
     char card = 0;
     std::atomic<int> frames{0};
@@ -235,8 +233,7 @@ void PrintTo(const CycleCase& cycleCase, std::ostream* out) {
 
 class OpenCloseCycles : public CApiCards, public ::testing::WithParamInterface<CycleCase> {};
 
-// After the first few cycles (which bring up what lives as long as the process), more give
-// back all they take.
+// After a few cycles that bring up what lives as long as the process, more give back all.
 TEST_P(OpenCloseCycles, GiveBackTheirThreadsDescriptorsAndMemory) {
     const CycleCase& param = GetParam();
     const Watchdog watchdog(param.name, std::chrono::seconds(120));

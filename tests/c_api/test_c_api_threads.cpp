@@ -1,5 +1,4 @@
-// kvpcie.h from several threads and from inside callbacks, each case under a watchdog so that a
-// deadlock fails the suite instead of stalling it.
+// kvpcie.h from several threads and inside callbacks, each case under a watchdog.
 #include "../support/Watchdog.h"
 #include "../support/WaitFor.h"
 

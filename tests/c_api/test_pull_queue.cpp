@@ -100,8 +100,7 @@ TEST(PullQueue, TimesOutRefusesASmallBufferAndAStopEndsAWaitingPull) {
     EXPECT_EQ(stopped.load(), 3);
 }
 
-// Pullers that copy slowly never hold the pusher up, and every frame reaches exactly one
-// puller or is counted lost.
+// Every frame reaches exactly one puller or is counted lost; pullers never hold the pusher.
 TEST(PullQueue, ConcurrentPullersShareTheFramesAndLossesAddUp) {
     constexpr int kFrames = 2000;
     PullQueue queue(kBytes, 4);

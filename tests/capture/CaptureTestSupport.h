@@ -1,5 +1,4 @@
-// What the capture suites share: the simulated card's registers, frames that check themselves
-// against the card's test pattern, and bounded waiting.
+// What the capture suites share: the card's registers and its test pattern.
 #pragma once
 
 #include "../support/TestCard.h"

@@ -1,5 +1,4 @@
-// Capture through the facade on the simulated card: the programming of a channel, the buffer
-// ring, frame delivery, DMA faults, the timing read-back and the stop.
+// Capture through the facade: the buffer ring, delivery, DMA faults, timing read-back, stop.
 #include "../inject/InjectTestSupport.h"
 #include "../support/Environment.h"
 

@@ -12,8 +12,7 @@ constexpr int kWidth = 64;
 constexpr int kHeight = 48;
 constexpr std::size_t kFrameBytes = kWidth * kHeight * 2;  // Y16
 
-// A sink whose callback runs `onFrame` (with the number of frames seen so far) on the
-// library's polling thread before it counts the frame.
+// A sink whose callback runs `onFrame(frames seen so far)` on the library's polling thread.
 struct CallingSink : FrameSink {
     using FrameSink::FrameSink;
     std::function<void(int seen)> onFrame;

@@ -93,8 +93,7 @@ TEST_F(ModelBackend, TheRestartTakesTheDeviceAwayAndBringsItBackUnlessItIsInUse)
     EXPECT_EQ(ReadReg(kIdentity), 0x53494D31u);
 }
 
-// The model's RIFFA device, through DeviceIoControl with the RIFFA driver's requests and
-// records: every request is left pending and answered from the driver's work item.
+// The model's RIFFA device through DeviceIoControl: requests answered from a work item.
 class RiffaModel : public ModelBackend {
 protected:
     void SetUp() override {
@@ -172,8 +171,7 @@ TEST_F(RiffaModel, AFrameIsSentWholeAndAReceiveWithNothingToReceiveEndsAborted) 
               ControlResult::Outcome::Failed);
 }
 
-// The library's RIFFA device code itself: lookup by index, overlapped requests, the register
-// request pair.
+// The library's RIFFA device code itself, through the model's driver.
 TEST_F(RiffaModel, TheDeviceLibraryListsOpensAndMovesRegistersThroughTheDriver) {
     riffa::RiffaDevice device;
     fpga_info_list list{};

@@ -45,8 +45,7 @@ void PrintTo(const LossCase& lossCase, std::ostream* out) {
     *out << lossCase.name;
 }
 
-// The engines start their watch on the loop of the thread that opens the card: the application
-// object comes first, then the card (opened again here, after the fixture's open).
+// The watch runs on the loop of the thread that opens the card: the application comes first.
 class CardLost : public FaultTest, public ::testing::WithParamInterface<LossCase> {
 protected:
     void SetUp() override {

@@ -1,5 +1,4 @@
-// Pipelines for the plugin's suites: built from a launch line, run on the in-process simulated
-// card, read through appsinks and the bus, always taken down to NULL.
+// Pipelines from a launch line, read through appsinks and the bus, always taken down to NULL.
 #pragma once
 
 #include <gst/app/gstappsink.h>

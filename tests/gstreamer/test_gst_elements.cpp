@@ -51,8 +51,7 @@ guint64 StatsField(GstElement* element, const char* field) {
     return value;
 }
 
-// Every field of the library's statistics table is in an element's `stats`, named with dashes,
-// and the card is not lost.
+// Every field of the library's table is in `stats`, with dashes; the card is not lost.
 void ExpectEveryTableField(GstElement* element, const std::vector<std::string>& names) {
     GstStructure* stats = nullptr;
     g_object_get(element, "stats", &stats, nullptr);
@@ -387,8 +386,7 @@ TEST(KvPcieSrc, ACardThatGoesAwayPostsAnErrorThatSaysSo) {
     ASSERT_TRUE(KvPCIeSim::SetSurpriseRemoved(TestCard(), false));
 }
 
-// The host's own lease (as the Python module or a C host takes it) and a source in the plugin
-// meet one card registry: the library's, not a copy in each front-end.
+// A host's lease and a source in the plugin meet the library's one card registry.
 TEST(KvPcieElements, AnElementJoinsTheCardThatTheHostHoldsOpenWithChannelsRunning) {
     ASSERT_TRUE(PrepareTestCard());
     std::string why;

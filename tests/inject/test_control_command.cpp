@@ -1,5 +1,4 @@
-// Control commands through the facade on the simulated card: the mailbox's words and control
-// word, a busy card, replacement of a pending command, refusals and the debug messages.
+// Control commands through the facade: mailbox words, a busy card, replacement, refusals.
 #include "InjectTestSupport.h"
 
 #include <QByteArray>

@@ -36,8 +36,7 @@ constexpr std::uint32_t kStaging = 0x1F1400;  // channel 0's status staging area
 constexpr std::int64_t kRegisterBytes = 0x200000;
 constexpr std::int64_t kMemoryBytes = std::int64_t{1} << 31;
 
-// A backing prepares a card (or says why it cannot be had here), opens its nodes by name, and
-// raises user event 0 until told to be quiet.
+// A backing prepares a card (or says why not), opens its nodes, and raises user event 0.
 class InProcessCard {
 public:
     static constexpr const char* kName = "InProcessCard";

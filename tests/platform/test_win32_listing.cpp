@@ -1,5 +1,4 @@
-// The Windows listing walk on SetupAPI calls that fail where asked: what stays listed and what
-// is printed.
+// The Windows listing walk on SetupAPI calls that fail where asked.
 #include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDevice.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
 #include "platform/SystemError.h"

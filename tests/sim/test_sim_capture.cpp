@@ -1,5 +1,4 @@
-// The simulated card's capture side, where a host cannot tell it apart (the rest: the capture
-// and fault suites).
+// The simulated card's capture side, where a host cannot tell it apart.
 #include "../support/WaitFor.h"
 #include "SimCardTest.h"
 

@@ -1,5 +1,4 @@
-// What the simulated card decides on its inject side (the host's side: the inject, command and
-// fault suites).
+// What the simulated card decides on its inject side.
 #include "../support/WaitFor.h"
 #include "SimCardTest.h"
 

@@ -16,8 +16,7 @@ inline bool OnDriverModel() {
     return DriverModelRoot() != nullptr;
 }
 
-// The path that opens card `card`: the driver model's when there is one, else the simulated
-// card's of this process.
+// The path that opens card `card`: the driver model's, else the in-process simulated card's.
 inline std::string CardPath(int card) {
     if (!OnDriverModel()) {
         return "sim:xdma" + std::to_string(card);

@@ -29,8 +29,7 @@ namespace kvpcie::testing {
         GTEST_SKIP() << "needs the in-process simulated card: " << (why); \
     }
 
-// Readies card 0 for a test: a new simulated card in this process (and no other listed), or
-// nothing on the driver model, whose card is already there. False when that failed.
+// Readies card 0: a new simulated card in this process, or nothing on the driver model.
 inline bool PrepareTestCard() {
     if (OnDriverModel()) {
         return true;

@@ -1,5 +1,4 @@
-// kvviewer run as a user would, on the simulated card: what its screenshot shows, what it prints,
-// and how it takes bad command lines. Needs an X server with OpenGL (xvfb-run gives one).
+// kvviewer run as a user would, on the simulated card, under an X server with OpenGL.
 #include <QColor>
 #include <QCoreApplication>
 #include <QImage>

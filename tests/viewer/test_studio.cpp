@@ -1,5 +1,4 @@
-// kvviewer's window driven as an engineer drives it, in-process, on the simulated card (or on
-// the driver model's card when KVPCIE_MODEL_ROOT points at a kvpcie-simd).
+// kvviewer's window driven in-process, on the simulated card or the driver model's.
 #include "StudioWindow.h"
 #include "TestFrames.h"
 #include "ZoomView.h"
@@ -600,8 +599,7 @@ void StudioTest::theY16WindowIsTakenOrRefusedAndShownOverThePicture() {
     QVERIFY(panel->OverlayShown());
 }
 
-// The demo's live channel looks like a camera's picture, not a ramp: its levels spread unevenly
-// over much of the range, nothing clips, and it moves.
+// The demo's live channel shows the card's moving scene, not a ramp.
 void StudioTest::theDemoShowsTheCardsMovingScene() {
     if (!qEnvironmentVariableIsEmpty("KVPCIE_MODEL_ROOT")) {
         QSKIP("the driver model's card: the demo's sources are the in-process card's");
