@@ -1,7 +1,5 @@
-"""kvpcie closed from any thread, from inside a callback, and while other threads wait in get,
-iteration, inject or a drain: every waiter ends, saying so; and waits that take any time-out and
-end on Ctrl-C; and a Python card beside a GStreamer source in one process, on one card. Every
-wait here has a limit."""
+"""kvpcie closed from any thread or callback while others wait: every waiter ends, saying so;
+waits take any time-out and end on Ctrl-C; a card and a GStreamer source share one card."""
 
 import math
 import os
@@ -118,8 +116,7 @@ def test_ctrl_c_ends_a_wait_on_a_full_queue_promptly(card):
     frame = np.zeros((32, 64), np.uint8)
     for _ in range(16):  # one frame a second: the queue fills at once
         card.inject(0, frame, frame_rate=1)
-    # The card's frame period, in 100 MHz ticks, as long as it goes (43 s), from its next play
-    # on; the slot that play frees is filled again.
+    # The longest frame period (43 s) from the card's next play on; its freed slot is refilled.
     card.write_reg(INJECT_FRAME_PERIOD, 0xFFFFFFFF)
     played = card.read_reg(control(0, 0x10))
     deadline = time.monotonic() + 5.0

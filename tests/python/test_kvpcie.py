@@ -21,8 +21,7 @@ def control(channel, offset):
 
 
 def pattern_number(frame):
-    """The card's test pattern: bytes 0-3 the frame's number, 4-7 the channel, byte k from 8 on
-    (k + number) mod 256."""
+    """The card's test pattern: number, channel, then byte k is (k + number) % 256."""
     raw = frame.reshape(-1).view(np.uint8)
     return int(raw[:4].view("<u4")[0]), int(raw[4:8].view("<u4")[0])
 
@@ -100,8 +99,7 @@ def test_frames_not_taken_in_time_are_counted_not_lost_silently(card, sim_card):
 def test_a_frame_that_get_returned_is_already_counted_as_delivered(card, sim_card):
     kvpcie.sim.poke_register(sim_card, control(2, 0x04), 0)  # frames only when asked for
     with card.capture(2, 64, 32, card_timing=False) as stream:
-        # One frame at a time: get() wakes the moment the callback has queued it, and the
-        # statistics read at once must already count it.
+        # get() wakes once the callback queued the frame: the statistics must count it already.
         for taken in range(1, 41):
             kvpcie.sim.produce_frames(sim_card, 2, 1)
             stream.get(timeout=2.0)
@@ -138,8 +136,7 @@ def test_loopback_is_exact_apart_from_the_counter_stamp(card, sim_card):
         feeder = threading.Thread(
             target=lambda: [card.inject(2, f, frame_rate=50) for f in frames])
         feeder.start()
-        # At 25 captures per second of a channel played at 50, the card's ring of 8 buffers is
-        # sampled, not every frame: check what comes until the injection has ended.
+        # Captures at 25 of frames played at 50 sample the ring: check what comes until the end.
         for _ in range(200):
             captured = stream.get(timeout=5.0)
             if not captured.any():
