@@ -383,6 +383,7 @@ TEST(KvPcieSrc, ACardThatGoesAwayPostsAnErrorThatSaysSo) {
     const std::string error = pipeline.ErrorText(5 * GST_SECOND);
     EXPECT_NE(error.find("is gone"), std::string::npos) << error;
     EXPECT_LT(MillisecondsToNull(pipeline), 5000.0);
+    ASSERT_TRUE(KvPCIeSim::SetSurpriseRemoved(TestCard(), false));
 }
 
 // A host's lease and a source in the plugin meet the library's one card registry.
