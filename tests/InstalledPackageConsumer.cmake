@@ -1,12 +1,6 @@
-# Installs the built library into a scratch prefix, builds each example host against it as a
-# project of its own, and runs it on the simulated card. For a cross build, TOOLCHAIN and QT_ROOT
-# build the hosts the same way and EMULATOR runs them, with only the prefix's bin/ on the DLL
-# search path, as a user who puts the SDK on PATH.
-#
-# With PACKAGE_GENERATOR (ZIP, TGZ), the prefix is instead the package that cpack makes, unpacked
-# into a folder of its own as a user would: its contents are checked, the first example is built
-# from the package's own copy, and the packaged kvpcie runs the loopback main job with no search
-# path set.
+# Installs the library into a scratch prefix (with PACKAGE_GENERATOR, ZIP or TGZ: unpacks cpack's
+# package and checks its contents), builds the example hosts against it and runs them on the
+# simulated card. A cross build: TOOLCHAIN and QT_ROOT build them, EMULATOR runs them.
 cmake_minimum_required(VERSION 3.18)
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
@@ -72,8 +66,7 @@ if(PACKAGE_GENERATOR)
     if(NOT config)
         message(FATAL_ERROR "The package lacks the CMake package KvPCIeInjectSdkConfig.cmake")
     endif()
-    # Every DLL that a program or DLL in bin/ imports is in bin/ or is Windows' own (as Wine
-    # has it in system32): what the zip needs, it holds.
+    # Every DLL imported from bin/ is in bin/ or is Windows' own (Wine's system32).
     set(system32 "$ENV{WINEPREFIX}/drive_c/windows/system32")
     if(TOOLCHAIN AND OBJDUMP AND EXISTS "${system32}")
         file(GLOB available RELATIVE "${prefix}/bin" "${prefix}/bin/*.dll")
@@ -100,8 +93,7 @@ if(PACKAGE_GENERATOR)
 else()
     run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix} ${config_args})
 endif()
-# Each example host is a project of its own, built against the installed package and run on
-# the simulated card from its own folder (where the library's logs go).
+# Each example host: a project of its own, run from its own folder (where the logs go).
 function(build_and_run example)
     run(${CMAKE_COMMAND} -S ${examples_dir}/${example} -B ${WORK_DIR}/${example}
         -G ${GENERATOR} ${cross_args} "-DCMAKE_PREFIX_PATH=${prefix}"

@@ -1,7 +1,6 @@
-// kvpcie.hpp as a host built with another compiler uses it: C++11, warnings as errors, the
-// library reached through kvpcie.h alone. On the simulated card: callbacks as std::function,
-// pulled frames, a loopback, and failures as exceptions that carry the library's text. Plain
-// checks rather than a test framework, which would want a newer C++.
+// kvpcie.hpp from C++11 with warnings as errors, on the simulated card: callbacks as
+// std::function, pulled frames, a full queue as false, recording texts of any length, and
+// failures as exceptions with the library's text. Plain checks: a test framework would want a newer C++.
 #include <KvPCIeInjectSdk/kvpcie.hpp>
 
 #include <atomic>
@@ -88,36 +87,21 @@ void CallbacksAndPullsGiveTheCardsPattern() {
     CHECK(stopped);
 }
 
-void InjectedFramesComeBackAndFailuresThrowWithTheirText() {
+void AFullQueueIsFalseAndFailuresThrowWithTheirText() {
     kvpcie::card card("sim:xdma0");
-    card.write_reg(Control(2, 0x00), 1);  // capture 2 shows what inject 2 plays
-    card.start_pull(2, true, kWidth, kHeight, KVPCIE_Y8, 8);
     kvpcie_inject_format format = kvpcie_inject_format();
-    format.frame_rate = 50;
+    format.frame_rate = 1;  // the queue fills at once
     format.width = kWidth;
     format.height = kHeight;
     format.pixel_type = KVPCIE_Y8;
     std::vector<unsigned char> frame(static_cast<size_t>(kWidth * kHeight), 0x5A);
     int queued = 0;
-    while (queued < 20) {
-        if (card.inject(2, format, frame.data())) {
-            ++queued;
-        } else {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+    while (queued < 40 && card.inject(2, format, frame.data())) {
+        ++queued;
     }
-    std::vector<unsigned char> pulled;
-    kvpcie_pulled_frame record;
-    bool matched = false;
-    for (int i = 0; i < 100 && !matched; ++i) {
-        CHECK(card.pull(2, pulled, record, 2000));
-        // The card stamps its playout number over the first pixel.
-        matched = pulled.size() == frame.size() &&
-                  std::memcmp(pulled.data() + 1, frame.data() + 1, frame.size() - 1) == 0;
-    }
-    CHECK(matched);
+    CHECK(queued > 0 && queued < 40);
+    CHECK(card.inject_statistics(2).frames_queued == static_cast<uint64_t>(queued));
     card.stop_inject(2);
-    card.stop_capture(2);
 
     bool named = false;
     try {
@@ -168,7 +152,7 @@ void RecordingCallsReadTextsOfAnyLengthAndThrowWhenRefused() {
 int main() {
     kvpcie::check(kvpcie_sim_configure("xdma:1,riffa:1"));
     CallbacksAndPullsGiveTheCardsPattern();
-    InjectedFramesComeBackAndFailuresThrowWithTheirText();
+    AFullQueueIsFalseAndFailuresThrowWithTheirText();
     RecordingCallsReadTextsOfAnyLengthAndThrowWhenRefused();
     kvpcie_sim_configure("");
     std::printf("%s: %d failure(s)\n", failures == 0 ? "PASS" : "FAIL", failures);

@@ -1,6 +1,5 @@
-// The queue of a pulled channel, in memory: it keeps the newest frames, numbers every frame so
-// that a loss shows as a gap, never holds the pusher on a puller, and ends waiting pulls on a
-// stop while still handing out what waited.
+// The queue of a pulled channel: the newest frames kept, losses as gaps in the numbers, the
+// pusher never held, and a stop that ends waiting pulls after what waited.
 #include "facade/capi/PullQueue.h"
 
 #include <gtest/gtest.h>
@@ -101,8 +100,7 @@ TEST(PullQueue, TimesOutRefusesASmallBufferAndAStopEndsAWaitingPull) {
     EXPECT_EQ(stopped.load(), 3);
 }
 
-// Pullers that copy slowly never hold the pusher up, and every frame reaches exactly one
-// puller or is counted lost.
+// Every frame reaches exactly one puller or is counted lost; pullers never hold the pusher.
 TEST(PullQueue, ConcurrentPullersShareTheFramesAndLossesAddUp) {
     constexpr int kFrames = 2000;
     PullQueue queue(kBytes, 4);

@@ -1,5 +1,4 @@
-// What the capture suites share: the simulated card's registers, frames that check themselves
-// against the card's test pattern, and bounded waiting.
+// What the capture suites share: the card's registers and its test pattern.
 #pragma once
 
 #include "../support/TestCard.h"
@@ -42,9 +41,7 @@ constexpr std::uint32_t kCtlPostStatus = 0x28;
 constexpr std::uint32_t kCtlNoEvents = 0x34;
 constexpr std::uint32_t kCtlStaging = 0x400;
 
-// A register of card `card` as the card itself sees it: the simulated card in this process, or
-// the driver model's, read from its register node as the driver offers it (the counters and
-// mailboxes that the suites peek at do not change when read).
+// A register of card `card` as the card itself sees it: in this process, or the driver model's.
 inline std::uint32_t Peek(std::uint32_t address, int card = 0) {
     std::uint32_t value = 0;
     if (OnDriverModel()) {

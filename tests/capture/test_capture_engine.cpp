@@ -1,5 +1,4 @@
-// Capture through the facade on the simulated card: the programming of a channel, the buffer
-// ring, frame delivery, DMA faults, the timing read-back and the stop.
+// Capture through the facade: the buffer ring, delivery, DMA faults, timing read-back, stop.
 #include "../inject/InjectTestSupport.h"
 #include "../support/Environment.h"
 
@@ -141,10 +140,8 @@ TEST_F(Capture, StoppingTheLastChannelEndsThePendingEventReadAndThePolling) {
     EXPECT_EQ(after.registerReads, before.registerReads) << "nothing polls any more";
 }
 
-// The polling thread wakes on the card's events and scans at least every millisecond without
-// them: either way, and with the two racing, each frame comes once and in order; so too with
-// real-time polling, whose event threads run on the polling thread's core and take none of the
-// table's.
+// Woken by events, by the millisecond scan, or both racing, each frame comes once and in order;
+// real-time polling's event threads take no core of the table.
 struct WakeCase {
     bool events;
     bool realTime;
@@ -159,21 +156,6 @@ protected:
     void TearDown() override {
         Capture::TearDown();
         UnsetEnvironment("KVPCIE_REALTIME_POLLING");
-    }
-    // Cores the table still hands out before it has to share core 0.
-    unsigned FreeCores() {
-        std::vector<unsigned> taken;
-        for (;;) {
-            const unsigned core = manager.GetIdealCpuCoreIndex();
-            if (!std::string(manager.LastErrorText()).empty()) {
-                break;
-            }
-            taken.push_back(core);
-        }
-        for (unsigned core : taken) {
-            manager.ResetUsedCpuCoreIndex(core);
-        }
-        return static_cast<unsigned>(taken.size());
     }
 };
 

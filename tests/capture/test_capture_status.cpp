@@ -1,6 +1,5 @@
-// The status data channel through the facade: blocks from the card's mailbox reach the host's
-// callback from its event loop, whole, and a block that would overflow is dropped. Through the
-// card's registers only, so that it also runs on the driver model.
+// Status blocks through the facade, from the card's mailbox to the host's event loop. Registers
+// only, so that it also runs on the driver model.
 #include "../support/TestCard.h"
 #include "CaptureTestSupport.h"
 

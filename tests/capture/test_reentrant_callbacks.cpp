@@ -1,6 +1,4 @@
-// Frame and status callbacks that call back into the library: starts, stops and recordings of
-// their own channel and of others, commands and injection, each test bounded by a watchdog
-// that ends the process on a deadlock; and the calls that must be refused there.
+// Frame and status callbacks that call back into the library, each test under a watchdog.
 #include "../faults/FaultTestSupport.h"
 #include "../inject/InjectTestSupport.h"
 #include "../support/Application.h"
@@ -14,8 +12,7 @@ constexpr int kWidth = 64;
 constexpr int kHeight = 48;
 constexpr std::size_t kFrameBytes = kWidth * kHeight * 2;  // Y16
 
-// A sink whose callback runs `onFrame` (with the number of frames seen so far) on the
-// library's polling thread before it counts the frame.
+// A sink whose callback runs `onFrame(frames seen so far)` on the library's polling thread.
 struct CallingSink : FrameSink {
     using FrameSink::FrameSink;
     std::function<void(int seen)> onFrame;
@@ -42,25 +39,10 @@ protected:
     bool StartQuiet(int channel, CallingSink& sink) {
         return StartQuietCapture(channel, kWidth, kHeight, &CallingSink::OnFrame, sink);
     }
-    // How many cores of the manager's table are free now (taken and given back again).
-    std::size_t FreeCores() {
-        std::vector<unsigned> taken;
-        for (;;) {
-            const unsigned core = manager.GetIdealCpuCoreIndex();
-            if (*manager.LastErrorText() != '\0') {
-                break;  // every core is in use: this one is shared
-            }
-            taken.push_back(core);
-        }
-        for (const unsigned core : taken) {
-            manager.ResetUsedCpuCoreIndex(core);
-        }
-        return taken.size();
-    }
 };
 
 TEST_F(Reentrant, AStopOfTheOwnChannelTakesEffectWhenTheCallbackReturns) {
-    const std::size_t idleCores = FreeCores();
+    const unsigned idleCores = FreeCores();
     CallingSink sink(kFrameBytes);
     sink.onFrame = [&](int seen) {
         if (seen == 3) {

@@ -1,5 +1,5 @@
-// Engine worker threads stopped from several threads at once, and a worker that starts itself
-// again while another thread joins it: every stop returns, and every core goes back once.
+// Worker threads stopped from several threads at once or restarting while joined: every stop
+// returns, and every core goes back once.
 #include "Common/PinnedWorker.h"
 
 #include "../support/WaitFor.h"

@@ -1,5 +1,4 @@
-// XDMA device access on the simulated card: the open and close protocol, listing, transfers in
-// pieces with their result codes, and a close that races with a transfer thread.
+// XDMA device access: open and close protocol, listing, transfers and a close racing them.
 #include "../support/Environment.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
 
@@ -231,8 +230,7 @@ TEST_F(XdmaDevice, CloseAndReopenWhileAnotherThreadTransfersNeverTouchAClosedFil
     EXPECT_EQ(OpenFiles(), 0u);
 }
 
-// Each card object reaches its own card only: writes through one never show through the
-// other, and closing one leaves the other open.
+// Each card object reaches its own card only, and closing one leaves the other open.
 TEST_F(XdmaDevice, TwoCardObjectsDriveTwoCardsApart) {
     ASSERT_TRUE(KvPCIeSim::Configure("xdma:2"));
     XdmaCard other;

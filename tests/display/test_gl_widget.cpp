@@ -1,5 +1,4 @@
-// The display widget on a real OpenGL context: what each tick puts on screen, read back from the
-// framebuffer, and the refresh period that each call leaves behind.
+// The display widget on a real OpenGL context: what each tick shows, and the refresh period.
 #include <KvPCIeInjectSdk/GLWidget.h>
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
@@ -59,8 +58,7 @@ QImage Quadrants(int w, int h) {
            << qPrintable(expected.name());
 }
 
-// Reads the framebuffer until the pixel has the colour, letting Qt run in between, for at most
-// three seconds.
+// Reads the framebuffer until the pixel has the colour, for at most three seconds.
 ::testing::AssertionResult ShowsSoon(GLWidget& widget, int x, int y, const QColor& expected) {
     const QDeadlineTimer deadline(3000);
     for (;;) {
@@ -223,8 +221,7 @@ TEST_F(GLWidgetTest, StatusWhileLive) {
     EXPECT_EQ(timer->interval(), 5);
 }
 
-// The inject engine sizes a widget handed to it to the channel's frames (1280 x 1024 for a
-// channel never started), so that the host's pictures of that size fill it.
+// The inject engine sizes a widget to its channel's frames (1280 x 1024 if never started).
 TEST_F(GLWidgetTest, TheInjectEngineSizesTheWidgetToItsChannel) {
     QTemporaryDir scratch;
     const QString previous = QDir::currentPath();

@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# One check of the kvpcie tool against the driver model, run by with-model.sh (which sets
-# KVPCIE_MODEL_ROOT and KVPCIE_LINUX_ROOT): every process below is a process of its own, as a
-# user's shell would start it.
+# One check of the kvpcie tool against the driver model, under with-model.sh; every kvpcie is a
+# process of its own.
 #   model-cli.sh CHECK KVPCIE_PROGRAM
 set -uo pipefail
 check=$1
@@ -38,8 +37,7 @@ loopback)
     done
     ;;
 two-cards)
-    # The model serves two cards (with-model.sh --cards 2): both listed, one loopback runs on
-    # both side by side, and a register written on one is not the other's.
+    # Two cards (with-model.sh --cards 2): both listed, one loopback on both, registers apart.
     run list || fail "kvpcie list failed"
     grep -q "$root/dev/xdma1" "$scratch/out" || fail "kvpcie list does not show $root/dev/xdma1"
     run --card 0 --card 1 loopback --seconds 3 --channels 0,2 --width 160 --height 120 ||
@@ -63,8 +61,7 @@ registers)
     grep -qi '0x0*0$' "$scratch/out" || fail "the restart did not reach the card"
     ;;
 restart-in-use)
-    # ... but not while another process holds the card's files: the removal is refused and the
-    # opener goes on without a restart.
+    # ... but not while another process holds the card: the opener goes on without a restart.
     "$kvpcie" status 0 --seconds 5 >/dev/null 2>&1 &
     holder=$!
     for _ in $(seq 1 100); do
@@ -90,8 +87,7 @@ capture-inject)
         --snapshot "$scratch/shot" --json || fail "capture failed"
     wait "$injector" || { cat "$scratch/inject.out"; fail "inject failed"; }
     grep -q '"frames": [1-9]' "$scratch/out" || fail "the capture got no frame"
-    # In loopback a channel whose inject side played nothing captures zeros: a picture with
-    # more than one grey level came from the other process.
+    # Unplayed, the loopback captures zeros: grey levels came from the other process.
     python3 - "$scratch/shot/channel0.png" <<'PY' || fail "the captured frame is blank"
 import struct, sys, zlib
 data = open(sys.argv[1], "rb").read()
@@ -106,11 +102,9 @@ sys.exit(0 if len(set(pixels)) > 8 else 1)
 PY
     ;;
 card-lost)
-    # The model's server killed while one process captures and another injects: each says the
-    # card is gone, within its next report, and exits with 1 rather than counting zeros.
+    # The server killed under a capture and an injection: each says the card is gone and exits 1.
     [ -n "${KVPCIE_MODEL_PID:-}" ] || fail "with-model.sh gives no KVPCIE_MODEL_PID"
-    # One after the other: each open restarts the card, which would pull it from under the
-    # other's open.
+    # One after the other: each open restarts the card.
     "$kvpcie" inject --channel 1 --width 160 --height 120 --type Y8 --rate 50 --seconds 30 \
         --json >"$scratch/inject.out" 2>"$scratch/inject.err" &
     injector=$!

@@ -1,8 +1,6 @@
 #!/usr/bin/env bash
-# kvpcie-simd's own life: one server per directory however it is named and however close two
-# start, a stale mount left by a killed server is cleared, clients blocked on an event hold no
-# serving thread and are released at once when killed, and SIGTERM unmounts. Exits 77
-# (skipped) where FUSE cannot be used.
+# kvpcie-simd's own life: one server per directory, stale mounts cleared, blocked clients that
+# hold no serving thread, SIGTERM unmounts. Exits 77 (skipped) where FUSE cannot be used.
 #   model-daemon.sh SIMD_PROGRAM
 set -uo pipefail
 simd=$1
@@ -71,8 +69,7 @@ start_server() {
     fail "kvpcie-simd did not serve within 10 s"
 }
 
-# The numbers of read(2) and openat(2) on this machine, to tell from /proc what a process
-# waits in.
+# read(2) and openat(2) here, to tell from /proc what a process waits in.
 case $(uname -m) in
 x86_64) read_call=0 open_call=257 ;;
 aarch64 | riscv64 | loongarch64) read_call=63 open_call=56 ;;
@@ -82,9 +79,8 @@ aarch64 | riscv64 | loongarch64) read_call=63 open_call=56 ;;
     ;;
 esac
 
-# Waits up to 10 s until every process given waits on the model, in a read(2) of its
-# descriptor 0 or in an open that the server has not answered, twice in a row; sets $blocked
-# to how many do.
+# Up to 10 s until every process given waits on the model (a read(2) of descriptor 0, or an open
+# not answered) twice in a row; $blocked: how many do.
 await_blocked() {
     local steady=0
     for _ in $(seq 1 100); do
@@ -131,9 +127,8 @@ for name in "$dir" "$dir/" "$work/link" "$work/link/" "$dir/dev/.."; do
     [ -e "$dir/dev/xdma0_user" ] || fail "the second server on $name disturbed the first"
 done
 
-# More clients blocked on an event than the server has serving threads: a register read still
-# gets its answer, and the waiters, once killed, end at once instead of hanging (state D).
-# Disowned, so that the shell does not report each one killed.
+# More clients blocked on an event than the server has threads: a register read still answers,
+# and killed waiters end at once (not state D). Disowned: the shell reports no kill.
 waiters=()
 for _ in $(seq 1 72); do
     dd if="$dir/dev/xdma0_events_1" of=/dev/null bs=4 count=1 2>/dev/null &
@@ -162,8 +157,7 @@ done
 timeout -s KILL 1 dd if="$dir/dev/xdma0_events_0" of=/dev/null bs=4 count=1 2>/dev/null
 [ -e "$dir/dev/xdma0_user" ] || fail "the server did not survive a killed client"
 
-# The Windows model's event nodes: a one-byte read at offset N waits at most N ms, and answers
-# 0 when no event came, 1 when one did (capture frames raise event 0).
+# The Windows model's event nodes: a read at offset N waits at most N ms; 0 without an event.
 wine_event() {
     timeout -s KILL 5 dd if="$dir/wine/xdma0_event_0" bs=1 count=1 skip="$1" 2>/dev/null |
         od -An -tu1 | tr -d ' \n'
@@ -198,10 +192,8 @@ status=$?
 [ "$status" -eq 0 ] || fail "kvpcie-simd ended with status $status on SIGTERM"
 mounted && fail "kvpcie-simd left $dir mounted"
 
-# Two servers started at the same moment: one serves, the other refuses, and once the first
-# ends nothing is left mounted. Both wait on a pipe, which one write lets go together; this
-# shell keeps it open until both have read, as a pipe that nobody holds loses what it had.
-# Rounds enough to meet the moment when both find the directory free (1 round in 8 did).
+# Two servers started at once (released by one write to a pipe this shell holds open): one
+# serves, one refuses, nothing is left mounted. 1 round in 8 met the race.
 for round in $(seq 1 32); do
     rm -f "$work/go"
     mkfifo "$work/go"

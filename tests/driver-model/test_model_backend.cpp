@@ -1,9 +1,5 @@
-// The OS layer on the driver models: the listing and the restart of a card under the XDMA
-// driver, and on Windows the RIFFA requests (register words, DMA and event reads are the device
-// file contract's, test_device_file_contract, run on the model as driver_model_device_files). On Linux, the Linux backend against kvpcie-simd's files, run through with-model.sh
-// (KVPCIE_MODEL_ROOT, KVPCIE_LINUX_ROOT); on Windows, the Windows backend through SetupAPI and
-// the model driver that forwards to a kvpcie-simd, run through with-wine-model.sh as well
-// (KVPCIE_MODEL_CARD, the card's interface path).
+// The OS layer on the driver models (with-model.sh, with-wine-model.sh): the listing, the
+// restart, and on Windows the RIFFA requests. Files are the device file contract's.
 #include "drivers/RiffaDriverInterface.h"
 #include "platform/Backend.h"
 #include "platform/ControlDevice.h"
@@ -80,9 +76,7 @@ TEST_F(ModelBackend, TheCardIsListedUnderTheRootAndAnswersItsRegisters) {
 }
 
 #ifdef _WIN32
-// As Windows vetoes taking a device away from under open handles, so does the restart stand-in;
-// with nothing open it removes the device and adds it again, and the card comes back restarted
-// under the same interface path.
+// Vetoed under open handles, as Windows does; else the card comes back restarted, same path.
 TEST_F(ModelBackend, TheRestartTakesTheDeviceAwayAndBringsItBackUnlessItIsInUse) {
     WriteReg(kDelayTest, 7);
     RestartXilinxDevices();
@@ -99,8 +93,7 @@ TEST_F(ModelBackend, TheRestartTakesTheDeviceAwayAndBringsItBackUnlessItIsInUse)
     EXPECT_EQ(ReadReg(kIdentity), 0x53494D31u);
 }
 
-// The model's RIFFA device, through DeviceIoControl with the RIFFA driver's requests and
-// records: every request is left pending and answered from the driver's work item.
+// The model's RIFFA device through DeviceIoControl: requests answered from a work item.
 class RiffaModel : public ModelBackend {
 protected:
     void SetUp() override {
@@ -178,8 +171,7 @@ TEST_F(RiffaModel, AFrameIsSentWholeAndAReceiveWithNothingToReceiveEndsAborted) 
               ControlResult::Outcome::Failed);
 }
 
-// The library's RIFFA device code itself: lookup by index, overlapped requests, the register
-// request pair.
+// The library's RIFFA device code itself, through the model's driver.
 TEST_F(RiffaModel, TheDeviceLibraryListsOpensAndMovesRegistersThroughTheDriver) {
     riffa::RiffaDevice device;
     fpga_info_list list{};

@@ -1,5 +1,4 @@
-// The driver model's names: what each path is, what each directory lists, the numbers FUSE
-// knows them by, its options, and the names and lock of the directory it serves.
+// The driver model's names, directories, inode numbers, options, and mount lock.
 #include "InodeTable.h"
 #include "ModelNodes.h"
 #include "MountLock.h"
@@ -105,8 +104,7 @@ TEST(ModelNodes, DirectoriesListWhatTheBackendLooksFor) {
     EXPECT_EQ(PciAttributeText(NodeKind::PciVendor), "0x10ee\n");
 }
 
-// A RIFFA request as the Windows driver model writes it: header, the 32-byte request record,
-// the data block.
+// A RIFFA request as the Windows driver model writes it: header, 32-byte record, data block.
 std::vector<char> RiffaRequest(std::uint32_t code, std::int32_t channel, std::int32_t words,
                                std::int32_t offset, const std::vector<std::uint32_t>& block) {
     const std::int32_t record[8] = {0, channel, words, offset, 1, 0, 25000, 0};
@@ -126,8 +124,7 @@ std::vector<char> RiffaRequest(std::uint32_t code, std::int32_t channel, std::in
     return bytes;
 }
 
-// Writes `request` in pieces of `piece` bytes, as the kernel splits a large write; the answer's
-// four header words and its data block come back.
+// Writes `request` in pieces, as the kernel splits a large write; the answer's words come back.
 std::vector<std::uint32_t> Exchange(RiffaExchange& exchange, sim::SimRiffaDevice& device,
                                     const std::vector<char>& request, std::size_t piece) {
     for (std::size_t at = 0; at < request.size(); at += piece) {

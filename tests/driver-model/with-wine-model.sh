@@ -1,10 +1,6 @@
 #!/usr/bin/env bash
-# Runs a Windows program against the Windows driver model, inside with-model.sh (which serves
-# fresh kvpcie-simd cards at KVPCIE_MODEL_ROOT): points the model driver's card folder there,
-# and runs the command in the model's own Wine prefix with the test-only cfgmgr32.dll in place
-# of Wine's, and KVPCIE_MODEL_CARD (KVPCIE_MODEL_CARD1) set to card 0's (card 1's) interface
-# path. Exits with the command's status, or 77 (skipped) with the reason when the model is not
-# installed.
+# Runs a Windows program against the Windows driver model inside with-model.sh, in the model's
+# Wine prefix, with KVPCIE_MODEL_CARD (and KVPCIE_MODEL_CARD1) set; 77 when it is not installed.
 #   with-wine-model.sh MODEL_DIR -- COMMAND [ARGUMENTS...]
 set -uo pipefail
 model=$1

@@ -1,5 +1,4 @@
-// Bad input through the public API, one test per row: each gets its clear result (false, 0,
-// null or the error code), and the library still captures, injects and reads registers after it.
+// Bad input through the public API, a test per row: a clear result, and the library still works.
 #include "../capture/CaptureTestSupport.h"
 #include "../support/Application.h"
 #include "../support/Environment.h"
@@ -209,11 +208,9 @@ std::vector<Row> MakeRows() {
              m.SetCaptureFullScreenWgt(0, nullptr);
              m.SetInjectFullScreenWgt(0, nullptr);
          }},
-
         {"InjectFrameOver20MiBOnlyWithItsParameterLine",
          [](PCIeDataManager& m) {
-             // 4096 x 2560 Y16 is exactly one card buffer; the parameter line makes it one too
-             // many.
+             // 4096 x 2560 Y16 fills a card buffer; the parameter line is one line too many.
              m.UpdateParamSimulate(0, true, tagThermalImgParams{});
              eErrorCode error = ERR_NO_CARD;
              std::vector<char> frame(4096 * 2561 * 2);
@@ -236,25 +233,20 @@ std::vector<Row> MakeRows() {
          }},
 
         // --- registers and memory
-        {"ReadDataIntoNull",
+        {"DataIntoOrFromNull",
          [](PCIeDataManager& m) {
+             EXPECT_FALSE(m.WriteData(0, 16, nullptr));
              EXPECT_FALSE(m.ReadData(0, 16, nullptr));
              ExpectReason(m, "buffer is null");
          }},
-        {"WriteDataFromNull",
-         [](PCIeDataManager& m) { EXPECT_FALSE(m.WriteData(0, 16, nullptr)); }},
-        {"ReadDataAt2GiB",
-         [](PCIeDataManager& m) {
-             unsigned char buffer[16] = {};
-             EXPECT_FALSE(m.ReadData(0x80000000u, sizeof buffer, buffer));
-             ExpectReason(m,
-                          "reading 16 bytes at card address 0x80000000 failed: the address is "
-                          "at or past 2 GiB");
-         }},
-        {"WriteDataPastTheEndOfCardMemory",
+        {"DataAt2GiBOrPastTheEndOfCardMemory",
          [](PCIeDataManager& m) {
              std::vector<unsigned char> buffer(64, 0xAB);
              EXPECT_FALSE(m.WriteData(0x7FFFFFF0u, 64, buffer.data()));
+             EXPECT_FALSE(m.ReadData(0x80000000u, 16, buffer.data()));
+             ExpectReason(m,
+                          "reading 16 bytes at card address 0x80000000 failed: the address is "
+                          "at or past 2 GiB");
          }},
 
         // --- cards and devices
@@ -288,12 +280,12 @@ std::vector<Row> MakeRows() {
              EXPECT_EQ(list.fpgaCount, 5);
              EXPECT_STREQ(list.name[4], "KvSimRiffa");
          }},
-        {"RiffaDeviceIndexNegative",
+        {"RiffaDeviceIndexNegativeOrNotPresent",
          [](PCIeDataManager& m) {
+             EXPECT_FALSE(m.OpenCard(9));
              EXPECT_FALSE(m.OpenCard(-1));
              ExpectReason(m, "RIFFA device index -1 is negative");
          }},
-        {"RiffaDeviceIndexNotPresent", [](PCIeDataManager& m) { EXPECT_FALSE(m.OpenCard(9)); }},
         {"CpuCoreOutsideTheTable",
          [](PCIeDataManager& m) {
              m.ResetUsedCpuCoreIndex(UINT_MAX);

@@ -1,5 +1,4 @@
-// Stream statistics through the facade, each count checked against what the simulated card
-// itself counted, and the error texts of calls that succeed.
+// Stream statistics through the facade, each count checked against the simulated card's own.
 #include "../inject/InjectTestSupport.h"
 #include "../support/Application.h"
 
@@ -15,7 +14,6 @@
 namespace kvpcie::testing {
 namespace {
 
-using KvPCIeSim::kCtlCommandBusyMicros;
 using KvPCIeSim::kCtlCommandsTaken;
 using KvPCIeSim::kCtlErrorFrameEvery;
 using KvPCIeSim::kCtlFramesProduced;
@@ -100,8 +98,7 @@ TEST_F(Statistics, TheLongestCallbackAndTheRateAreMeasured) {
     manager.StopCapture(1);
     EXPECT_GE(stats.callbackMicrosMax, 15000u);
     EXPECT_LT(stats.callbackMicrosMax, 5000000u);
-    // Counted over a whole second of a 50 fps source, whatever the machine's load: the card
-    // drops what the host does not take, so the rate cannot exceed the source's.
+    // Over a whole second of a 50 fps source: the card drops what the host does not take.
     EXPECT_GT(stats.framesPerSecond, 5.0);
     EXPECT_LE(stats.framesPerSecond, 60.0);
 }
@@ -115,8 +112,7 @@ protected:
     }
 };
 
-// Blocks posted before the event loop runs, and what the host buffer keeps of them: whole
-// blocks while it stays below 1,536 bytes.
+// Blocks posted before the event loop runs: whole ones are kept while below 1,536 bytes.
 struct StatusFill {
     std::vector<int> blocks;
     std::uint64_t delivered;
@@ -194,8 +190,7 @@ TEST_F(StatusStatistics, BytesTakenFromTheCardAndSwitchedOffBeforeDeliveryCountA
 TEST_F(Statistics, FramesOnTheirWayAtStopRecordAreWrittenAndEachTakeHasItsOwnFile) {
     FrameSink sink(kFrameBytes);
     ASSERT_TRUE(StartQuiet(0, sink));
-    // Two takes, most likely within one second; each stopped the moment its last frame was
-    // delivered, while it may still wait in the queues.
+    // Two takes within a second, each stopped while its last frame may still be queued.
     for (int take = 0; take < 2; ++take) {
         ASSERT_TRUE(manager.StartRecord(0));
         ASSERT_TRUE(KvPCIeSim::ProduceCaptureFrames(kCard, 0, 8));
@@ -239,8 +234,7 @@ TEST_F(Statistics, ARecordingFolderThatCannotBeMadeRefusesStartRecord) {
     manager.StopCapture(1);
 }
 
-// The root a host chooses: capturing alone writes nothing anywhere; a take goes below the root
-// and its folder is told; a relative root is fixed when chosen; "" brings the default back.
+// A relative root is fixed when chosen, and "" brings the default back.
 TEST_F(Statistics, TakesGoBelowTheChosenRootAndCapturingAloneWritesNothing) {
     QDir("VideoRecord").removeRecursively();
     QDir("chosen").removeRecursively();
@@ -301,8 +295,7 @@ TEST_F(Statistics, InjectCountsMatchTheCardsPlayout) {
     stats = InjectStats(1);
     const std::uint32_t played = Peek(ControlBlock(1) + kCtlInjectPlayed);
     const std::uint64_t handedOver = stats.framesToCard + stats.periodsWithoutFrame;
-    // Every buffer the card played was handed over by the host; at most the ring of eight was
-    // handed over and not yet played when the card stopped.
+    // At most the ring of eight was handed over and not yet played when the card stopped.
     EXPECT_LE(played, handedOver);
     EXPECT_LE(handedOver, played + 8u);
     EXPECT_EQ(stats.framesToCard + stats.framesDroppedAtStop, stats.framesQueued);
@@ -332,35 +325,6 @@ TEST_F(Statistics, FramesStillQueuedAtTheStopAreCountedAsDropped) {
     manager.StopInject(0);
 }
 
-TEST_F(Statistics, CommandsSentLateAndReplacedAreCounted) {
-    const std::uint32_t takenBefore = Peek(ControlBlock(2) + kCtlCommandsTaken);
-    for (int k = 0; k < 3; ++k) {
-        ASSERT_TRUE(manager.WriteControlCmd(2, QByteArray(8, static_cast<char>(k))));
-        EXPECT_STREQ(manager.LastErrorText(), "");
-    }
-    ASSERT_TRUE(
-        WaitFor([&] { return Peek(ControlBlock(2) + kCtlCommandsTaken) == takenBefore + 3; }));
-    KvInjectStatistics stats = InjectStats(2);
-    EXPECT_EQ(stats.commandsSent, 3u);
-    EXPECT_EQ(stats.commandsNotSentInTime + stats.commandsReplaced, 0u);
-
-    // A card that takes no command: the first waits its 40 ms in vain, the second replaces it.
-    ASSERT_TRUE(WaitFor([&] {
-        return (Peek(InjectBlock(2) + 0x28) & (1u << 10)) == 0;  // the last one was taken
-    }));
-    Write(ControlBlock(2) + kCtlCommandBusyMicros, 0xFFFFFFFF);
-    // Written into the mailbox, which the card now never empties.
-    EXPECT_TRUE(manager.WriteControlCmd(2, QByteArray(4, 'a')));
-    EXPECT_FALSE(manager.WriteControlCmd(2, QByteArray(4, 'b')));
-    EXPECT_NE(std::string(manager.LastErrorText()).find("within 40 ms"), std::string::npos);
-    EXPECT_FALSE(manager.WriteControlCmd(2, QByteArray(4, 'c')));
-    stats = InjectStats(2);
-    EXPECT_EQ(stats.commandsSent, 4u);
-    EXPECT_EQ(stats.commandsNotSentInTime, 2u);
-    EXPECT_EQ(stats.commandsReplaced, 1u);
-    EXPECT_EQ(Peek(ControlBlock(2) + kCtlCommandsTaken), takenBefore + 3);
-}
-
 TEST_F(Statistics, CommandsAndStatisticsFromOtherThreadsSurviveOpenAndCloseOfTheCard) {
     std::atomic<bool> run{true};
     std::atomic<int> calls{0};
@@ -386,9 +350,7 @@ TEST_F(Statistics, CommandsAndStatisticsFromOtherThreadsSurviveOpenAndCloseOfThe
         caller.join();
     }
     EXPECT_GT(calls.load(), 0);
-    // The reopened card still takes commands. Whether this one beats its 40 ms depends on the
-    // machine's load (the worker thread starts with it), so the card's count is what is checked,
-    // on a channel that the callers left alone.
+    // The reopened card still takes commands (the card's count: the 40 ms depend on the load).
     const std::uint32_t takenBefore = Peek(ControlBlock(3) + kCtlCommandsTaken);
     manager.WriteControlCmd(3, QByteArray(4, 9));
     EXPECT_TRUE(

@@ -1,6 +1,5 @@
-// What the fault suites share: a facade on a fresh simulated card in a scratch directory, frame
-// sinks that notice late or wrong frames, the accounting of lost frames, and a bound on every
-// call that could hang.
+// What the fault suites share: sinks that notice late or wrong frames, the accounting of lost
+// frames, and a bound on every call that could hang.
 #pragma once
 
 #include "../capture/CaptureTestSupport.h"
@@ -46,9 +45,8 @@ struct GuardedSink : FrameSink {
     }
 };
 
-// Frames the card made up to the last one delivered that were neither delivered nor counted by
-// the card as dropped, beyond `expectedMissing` (frames the test itself made the card lose).
-// Negative when the card counted more than went missing, which later drops explain.
+// Frames up to the last delivered that were neither delivered nor counted as dropped by the
+// card, beyond `expectedMissing`; negative when later drops were counted too.
 inline long UncountedLosses(const std::vector<std::uint32_t>& numbers, std::uint32_t dropped,
                             long expectedMissing = 0) {
     if (numbers.empty()) {

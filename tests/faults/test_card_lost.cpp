@@ -1,7 +1,5 @@
-// A card that goes away while it captures and injects, as a host with a Qt event loop sees it:
-// the card-lost callback comes once, from the loop, soon after; nothing more is handed over in
-// either direction; and the card opens again once it is back. The ways to lose it: the removal
-// register, and (on the driver model) its server killed.
+// A card lost while it captures and injects (its removal register, or the driver model's server
+// killed): one callback from the event loop, nothing more handed over, and it opens again.
 #include "FaultTestSupport.h"
 
 #include "../support/Application.h"
@@ -47,8 +45,7 @@ void PrintTo(const LossCase& lossCase, std::ostream* out) {
     *out << lossCase.name;
 }
 
-// The engines start their watch on the loop of the thread that opens the card: the application
-// object comes first, then the card (opened again here, after the fixture's open).
+// The watch runs on the loop of the thread that opens the card: the application comes first.
 class CardLost : public FaultTest, public ::testing::WithParamInterface<LossCase> {
 protected:
     void SetUp() override {

@@ -1,5 +1,4 @@
-// Pipelines for the plugin's suites: built from a launch line, run on the in-process simulated
-// card, read through appsinks and the bus, always taken down to NULL.
+// Pipelines from a launch line, read through appsinks and the bus, always taken down to NULL.
 #pragma once
 
 #include <gst/app/gstappsink.h>
@@ -17,9 +16,8 @@ extern "C" void __tsan_release(void* address);
 
 namespace kvpcie::testing {
 
-// GLib's queues, which hand a buffer from a streaming thread to the test's thread, synchronise
-// through futex calls that ThreadSanitizer does not see. A probe where the buffer enters the
-// queue and the pull that takes it out tell it of that order; elsewhere they do nothing.
+// GLib's queues synchronise through futex calls that ThreadSanitizer does not see: the probe and
+// the pull tell it of the hand-over (elsewhere they do nothing).
 inline GstPadProbeReturn HandOverBuffer(GstPad*, GstPadProbeInfo* info, gpointer) {
 #if defined(__SANITIZE_THREAD__)
     __tsan_release(GST_PAD_PROBE_INFO_BUFFER(info));

@@ -1,8 +1,6 @@
 #!/usr/bin/env bash
-# The plugin from the command line, as the README shows it, on the simulated card:
-#   gst-cli.sh CHECK PLUGIN_DIR
-# CHECK: inspect | eos | readme | display. Run in a folder of its own (files are written there).
-# Exit 77 (skip) when a GStreamer program or element the check needs is missing.
+# The plugin from the command line, as the README shows it, in a folder of its own; 77 (skip)
+# when a program or element is missing.   gst-cli.sh inspect|eos|readme|display PLUGIN_DIR
 set -euo pipefail
 check=$1
 plugin_dir=$(cd "$2" && pwd)
@@ -94,10 +92,8 @@ display)
     gst-launch-1.0 kvpciesrc ! videoconvert ! autovideosink >display.log 2>&1 &
     shown=$!
     trap 'kill $shown 2>/dev/null || true' EXIT
-    # The card's test pattern is a ramp of bytes: a window of it has 256 grey values when the sink
-    # takes GRAY8, about 64 when it takes BGRx (which ximagesink does: each pixel's bytes step by
-    # 4), an empty screen a few (the pointer). On a busy machine the window may take a while to be
-    # mapped and drawn: the screen is taken again, once a second, for up to 20 s.
+    # The pattern's ramp shows some 64 grey values through ximagesink's BGRx, an empty screen a
+    # few; a busy machine may take a while to draw the window: up to 20 tries.
     for attempt in $(seq 20); do
         sleep 1
         kill -0 $shown 2>/dev/null || { cat display.log; fail "the display pipeline ended"; }

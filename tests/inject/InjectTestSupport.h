@@ -1,5 +1,4 @@
-// What the engine suites share: a facade on a fresh card (simulated, or the driver model's), its
-// inject registers and the accesses the host made to it.
+// What the engine suites share: a facade on a fresh card (simulated, or the driver model's).
 #pragma once
 
 #include "../capture/CaptureTestSupport.h"
@@ -97,8 +96,21 @@ protected:
         EXPECT_TRUE(manager.GetInjectStatistics(channel, stats));
         return stats;
     }
-    void Poke(std::uint32_t address, std::uint32_t value) {
-        ASSERT_TRUE(KvPCIeSim::PokeRegister(kCard, address, value));
+    // Cores the manager's table still hands out before it has to share core 0 (taken and given
+    // back again).
+    unsigned FreeCores() {
+        std::vector<unsigned> taken;
+        for (;;) {
+            const unsigned core = manager.GetIdealCpuCoreIndex();
+            if (*manager.LastErrorText() != '\0') {
+                break;  // every core is in use: this one is shared
+            }
+            taken.push_back(core);
+        }
+        for (const unsigned core : taken) {
+            manager.ResetUsedCpuCoreIndex(core);
+        }
+        return static_cast<unsigned>(taken.size());
     }
     std::vector<CardAccess> Accesses(CardAccess::Kind kind) {
         std::vector<CardAccess> kept;

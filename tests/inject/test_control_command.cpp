@@ -1,5 +1,4 @@
-// Control commands through the facade on the simulated card: the mailbox's words and control
-// word, a busy card, replacement of a pending command, refusals and the debug messages.
+// Control commands through the facade: mailbox words, a busy card, replacement, refusals.
 #include "InjectTestSupport.h"
 
 #include <QByteArray>
@@ -96,8 +95,13 @@ TEST_F(Command, ABusyCardDelaysTheNewestCommandAndDropsTheOlderOne) {
     const auto started = std::chrono::steady_clock::now();
     EXPECT_FALSE(manager.WriteControlCmd(2, Bytes(8, 2)));
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(40));
+    ExpectReason(manager, "the command did not reach channel 2's mailbox within 40 ms");
     EXPECT_FALSE(manager.WriteControlCmd(2, Bytes(12, 3)));
     EXPECT_TRUE(MailboxWrites(2).empty());
+    const KvInjectStatistics stats = InjectStats(2);
+    EXPECT_EQ(stats.commandsSent, 1u);
+    EXPECT_EQ(stats.commandsNotSentInTime, 2u);
+    EXPECT_EQ(stats.commandsReplaced, 1u);
 
     // Once the card is free, only the newest pending command goes out.
     ASSERT_EQ(manager.WriteReg(ControlBlock(2) + kCtlBusyMicros, 50), 4);

@@ -1,6 +1,5 @@
-// Injection through the facade on the simulated card: the programming of a channel, the frame
-// queue, the buffer handshake in ring order, the frame counter stamp, stop and restart, the
-// timing read-back and the refusals. (Loopback into capture is the soak's, frame by frame.)
+// Injection through the facade on the simulated card: channel programming, the queue, the ring
+// handshake, the counter stamp, stop and restart, the timing read-back. (Loopback: the soak.)
 #include "../support/ProcessCounters.h"
 #include "InjectTestSupport.h"
 
@@ -31,9 +30,7 @@ protected:
         });
         return queued;
     }
-    // Gathers the host-to-card transfers until `count` have been handed to the card. A
-    // transfer is logged before its bytes move; the ready status written after it means that
-    // they are in card memory.
+    // Host-to-card transfers until `count` are in card memory (their ready status written).
     bool GatherTransfers(std::vector<CardAccess>& transfers, std::size_t count) {
         return WaitFor([&] {
             for (const CardAccess& access : KvPCIeSim::TakeAccessLog(kCard)) {
@@ -64,9 +61,8 @@ private:
     std::vector<CardAccess> pending_;
 };
 
-// Capture and inject channels are programmed alike: a start writes the channel's block in one
-// order (a head, the ring of eight buffers, a tail) and then the channel's enable bit, and the
-// timing read-back writes each buffer's four selectors. Each row is one direction's.
+// A start writes the channel's block in one order (a head, the ring of eight buffers, a tail),
+// then its enable bit; capture and inject alike.
 using Writes = std::vector<std::pair<std::uint32_t, std::uint32_t>>;  // address, value
 
 Writes BlockWrites(const Writes& head, std::uint32_t status0, std::uint32_t buffer0,
@@ -219,8 +215,7 @@ INSTANTIATE_TEST_SUITE_P(
                     [](PCIeDataManager& m) -> const void* { return m.GetInjectDelayStatus(2); }}),
     [](const ::testing::TestParamInfo<ReadBackRow>& info) { return std::string(info.param.name); });
 
-// The first call fixes the run's format; later calls are looked at for their channel and data
-// only, so a later frame with fields the first call would have refused still queues.
+// The first call fixes the run's format; later calls are checked for their channel and data only.
 TEST_F(Inject, ALaterFrameIsQueuedWhateverItsOtherFields) {
     std::vector<char> frame(64 * 32 * 2, 1);
     eErrorCode error = ERR_NO_CARD;
@@ -262,9 +257,8 @@ TEST_F(Inject, BuffersGoOverInRingOrderEachWithAFrameAndTheSixteenthFrameWaitsFo
         }
         return true;
     }));
-    // The ring is handed over from buffer 0 on, each buffer marked busy, filled, then marked
-    // ready with its length. With one frame queued, the first buffer takes it from the queue
-    // and the other seven take it again (the newest frame), never what they held before.
+    // From buffer 0 on, each buffer marked busy, filled, then ready with its length; the seven
+    // after the one queued frame take it again (the newest), never what they held before.
     std::vector<std::uint32_t> handovers;
     for (const CardAccess& access : KvPCIeSim::TakeAccessLog(kCard)) {
         if (access.kind == CardAccess::HostToCard) {
@@ -340,8 +334,7 @@ TEST_F(Inject, ARestartedChannelNeverPlaysAFrameOfTheRunBefore) {
             return Peek(ControlBlock(1) + KvPCIeSim::kCtlInjectPlayed) >= fills.size();
         }));
     };
-    // The first run leaves its frames in the card's buffers; the picture it ends on (0xAF)
-    // stays on show until the next run plays something.
+    // The first run's last picture (0xAF) stays on show until the next run plays something.
     std::vector<char> first(15, static_cast<char>(0xA0));
     first.push_back(static_cast<char>(0xAF));
     play(first);
@@ -396,8 +389,7 @@ TEST_F(Inject, TheFrameCounterIsStampedLittleEndianOverTheFirstPixel) {
         // The host's frames stay as they were: the stamp goes into the queue's copy.
         EXPECT_EQ(static_cast<unsigned char>(frame[0]), 0xAA);
         const std::size_t stamp = c.lastHead.size() - 1;
-        // A buffer holds the frame of its last transfer. Transfers carry frames in the order
-        // they were queued; a dry queue sends the newest again, so numbers never go down.
+        // A buffer holds its last transfer's frame; numbers never go down (a dry queue resends).
         std::uint32_t previous = 0;
         for (std::size_t n = 0; n < transfers.size(); ++n) {
             const bool overwritten = std::any_of(
@@ -417,7 +409,6 @@ TEST_F(Inject, TheFrameCounterIsStampedLittleEndianOverTheFirstPixel) {
             previous = number;
         }
         EXPECT_EQ(CardBytes(transfers.back().address, c.lastHead.size()), c.lastHead);
-        manager.StopInject(3);
     }
 }
 
@@ -468,9 +459,8 @@ TEST_F(Inject, StopAndRestartWhileFramesFlowBeginAgainAtBufferZeroAndCounterZero
                 });
             ASSERT_NE(firstTransfer, transfers.end());
             EXPECT_EQ(firstTransfer->address, InjectBufferAddress(channel, 0));
-            // Card memory is not read here: the worker writes the newest frame into every
-            // buffer the card frees. What the card played is read back under its lock: with
-            // one frame queued since the start, every play is that frame, counter 0.
+            // The card's own record of what it played (card memory is rewritten as it frees
+            // buffers): with one frame queued, counter 0.
             ASSERT_TRUE(WaitFor([&] {
                 return Peek(ControlBlock(channel) + KvPCIeSim::kCtlInjectPlayed) >= 1;
             }));
@@ -488,8 +478,7 @@ TEST_F(Inject, StopAndRestartWhileFramesFlowBeginAgainAtBufferZeroAndCounterZero
         KvPCIeSim::TakeAccessLog(kCard);
         manager.StopInject(2);
         EXPECT_TRUE(Accesses(CardAccess::RegisterWrite).empty());
-        // Stopped, the card plays the buffers it holds and the statuses all come back to 0;
-        // the restart below must not depend on that, so it does not wait for it.
+        // The restart must not wait for the card to play out what it holds.
         KvPCIeSim::TakeAccessLog(kCard);
     }
 }
@@ -522,9 +511,8 @@ TEST_F(Inject, TheTimingReadBackGivesBoundedTimesOnTheDelayClock) {
 }
 
 #ifdef __linux__
-// The low-latency setting raises the threads that wait for the card (the capture engine's
-// polling and event threads, the inject worker) and no other: real-time threads that all wake
-// at once starve each other.
+// The low-latency setting raises the threads that wait for the card and no other: real-time
+// threads that all wake at once starve each other.
 TEST_F(Inject, TheLowLatencySettingRaisesTheThreadsThatWaitForTheCardAndNoOther) {
     SetEnvironment("KVPCIE_REALTIME_POLLING", "1");
     manager.CloseCard();

@@ -1,7 +1,5 @@
-# "kvpcie capture -n N -o FILE": N frames of the simulated card in a raw file that "raw info"
-# reads back (its name says the format), the same frames in a file whose name says nothing
-# injected again with --width/--height/--type, and one frame as a PGM. TOOL and WORK_DIR;
-# EMULATOR runs TOOL where needed.
+# "kvpcie capture -n N -o FILE" read back by "raw info", injected again from a file whose name
+# says nothing, and one frame as a PGM. TOOL, WORK_DIR; EMULATOR runs TOOL where needed.
 file(REMOVE_RECURSE ${WORK_DIR})
 file(MAKE_DIRECTORY ${WORK_DIR})
 

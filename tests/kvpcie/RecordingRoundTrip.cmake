@@ -1,6 +1,5 @@
-# A recording made by "kvpcie capture --record --output DIR" on the simulated card: the take
-# folder it prints lies below DIR, "raw info" reads the file back and "raw png" turns it into a
-# PNG. TOOL and WORK_DIR; EMULATOR runs TOOL where needed.
+# "kvpcie capture --record --output DIR": the take below DIR, read back by "raw info" and
+# "raw png". TOOL, WORK_DIR; EMULATOR runs TOOL where needed.
 file(REMOVE_RECURSE ${WORK_DIR})
 foreach(log Capture_AllChannel Inject_AllChannel InjectReadFile)
     file(MAKE_DIRECTORY ${WORK_DIR}/Log/${log})

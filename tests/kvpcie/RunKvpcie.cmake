@@ -1,10 +1,7 @@
-# Runs kvpcie once in a scratch directory as a user would, and checks its exit code and output.
-# TOOL, WORK_DIR, ARGS ("|"-separated), CODE (expected exit code), REGEX (in stdout + stderr);
-# optional ENV ("|"-separated cmake -E env arguments), MAKE_FILE ("name:bytes"), EMULATOR
-# (what runs TOOL, such as Wine for a Windows build), COPY_TOOL (run a copy of TOOL in WORK_DIR,
-# whose files beside the program are then the scratch directory's) and JSON_GET ("|"-separated
-# path): standard output must then be one JSON document alone, whose value at that path matches
-# JSON_MATCH; STDOUT: a regex that standard output, stripped, must match as a whole.
+# Runs kvpcie once in a scratch directory: TOOL, WORK_DIR, ARGS ("|"-separated), CODE, REGEX (in
+# stdout + stderr); optional ENV ("|"-separated), MAKE_FILE ("name:bytes"), EMULATOR, COPY_TOOL
+# (a copy of TOOL in WORK_DIR), JSON_GET ("|"-separated path: stdout is one JSON document whose
+# value there matches JSON_MATCH) and STDOUT (a regex that the stripped stdout matches whole).
 file(REMOVE_RECURSE ${WORK_DIR})
 file(MAKE_DIRECTORY ${WORK_DIR})
 foreach(log Capture_AllChannel Inject_AllChannel InjectReadFile)

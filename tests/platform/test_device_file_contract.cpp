@@ -1,8 +1,5 @@
-// What every backing of the device files keeps to, as the engines rely on it: register words,
-// DMA at the position, event reads that a cancel ends. The backings: the in-process simulated
-// card, the Linux backend over ordinary files and a pipe, and the driver model's card through
-// the OS layer (run through driver-model/with-model.sh or with-wine-model.sh; skipped, saying
-// so, without the model).
+// What every backing of the device files keeps to, as the engines rely on it: the in-process
+// card, the Linux backend over plain files, and the driver model's (skipped without it).
 #include "../support/Environment.h"
 #include "../support/TestCard.h"
 #include "../support/WaitFor.h"
@@ -39,8 +36,7 @@ constexpr std::uint32_t kStaging = 0x1F1400;  // channel 0's status staging area
 constexpr std::int64_t kRegisterBytes = 0x200000;
 constexpr std::int64_t kMemoryBytes = std::int64_t{1} << 31;
 
-// A backing prepares a card (or says why it cannot be had here), opens its nodes by name, and
-// raises user event 0 until told to be quiet.
+// A backing prepares a card (or says why not), opens its nodes, and raises user event 0.
 class InProcessCard {
 public:
     static constexpr const char* kName = "InProcessCard";

@@ -1,5 +1,4 @@
-// The Linux backend of the OS layer: plain files, node names, listing, restart, the event value,
-// pinning. Register, DMA and event files keep the device file contract (test_device_file_contract).
+// The Linux backend of the OS layer (its files: test_device_file_contract).
 #include "platform/Backend.h"
 #include "platform/SystemError.h"
 #include "platform/ThreadAffinity.h"
@@ -122,8 +121,7 @@ TEST_F(LinuxRestart, RemovesAndRescansOnlyXilinxDevices) {
     EXPECT_EQ(Get("devices/0000:00:02.0/remove"), "");
 }
 
-// The card being opened is named by the driver's class link: the other card, which may be
-// streaming, is left alone. Without the link every Xilinx device is restarted, as before.
+// Named by the driver's class link, only the card being opened restarts; without it, every one.
 TEST_F(LinuxRestart, OnlyTheDeviceOfTheCardBeingOpenedWhenTheDriverNamesIt) {
     for (const char* device : {"0000:01:00.0", "0000:02:00.0"}) {
         Put(std::string("sys/bus/pci/devices/") + device + "/vendor", "0x10ee\n");

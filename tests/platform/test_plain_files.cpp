@@ -1,5 +1,4 @@
-// The OS layer's file calls against ordinary files, on every OS: what the device code does to a
-// driver's DMA files, with a file standing in for the driver.
+// The OS layer's file calls on every OS, with an ordinary file standing in for the driver's.
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
 #include "platform/DeviceFile.h"
 #include "platform/SystemError.h"
@@ -68,8 +67,7 @@ TEST_F(PlainFiles, MissingFilesAndForbiddenDirectionsAreRefusedWithTheSystemsCod
 }
 
 #ifdef _WIN32
-// Device files are opened unshared, as the XDMA driver's files are: a second open of a file that
-// the library holds fails with the system's sharing violation.
+// Device files are opened unshared, as the XDMA driver's are: a second open fails.
 TEST_F(PlainFiles, AFileTheLibraryHoldsOpensNoSecondTime) {
     const std::string path = Make("user.bin");
     DeviceFilePtr held = OpenDeviceFile(path, kAccessReadWrite);

@@ -1,6 +1,4 @@
-// The Windows listing walk on SetupAPI calls that fail where asked: what a failure on one
-// interface leaves listed, what the RIFFA listing prints for it, and that the XDMA listing then
-// returns what it has instead of ending the process.
+// The Windows listing walk on SetupAPI calls that fail where asked.
 #include "Common/IO/DeviceStream/KvPCIE/riffa_stream/RiffaDevice.h"
 #include "Common/IO/DeviceStream/KvPCIE/xdma_mm/XdmaDevice.h"
 #include "platform/SystemError.h"

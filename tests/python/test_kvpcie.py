@@ -1,6 +1,5 @@
-"""kvpcie on the simulated card: listing, registers and memory, capture of every pixel type
-checked against the card's test pattern, loopback injection, full queues and time-outs, status
-blocks, commands, bad input, and an interpreter that exits with a capture running."""
+"""kvpcie on the simulated card: what the module adds to the library (arrays of each pixel type,
+streams, time-outs, exceptions, callbacks on its threads) and the interpreter's exit."""
 
 import os
 import re
@@ -22,8 +21,7 @@ def control(channel, offset):
 
 
 def pattern_number(frame):
-    """The card's test pattern: bytes 0-3 the frame's number, 4-7 the channel, byte k from 8 on
-    (k + number) mod 256."""
+    """The card's test pattern: number, channel, then byte k is (k + number) % 256."""
     raw = frame.reshape(-1).view(np.uint8)
     return int(raw[:4].view("<u4")[0]), int(raw[4:8].view("<u4")[0])
 
@@ -96,19 +94,16 @@ def test_frames_not_taken_in_time_are_counted_not_lost_silently(card, sim_card):
         stats = stream.stats
         assert len(taken) == 8
         assert stats["frames_not_taken"] == stats["frames_delivered"] - 8 > 0
-    kvpcie.sim.poke_register(sim_card, control(0, 0x04), 25)
 
 
 def test_a_frame_that_get_returned_is_already_counted_as_delivered(card, sim_card):
     kvpcie.sim.poke_register(sim_card, control(2, 0x04), 0)  # frames only when asked for
     with card.capture(2, 64, 32, card_timing=False) as stream:
-        # One frame at a time: get() wakes the moment the callback has queued it, and the
-        # statistics read at once must already count it.
+        # get() wakes once the callback queued the frame: the statistics must count it already.
         for taken in range(1, 41):
             kvpcie.sim.produce_frames(sim_card, 2, 1)
             stream.get(timeout=2.0)
             assert stream.stats["frames_delivered"] >= taken
-    kvpcie.sim.poke_register(sim_card, control(2, 0x04), 25)
 
 
 def test_get_times_out_and_iteration_ends_at_close(card, sim_card):
@@ -125,7 +120,6 @@ def test_get_times_out_and_iteration_ends_at_close(card, sim_card):
         if len(frames) == 2:
             stream.close()
     assert len(frames) == 2 and stream.closed
-    kvpcie.sim.poke_register(sim_card, control(3, 0x04), 25)
 
 
 def numbered_frames(count):
@@ -142,8 +136,7 @@ def test_loopback_is_exact_apart_from_the_counter_stamp(card, sim_card):
         feeder = threading.Thread(
             target=lambda: [card.inject(2, f, frame_rate=50) for f in frames])
         feeder.start()
-        # At 25 captures per second of a channel played at 50, the card's ring of 8 buffers is
-        # sampled, not every frame: check what comes until the injection has ended.
+        # Captures at 25 of frames played at 50 sample the ring: check what comes until the end.
         for _ in range(200):
             captured = stream.get(timeout=5.0)
             if not captured.any():
@@ -156,7 +149,6 @@ def test_loopback_is_exact_apart_from_the_counter_stamp(card, sim_card):
                 break
         feeder.join()
     card.stop_inject(2)
-    kvpcie.sim.set_loopback(sim_card, 2, False)
     assert matched >= 10
     assert card.inject_stats(2)["frames_to_card"] == 40
 
@@ -297,13 +289,6 @@ def test_two_cards_in_one_process_each_reach_their_own(sim_card):
         assert a.read_reg(control(0, 0x04)) == 100
         assert b.read_reg(control(0, 0x04)) == 20
         assert kvpcie.sim.peek_register(1, control(0, 0x04)) == 20
-        with a.capture(0, 64, 32, card_timing=False) as on_a, \
-                b.capture(0, 64, 32, card_timing=False) as on_b:
-            for _ in range(10):
-                assert is_pattern(on_a.get(timeout=2.0), 0)
-            time.sleep(0.5)
-            # Card 0 makes 100 frames a second, card 1 twenty.
-            assert on_a.stats["frames_delivered"] > 2 * on_b.stats["frames_delivered"] > 0
         a.close()
         assert b.read_reg(control(0, 0x04)) == 20
 

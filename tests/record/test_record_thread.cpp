@@ -1,5 +1,4 @@
-// The raw recorder: file names, byte-exact frames, rollover, takes in one second, and folders
-// or disks that refuse the data while the producer keeps going.
+// The raw recorder: names, byte-exact frames, rollover, takes, and folders or disks that refuse.
 #include "record/RecordThread.h"
 
 #include "Common/KvCycleQueue.h"

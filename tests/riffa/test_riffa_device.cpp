@@ -1,5 +1,4 @@
-// The RIFFA device library on the simulated RIFFA device: the register requests' bytes, listing,
-// opening by index, a card that never answers, a removed device and the refusals.
+// The RIFFA device library on the simulated RIFFA device.
 #include "../support/Environment.h"
 #include "../support/WaitFor.h"
 

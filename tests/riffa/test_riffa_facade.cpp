@@ -1,6 +1,4 @@
-// The facade in RIFFA mode on simulated RIFFA devices: listing, opening by index with the
-// engines' logs, register access over the device library, and what RIFFA mode refuses. A
-// device's failures are the device library's (test_riffa_device); bad input is BadInput's.
+// The facade in RIFFA mode on simulated RIFFA devices (device failures: test_riffa_device).
 #include "../support/Environment.h"
 #include "../support/ProcessCounters.h"
 #include "../support/TempDir.h"

@@ -1,6 +1,4 @@
-// The card memory that keeps capture frames as descriptions must read exactly as if every frame
-// had been written into memory: checked against plain bytes, over random ranges that cross
-// headers, frame ends and buffer boundaries, with host writes and shrinking frames in between.
+// Card memory that keeps capture frames as descriptions reads exactly as plain bytes would.
 #include "sim/CardMemory.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,4 @@
-// The capture side of the simulated XDMA card. Ring order, frame content, delays, the status
-// mailbox and DMA faults reach the host and are covered by the capture and fault suites; these
-// cover what a host cannot tell apart: when a batch becomes visible, the error flag, the refusals
-// of the control API and the card's own clock.
+// The simulated card's capture side, where a host cannot tell it apart.
 #include "../support/WaitFor.h"
 #include "SimCardTest.h"
 

@@ -1,6 +1,4 @@
-// The simulated XDMA card as the OS layer presents it. The engine, device and fault suites cover
-// what a host sees of it, and the device file contract (test_device_file_contract) its files;
-// these cover what is the simulated card's own: the driver's limit, event timeouts, the listing.
+// What is the simulated XDMA card's own: the driver's limit, event timeouts, the listing.
 #include "../support/Environment.h"
 #include "SimCardTest.h"
 

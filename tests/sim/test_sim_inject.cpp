@@ -1,7 +1,4 @@
-// The inject side of the simulated XDMA card. Hand-over order, loopback content, delays and the
-// host's command traffic are covered by the inject, command and fault suites; these cover what
-// the card itself decides: which buffer it plays next, where its ring starts, how loopback fits
-// a frame to the capture size, and what a busy mailbox does with a start.
+// What the simulated card decides on its inject side.
 #include "../support/WaitFor.h"
 #include "SimCardTest.h"
 
@@ -85,9 +82,7 @@ TEST_F(SimInject, OnlyTheNextBufferOfTheRingPlaysAndComesBackFree) {
     EXPECT_EQ(Head(0), 0xBBAAu);
 }
 
-// The host writes a buffer's length only after its ready status (the card's order), so a tick
-// may play a buffer whose length has not come yet: it plays the channel's transfer size, not
-// nothing.
+// The length comes after the ready status: a buffer played before it plays the transfer size.
 TEST_F(SimInject, ABufferPlayedBeforeItsLengthCamePlaysTheTransferSize) {
     const std::uint32_t block = InjectBlock(0);
     Write(block + kInjTransferBytes, 2048);

@@ -1,6 +1,4 @@
-// The simulated RIFFA device as the OS layer presents it. Request layout, a device that never
-// answers and removal are covered by the RIFFA device and facade suites; these cover the
-// listing's order, the driver's refusals, replies per channel and concurrent writers.
+// What is the simulated RIFFA device's own (the rest: the RIFFA device and facade suites).
 #include "../support/Environment.h"
 #include "platform/ControlDevice.h"
 #include "platform/DeviceInterfaces.h"

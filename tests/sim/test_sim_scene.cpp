@@ -1,6 +1,5 @@
-// The simulated card's moving scene: read in any pieces it is the same frame; it moves; it
-// carries its number in the picture; and in every pixel type it is a picture with a spread of
-// levels rather than a ramp, within the type's range and without clipping.
+// The simulated card's moving scene: the same in any pieces, moving, numbered, and a picture
+// rather than a ramp in every pixel type.
 #include "sim/SimScene.h"
 
 #include <gtest/gtest.h>

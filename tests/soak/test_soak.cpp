@@ -1,9 +1,6 @@
-// The bounded soak: four capture channels in loopback from four inject channels at 50 fps, with
-// commands, status blocks and recording going, and one channel stopped and started again every
-// few seconds. Every captured frame must be an injected frame in order with its counter stamp
-// right, every frame the card made must be delivered or counted, and threads and heap must come
-// back to where they were. KVPCIE_SOAK_SECONDS sets the length (60). It runs on the in-process
-// simulated card or, under with-model.sh, on the driver model's.
+// The bounded soak (KVPCIE_SOAK_SECONDS, 60): four channels of loopback at 50 fps with commands,
+// status blocks and recording, one channel restarted every few seconds. Every captured frame must
+// be the next injected one, every frame made delivered or counted, threads and heap given back.
 #include "../capture/CaptureTestSupport.h"
 #include "../support/Application.h"
 #include "../support/Environment.h"
@@ -45,9 +42,7 @@ constexpr auto kStatusEvery = std::chrono::milliseconds(50);
 // Heap that may stay behind after a full cycle: caches of Qt and the C library, not frames.
 constexpr long kHeapSlackBytes = 1 << 20;
 
-// Frame `seq` of run `run` of inject channel `channel`: bytes 0-1 are the library's counter
-// stamp, then the sequence number, the channel, the run and a pattern that moves with the
-// sequence.
+// Bytes 0-1: the library's counter stamp; then the sequence number, channel, run and a pattern.
 void MakeFrame(std::vector<char>& frame, int channel, std::uint32_t run, std::uint32_t seq) {
     const std::uint32_t owner = static_cast<std::uint32_t>(channel);
     std::memcpy(frame.data() + 4, &seq, 4);
@@ -64,16 +59,14 @@ struct CaptureRun {
     std::uint32_t run = 0;
     std::vector<char> buffer = std::vector<char>(kFrameBytes);
     std::atomic<int> delivered{0};
-    // Frames of an earlier run: until the inject channel starts again the card loops back the
-    // last frame of the previous run, for as long as the host takes to get there (under a
-    // sanitizer that is many periods). Once this run's frames come, nothing old may.
+    // Frames of an earlier run come until this run's first one (the card loops back the last
+    // frame played), never after it.
     std::atomic<int> stale{0};
     std::atomic<int> staleAfterCurrent{0};
     std::atomic<int> replayed{0};
     std::atomic<int> wrong{0};
     std::atomic<std::int64_t> lastSeq{-1};
-    // The first frame of an earlier run seen after this run's had begun: its run, and the
-    // sequence number of the last frame of this run before it.
+    // The first late frame of an earlier run: its run, and this run's frame before it.
     std::atomic<std::int64_t> lateStaleRun{-1};
     std::atomic<std::int64_t> lateStaleAfterSeq{-1};
 
@@ -107,8 +100,7 @@ struct CaptureRun {
             ++wrong;
             return;
         }
-        // A host that fell behind lets the queue run dry; the library then hands the card the
-        // newest frame again, which is this one once more. An older one is a replay.
+        // A dry queue hands the card the newest frame again; an older one is a replay.
         if (static_cast<std::int64_t>(seq) < lastSeq.load()) {
             ++replayed;
             return;
@@ -171,8 +163,7 @@ protected:
                                           runs_[channel]->buffer.data()));
         ASSERT_TRUE(manager_.StartRecord(channel));
         ++starts_;
-        // Frames delivered before the recording began, and one on its way meanwhile, may be
-        // missing from the files uncounted: on a slow machine that is more than one.
+        // Frames delivered before the recording began may be missing from the files uncounted.
         beforeRecording_ += runs_[channel]->delivered.load() + 1;
         accepted_[channel] = 0;
         OfferFrames(channel);
@@ -212,16 +203,12 @@ protected:
             << "an earlier run's frame came after this run's frames had begun: run "
             << run.lateStaleRun << " (this run is " << run.run << ") after frame "
             << run.lateStaleAfterSeq << " of this run";
-        // Made ready by the card = delivered + still in the ring at the stop. (The card counts
-        // the frames it dropped for want of a free buffer apart: they were never made ready.)
+        // Made ready by the card = delivered + still in the ring at the stop.
         const auto delivered = static_cast<std::uint32_t>(run.delivered);
         EXPECT_LE(delivered, produced);
         EXPECT_LE(produced, delivered + kRingBuffers);
-        // Frames flowed to the end: what was not yet played waits in the queue and the card's
-        // ring, and what was played but not captured waits in the capture ring (a slow host,
-        // under a sanitizer and through FUSE, leaves up to all eight there) or was dropped by
-        // the card for want of a free capture buffer (each such tick is a play never looked
-        // at); one period each way for the phase between the two channels' clocks.
+        // Frames flowed to the end: what is missing waits in the queue and the rings or was
+        // dropped by the card; one period each way for the phase between the channels' clocks.
         const std::int64_t captureBacklog = static_cast<std::int64_t>(produced) - delivered;
         EXPECT_GE(run.lastSeq.load(), static_cast<std::int64_t>(accepted_[channel]) -
                                           kInjectQueue - kRingBuffers - captureBacklog -
@@ -346,8 +333,7 @@ protected:
 };
 
 TEST_F(Soak, FourChannelsOfLoopbackWithCommandsStatusAndRecording) {
-    // A short first cycle brings up what lives as long as the process (Qt's and the C library's
-    // caches, the simulated card), so that the measured cycle starts from a settled heap.
+    // A short first cycle brings up what lives as long as the process: the heap settles.
     ASSERT_NO_FATAL_FAILURE(Cycle(std::chrono::seconds(2)));
     ResetCounts();
     const int threadsBefore = ThreadCount();
@@ -366,12 +352,10 @@ TEST_F(Soak, FourChannelsOfLoopbackWithCommandsStatusAndRecording) {
         dropped_, underruns_, static_cast<long long>(recorded), notRecorded_,
         commandsSent_[0] + commandsSent_[1] + commandsSent_[2] + commandsSent_[3], commandsTaken_,
         commandsRefused_, posted_[0] + posted_[1] + posted_[2] + posted_[3], starts_);
-    // Every frame delivered while its channel recorded is in the files, or counted as not
-    // recorded (a disk slower than the channels); only frames that came between a channel's
-    // start and its recording's start may be missing uncounted.
+    // Frames delivered while recording are in the files or counted as not recorded.
     EXPECT_LE(recorded, delivered_);
     EXPECT_GE(recorded, delivered_ - beforeRecording_ - notRecorded_);
-    // A command that did not reach the mailbox in time is sent later or replaced by a newer one.
+    // A command late for the mailbox is sent later or replaced by a newer one.
     const int sent = commandsSent_[0] + commandsSent_[1] + commandsSent_[2] + commandsSent_[3];
     EXPECT_GE(commandsTaken_, sent - commandsRefused_);
     EXPECT_LE(commandsTaken_, sent);

@@ -1,5 +1,4 @@
-// The process's one application object, for suites whose engines need a Qt event loop on the
-// test's thread. Made at the first call and kept until the process ends.
+// The process's one application object, for suites that need a Qt event loop.
 #pragma once
 
 #include <QCoreApplication>

@@ -1,8 +1,5 @@
-// Which cards a suite drives when it runs under tests/driver-model/with-model.sh
-// (KVPCIE_MODEL_ROOT set): the driver model's, reached through the Linux backend as cards under
-// the XDMA driver are, or, on Windows, through the Windows driver model (with-wine-model.sh
-// gives their interface paths in KVPCIE_MODEL_CARD and KVPCIE_MODEL_CARD1). Needs nothing of
-// the library, so that the C interface's suites can use it too.
+// The cards a suite drives under with-model.sh (KVPCIE_MODEL_ROOT) or with-wine-model.sh
+// (KVPCIE_MODEL_CARD, KVPCIE_MODEL_CARD1). Nothing of the library: the C suites use it too.
 #pragma once
 
 #include <cstdlib>
@@ -19,8 +16,7 @@ inline bool OnDriverModel() {
     return DriverModelRoot() != nullptr;
 }
 
-// The path that opens card `card`: the driver model's when there is one, else the simulated
-// card's of this process.
+// The path that opens card `card`: the driver model's, else the in-process simulated card's.
 inline std::string CardPath(int card) {
     if (!OnDriverModel()) {
         return "sim:xdma" + std::to_string(card);

@@ -1,5 +1,4 @@
-// Threads, descriptors and heap bytes of this process, for the suites that check that a cycle
-// gives back what it took.
+// Threads, descriptors and heap bytes of this process.
 #pragma once
 
 #ifdef _WIN32
@@ -88,8 +87,7 @@ inline long HeapInUse() {
 }
 
 #ifndef _WIN32
-// The scheduling policy (SCHED_OTHER, SCHED_FIFO, ...) of each thread of this process whose
-// name begins with `prefix`, by name.
+// The scheduling policy of each thread whose name begins with `prefix`, by name.
 inline std::map<std::string, int> ThreadPolicies(const std::string& prefix) {
     std::map<std::string, int> policies;
     DIR* tasks = opendir("/proc/self/task");

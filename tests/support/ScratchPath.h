@@ -1,5 +1,4 @@
-// A directory of its own below the system's temporary directory, removed with everything in it,
-// for the suites that run without Qt.
+// A temporary directory of its own, removed with everything in it (for suites without Qt).
 #pragma once
 
 #include <gtest/gtest.h>

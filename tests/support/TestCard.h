@@ -1,9 +1,5 @@
-// The card that a suite drives: a fresh simulated card in the process, or, when the suite runs
-// under tests/driver-model/with-model.sh (KVPCIE_MODEL_ROOT set), the driver model's card,
-// reached through the Linux backend as a card under the XDMA driver is, or, on Windows, through
-// the Windows driver model (with-wine-model.sh adds KVPCIE_MODEL_CARD, its interface path).
-// Suites that run both ways check the card through its registers only; the model's card lives
-// as long as the model, so what one test leaves in it the next test of the run meets.
+// The card a suite drives: a fresh simulated card in the process, or the driver model's (which
+// lives as long as the model: what one test leaves in it, the next meets).
 #pragma once
 
 #include "Environment.h"
@@ -27,16 +23,13 @@
 
 namespace kvpcie::testing {
 
-// For a test that needs what only a simulated card in the test's own process offers (its access
-// log, frames made on demand, registers set without the card acting on them, absent files):
-// on the driver model it is skipped, saying which.
+// A test that needs the in-process card's hooks is skipped on the driver model, saying which.
 #define KVPCIE_IN_PROCESS_CARD_ONLY(why)                                  \
     if (::kvpcie::testing::OnDriverModel()) {                             \
         GTEST_SKIP() << "needs the in-process simulated card: " << (why); \
     }
 
-// Readies card 0 for a test: a new simulated card in this process (and no other listed), or
-// nothing on the driver model, whose card is already there. False when that failed.
+// Readies card 0: a new simulated card in this process, or nothing on the driver model.
 inline bool PrepareTestCard() {
     if (OnDriverModel()) {
         return true;
@@ -50,9 +43,7 @@ inline std::string TestCardPath() {
     return CardPath(0);
 }
 
-// A register of the driver model's card `card`, read from or written to the register node that
-// kvpcie-simd serves, beside the library's own files (under Wine, through its drive Z:); false
-// when that failed or there is no driver model.
+// A register of the driver model's card, through kvpcie-simd's node (under Wine, drive Z:).
 inline bool MoveModelRegister(int card, std::uint32_t address, std::uint32_t& value, bool write) {
     if (!OnDriverModel()) {
         return false;

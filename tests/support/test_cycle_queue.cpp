@@ -1,5 +1,4 @@
-// The frame ring: full and empty boundaries, refused input, wrap-around, the popped slot kept
-// intact, and one producer with one consumer on two threads.
+// The frame ring: its bounds, refused input, wrap-around, and a producer and a consumer.
 #include "Common/KvCycleQueue.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,4 @@
-// Log files: stamped and cut lines, lines queued before the start, rotation and its index, and a
-// log whose folder cannot be made (its queue's limit, a stop that finds no file).
+// Log files: stamped and cut lines, rotation, and a log whose folder cannot be made.
 #include "Common/LogFile.h"
 #include "Common/thread.h"
 #include "platform/TextFiles.h"

@@ -1,9 +1,6 @@
 #!/usr/bin/env bash
-# Runs a command on an X server of its own. The server never resets (-noreset): by default an X
-# server resets when its last client leaves, and refuses connections meanwhile; autovideosink
-# opens and closes the display while it probes its sinks, and on a busy machine the chosen sink
-# then met the reset ("Could not open display"). Xvfb chooses a free display itself
-# (-displayfd), so that suites started at the same moment never share one.
+# Runs a command on an X server of its own, chosen free by Xvfb (-displayfd). -noreset: a reset
+# when autovideosink's probes leave made the chosen sink fail ("Could not open display").
 #   with-xvfb.sh [-a] [-s "SERVER ARGS"] COMMAND [ARG...]     (-a is taken and ignored)
 set -uo pipefail
 server_args="-screen 0 1280x1024x24"

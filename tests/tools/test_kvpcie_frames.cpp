@@ -1,5 +1,4 @@
-// kvpcie's self-checking frames as they come back through the card's loopback: the card's
-// counter over the first pixel, a replay, a frame of an earlier run, and a damaged byte.
+// kvpcie's self-checking frames as they come back through the card's loopback.
 #include "TestFrames.h"
 
 #include <gtest/gtest.h>
