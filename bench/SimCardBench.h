@@ -5,6 +5,8 @@
 #include <KvPCIeInjectSdk/KvPCIeSimulation.h>
 #include <KvPCIeInjectSdk/PCIeDataManager.h>
 
+#include <QtGlobal>
+
 #include <cstdio>
 #include <cstring>
 
@@ -32,6 +34,16 @@ inline bool OpenSimulatedCard(PCIeDataManager& manager) {
         return false;
     }
     return true;
+}
+
+// Closes the card and opens it again with the low-latency setting (KVPCIE_REALTIME_POLLING=1,
+// which the engines read when the card opens); the environment is left as it was.
+inline bool ReopenWithLowLatency(PCIeDataManager& manager) {
+    manager.CloseCard();
+    qputenv("KVPCIE_REALTIME_POLLING", "1");
+    const bool reopened = OpenSimulatedCard(manager);
+    qunsetenv("KVPCIE_REALTIME_POLLING");
+    return reopened;
 }
 
 }  // namespace kvpcie::bench

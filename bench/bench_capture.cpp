@@ -401,11 +401,7 @@ int main(int argc, char** argv) {
                       2.0);
         ReportLatency(MeasureLatency(manager, kSmallFrame, 1), "default: 1 x 640 x 512 at 100 fps",
                       "capture_latency_one_channel_default", "info", 0.25, 0);
-        manager.CloseCard();
-        qputenv("KVPCIE_REALTIME_POLLING", "1");
-        const bool reopened = kvpcie::bench::OpenSimulatedCard(manager);
-        qunsetenv("KVPCIE_REALTIME_POLLING");
-        if (!reopened) {
+        if (!kvpcie::bench::ReopenWithLowLatency(manager)) {
             return 1;
         }
         std::vector<std::int64_t> samples;

@@ -296,11 +296,7 @@ int main(int argc, char** argv) {
         const IdleCost cost = MeasureIdleCost(manager, frame);
         // The refill's goal is the low-latency setting's (KVPCIE_REALTIME_POLLING=1, read when
         // the card opens); the default's is shown beside it.
-        manager.CloseCard();
-        qputenv("KVPCIE_REALTIME_POLLING", "1");
-        const bool reopened = kvpcie::bench::OpenSimulatedCard(manager);
-        qunsetenv("KVPCIE_REALTIME_POLLING");
-        if (!reopened) {
+        if (!kvpcie::bench::ReopenWithLowLatency(manager)) {
             return 1;
         }
         const IdleCost lowLatency = MeasureIdleCost(manager, frame);
