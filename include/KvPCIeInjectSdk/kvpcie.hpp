@@ -67,6 +67,7 @@ std::string read_text(Call call) {
 inline void set_record_root(const std::string& folder) {
     check(kvpcie_set_record_root(folder.c_str()));
 }
+/** The root of the recordings now, as an absolute folder. */
 inline std::string record_root() {
     return detail::read_text(
         [](char* text, size_t capacity) { return kvpcie_record_root(text, capacity); });
