@@ -90,6 +90,11 @@ bool PinnedWorker::HeldCore(unsigned& core) {
 
 void PinnedWorker::TakeCore(CpuCoreSource* cores) {
     std::lock_guard<std::mutex> lock(coreLock_);
+    // One core at most: a joiner clears the flag before it gives the core back, so a worker
+    // that restarts itself in between still holds its old one, which goes back first.
+    if (cores_ != nullptr) {
+        cores_->ReturnCore(core_);
+    }
     cores_ = cores;
     if (cores_ != nullptr) {
         core_ = cores_->TakeCore();
