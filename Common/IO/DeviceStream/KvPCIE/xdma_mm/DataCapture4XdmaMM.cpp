@@ -2,13 +2,11 @@
 // operations that start, stop and read back its four channels.
 #include "DataCapture4XdmaMM.h"
 
-#include "drivers/XdmaCardRegisters.h"
+#include "LowLatencySetting.h"
 #include "XdmaDevice.h"
+#include "drivers/XdmaCardRegisters.h"
 
 #include <KvPCIeInjectSdk/KvPCIeRecording.h>
-
-#include "platform/SystemError.h"
-#include "platform/ThreadAffinity.h"
 
 #include <QThread>
 
@@ -39,7 +37,7 @@ DataCapture4XdmaMM::DataCapture4XdmaMM(std::shared_ptr<XdmaCard> card, CpuCoreSo
     : QObject(nullptr),
       card_(std::move(card)),
       cores_(cores),
-      realTimePolling_(qEnvironmentVariableIntValue("KVPCIE_REALTIME_POLLING") == 1),
+      realTimePolling_(LowLatencyRequested()),
       devicePath_(devicePath),
       log_("Capture_AllChannel"),
       channels_{{{*card_, 0, log_, saveLog_, pollerWake_},
@@ -171,9 +169,8 @@ bool DataCapture4XdmaMM::IsStartCapture(int c) const {
 void DataCapture4XdmaMM::PollingLoop() {
     pollingEngine = this;
     // Off unless asked for: a real-time thread that misbehaves can starve the whole core.
-    if (realTimePolling_ && !platform::RaiseThisThreadToRealTime()) {
-        log_.WriteLog("the polling thread keeps its normal priority: %s",
-                      platform::ErrorText(platform::LastError()).c_str());
+    if (realTimePolling_) {
+        RaiseForLowLatency(log_, "the polling thread");
     }
     while (pollingThread_.IsRunning()) {
         for (CaptureChannel& channel : channels_) {

@@ -3,13 +3,9 @@
 #include "DataInject4XdmaMM.h"
 
 #include "InjectFormat.h"
-#include "drivers/XdmaCardRegisters.h"
+#include "LowLatencySetting.h"
 #include "XdmaDevice.h"
-
-#include "platform/SystemError.h"
-#include "platform/ThreadAffinity.h"
-
-#include <QtGlobal>
+#include "drivers/XdmaCardRegisters.h"
 
 #include <chrono>
 #include <cstddef>
@@ -35,7 +31,7 @@ DataInject4XdmaMM::DataInject4XdmaMM(std::shared_ptr<XdmaCard> card, CpuCoreSour
     : QObject(nullptr),
       card_(std::move(card)),
       cores_(cores),
-      realTimeWorker_(qEnvironmentVariableIntValue("KVPCIE_REALTIME_POLLING") == 1),
+      realTimeWorker_(LowLatencyRequested()),
       logAllChannel_("Inject_AllChannel"),
       logReadFile_("InjectReadFile"),
       commands_(*card_, cores) {
@@ -104,9 +100,8 @@ void DataInject4XdmaMM::WorkerLoop() {
     // worker sleeps until shortly before the next one is due, then looks every quarter of a
     // millisecond. A buffer is still refilled well within a millisecond of its release.
     using Clock = InjectChannel::Clock;
-    if (realTimeWorker_ && !platform::RaiseThisThreadToRealTime()) {
-        logAllChannel_.WriteLog("the inject worker keeps its normal priority: %s",
-                                platform::ErrorText(platform::LastError()).c_str());
+    if (realTimeWorker_) {
+        RaiseForLowLatency(logAllChannel_, "the inject worker");
     }
     while (injectThread_.IsRunning()) {
         const Clock::time_point now = Clock::now();
